@@ -1,0 +1,59 @@
+/* The whole calling interface between the service and a PLC driver. Plain C; a driver needs nothing else.
+ *
+ * A driver is a shared library that exports one function, PlcDrvCmd. The service calls it with a command name, a target
+ * and an array of pointers:
+ *
+ * command    target                     args
+ * "Init"     address of the instance    { ComInfoRecord* }                             create the instance, store it
+ * "Destroy"  address of the instance    { ComInfoRecord* }                             release the instance
+ * "Loop"     the instance               { ComInfoRecord*, const UserOper* }            slave mode: one turn
+ * "RdOne"    the instance               { PlcRequest*, ComInfoRecord*, const UserOper* }
+ * "WrOne"    the instance               { PlcRequest*, ComInfoRecord*, const UserOper* }
+ *
+ * "RdOne" and "WrOne" return PLC_DRV_OK, PLC_DRV_TIMEOUT, or anything else for a communication error. The instance may
+ * be null when "Init" failed; the service calls "Init" again before the next operation. The argument array and the
+ * request live only for the call; the ComInfoRecord is live, its values may change between calls. Commands are never
+ * issued by two threads at once. */
+#ifndef VOQ_PLC_DRIVER_H
+#define VOQ_PLC_DRIVER_H
+
+#include <stdint.h>
+
+#include "voq/com_info.h"
+#include "voq/reg_key.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum { PLC_DRV_OK = 0, PLC_DRV_TIMEOUT = 2, PLC_DRV_ERROR = 3 };
+
+/* One read or write. `data` holds `length` bytes in the PLC's own byte order: filled by "RdOne", sent by "WrOne".
+ * `length` is width times the bytes per element; a bit register takes one byte per bit. */
+typedef struct PlcRequest {
+    RegKey* key;
+    int32_t length;
+    void* data;
+} PlcRequest;
+
+/* Access to the panel's own registers from inside "Loop", "RdOne" and "WrOne". `name` is "LB", "LW", "RW" or "SRW";
+ * `addr` counts bits or words; `width` is the number of elements, one byte per bit, two per word; bit 0 of `bcd` marks
+ * a BCD value. Result: 1 done, 3 refused (range too large, or the file cannot be used; the buffer is untouched). */
+typedef struct UserOper {
+    void* reserved; /* always null */
+    int (*read)(const char* name, uint32_t addr, uint16_t width, void* buf, int bcd);
+    int (*write)(const char* name, uint32_t addr, uint16_t width, const void* data, int bcd);
+} UserOper;
+
+typedef int32_t (*PlcDrvCmdFn)(const char* command, void* target, void** args);
+
+#define PLC_DRV_ENTRY "PlcDrvCmd"
+
+/* Every driver defines this with default visibility. */
+__attribute__((visibility("default"))) int32_t PlcDrvCmd(const char* command, void* target, void** args);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
