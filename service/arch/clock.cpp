@@ -1,0 +1,65 @@
+// Wall clock, elapsed milliseconds and sleeping, on any thread.
+#include "arch/clock.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+Stamp VoqStartTime;
+
+namespace
+{
+std::int32_t Elapsed(const Stamp& now, std::int32_t seconds, std::int32_t microseconds)
+{
+    const std::int64_t wholeSeconds = std::int64_t{now.seconds} - seconds;
+    return static_cast<std::int32_t>(wholeSeconds * 1000 + now.microseconds / 1000 - microseconds / 1000);
+}
+}  // namespace
+
+void GetCurrentTime(Stamp* now)
+{
+    timeval tv;
+    gettimeofday(&tv, nullptr);
+    now->seconds = static_cast<std::int32_t>(tv.tv_sec);
+    now->microseconds = static_cast<std::int32_t>(tv.tv_usec);
+}
+
+std::int32_t GetTimePassed(std::int32_t seconds, std::int32_t microseconds)
+{
+    Stamp now;
+    GetCurrentTime(&now);
+    return Elapsed(now, seconds, microseconds);
+}
+
+std::int32_t GetMsFormStart()
+{
+    return GetTimePassed(VoqStartTime.seconds, VoqStartTime.microseconds);
+}
+
+std::int32_t NodeTimePassed(std::int32_t seconds, std::int32_t microseconds)
+{
+    Stamp now;
+    GetCurrentTime(&now);
+    const std::int32_t passed = Elapsed(now, seconds, microseconds);
+    if (passed < 0) {
+        std::printf("*VOQ*!NodeTimePassed wrong =%d!cur_sec=%d,node_sec=%d,cur_us=%d,Node_us=%d\r\n", passed,
+                    now.seconds, seconds, now.microseconds, microseconds);
+    }
+    return passed;
+}
+
+void TaskSleep(std::int32_t milliseconds)
+{
+    if (milliseconds > 0) usleep(static_cast<useconds_t>(milliseconds) * 1000);
+}
+
+void SleepMicroseconds(std::uint32_t microseconds)
+{
+    usleep(microseconds);
+}
+
+void SleepSeconds(std::uint32_t seconds)
+{
+    while (seconds > 0) seconds = sleep(seconds);
+}

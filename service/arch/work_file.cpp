@@ -1,0 +1,154 @@
+// Working files and their whole-file locks. Any thread; may wait for a client's lock and for the disk.
+#include "arch/work_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "arch/clock.h"
+
+std::atomic<std::int32_t> VoqFileOpenCount{0};
+
+namespace
+{
+constexpr std::uint32_t DeadlockPauseMicroseconds = 2000;
+
+void file_lock(struct flock* lock, short type, short whence)
+{
+    *lock = {};
+    lock->l_type = type;
+    lock->l_whence = whence;
+    lock->l_start = 0;
+    lock->l_len = 0;
+    lock->l_pid = getpid();
+}
+
+// Waits until no other process holds a conflicting lock. A client that holds two files may make the kernel see a
+// deadlock with the service's own nesting; the client gives one up, so the wait is repeated.
+bool WaitForLock(int descriptor, short type)
+{
+    struct flock lock;
+    file_lock(&lock, type, SEEK_SET);
+    while (fcntl(descriptor, F_SETLKW, &lock) != 0) {
+        if (errno == EDEADLK) {
+            SleepMicroseconds(DeadlockPauseMicroseconds);
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+int OpenLocked(const char* path, const char* mode, short lockType, const char* failure, std::FILE** stream)
+{
+    *stream = nullptr;
+    std::FILE* opened = std::fopen(path, mode);
+    if (opened != nullptr && WaitForLock(fileno(opened), lockType)) {
+        VoqFileOpenCount.fetch_add(1, std::memory_order_relaxed);
+        *stream = opened;
+        return 0;
+    }
+    const int error = errno;
+    std::printf(failure, path);
+    errno = error;
+    std::perror("fopen:");
+    if (opened != nullptr) std::fclose(opened);
+    return -1;
+}
+}  // namespace
+
+int FsOpenFileCreat(const char* path, std::FILE** stream)
+{
+    return OpenLocked(path, "wb+", F_WRLCK, "*VOQ*RW creat file %s error\n\r\n", stream);
+}
+
+int FsOpenFileRW(const char* path, std::FILE** stream)
+{
+    return OpenLocked(path, "r+", F_WRLCK, "*VOQ*RW open file %s error\n\r\n", stream);
+}
+
+int FsOpenFileRO(const char* path, std::FILE** stream)
+{
+    return OpenLocked(path, "r", F_RDLCK, "*VOQ*RO open file %s error\r\n", stream);
+}
+
+bool FsSync(std::FILE* stream)
+{
+    return fsync(fileno(stream)) == 0;
+}
+
+bool WorkFile::OpenUnlocked(const char* path)
+{
+    stream_ = std::fopen(path, "rb");
+    if (stream_ == nullptr) return false;
+    VoqFileOpenCount.fetch_add(1, std::memory_order_relaxed);
+    return true;
+}
+
+int WorkFile::Close()
+{
+    if (stream_ == nullptr) return 0;
+    const int result = std::fclose(stream_);
+    VoqFileOpenCount.fetch_sub(1, std::memory_order_relaxed);
+    stream_ = nullptr;
+    return result;
+}
+
+std::uint32_t WorkFile::Size() const
+{
+    struct stat info;
+    if (fstat(fileno(stream_), &info) != 0 || info.st_size < 0) return 0;
+    return static_cast<std::uint32_t>(std::min<std::int64_t>(info.st_size, UINT32_MAX));
+}
+
+std::size_t WorkFile::ReadSome(std::uint32_t offset, void* buffer, std::size_t size) const
+{
+    auto* bytes = static_cast<unsigned char*>(buffer);
+    std::size_t done = 0;
+    while (done < size) {
+        const ssize_t got = pread(fileno(stream_), bytes + done, size - done, static_cast<off_t>(offset + done));
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        done += static_cast<std::size_t>(got);
+    }
+    return done;
+}
+
+bool WorkFile::ReadAt(std::uint32_t offset, void* buffer, std::size_t size) const
+{
+    return ReadSome(offset, buffer, size) == size;
+}
+
+bool WorkFile::WriteAt(std::uint32_t offset, const void* buffer, std::size_t size) const
+{
+    const auto* bytes = static_cast<const unsigned char*>(buffer);
+    std::size_t done = 0;
+    while (done < size) {
+        const ssize_t put = pwrite(fileno(stream_), bytes + done, size - done, static_cast<off_t>(offset + done));
+        if (put < 0 && errno == EINTR) continue;
+        if (put <= 0) return false;
+        done += static_cast<std::size_t>(put);
+    }
+    return true;
+}
+
+bool WorkFile::AppendZeros(std::uint32_t size) const
+{
+    static constexpr unsigned char Zeros[65792] = {};
+    std::uint32_t end = Size();
+    while (size > 0) {
+        const std::uint32_t piece = std::min<std::uint32_t>(size, sizeof Zeros);
+        if (!WriteAt(end, Zeros, piece)) return false;
+        end += piece;
+        size -= piece;
+    }
+    return true;
+}
+
+bool WorkFile::Truncate(std::uint32_t size) const
+{
+    return ftruncate(fileno(stream_), size) == 0;
+}

@@ -1,0 +1,22 @@
+// Counters and flags that several modules share. Atomics are relaxed: a stale value only shifts a decision by one turn.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+// Consecutive driver time-outs and communication errors since the last success. Written by the main thread, read by the
+// service threads when they admit a request.
+extern std::atomic<std::int32_t> GlobeTimeout;
+extern std::atomic<std::int32_t> GlobeComError;
+
+// GUI log-ons minus GUI log-offs. Written by the GUI service thread, read by the main thread.
+extern std::atomic<std::int32_t> LogOnAmount;
+
+// Disabled PLC stations, one bit each. Main thread only.
+extern std::uint16_t StationDisable[16];
+
+// True when PLC station `plcno` is switched off.
+inline bool StationDisabled(std::uint8_t plcno)
+{
+    return (StationDisable[plcno / 16] >> (plcno % 16) & 1) != 0;
+}
