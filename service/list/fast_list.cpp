@@ -1,0 +1,175 @@
+// The fast list, on the service threads (log-on, log-off) and the main thread (lookups), under fast_rwlock.
+// Never allocates; only AddFastIndex touches files, and only for a log-on without org offset.
+#include "list/fast_list.h"
+
+#include <cstdio>
+
+#include "list/index.h"
+
+RwLock fast_rwlock;
+FastItem OrgFastList[FastSlots];
+FastListHead OrgFastListHead{0, 1, 0, 0};
+std::uint16_t CurrentFastList;
+
+namespace
+{
+// Of one group, with all of the second address word equal.
+bool SameRegister(const RegKey& a, const RegKey& b) { return SameGroup(a, b) && a.subaddr == b.subaddr; }
+
+// Slot of the first entry, or FastEnd: the head of an empty list is 0, not FastEnd.
+std::uint16_t FirstSlot() VOQ_REQUIRES_SHARED(fast_rwlock)
+{
+    return OrgFastListHead.count == 0 ? FastEnd : OrgFastListHead.head;
+}
+
+std::uint16_t FindFileno(std::uint16_t fileno) VOQ_REQUIRES_SHARED(fast_rwlock)
+{
+    for (std::uint16_t slot = FirstSlot(); slot != FastEnd; slot = OrgFastList[slot].next) {
+        if (OrgFastList[slot].fileno == fileno) return slot;
+    }
+    return FastEnd;
+}
+
+// Where a range belongs: the slot that holds it already, or the slot to insert in front of, FastEnd for the end.
+struct Place {
+    std::uint16_t slot;
+    bool same;
+};
+
+Place FindFastPlace(const RegKey& key) VOQ_REQUIRES_SHARED(fast_rwlock)
+{
+    bool groupPassed = false;
+    for (std::uint16_t slot = FirstSlot(); slot != FastEnd; slot = OrgFastList[slot].next) {
+        const RegKey& range = OrgFastList[slot].key;
+        if (!SameGroup(range, key)) {
+            if (groupPassed) return {slot, false};
+            continue;
+        }
+        const int order = NodeCompare(key, range);
+        if (order == 0) return {slot, true};
+        if (order == 1) return {slot, false};
+        groupPassed = true;
+    }
+    return {FastEnd, false};
+}
+
+// Links a free slot in front of `before`, at the end for FastEnd.
+void LinkSlot(std::uint16_t slot, std::uint16_t before) VOQ_REQUIRES(fast_rwlock)
+{
+    FastListHead& head = OrgFastListHead;
+    FastItem& item = OrgFastList[slot];
+    item.next = before;
+    item.prev = before == FastEnd ? head.tail : OrgFastList[before].prev;
+    if (head.count == 0) CurrentFastList = slot;
+    (item.prev == 0 ? head.head : OrgFastList[item.prev].next) = slot;
+    (before == FastEnd ? head.tail : OrgFastList[before].prev) = slot;
+    ++head.count;
+}
+
+void UnlinkSlot(std::uint16_t slot) VOQ_REQUIRES(fast_rwlock)
+{
+    FastListHead& head = OrgFastListHead;
+    FastItem& item = OrgFastList[slot];
+    const bool first = item.prev == 0;
+    const bool last = item.next == FastEnd;
+    (first ? head.head : OrgFastList[item.prev].next) = item.next;
+    (last ? head.tail : OrgFastList[item.next].prev) = item.prev;
+    --head.count;
+    if (first && last) {
+        head.head = 0;
+        CurrentFastList = 0;
+    } else if (CurrentFastList == slot) {
+        CurrentFastList = last ? head.head : item.next;
+    }
+    item.inuse = 0;
+}
+}  // namespace
+
+void ResetFastList()
+{
+    const WriteLock lock(fast_rwlock);
+    for (FastItem& item : OrgFastList) item = {};
+    OrgFastListHead = {0, 1, 0, 0};
+    CurrentFastList = 0;
+}
+
+std::uint16_t FindValidFastIndex()
+{
+    std::uint16_t slot = OrgFastListHead.hint;
+    for (int tries = 1; tries < FastSlots; ++tries) {
+        if (OrgFastList[slot].inuse == 0) {
+            OrgFastListHead.hint = slot;
+            return slot;
+        }
+        slot = slot == FastSlots - 1 ? 1 : static_cast<std::uint16_t>(slot + 1);
+    }
+    return FastEnd;
+}
+
+std::uint16_t AddFastIndex(RegKey key, std::uint16_t fileno, std::uint32_t orgoffset)
+{
+    const WriteLock lock(fast_rwlock);
+    const Place place = FindFastPlace(key);
+    if (place.same) {
+        const std::uint16_t times = ++OrgFastList[place.slot].logtimes;
+        std::printf("*VOQ*Same req, LOGTIMES++ =%d\r\n", times);
+        return place.slot;
+    }
+    const std::uint16_t slot = FindValidFastIndex();
+    if (slot == FastEnd) {
+        std::printf("*VOQ*fast list full, log-on refused,FILENO=%d\r\n", fileno);
+        return FastEnd;
+    }
+    LinkSlot(slot, place.slot);
+    FastItem& item = OrgFastList[slot];
+    item.logtimes = 1;
+    item.key = key;
+    item.inuse = 1;
+    item.fileno = fileno;
+    item.orgoffset = orgoffset != 0 ? orgoffset : GetOrgOffset(key);
+    return slot;
+}
+
+std::uint16_t DelFastIndex(std::uint16_t fileno)
+{
+    const WriteLock lock(fast_rwlock);
+    const std::uint16_t slot = FindHandleItemIndex(fileno);
+    if (slot == FastEnd) {
+        std::printf("*VOQ*del fast fileno=%d error!!!\r\n", fileno);
+        return FastEnd;
+    }
+    if (--OrgFastList[slot].logtimes == 0) UnlinkSlot(slot);
+    return 0;
+}
+
+std::uint16_t FindHandleItemIndex(std::uint16_t fileno)
+{
+    const std::uint16_t slot = FindFileno(fileno);
+    if (slot == FastEnd) std::printf("*VOQ*FILENO not find in list,FILENO=%d\r\n", fileno);
+    return slot;
+}
+
+std::uint16_t FindFastIndex(RegKey key, std::uint32_t orgoffset)
+{
+    for (std::uint16_t slot = FirstSlot(); slot != FastEnd; slot = OrgFastList[slot].next) {
+        const FastItem& item = OrgFastList[slot];
+        if (orgoffset != 0 && item.orgoffset == orgoffset) {
+            std::printf("*VOQ*--->Same offset request!!!index=%d\r\n", slot);
+            return slot;
+        }
+        if (orgoffset == 0 && SameRegister(item.key, key) && NodeCompare(item.key, key) == 0) {
+            std::printf("*VOQ*--->Same reg request!!!index=%d\r\n", slot);
+            return slot;
+        }
+    }
+    return FastEnd;
+}
+
+std::uint16_t FindFastIndexUseStrart(RegKey key)
+{
+    for (std::uint16_t slot = FirstSlot(); slot != FastEnd; slot = OrgFastList[slot].next) {
+        const RegKey& range = OrgFastList[slot].key;
+        if (SameRegister(range, key) && range.addr == key.addr) return slot;
+    }
+    return FastEnd;
+}

@@ -1,0 +1,224 @@
+// The index file and the index map files, on any thread under the register database lock.
+// May wait for a client's file lock and for the disk; never allocates beyond the streams themselves.
+#include "list/index.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "arch/work_file.h"
+#include "list/org_file.h"
+#include "state/paths.h"
+
+namespace
+{
+constexpr std::uint32_t EntryBytes = sizeof(IndexItem);
+constexpr std::uint32_t BlockEntries = 64;
+
+enum class Search { Found, Missing, Unreadable };
+
+std::uint32_t EntryCount(const WorkFile& file) { return file.Size() / EntryBytes; }
+
+// Looks for the first entry that matches the key; `position` is its offset.
+Search FindEntry(const WorkFile& file, const RegKey& key, IndexItem& item, std::uint32_t& position)
+{
+    IndexItem block[BlockEntries];
+    const std::uint32_t count = EntryCount(file);
+    for (std::uint32_t start = 0; start < count; start += BlockEntries) {
+        const std::uint32_t here = std::min(BlockEntries, count - start);
+        if (!file.ReadAt(start * EntryBytes, block, here * EntryBytes)) {
+            std::printf("*VOQ*index file %s damaged: no entry at offset %u\r\n", IndexFileName, start * EntryBytes);
+            return Search::Unreadable;
+        }
+        const IndexItem* match =
+            std::find_if(block, block + here, [&key](const IndexItem& entry) { return IndexMatches(entry, key); });
+        if (match != block + here) {
+            item = *match;
+            position = (start + static_cast<std::uint32_t>(match - block)) * EntryBytes;
+            return Search::Found;
+        }
+    }
+    return Search::Missing;
+}
+
+bool WriteEntry(const WorkFile& file, std::uint32_t position, const IndexItem& item)
+{
+    const bool written = file.WriteRecord(position, item);
+    if (!written) std::printf("*VOQ*index file %s: entry at offset %u not written\r\n", IndexFileName, position);
+    file.Sync();
+    return written;
+}
+
+bool OpenIndexRW(WorkFile& file)
+{
+    if (file.OpenRW(IndexFileName)) return true;
+    std::puts("open index error");
+    return false;
+}
+
+bool OfGroup(const OrgNode& node, const IndexItem& item) { return IndexMatches(item, node.key); }
+}  // namespace
+
+int FindIndex(const RegKey* key, std::uint32_t* first)
+{
+    WorkFile file;
+    if (!file.OpenRO(IndexFileName)) {
+        std::puts("open index error");
+        return -1;
+    }
+    IndexItem item;
+    std::uint32_t position = 0;
+    switch (FindEntry(file, *key, item, position)) {
+        case Search::Unreadable:
+            return -1;
+        case Search::Missing:
+            *first = EntryCount(file) == 0 ? 0 : OrgNone;
+            return 0;
+        case Search::Found:
+            break;
+    }
+    // Handed on, these would read as "empty index" and "new group", and the database would be written over.
+    if (item.first == 0 || item.first == OrgNone) {
+        std::printf("*VOQ*index file %s damaged: entry at offset %u names no record\r\n", IndexFileName, position);
+        return -1;
+    }
+    *first = item.first;
+    return 0;
+}
+
+int UpdateIndex(const RegKey* key, std::uint32_t first)
+{
+    WorkFile file;
+    if (!OpenIndexRW(file)) return -1;
+    IndexItem item;
+    std::uint32_t position = 0;
+    if (FindEntry(file, *key, item, position) != Search::Found) return -1;
+    item.first = first;
+    return WriteEntry(file, position, item) ? 0 : -1;
+}
+
+bool AddIndexItem(const RegKey* key, std::uint32_t first)
+{
+    WorkFile file;
+    if (!file.OpenRW(IndexFileName)) return false;
+    IndexItem item{};
+    item.plcno = key->plcno;
+    item.regid = key->regid;
+    item.subaddr = SubaddrLow(*key);
+    item.layout = key->layout;
+    item.flagbit = GroupFlag(*key) ? 1 : 0;
+    item.first = first;
+    // Behind the last whole entry: a remainder is no entry, and one written behind it would never be read.
+    const std::uint32_t end = EntryCount(file) * EntryBytes;
+    if (WriteEntry(file, end, item)) return true;
+    static_cast<void>(file.Truncate(end));
+    return false;
+}
+
+void DropLastIndexItem()
+{
+    WorkFile file;
+    if (!file.OpenRW(IndexFileName)) return;
+    const std::uint32_t count = EntryCount(file);
+    if (count == 0) return;
+    if (!file.Truncate((count - 1) * EntryBytes)) {
+        std::printf("*VOQ*index file %s: last entry not removed\r\n", IndexFileName);
+    }
+    file.Sync();
+}
+
+std::uint32_t GetOrgOffset(RegKey key)
+{
+    const MutexLock lock(DatabaseLock);
+    std::uint32_t first = 0;
+    if (FindIndex(&key, &first) != 0) {
+        std::puts("*VOQ*Index FILE OPEN ERROR!\r");
+        return OrgNone;
+    }
+    if (first == 0 || first == OrgNone) {
+        std::puts("*VOQ*Index not find,need logon?\r");
+        return 0;
+    }
+    OrgFile file;
+    if (!file.OpenRO()) {
+        std::printf("*VOQ*open file %s error!!!\r\n", OrgFileName);
+        return OrgNone;
+    }
+    OrgWalk at(file, first);
+    for (; at.Valid(); at.Next()) {
+        const RegKey& range = at.Node().key;
+        // Narrower than the group: another second address word or group bit is passed over.
+        if (range.plcno != key.plcno || range.regid != key.regid || range.layout != key.layout) {
+            std::printf("*VOQ*ORG LIST NOT FIND, plcno=%d, regid=%d, addr=%d,width=%d\r\n", key.plcno, key.regid,
+                        static_cast<int>(key.addr), key.width);
+            return 0;
+        }
+        if (NodeCompare(range, key) == 0 && range.subaddr == key.subaddr && GroupFlag(range) == GroupFlag(key)) {
+            std::printf("*VOQ*Find list,Offset=%x\r\n", at.Offset());
+            return at.Offset();
+        }
+    }
+    if (!at.Damaged()) {
+        std::printf("*VOQ*THE END:ORG LIST NOT FIND,THIS SHOULD NOT HAPPEN:addr=%d regid=%d\r\n",
+                    static_cast<int>(key.addr), key.regid);
+    }
+    return OrgNone;
+}
+
+std::uint32_t RefrashIndexMap(IndexItem item)
+{
+    char name[MapNameBytes];
+    char path[PathBytes + MapNameBytes];
+    if (!MapFileName(item, name, sizeof name)) return 0;
+    std::snprintf(path, sizeof path, "%s%s", DataDir, name);
+    OrgFile org;
+    if (!org.OpenRO()) {
+        std::printf("*VOQ*open file %s error!!!\r\n", OrgFileName);
+        return 0;
+    }
+    WorkFile map;
+    if (!map.Create(path)) return 0;
+    std::uint32_t written = 0;
+    for (OrgWalk at(org, item.first); at.Valid() && OfGroup(at.Node(), item); at.Next()) {
+        const RegKey& range = at.Node().key;
+        const MapItem entry{range.addr, range.width, SubaddrHigh(range), at.Offset()};
+        if (!map.WriteRecord(written * sizeof entry, entry)) {
+            std::printf("*VOQ*index map %s: record %u not written\r\n", path, written);
+            return 0;
+        }
+        map.Sync();
+        ++written;
+    }
+    return written;
+}
+
+int FindIndexAndRefresh(const RegKey* key)
+{
+    WorkFile file;
+    if (!OpenIndexRW(file)) return 0;
+    IndexItem item;
+    std::uint32_t position = 0;
+    if (FindEntry(file, *key, item, position) != Search::Found) return 0;
+    item.mapcount = RefrashIndexMap(item);
+    return WriteEntry(file, position, item) ? 1 : 0;
+}
+
+void InitIndexMap()
+{
+    const MutexLock lock(DatabaseLock);
+    WorkFile file;
+    if (!file.OpenRW(IndexFileName)) {
+        std::puts("*VOQ*InitindexMap: open index error\n\r");
+        return;
+    }
+    const std::uint32_t count = EntryCount(file);
+    for (std::uint32_t i = 0; i < count; ++i) {
+        IndexItem item;
+        if (!file.ReadRecord(i * EntryBytes, item)) {
+            std::printf("*VOQ*index file %s damaged: no entry at offset %u\r\n", IndexFileName, i * EntryBytes);
+            return;
+        }
+        item.mapcount = RefrashIndexMap(item);
+        std::printf("*VOQ*############i=%d,mapPcs=%d\r\n", static_cast<int>(i), static_cast<int>(item.mapcount));
+        WriteEntry(file, i * EntryBytes, item);
+    }
+}

@@ -1,0 +1,104 @@
+// The start-up check: mends the files as the survey says, or sets them aside. Main thread, before any other.
+// The mending may be cut short like any other operation: whatever part of it was written, the next start finishes it.
+#include "list/org_check.h"
+
+#include <cstdio>
+
+#include "arch/fs.h"
+#include "arch/work_file.h"
+#include "list/index.h"
+#include "list/org_survey.h"
+#include "state/paths.h"
+
+namespace
+{
+bool MendOrg(const OrgSurvey& survey)
+{
+    WorkFile file;
+    if (!file.OpenRW(OrgFileName)) return false;
+    std::uint32_t offset = OrgFirstRecord;
+    for (std::size_t i = 0; i < survey.records.size(); ++i, offset += sizeof(OrgNode)) {
+        if (survey.changed[i] && !file.WriteRecord(offset, survey.records[i])) return false;
+    }
+    if (survey.mends.cutRecord && !file.Truncate(survey.wholeBytes)) return false;
+    if (survey.mends.header && !file.WriteRecord(0, survey.header)) return false;
+    return file.Sync();
+}
+
+// After the org file, where the records without a value have been marked so.
+bool MendData(const OrgSurvey& survey)
+{
+    WorkFile file;
+    return file.OpenRW(DataFileName) && file.AppendZeros(survey.missingDataBytes) && file.Sync();
+}
+
+bool MendIndex(const OrgSurvey& survey)
+{
+    WorkFile file;
+    if (!file.OpenRW(IndexFileName)) return false;
+    const auto size = static_cast<std::uint32_t>(survey.index.size() * sizeof(IndexItem));
+    if (size == 0) return file.Truncate(0) && file.Sync();
+    return file.WriteAt(0, survey.index.data(), size) && file.Sync();
+}
+
+bool Mend(const OrgSurvey& survey)
+{
+    const OrgMends& mends = survey.mends;
+    if ((mends.header || mends.links || mends.cutRecord || mends.regions) && !MendOrg(survey)) return false;
+    if (mends.regions && !MendData(survey)) return false;
+    return !mends.index || MendIndex(survey);
+}
+
+void ReportMends(const OrgMends& mends)
+{
+    std::printf("*VOQ*register database mended:%s%s%s%s%s%s\r\n", mends.header ? " header" : "",
+                mends.links ? " links" : "", mends.cutRecord ? " cut-off record" : "",
+                mends.regions ? " data file length" : "", mends.index ? " index" : "", mends.maps ? " maps" : "");
+}
+
+// A rename needs no room on the disk and cannot leave half a file.
+void SetAside(const char* path, const char* name)
+{
+    char kept[PathBytes + 16];
+    std::snprintf(kept, sizeof kept, "%s%s.bad", DataDir, name);
+    if (FileExists(path) && !RenameFile(path, kept)) std::printf("*VOQ*%s could not be kept as %s\r\n", path, kept);
+}
+
+DatabaseState Refuse(const OrgSurvey& survey)
+{
+    SetAside(OrgFileName, "org");
+    SetAside(IndexFileName, "index");
+    SetAside(DataFileName, "data");
+    SyncDirectory(DataDir);
+    std::printf("*VOQ*register database refused: %s, offset %u; kept as %sorg.bad, index.bad, data.bad\r\n",
+                survey.fault, survey.faultOffset, DataDir);
+    return DatabaseState::Refused;
+}
+
+DatabaseState CheckFiles(bool& refreshMaps) VOQ_REQUIRES(DatabaseLock)
+{
+    const OrgSurvey survey = SurveyDatabase();
+    if (survey.empty) return DatabaseState::Sound;
+    if (survey.fault != nullptr) return Refuse(survey);
+    if (!survey.mends.Any()) return DatabaseState::Sound;
+    if (!Mend(survey)) {
+        std::printf("*VOQ*register database could not be mended, a file cannot be written\r\n");
+        return DatabaseState::Unmended;
+    }
+    ReportMends(survey.mends);
+    refreshMaps = survey.mends.maps || survey.mends.index || survey.mends.links || survey.mends.header;
+    return DatabaseState::Mended;
+}
+}  // namespace
+
+DatabaseState CheckDatabase()
+{
+    bool refreshMaps = false;
+    DatabaseState state;
+    {
+        const MutexLock lock(DatabaseLock);
+        state = CheckFiles(refreshMaps);
+    }
+    if (refreshMaps) InitIndexMap();
+    return state;
+}

@@ -1,0 +1,17 @@
+// The start-up check of an existing register database.
+// Main thread, before any other thread exists. Writes nothing when the files are sound.
+#pragma once
+
+#include "list/database_lock.h"
+
+enum class DatabaseState {
+    Sound,     // nothing was wrong, or the org file has no whole header yet
+    Mended,    // an interrupted operation was finished or undone; one message said what
+    Unmended,  // something was to be mended but a file cannot be written; a message said so, the next start tries again
+    Refused,   // what is there cannot be trusted; the files were set aside under other names
+};
+
+// Mends only what an interrupted operation leaves: a header count or tail, back links or an index entry that disagree
+// with the forward chain, a group without an entry in a non-empty index, a record cut off at the end of the file, a
+// data file shorter than its records need (extended with zeros, the records marked never read).
+DatabaseState CheckDatabase() VOQ_EXCLUDES(DatabaseLock);

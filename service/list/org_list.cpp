@@ -1,0 +1,249 @@
+// The org list, on the service threads and the main thread, under the register database lock.
+// Every record that an operation is going to change is read and checked before its first write; the writes then go from
+// the new record towards the header, so that one cut short leaves a chain that is whole.
+#include "list/org_list.h"
+
+#include <cstdio>
+
+#include "arch/clock.h"
+#include "list/data_file.h"
+#include "list/index.h"
+#include "state/paths.h"
+#include "voq/reg_range.h"
+
+namespace
+{
+unsigned char ZeroBlock[MaxRegionBytes];  // source of every new region; never written
+
+enum class Where { Same, BeforeOwn, BeforeOther, AtEnd, Nowhere };
+
+struct OrgPlace {
+    Where where;
+    std::uint32_t offset;  // of the record found or inserted in front of
+    OrgNode record;        // the record there
+};
+
+std::uint16_t FirstLogtimes(OrgMode mode)
+{
+    if (mode == OrgMode::LogOn) return 1;
+    return mode == OrgMode::LogOff ? 0xFFFF : 0;
+}
+
+bool RegionAllowed(const RegKey& key)
+{
+    const std::uint32_t size = GetRegBuffLen(&key);
+    if (size <= MaxRegionBytes) return true;
+    std::printf("*VOQ*range of %u bytes refused, plcno=%d, regid=%d, addr=%d,width=%d\r\n", size, key.plcno, key.regid,
+                static_cast<int>(key.addr), key.width);
+    return false;
+}
+
+bool AddRegion(OrgNode& node) VOQ_REQUIRES(DatabaseLock)
+{
+    const std::int32_t offset = AddDataToFile(ZeroBlock, GetRegBuffLen(&node.key));
+    if (offset == NoRegion) return false;
+    node.dataoffset = static_cast<std::uint32_t>(offset);
+    return true;
+}
+
+bool Damaged(const char* what, std::uint32_t offset)
+{
+    std::printf("*VOQ*org file %s damaged: %s at offset %u\r\n", OrgFileName, what, offset);
+    return false;
+}
+
+// Reads the record at `offset`, whose next link must be `next`.
+bool ReadLinked(OrgFile& file, std::uint32_t offset, std::uint32_t next, OrgNode& node)
+{
+    if (!file.ReadNode(offset, node)) return false;
+    return node.next == next || Damaged("wrong next link in the record", offset);
+}
+
+bool AppendNode(OrgFile& file, OrgHeader header, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
+{
+    const std::uint32_t here = file.AppendOffset();
+    OrgNode last;
+    node.prev = header.tail;
+    node.next = 0;
+    if (!ReadLinked(file, header.tail, 0, last) || !AddRegion(node)) return false;
+    if (!file.WriteNode(here, node)) return false;
+    last.next = here;
+    if (!file.WriteNode(node.prev, last)) return false;
+    ++header.count;
+    header.tail = here;
+    return file.WriteHeader(header);
+}
+
+bool InsertInFront(OrgFile& file, OrgHeader header, std::uint32_t before, OrgNode& node, bool updateIndex)
+    VOQ_REQUIRES(DatabaseLock)
+{
+    const std::uint32_t here = file.AppendOffset();
+    OrgNode behind;
+    OrgNode ahead;
+    if (!file.ReadNode(before, behind)) return false;
+    node.prev = behind.prev;
+    node.next = before;
+    if (node.prev == 0 && header.head != before) return Damaged("wrong previous link in the record", before);
+    if (node.prev != 0 && !ReadLinked(file, node.prev, before, ahead)) return false;
+    if (!AddRegion(node) || !file.WriteNode(here, node)) return false;
+    behind.prev = here;
+    if (!file.WriteNode(before, behind)) return false;
+    if (node.prev == 0) {
+        header.head = here;
+    } else {
+        ahead.next = here;
+        if (!file.WriteNode(node.prev, ahead)) return false;
+    }
+    ++header.count;
+    if (!file.WriteHeader(header)) return false;
+    if (updateIndex) UpdateIndex(&node.key, here);
+    return true;
+}
+
+// The first record of an empty list, over whatever the file holds in its place.
+bool WriteFirstRecord(OrgFile& file, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
+{
+    if (!AddRegion(node)) return false;
+    const OrgHeader header{1, OrgFirstRecord, OrgFirstRecord};
+    if (!file.WriteHeader(header)) return false;
+    if (file.WriteNode(OrgFirstRecord, node)) return true;
+    static_cast<void>(file.WriteHeader({}));
+    return false;
+}
+
+OrgPlace FindPlace(OrgFile& file, const RegKey& key, std::uint32_t first)
+{
+    OrgWalk at(file, first);
+    for (; at.Valid(); at.Next()) {
+        const OrgNode& record = at.Node();
+        if (!SameGroup(record.key, key)) {
+            if (at.Offset() != first) return {Where::BeforeOther, at.Offset(), record};
+            Damaged("record of another group than the index names", first);
+            return {Where::Nowhere, 0, {}};
+        }
+        const int order = NodeCompare(key, record.key);
+        if (order == 1) return {Where::BeforeOwn, at.Offset(), record};
+        if (order == 0) return {Where::Same, at.Offset(), record};
+    }
+    return {at.Damaged() ? Where::Nowhere : Where::AtEnd, 0, {}};
+}
+
+// Counts a log-on or log-off of a range that has its record; a registration changes nothing.
+std::uint32_t CountRecord(OrgFile& file, OrgPlace& place, OrgMode mode)
+{
+    bool written = true;
+    if (mode != OrgMode::Register) {
+        place.record.logtimes = static_cast<std::uint16_t>(place.record.logtimes + (mode == OrgMode::LogOn ? 1 : -1));
+        written = file.WriteNode(place.offset, place.record);
+    }
+    file.Sync();
+    return written ? 0 : OrgNone;
+}
+
+std::uint32_t AddFirstItem(OrgFile& file, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
+{
+    if (!WriteFirstRecord(file, node)) return OrgNone;
+    file.Sync();
+    return OrgFirstRecord;
+}
+
+std::uint32_t AddNewGroup(OrgFile& file, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
+{
+    OrgHeader header;
+    if (!file.ReadHeader(header)) return OrgNone;
+    // Index entries, but no record: the entries of an index that outlived its org list.
+    if (header.tail == 0) return AddFirstItem(file, node);
+    const std::uint32_t here = file.AppendOffset();
+    if (!AppendNode(file, header, node)) return OrgNone;
+    file.Sync();
+    return here;
+}
+}  // namespace
+
+void InitOrgListNode(OrgNode* node, const RegKey& key)
+{
+    *node = {};
+    node->key = key;
+    GetCurrentTime(&node->stamp);
+}
+
+bool InsertOrgBeforeNode(OrgFile& file, std::uint32_t before, OrgNode& node, bool updateIndex)
+{
+    OrgHeader header;
+    if (!RegionAllowed(node.key) || !file.ReadHeader(header)) return false;
+    if (before != 0) return InsertInFront(file, header, before, node, updateIndex);
+    if (header.tail == 0) return WriteFirstRecord(file, node);
+    return AppendNode(file, header, node);
+}
+
+std::uint32_t InsertOrgNode(const RegKey& key, std::uint32_t first, OrgMode mode)
+{
+    OrgNode node;
+    InitOrgListNode(&node, key);
+    node.logtimes = FirstLogtimes(mode);
+    OrgFile file;
+    if (!file.OpenRW()) return OrgNone;
+    OrgPlace place = FindPlace(file, key, first);
+    if (place.where == Where::Nowhere) return OrgNone;
+    if (place.where == Where::Same) return CountRecord(file, place, mode);
+
+    const bool own = place.where == Where::BeforeOwn;
+    if (!InsertOrgBeforeNode(file, place.offset, node, own && place.offset == first)) return OrgNone;
+    if (own) file.Sync();
+    file.Close();
+    if (mode == OrgMode::LogOn) FindIndexAndRefresh(&key);
+    return 0;
+}
+
+std::uint32_t AddItem2OrgList(const RegKey& key, std::uint32_t first, OrgMode mode)
+{
+    if (!RegionAllowed(key)) return OrgNone;
+    if (first != 0 && first != OrgNone) return InsertOrgNode(key, first, mode);
+    OrgNode node;
+    InitOrgListNode(&node, key);
+    node.logtimes = FirstLogtimes(mode);
+    OrgFile file;
+    if (!file.OpenRW()) return OrgNone;
+    return first == 0 ? AddFirstItem(file, node) : AddNewGroup(file, node);
+}
+
+void DropLastOrgItem(std::uint32_t offset)
+{
+    OrgFile file;
+    OrgHeader header;
+    OrgNode node;
+    if (!file.OpenRW() || !file.ReadHeader(header) || header.tail != offset || !file.ReadNode(offset, node)) return;
+    if (node.prev == 0) {
+        header = {};
+    } else {
+        OrgNode last;
+        if (!ReadLinked(file, node.prev, offset, last)) return;
+        last.next = 0;
+        if (!file.WriteNode(node.prev, last)) return;
+        --header.count;
+        header.tail = node.prev;
+    }
+    static_cast<void>(file.WriteHeader(header));
+    file.Sync();
+}
+
+void UpdateOrgAfterWrite(const RegKey& key, std::uint32_t length, const void* data)
+{
+    const MutexLock lock(DatabaseLock);
+    std::uint32_t first = 0;
+    if (FindIndex(&key, &first) != 0 || first == 0 || first == OrgNone) return;
+    OrgFile file;
+    if (!file.OpenRW()) return;
+    const std::uint32_t end = key.addr + key.width;
+    for (OrgWalk at(file, first); at.Valid() && SameGroup(at.Node().key, key); at.Next()) {
+        OrgNode& record = at.Node();
+        const RegKey& range = record.key;
+        if (range.addr >= key.addr && range.addr + range.width <= end && Copy2DataFile(record, key, data, length)) {
+            record.state = 1;
+            GetCurrentTime(&record.stamp);
+            static_cast<void>(file.WriteNode(at.Offset(), record));
+            file.Sync();
+        }
+        if (end <= range.addr) return;
+    }
+}

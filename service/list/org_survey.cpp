@@ -1,0 +1,252 @@
+// Start-up reading and judging of the register database; main thread, writes nothing.
+//
+// Writes of the service go from the new record towards the header and the index, so an operation cut short leaves a
+// whole forward chain, with or without the new record, and behind it a header, back link, index entry or map that lags.
+// Only such differences are corrected. Whole records outside the chain are what an undone insertion leaves: sound.
+#include "list/org_survey.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+#include "arch/fs.h"
+#include "arch/work_file.h"
+#include "state/paths.h"
+
+namespace
+{
+// Bounds of what start-up holds in memory: an org file of 14 MB, and an index entry for each of its records.
+constexpr std::uint32_t MostCheckedRecords = 0x40000;
+
+using GroupOrder = std::vector<std::pair<std::uint64_t, std::uint32_t>>;  // group number by group identity
+
+bool Fault(OrgSurvey& survey, const char* what, std::uint32_t offset)
+{
+    survey.fault = what;
+    survey.faultOffset = offset;
+    return false;
+}
+
+std::uint32_t RecordNumber(std::uint32_t offset) { return (offset - OrgFirstRecord) / sizeof(OrgNode); }
+
+std::uint64_t GroupIdentity(std::uint64_t plcno, std::uint64_t regid, std::uint64_t layout, std::uint64_t subaddr,
+                            std::uint64_t flagbit)
+{
+    return plcno << 48 | regid << 32 | subaddr << 16 | layout << 8 | flagbit;
+}
+
+std::uint64_t Identity(const RegKey& key)
+{
+    return GroupIdentity(key.plcno, key.regid, key.layout, SubaddrLow(key), GroupFlag(key) ? 1 : 0);
+}
+
+std::uint64_t Identity(const IndexItem& item)
+{
+    return GroupIdentity(item.plcno, item.regid, item.layout, item.subaddr, item.flagbit);
+}
+
+bool ReadOrg(OrgSurvey& survey)
+{
+    WorkFile file;
+    if (!file.OpenRO(OrgFileName) || file.Size() < OrgFirstRecord || !file.ReadRecord(0, survey.header)) {
+        survey.empty = true;
+        return false;
+    }
+    const std::uint32_t size = file.Size();
+    const std::uint32_t count = (size - OrgFirstRecord) / sizeof(OrgNode);
+    if (count > MostCheckedRecords) return Fault(survey, "more records than are ever kept", size);
+    survey.records.resize(count);
+    survey.changed.resize(count);
+    survey.wholeBytes = OrgFirstRecord + count * sizeof(OrgNode);
+    survey.mends.cutRecord = survey.wholeBytes != size;
+    if (count > 0 && !file.ReadAt(OrgFirstRecord, survey.records.data(), count * sizeof(OrgNode))) {
+        return Fault(survey, "records that cannot be read", OrgFirstRecord);
+    }
+    return true;
+}
+
+bool ReadIndex(OrgSurvey& survey)
+{
+    WorkFile file;
+    if (!FileExists(IndexFileName) || !file.OpenRO(IndexFileName)) return true;
+    const std::uint32_t count = file.Size() / sizeof(IndexItem);
+    if (count > MostCheckedRecords) return Fault(survey, "more index entries than are ever kept", file.Size());
+    survey.index.resize(count);
+    if (count > 0 && !file.ReadAt(0, survey.index.data(), count * sizeof(IndexItem))) {
+        return Fault(survey, "index entries that cannot be read", 0);
+    }
+    return true;
+}
+
+// True when a link to the place behind the last whole record is an append that lost its record.
+bool LostAppend(const OrgSurvey& survey, std::uint32_t offset)
+{
+    if (offset != survey.wholeBytes) return false;
+    if (survey.chain.empty()) return survey.records.empty();
+    return survey.header.tail == offset || survey.header.tail == survey.chain.back();
+}
+
+// Follows the chain from the head and sets the back links by it.
+bool FollowChain(OrgSurvey& survey)
+{
+    std::vector<bool> seen(survey.records.size());
+    std::uint32_t prev = 0;
+    for (std::uint32_t offset = survey.header.head; offset != 0;) {
+        if (!OrgOffsetValid(offset, survey.wholeBytes)) {
+            if (!LostAppend(survey, offset)) return Fault(survey, "a link to no record", offset);
+            if (prev != 0) {
+                survey.records[RecordNumber(prev)].next = 0;
+                survey.changed[RecordNumber(prev)] = survey.mends.links = true;
+            }
+            break;
+        }
+        const std::uint32_t number = RecordNumber(offset);
+        if (seen[number]) return Fault(survey, "a link back into the chain", offset);
+        seen[number] = true;
+        OrgNode& record = survey.records[number];
+        if (record.prev != prev) {
+            record.prev = prev;
+            survey.changed[number] = survey.mends.links = true;
+        }
+        survey.chain.push_back(offset);
+        prev = offset;
+        offset = record.next;
+    }
+    if (survey.chain.empty() && !survey.records.empty() && !survey.index.empty()) {
+        return Fault(survey, "an index, but no chain", 0);
+    }
+    const std::uint32_t tail = survey.header.tail;
+    if (survey.header.count > survey.chain.size() && OrgOffsetValid(tail, survey.wholeBytes) &&
+        !seen[RecordNumber(tail)]) {
+        return Fault(survey, "a chain that ends before its tail", prev);
+    }
+    return true;
+}
+
+// Cuts the chain into groups: each one run, ascending.
+bool FindGroups(OrgSurvey& survey, GroupOrder& order)
+{
+    const OrgNode* last = nullptr;
+    for (const std::uint32_t offset : survey.chain) {
+        const OrgNode& record = survey.records[RecordNumber(offset)];
+        if (last == nullptr || !SameGroup(last->key, record.key)) {
+            order.emplace_back(Identity(record.key), static_cast<std::uint32_t>(survey.groups.size()));
+            survey.groups.push_back({record.key, offset, 0});
+        } else if (NodeCompare(last->key, record.key) != 1) {
+            return Fault(survey, "a record out of order", offset);
+        }
+        ++survey.groups.back().length;
+        last = &record;
+    }
+    std::sort(order.begin(), order.end());
+    const auto twice = std::adjacent_find(order.begin(), order.end(),
+                                          [](const auto& a, const auto& b) { return a.first == b.first; });
+    return twice == order.end() || Fault(survey, "a group in two runs", survey.groups[(twice + 1)->second].first);
+}
+
+const OrgGroup* FindGroup(const OrgSurvey& survey, const GroupOrder& order, std::uint64_t identity)
+{
+    const auto at = std::lower_bound(order.begin(), order.end(), std::pair{identity, std::uint32_t{0}});
+    return at != order.end() && at->first == identity ? &survey.groups[at->second] : nullptr;
+}
+
+// No two regions share a byte, and all of them lie where regions can lie.
+bool CheckRegions(OrgSurvey& survey)
+{
+    WorkFile file;
+    if (!FileExists(DataFileName) || !file.OpenRO(DataFileName)) return true;
+    const std::uint64_t have = file.Size();
+    const std::uint64_t most = std::min<std::uint64_t>(
+        INT32_MAX, std::max<std::uint64_t>(have, std::uint64_t{survey.records.size()} * MaxRegionBytes));
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> regions;  // where it lies, whose it is
+    std::uint64_t need = have;
+    for (const std::uint32_t offset : survey.chain) {
+        OrgNode& record = survey.records[RecordNumber(offset)];
+        const std::uint32_t size = GetRegBuffLen(&record.key);
+        const std::uint64_t end = std::uint64_t{record.dataoffset} + size;
+        if (size == 0) continue;
+        if (size > MaxRegionBytes || end > most) return Fault(survey, "a region outside the data file", offset);
+        regions.emplace_back(record.dataoffset, offset);
+        if (end > have && record.state != 0) {
+            record.state = 0;
+            survey.changed[RecordNumber(offset)] = true;
+        }
+        need = std::max(need, end);
+    }
+    survey.missingDataBytes = static_cast<std::uint32_t>(need - have);
+    survey.mends.regions = need > have;
+    std::sort(regions.begin(), regions.end());
+    for (std::size_t i = 1; i < regions.size(); ++i) {
+        const OrgNode& before = survey.records[RecordNumber(regions[i - 1].second)];
+        if (std::uint64_t{before.dataoffset} + GetRegBuffLen(&before.key) > regions[i].first) {
+            return Fault(survey, "a region inside another", regions[i].second);
+        }
+    }
+    return true;
+}
+
+// A map that lists what its group holds. Its number of records tells: each refresh rewrites the map whole and ends with
+// the count in the index, and a group only grows. A map that is not there is as it was handed over.
+bool MapWhole(const IndexItem& item, std::uint32_t length)
+{
+    char name[MapNameBytes];
+    char path[PathBytes + MapNameBytes];
+    if (item.mapcount != length || !MapFileName(item, name, sizeof name)) return false;
+    std::snprintf(path, sizeof path, "%s%s", DataDir, name);
+    WorkFile file;
+    return !FileExists(path) || (file.OpenRO(path) && file.Size() == length * sizeof(MapItem));
+}
+
+// Sets the index entries by the groups. An index without entries stays so: the first log-on starts it.
+bool CheckIndex(OrgSurvey& survey, const GroupOrder& order)
+{
+    if (survey.index.empty()) return true;
+    if (survey.chain.empty()) {
+        survey.index.clear();
+        survey.mends.index = true;
+        return true;
+    }
+    std::vector<bool> indexed(survey.groups.size());
+    for (std::size_t i = 0; i < survey.index.size(); ++i) {
+        IndexItem& item = survey.index[i];
+        const OrgGroup* group = FindGroup(survey, order, Identity(item));
+        if (group == nullptr) {
+            return Fault(survey, "an index entry of no group", static_cast<std::uint32_t>(i * sizeof(IndexItem)));
+        }
+        indexed[static_cast<std::size_t>(group - survey.groups.data())] = true;
+        if (item.first != group->first) survey.mends.index = true;
+        item.first = group->first;
+        if (!MapWhole(item, group->length)) survey.mends.maps = true;
+    }
+    for (std::size_t i = 0; i < survey.groups.size(); ++i) {
+        if (indexed[i]) continue;
+        const RegKey& key = survey.groups[i].key;
+        survey.index.push_back({key.plcno, key.regid, SubaddrLow(key), key.layout,
+                                static_cast<std::uint8_t>(GroupFlag(key) ? 1 : 0), survey.groups[i].first, 0});
+        survey.mends.index = survey.mends.maps = true;
+    }
+    return true;
+}
+
+void CheckHeader(OrgSurvey& survey)
+{
+    OrgHeader right{};
+    if (!survey.chain.empty()) {
+        right = {static_cast<std::uint32_t>(survey.chain.size()), survey.chain.front(), survey.chain.back()};
+    }
+    const OrgHeader& header = survey.header;
+    survey.mends.header = header.count != right.count || header.head != right.head || header.tail != right.tail;
+    survey.header = right;
+}
+}  // namespace
+
+OrgSurvey SurveyDatabase()
+{
+    OrgSurvey survey;
+    GroupOrder order;
+    if (ReadOrg(survey) && ReadIndex(survey) && FollowChain(survey) && FindGroups(survey, order) &&
+        CheckRegions(survey) && CheckIndex(survey, order)) {
+        CheckHeader(survey);
+    }
+    return survey;
+}

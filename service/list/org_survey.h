@@ -1,0 +1,48 @@
+// What the register database holds, read whole at start-up and judged in memory: the records, the chain, the groups,
+// the value regions and the index, each corrected to what the forward chain says. Main thread, before any other thread
+// exists: the only place of this layer that allocates. Writes nothing.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "list/database_lock.h"
+#include "voq/index_record.h"
+#include "voq/org_record.h"
+
+// A run of the chain.
+struct OrgGroup {
+    RegKey key;
+    std::uint32_t first;
+    std::uint32_t length;
+};
+
+// What differs from the files, for the mending and its message.
+struct OrgMends {
+    bool header;
+    bool links;
+    bool cutRecord;
+    bool regions;
+    bool index;
+    bool maps;
+    [[nodiscard]] bool Any() const { return header || links || cutRecord || regions || index || maps; }
+};
+
+struct OrgSurvey {
+    bool empty = false;           // the org file has no whole header or cannot be opened; nothing else is set
+    const char* fault = nullptr;  // what cannot be mended, in a few words
+    std::uint32_t faultOffset = 0;
+    OrgMends mends{};
+
+    OrgHeader header{};                  // as the chain says
+    std::vector<OrgNode> records;        // in file order; the links of chained records as the chain says
+    std::vector<bool> changed;           // records that differ from the file
+    std::vector<std::uint32_t> chain;    // offsets in chain order
+    std::vector<OrgGroup> groups;        // in chain order
+    std::vector<IndexItem> index;        // empty when the index file is to be empty
+    std::uint32_t wholeBytes = 0;        // length of the org file up to its last whole record
+    std::uint32_t missingDataBytes = 0;  // zeros that the data file lacks
+};
+
+// Reads and judges the database. Stops at the first fault.
+OrgSurvey SurveyDatabase() VOQ_REQUIRES(DatabaseLock);

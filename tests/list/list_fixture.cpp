@@ -1,0 +1,198 @@
+#include "list_fixture.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+
+#include "state/paths.h"
+
+WriteGate Gate;
+
+namespace
+{
+bool Pass()
+{
+    const bool open = Gate.allowed > 0;
+    --Gate.allowed;
+    ++(open ? Gate.made : Gate.lost);
+    return open;
+}
+
+void Trace(int descriptor, const std::string& what)
+{
+    if (Gate.trace == nullptr) return;
+    *Gate.trace += std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor)).filename().string();
+    *Gate.trace += what + " ";
+}
+}  // namespace
+
+extern "C" {
+ssize_t __real_pwrite(int descriptor, const void* buffer, size_t size, off_t offset);
+int __real_ftruncate(int descriptor, off_t size);
+int __real_fsync(int descriptor);
+FILE* __real_fopen(const char* path, const char* mode);
+
+ssize_t __wrap_pwrite(int descriptor, const void* buffer, size_t size, off_t offset)
+{
+    Trace(descriptor, "@" + std::to_string(offset) + "+" + std::to_string(size));
+    if (Pass()) return __real_pwrite(descriptor, buffer, size, offset);
+    struct stat info;
+    if (Gate.torn && fstat(descriptor, &info) == 0 && offset >= info.st_size) {
+        static_cast<void>(!__real_pwrite(descriptor, buffer, size / 2, offset));
+    }
+    Gate.torn = false;
+    return static_cast<ssize_t>(size);
+}
+
+int __wrap_ftruncate(int descriptor, off_t size) { return Pass() ? __real_ftruncate(descriptor, size) : 0; }
+
+int __wrap_fsync(int descriptor)
+{
+    Trace(descriptor, "!");
+    return __real_fsync(descriptor);
+}
+
+FILE* __wrap_fopen(const char* path, const char* mode)
+{
+    if (std::strcmp(mode, "wb+") != 0 || Pass()) return __real_fopen(path, mode);
+    return __real_fopen("/dev/null", "r+");
+}
+}
+
+ListTest::ListTest()
+{
+    char unique[] = "/dev/shm/voqXXXXXX";
+    folder = std::string(mkdtemp(unique)) + "/";
+    const auto set = [this](char* path, const char* name) { std::strcpy(path, (folder + name).c_str()); };
+    set(DataDir, "");
+    set(OrgFileName, "org");
+    set(DataFileName, "data");
+    set(IndexFileName, "index");
+    Store({{"org", std::string(12, '\0')}, {"data", ""}, {"index", ""}});
+    ResetFastList();
+    Gate = {};
+}
+
+ListTest::~ListTest() { std::filesystem::remove_all(folder); }
+
+Files ListTest::Load() const
+{
+    Files files;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        std::ifstream stream(entry.path(), std::ios::binary);
+        files[entry.path().filename()] = std::string(std::istreambuf_iterator<char>(stream), {});
+    }
+    return files;
+}
+
+void ListTest::Store(const Files& files) const
+{
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) std::filesystem::remove(entry.path());
+    for (const auto& [name, bytes] : files) std::ofstream(folder + name, std::ios::binary) << bytes;
+}
+
+void SetWord(std::string& bytes, std::size_t at, std::uint32_t value)
+{
+    bytes.replace(at, 4, reinterpret_cast<const char*>(&value), 4);
+}
+
+RegKey Key(std::uint8_t plcno, std::uint8_t layout, std::uint32_t addr, std::uint16_t width, std::uint32_t subaddr,
+           std::uint32_t flag)
+{
+    return {flag, 0, 1, plcno, layout, 16, width, addr, subaddr};
+}
+
+static void LogOnOff(const RegKey& key, OrgMode mode, std::uint16_t fileno)
+{
+    const RegRequest request{key, static_cast<std::uint8_t>(mode), 0, fileno, 0};
+    Output([&] { EXPECT_EQ(0, LogOnOff2OrgList(&request, mode, fileno)); });
+}
+
+void LogOn(const RegKey& key, std::uint16_t fileno) { LogOnOff(key, OrgMode::LogOn, fileno); }
+void LogOff(const RegKey& key, std::uint16_t fileno) { LogOnOff(key, OrgMode::LogOff, fileno); }
+
+std::string MapName(const RegKey& key)
+{
+    char name[40];
+    std::snprintf(name, sizeof name, "im%x_%x_%x_%x%s", key.plcno, key.regid, key.layout, key.subaddr & 0xFFFF,
+                  (key.flag & 0x200) != 0 ? "_1" : "");
+    return name;
+}
+
+std::string MapBytes(const Run& run)
+{
+    std::string map(12 * run.size(), '\0');
+    for (std::size_t i = 0; i < run.size(); ++i) {
+        SetWord(map, 12 * i, run[i].key.addr);
+        SetWord(map, 12 * i + 4, run[i].key.width | (run[i].key.subaddr & 0xFFFF0000));
+        SetWord(map, 12 * i + 8, run[i].offset);
+    }
+    return map;
+}
+
+std::string IndexBytes(const Run& run, std::uint32_t mapcount)
+{
+    const RegKey& key = run.at(0).key;
+    std::string entry(16, '\0');
+    SetWord(entry, 0, key.plcno | std::uint32_t{key.regid} << 16);
+    SetWord(entry, 4, (key.subaddr & 0xFFFF) | std::uint32_t{key.layout} << 16 | (key.flag & 0x200) << 15);
+    SetWord(entry, 8, run[0].offset);
+    SetWord(entry, 12, mapcount);
+    return entry;
+}
+
+std::vector<Run> ReadChain(const std::string& org, std::string& fault)
+{
+    std::vector<Run> runs;
+    std::uint32_t prev = 0, count = 0;
+    for (std::uint32_t at = Word(org, 4); at != 0; prev = at, at = Word(org, at + 52), ++count) {
+        if ((at - 12) % 56 != 0 || at + 56 > org.size() || count > org.size() / 56) fault = "next link";
+        if (Word(org, at + 48) != prev) fault = "previous link";
+        if (!fault.empty()) return runs;
+        const Row row{Word<RegKey>(org, at), Word<std::uint16_t>(org, at + 32), at, Word(org, at + 44)};
+        if (runs.empty() || Identity(runs.back()[0].key) != Identity(row.key)) {
+            runs.emplace_back();
+        } else if (Order(row.key) <= Order(runs.back().back().key)) {
+            fault = "order";
+        }
+        runs.back().push_back(row);
+    }
+    if (Word(org, 0) != count || Word(org, 8) != prev) fault = "header";
+    return runs;
+}
+
+std::string Unsound(const Files& files)
+{
+    std::string fault;
+    const std::vector<Run> runs = ReadChain(files.at("org"), fault);
+    if (!fault.empty()) return fault;
+    if ((files.at("org").size() - 12) % 56 != 0) return "cut-off record";
+    std::set<decltype(Identity(RegKey{}))> identities;
+    std::set<std::string> entries;
+    std::map<std::uint32_t, std::uint32_t> regions;
+    const std::string& index = files.at("index");
+    for (std::size_t at = 0; at + 16 <= index.size(); at += 16) entries.insert(index.substr(at, 16));
+    for (const Run& run : runs) {
+        if (!identities.insert(Identity(run[0].key)).second) return "group in two runs";
+        for (const Row& row : run) {
+            if (RegionBytes(row.key) == 0) continue;
+            if (!regions.emplace(row.dataoffset, row.dataoffset + RegionBytes(row.key)).second) return "region twice";
+        }
+        if (index.size() < 16) continue;
+        if (entries.count(IndexBytes(run, static_cast<std::uint32_t>(run.size()))) == 0) return "index entry";
+        const auto map = files.find(MapName(run[0].key));
+        if (map == files.end() || map->second != MapBytes(run)) return "map " + MapName(run[0].key);
+    }
+    if (index.size() >= 16 && index.size() / 16 != runs.size()) return "index entries";
+    std::uint32_t free = 0;
+    for (const auto& [begin, end] : regions) {
+        if (begin < free || end > files.at("data").size()) return "region";
+        free = end;
+    }
+    return "";
+}

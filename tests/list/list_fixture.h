@@ -1,0 +1,89 @@
+// A register database in a folder of its own, the bytes of its files, and a hand on the service's writes.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "list/log_on_off.h"
+
+// How many writes reached a file since the last reset, how many more may, and how many were lost, as in a power cut:
+// all behind the last allowed one. With `torn` the first of them still writes half of what it appends.
+struct WriteGate {
+    int made = 0;
+    int allowed = 1 << 30;
+    int lost = 0;
+    bool torn = false;
+    std::string* trace = nullptr;  // takes "file@offset+bytes " for a write, "file! " for a sync
+};
+extern WriteGate Gate;
+
+using Files = std::map<std::string, std::string>;  // content by name in the database folder
+
+class ListTest : public testing::Test
+{
+protected:
+    ListTest();
+    ~ListTest() override;
+    [[nodiscard]] Files Load() const;
+    void Store(const Files& files) const;
+
+    std::string folder;
+};
+
+template <typename Value = std::uint32_t>
+Value Word(const std::string& bytes, std::size_t at)
+{
+    Value value{};
+    std::memcpy(&value, bytes.substr(at, sizeof value).c_str(), bytes.size() >= at + sizeof value ? sizeof value : 0);
+    return value;
+}
+void SetWord(std::string& bytes, std::size_t at, std::uint32_t value);
+
+inline auto Identity(const RegKey& key)
+{
+    return std::make_tuple(key.plcno, key.regid, key.layout, key.subaddr & 0xFFFF, key.flag >> 9 & 1);
+}
+inline auto Order(const RegKey& key)
+{
+    return std::make_tuple(key.addr, key.width);
+}
+inline std::uint32_t RegionBytes(const RegKey& key)
+{
+    return key.width * std::max(1u, key.layout & 15u);
+}
+
+// A range's record, and what the files say of a group, built from nothing but the documented layouts.
+struct Row {
+    RegKey key;
+    std::uint16_t logtimes;
+    std::uint32_t offset, dataoffset;
+};
+using Run = std::vector<Row>;
+std::string MapName(const RegKey& key);
+std::string MapBytes(const Run& run);
+std::string IndexBytes(const Run& run, std::uint32_t mapcount);
+
+// Reads the chain into groups. `fault` tells what is wrong with links, order or header.
+std::vector<Run> ReadChain(const std::string& org, std::string& fault);
+// What is wrong with a database: chain, groups, index, maps and regions; empty when sound.
+std::string Unsound(const Files& files);
+
+RegKey Key(std::uint8_t plcno, std::uint8_t layout, std::uint32_t addr, std::uint16_t width, std::uint32_t subaddr = 0,
+           std::uint32_t flag = 0);
+void LogOn(const RegKey& key, std::uint16_t fileno = 1);
+void LogOff(const RegKey& key, std::uint16_t fileno = 1);
+
+template <typename Operation>
+std::string Output(Operation operation)
+{
+    testing::internal::CaptureStdout();
+    operation();
+    return testing::internal::GetCapturedStdout();
+}

@@ -1,0 +1,201 @@
+// The start-up check after every way of cutting an operation short, and on databases that nothing explains.
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "arch/work_file.h"
+#include "list/index.h"
+#include "list/org_check.h"
+#include "list_fixture.h"
+
+namespace
+{
+using Operation = std::function<void()>;
+
+DatabaseState Check()
+{
+    DatabaseState state;
+    Output([&] { state = CheckDatabase(); });
+    return state;
+}
+
+void Register(const RegKey& key)
+{
+    Output([&] { EXPECT_EQ(0, CheckOrgList(&key)); });
+}
+}  // namespace
+
+class OrgCheckTest : public ListTest
+{
+protected:
+    // Cuts the operation, then the check that follows, behind every number of writes.
+    void CutEverywhere(const Files& base, const Operation& operation, const RegKey& key)
+    {
+        bool cut = true;
+        for (int writes = 0; cut; ++writes) {
+            for (const bool torn : {false, true}) {
+                cut = Cut(base, operation, writes, torn);
+                const Files broken = Load();
+                bool mendCut = true;
+                for (int mends = 0; mendCut; ++mends) {
+                    mendCut = Cut(broken, [] { Check(); }, mends, torn);
+                    ExpectMended(base, operation, key);
+                    if (HasFailure()) FAIL() << writes << (torn ? " torn" : "") << " writes, mended " << mends;
+                }
+            }
+        }
+    }
+
+    // True when the operation had more writes to make.
+    bool Cut(const Files& files, const Operation& operation, int writes, bool torn)
+    {
+        Store(files);
+        ResetFastList();
+        Gate = {0, writes, 0, torn, nullptr};
+        operation();
+        const bool lost = Gate.lost > 0;
+        Gate = {};
+        return lost;
+    }
+
+    void ExpectMended(const Files& base, const Operation& operation, const RegKey& key)
+    {
+        EXPECT_NE(DatabaseState::Refused, Check());
+        Files files = Load();
+        EXPECT_EQ("", Unsound(files));
+        EXPECT_GE(files["data"].size(), base.at("data").size());
+        // Every registration made before is still in the chain, at its place and with its region.
+        std::vector<std::uint32_t> offsets;
+        for (std::uint32_t at = Word(files["org"], 4); at != 0; at = Word(files["org"], at + 52)) offsets.push_back(at);
+        for (std::uint32_t at = 12; at + 56 <= base.at("org").size(); at += 56) {
+            EXPECT_EQ(1, std::count(offsets.begin(), offsets.end(), at)) << at;
+            EXPECT_EQ(base.at("org").substr(at, 24), files["org"].substr(at, 24));
+            EXPECT_EQ(Word(base.at("org"), at + 44), Word(files["org"], at + 44));
+        }
+        Gate.made = 0;
+        EXPECT_EQ(DatabaseState::Sound, Check());
+        EXPECT_EQ(0, Gate.made);
+        // What was cut short can be done again.
+        operation();
+        EXPECT_NE(DatabaseState::Refused, Check());
+        EXPECT_EQ("", Unsound(Load()));
+        Output([&] { EXPECT_EQ(0u, (GetOrgOffset(key) - 12) % 56); });
+    }
+
+    void Build()
+    {
+        for (const std::uint32_t addr : {10, 20, 30}) LogOn(Key(1, 0x22, addr, 2));
+        for (const std::uint32_t addr : {10, 20}) LogOn(Key(2, 0x22, addr, 2));
+        LogOn(Key(3, 0, 7, 70));
+    }
+};
+
+TEST_F(OrgCheckTest, EveryCutIsMended)
+{
+    const Files empty = Load();
+    Build();
+    const Files base = Load();
+    ASSERT_EQ("", Unsound(base));
+    const RegKey keys[] = {Key(9, 0x22, 1, 2),  Key(1, 0x22, 5, 2), Key(2, 0x22, 5, 2), Key(2, 0x22, 15, 2),
+                           Key(2, 0x22, 25, 2), Key(3, 0, 9, 5),    Key(1, 0x22, 20, 2)};
+    for (const RegKey& key : keys) {
+        SCOPED_TRACE(testing::Message() << "plcno " << int{key.plcno} << " addr " << key.addr);
+        for (const Files& start : {empty, base}) {
+            CutEverywhere(start, [&] { LogOn(key); }, key);
+            CutEverywhere(start, [&] { LogOff(key); }, key);
+            CutEverywhere(start, [&] { Register(key); }, key);
+        }
+    }
+}
+
+TEST_F(OrgCheckTest, MendsWhatLags)
+{
+    Build();
+    const Files base = Load();
+    const auto mends = [&](const char* what, const std::function<void(Files&)>& damage) {
+        Files files = base;
+        damage(files);
+        Store(files);
+        DatabaseState state;
+        const std::string said = Output([&] { state = CheckDatabase(); });
+        EXPECT_EQ(DatabaseState::Mended, state) << what;
+        EXPECT_EQ(0u, said.find(std::string("*VOQ*register database mended:") + what + "\r\n")) << said;
+        EXPECT_EQ("", Unsound(Load())) << what;
+        EXPECT_EQ(DatabaseState::Sound, Check());
+        return Load();
+    };
+    const auto same = [&](const char* what, const std::string& name, std::size_t at, std::uint32_t value) {
+        EXPECT_TRUE(base == mends(what, [&](Files& files) { SetWord(files[name], at, value); })) << what << at;
+    };
+    same(" header", "org", 0, 5);
+    same(" header", "org", 0, 7);
+    same(" header", "org", 8, 12);
+    same(" links", "org", 12 + 48, 68);
+    same(" links", "org", 68 + 48, 292);
+    same(" index", "index", 16 + 8, 12);
+    same(" maps", "index", 12, 2);
+    mends(" cut-off record", [](Files& files) { files["org"] += "half a record"; });
+    mends(" maps", [](Files& files) { files["im2_10_22_0"].resize(20); });
+    mends(" index maps", [](Files& files) { files["index"].resize(40); });
+    // An append whose record did not reach the disk: the header and the link did.
+    mends(" header links cut-off record index", [](Files& files) {
+        files["org"].resize(files["org"].size() - 30);
+        files["index"].resize(32);
+        SetWord(files["index"], 16 + 8, 12);
+    });
+    // A data file that lost its end: the values are read again.
+    Files shorter = mends(" data file length", [](Files& files) {
+        for (std::uint32_t at = 12; at < files["org"].size(); at += 56) files["org"][at + 36] = 1;
+        files["data"] = "12345678901";
+    });
+    EXPECT_EQ("12345678901" + std::string(20 + 70 - 11, '\0'), shorter["data"]);
+    for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(i < 2 ? 1 : 0, shorter["org"][12 + 56 * i + 36]) << i;
+    // Without its record the list is empty, and so is its index.
+    Store({{"org", base.at("org").substr(0, 12)}, {"data", ""}, {"index", base.at("index").substr(0, 16)}});
+    Files lost = Load();
+    for (const std::size_t at : {0, 4, 8}) SetWord(lost["org"], at, at == 0 ? 1 : 12);
+    Store(lost);
+    EXPECT_EQ(DatabaseState::Mended, Check());
+    EXPECT_TRUE((Files{{"org", std::string(12, '\0')}, {"data", ""}, {"index", ""}}) == Load());
+}
+
+TEST_F(OrgCheckTest, RefusesWhatNothingExplains)
+{
+    Build();
+    const Files base = Load();
+    const auto refuses = [&](const char* what, const std::string& name, std::size_t at, std::uint32_t value) {
+        Files files = base;
+        SetWord(files[name], at, value);
+        Store(files);
+        Files expected;
+        for (const auto& [file, bytes] : files) expected[file.compare(0, 2, "im") == 0 ? file : file + ".bad"] = bytes;
+        DatabaseState state;
+        const std::string said = Output([&] { state = CheckDatabase(); });
+        EXPECT_EQ(DatabaseState::Refused, state) << what;
+        EXPECT_EQ(0u, said.find(std::string("*VOQ*register database refused: ") + what)) << said;
+        EXPECT_TRUE(expected == Load()) << what;
+    };
+    refuses("a link back into the chain", "org", 68 + 52, 12);
+    refuses("a link to no record, offset 70", "org", 68 + 52, 70);
+    refuses("a link to no record", "org", 124 + 52, 12 + 6 * 56);
+    refuses("a link to no record", "org", 4, 0xFFFFFFFC);
+    refuses("an index, but no chain, offset 0", "org", 4, 0);
+    refuses("a chain that ends before its tail", "org", 68 + 52, 0);
+    refuses("a record out of order", "org", 68 + 16, 9);
+    refuses("a record out of order", "org", 68 + 16, 10);
+    refuses("a group in two runs", "org", 292 + 8, 0x22010001);
+    refuses("a region inside another", "org", 68 + 44, 3);
+    refuses("a region outside the data file", "org", 68 + 44, 0x7FFFFFF0);
+    refuses("a region outside the data file", "org", 68 + 12, 0xFFFF0010);
+    refuses("an index entry of no group, offset 16", "index", 16, 0x00110002);
+    // A file without a whole header waits for it; an index below one entry is empty and stays so.
+    for (const auto& [name, size] : {std::pair{"org", 11}, {"index", 15}}) {
+        Files files = base;
+        files[name].resize(static_cast<std::size_t>(size));
+        Store(files);
+        EXPECT_EQ(DatabaseState::Sound, Check());
+        EXPECT_TRUE(files == Load());
+    }
+}

@@ -1,0 +1,138 @@
+// A folder of its own on the memory file system, with the working paths of the service pointing into it, an empty
+// register database, and a driver that records what it is asked. For tests, fuzz targets and benchmarks.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "comm/plc_driver.h"
+#include "list/fast_list.h"
+#include "state/counters.h"
+#include "state/paths.h"
+#include "voq/org_record.h"
+
+class Scratch
+{
+public:
+    Scratch()
+    {
+        char unique[] = "/dev/shm/voqXXXXXX";
+        if (mkdtemp(unique) == nullptr) std::abort();
+        folder_ = std::string(unique) + "/";
+        struct {
+            char* path;
+            const char* name;
+        } const paths[] = {
+            {DataDir, ""},         {LBName, "lb.dat"},         {LWName, "lw.dat"},       {SRWName, "srw0.dat"},
+            {SRBName, "srb0.dat"}, {RWName, "rw.dat"},         {vSRWName, "srw.dat"},    {vSRBName, "srb.dat"},
+            {OrgFileName, "org"},  {DataFileName, "data"},     {IndexFileName, "index"}, {TimeoutName, "timeout"},
+            {GuiFifo, "guififo"},  {ComErrorName, "comerror"}, {MekFifo, "mekfifo"},     {SlaveNoName, "slaveno"}};
+        for (const auto& [path, name] : paths) std::strcpy(path, (folder_ + name).c_str());
+        ResetDatabase();
+    }
+    ~Scratch() { std::filesystem::remove_all(folder_); }
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+
+    [[nodiscard]] const std::string& Folder() const { return folder_; }
+
+    // An empty org list, index and data file, an empty fast list, no failures counted.
+    static void ResetDatabase()
+    {
+        std::ofstream(OrgFileName, std::ios::binary) << std::string(sizeof(OrgHeader), '\0');
+        std::ofstream(DataFileName, std::ios::binary | std::ios::trunc);
+        std::ofstream(IndexFileName, std::ios::binary | std::ios::trunc);
+        ResetFastList();
+        GlobeTimeout = 0;
+        GlobeComError = 0;
+        LogOnAmount = 0;
+        std::memset(StationDisable, 0, sizeof StationDisable);
+    }
+
+private:
+    std::string folder_;
+};
+
+inline FastListHead FastHead()
+{
+    const ReadLock lock(fast_rwlock);
+    return OrgFastListHead;
+}
+
+inline FastItem FirstFastItem()
+{
+    const ReadLock lock(fast_rwlock);
+    return OrgFastList[OrgFastListHead.head];
+}
+
+inline std::string FileBytes(const std::string& path)
+{
+    std::ifstream stream(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(stream), {});
+}
+
+inline OrgNode ReadOrgNode(const std::string& org, std::uint32_t offset)
+{
+    OrgNode node{};
+    if (offset + sizeof node <= org.size()) std::memcpy(&node, org.data() + offset, sizeof node);
+    return node;
+}
+
+struct DriverCall {
+    std::string command;
+    RegKey key;  // of RdOne and WrOne
+    std::int32_t length;
+    unsigned char* data;
+};
+
+// The recording driver: what it was asked, what it answers (Script in order, then 0), how it fills a read.
+struct FakeDriver {
+    static inline std::vector<DriverCall> Calls;
+    static inline std::vector<std::int32_t> Script;
+    static inline void (*Fill)(const PlcRequest& request) = nullptr;
+    static inline bool InitFails = false;
+
+    static std::int32_t Command(const char* command, void* target, void** args)
+    {
+        static int instance;
+        if (std::strcmp(command, "RdOne") != 0 && std::strcmp(command, "WrOne") != 0) {
+            Calls.push_back({command, {}, 0, nullptr});
+            if (std::strcmp(command, "Init") == 0 && !InitFails) *static_cast<void**>(target) = &instance;
+            return 0;
+        }
+        const PlcRequest& request = *static_cast<PlcRequest*>(args[0]);
+        Calls.push_back({command, *request.key, request.length, static_cast<unsigned char*>(request.data)});
+        std::int32_t result = PLC_DRV_OK;
+        if (!Script.empty()) {
+            result = Script.front();
+            Script.erase(Script.begin());
+        }
+        if (result == PLC_DRV_OK && command[0] == 'R' && Fill != nullptr) Fill(request);
+        return result;
+    }
+
+    // No instance, nothing recorded, nothing scripted; the entry point is this driver's.
+    static void Use()
+    {
+        const MutexLock lock(DriverLock);
+        _cmd = Command;
+        _thiz = nullptr;
+        Calls.clear();
+        Script.clear();
+        Fill = nullptr;
+        InitFails = false;
+    }
+};
+
+inline RegKey WordKey(std::uint32_t addr, std::uint16_t width, std::uint8_t layout = 0x22)
+{
+    return {1u << REG_FLAG_PRIORITY_SHIFT, 0, 1, 1, layout, 16, width, addr, 0};
+}
