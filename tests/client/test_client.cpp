@@ -1,0 +1,537 @@
+// The client library and the commands of voqctl, on real files and FIFOs in a directory of each test's own. A forked
+// process stands in for the service where locks matter: record locks do not exclude within one process.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include "client/db_check.h"
+#include "client/file_number.h"
+#include "client/frame.h"
+#include "client/locked_file.h"
+#include "client/result_file.h"
+#include "client/value_text.h"
+#include "tools/commands.h"
+#include "voq/reg_range.h"
+#include "voq/rt_item.h"
+
+using voq::Bytes;
+using voq::PutRecord;
+
+namespace
+{
+
+template <typename Call>
+std::string ErrorOf(Call call)
+{
+    try {
+        call();
+    } catch (const voq::Error& error) {
+        return error.what();
+    }
+    return "(no error)";
+}
+
+#define EXPECT_HAS(text, part) \
+    EXPECT_NE(std::string(text).find(part), std::string::npos) << (text) << "\nlacks " << (part)
+
+struct Folder {
+    std::string path = std::filesystem::temp_directory_path() / "voqcXXXXXX";
+    voq::PortDir port;
+    PortOptions options;
+    Folder()
+    {
+        if (mkdtemp(path.data()) == nullptr) throw std::runtime_error(path);
+        port = {path, voq::LinkType::Ethernet, 1};
+        std::filesystem::create_directory(port.Dir());
+        options.dir = path;
+        options.number = 1;
+    }
+    ~Folder() { std::filesystem::remove_all(path); }
+};
+
+void Save(const std::string& path, const Bytes& bytes)
+{
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<long>(bytes.size()));
+}
+
+RegKey Key(std::uint8_t station, std::uint16_t area, std::uint8_t layout, std::uint32_t addr, std::uint16_t width,
+           std::uint32_t subaddr = 0, std::uint32_t flag = 0)
+{
+    return {flag, 0, 1, station, layout, area, width, addr, subaddr};
+}
+
+// A sound database: five groups in chain order, records created in another order, every map file complete.
+voq::Snapshot SoundDatabase()
+{
+    const std::vector<RegKey> keys = {Key(1, 4, 0x22, 0, 1),      Key(1, 4, 0x22, 0, 2),
+                                      Key(1, 4, 0x22, 7, 10),     Key(1, 0, 0x00, 3, 16),
+                                      Key(1, 4, 0x22, 5, 2, 0x9), Key(1, 4, 0x22, 9, 2, 0x70009),
+                                      Key(2, 3, 0x24, 1, 3),      Key(1, 4, 0x22, 1, 1, 0, 0x10200)};
+    const std::vector<std::uint32_t> created = {3, 0, 5, 1, 2, 7, 6, 4};  // of each key, in chain order
+    const auto offsetOf = [&](std::size_t i) { return 12 + 56 * created[i]; };
+    voq::Snapshot db;
+    PutRecord(db.org.bytes, 0, OrgHeader{8, offsetOf(0), offsetOf(7)});
+    std::vector<IndexItem> index;
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        OrgNode node = {};
+        node.key = keys[i];
+        for (std::size_t j = 0; j < keys.size(); ++j)
+            node.dataoffset += created[j] < created[i] ? GetRegBuffLen(&keys[j]) : 0;
+        node.prev = i == 0 ? 0 : offsetOf(i - 1);
+        node.next = i == 7 ? 0 : offsetOf(i + 1);
+        PutRecord(db.org.bytes, offsetOf(i), node);
+        db.dataSize += GetRegBuffLen(&keys[i]);
+        if (i == 0 || !SameGroup(keys[i - 1], keys[i])) {
+            index.push_back({keys[i].plcno, keys[i].regid, SubaddrLow(keys[i]), keys[i].layout,
+                             static_cast<std::uint8_t>(GroupFlag(keys[i])), offsetOf(i), 0});
+        }
+        char name[MapNameBytes];
+        MapFileName(index.back(), name, sizeof name);
+        Bytes& map = db.maps[name].emplace(db.maps[name].value_or(Bytes{}));
+        PutRecord(map, 12 * index.back().mapcount++,
+                  MapItem{keys[i].addr, keys[i].width, SubaddrHigh(keys[i]), offsetOf(i)});
+    }
+    for (std::size_t i = 0; i < index.size(); ++i) PutRecord(db.index, 16 * i, index[i]);
+    return db;
+}
+
+void SaveDatabase(const voq::Snapshot& db, const voq::PortDir& port)
+{
+    Save(port.Org(), db.org.bytes);
+    Save(port.Index(), db.index);
+    Save(port.Data(), Bytes(db.dataSize, 0x5A));
+    for (const auto& [name, bytes] : db.maps) Save(port.Dir() + name, *bytes);
+}
+
+bool Broken(const voq::Snapshot& db)
+{
+    return voq::HasViolation(voq::CheckSnapshot(db));
+}
+
+std::string Findings(const voq::Snapshot& db)
+{
+    std::string text;
+    for (const auto& f : voq::CheckSnapshot(db)) text += f.file + " " + std::to_string(f.offset) + ": " + f.text + "\n";
+    return text;
+}
+
+TEST(Check, EveryStructuralBitIsGuardedAndNoOtherIs)
+{
+    voq::Snapshot db = SoundDatabase();
+    ASSERT_TRUE(voq::CheckSnapshot(db).empty()) << Findings(db);
+    const auto flipAll = [&](Bytes& bytes, const char* file, auto structural) {
+        for (std::size_t bit = 0; bit < bytes.size() * 8; ++bit) {
+            bytes[bit / 8] ^= static_cast<std::uint8_t>(1u << bit % 8);
+            EXPECT_EQ(Broken(db), structural(bit)) << file << " byte " << bit / 8 << " bit " << bit % 8;
+            bytes[bit / 8] ^= static_cast<std::uint8_t>(1u << bit % 8);
+        }
+    };
+    flipAll(db.org.bytes, "org", [](std::size_t bit) {
+        if (bit < 12 * 8) return true;
+        const std::size_t at = (bit - 12 * 8) % (56 * 8), byte = at / 8;
+        // The group bit of the flag; station to subaddr; dataoffset, prev, next.
+        return at == 9 || (byte >= 10 && byte < 24) || byte >= 44;
+    });
+    flipAll(db.index, "index", [](std::size_t) { return true; });
+    for (auto& [name, bytes] : db.maps) flipAll(*bytes, name.c_str(), [](std::size_t) { return true; });
+}
+
+TEST(Check, SaysWhatIsBrokenAndWhere)
+{
+    const voq::Snapshot sound = SoundDatabase();
+    const auto after = [&](auto damage) {
+        voq::Snapshot db = sound;
+        damage(db);
+        return Findings(db) + (Broken(db) ? "broken" : "sound");
+    };
+    EXPECT_HAS(after([](auto& db) { db.org.bytes.resize(11); }), "org 0: shorter than its header: 11 bytes\nbroken");
+    EXPECT_HAS(after([](auto& db) { db.org.bytes.resize(12 + 8 * 56 + 5); }),
+               "org 460: a record is cut off after 5 bytes");
+    // The tail's next (record 268) leads back to the head (record 180).
+    EXPECT_HAS(after([](auto& db) { PutRecord(db.org.bytes, 236 + 52, std::uint32_t{180}); }),
+               "org 288: the chain comes back to record 180");
+    EXPECT_HAS(after([](auto& db) { db.index.resize(64); }), "the group is not in the index");
+    EXPECT_HAS(after([](auto& db) { db.index.insert(db.index.end(), db.index.begin(), db.index.begin() + 16); }),
+               "index 80: a second entry for the group");
+    EXPECT_HAS(after([](auto& db) { --db.dataSize; }), "the data file at");
+    EXPECT_HAS(after([](auto& db) { PutRecord(db.org.bytes, 12 + 44, std::uint32_t{1}); }), "overlaps that of record");
+    EXPECT_HAS(after([](auto& db) { db.maps["im1_4_22_0"].reset(); }), "mapcount is 3, there is no file im1_4_22_0");
+    // What the service leaves behind in sound operation: a map not made yet, a map that misses a record.
+    EXPECT_HAS(after([](auto& db) {
+                   db.maps["im1_4_22_0"].reset();
+                   PutRecord(db.index, 12, std::uint32_t{0});
+               }),
+               "no map file im1_4_22_0 yet\nsound");
+    EXPECT_HAS(after([](auto& db) {
+                   db.maps["im1_4_22_0"]->resize(24);
+                   PutRecord(db.index, 12, std::uint32_t{2});
+               }),
+               "lists 2 of the group's 3 records\nsound");
+    EXPECT_HAS(after([](auto& db) { db.index.push_back(1), ++db.dataSize; }), "sound");
+}
+
+TEST(Check, SurvivesRuinedFiles)
+{
+    std::mt19937 random(7);
+    const voq::Snapshot sound = SoundDatabase();
+    Folder folder;
+    for (int round = 0; round < 3000; ++round) {
+        voq::Snapshot db = sound;
+        for (unsigned n = 1 + random() % 40; n-- > 0;) {
+            Bytes& bytes = random() % 2 == 0 ? db.org.bytes : random() % 2 == 0 ? db.index : *db.maps["im1_4_22_0"];
+            const std::uint32_t offsets[] = {0, 12, 68, 180, 0xFFFFFFFF, static_cast<std::uint32_t>(random())};
+            if (!bytes.empty()) PutRecord(bytes, random() % bytes.size() & ~3u, offsets[random() % 6]);
+            if (random() % 8 == 0) bytes.resize(random() % (bytes.size() + 1));
+        }
+        EXPECT_LE(voq::CheckSnapshot(db).size(), voq::MaxFindings + voq::MaxNotes);
+        if (round % 100 != 0) continue;
+        SaveDatabase(db, folder.port);
+        testing::internal::CaptureStdout();
+        Dump(folder.options, true);
+        EXPECT_HAS(testing::internal::GetCapturedStdout(), "index: ");
+    }
+}
+
+TEST(Database, FindsAndReadsRangesInFiles)
+{
+    Folder folder;
+    voq::Snapshot db = SoundDatabase();
+    db.maps["im1_4_22_0"]->resize(12);  // the rest of this group is found along the chain
+    PutRecord(db.index, 12, std::uint32_t{1});
+    SaveDatabase(db, folder.port);
+    EXPECT_EQ(voq::FindRange(folder.port, Key(1, 4, 0x22, 0, 1)), 180u);
+    EXPECT_EQ(voq::FindRange(folder.port, Key(1, 4, 0x22, 7, 10)), 292u);
+    EXPECT_EQ(voq::FindRange(folder.port, Key(1, 4, 0x22, 7, 9)), 0u);
+    EXPECT_EQ(voq::FindRange(folder.port, Key(9, 4, 0x22, 7, 9)), 0u);
+    const auto reading = voq::ReadRange(folder.port, Key(2, 3, 0x24, 1, 3), 12 + 56 * 6);
+    ASSERT_TRUE(reading);
+    EXPECT_EQ(reading->value, Bytes(12, 0x5A));
+    EXPECT_FALSE(voq::ReadRange(folder.port, Key(2, 3, 0x24, 1, 3), 12));
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(Check(folder.options, false), ExitOk);
+    EXPECT_EQ(Dump(folder.options, false), ExitOk);
+    const std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_HAS(text, "8 record(s), 5 group(s)");
+    EXPECT_HAS(text, "p1:s2:a3:u32@1*3");
+    std::filesystem::resize_file(folder.port.Data(), 10);
+    EXPECT_EQ(Check(folder.options, true), ExitNegative);
+    std::filesystem::resize_file(folder.port.Org(), voq::MaxFileBytes + 1);
+    EXPECT_HAS(ErrorOf([&] { Check(folder.options, true); }), "67108865 bytes");
+}
+
+TEST(Files, ReadersWaitForTheWriter)
+{
+    Folder folder;
+    Save(folder.port.Org(), Bytes(3, 1));
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t writer = fork();
+    if (writer == 0) {
+        const int fd = open(folder.port.Org().c_str(), O_RDWR);
+        struct flock lock = {};
+        lock.l_type = F_WRLCK;
+        const bool fine = fcntl(fd, F_SETLKW, &lock) == 0 && write(ready[1], "x", 1) == 1;
+        usleep(150000);
+        _exit(fine && pwrite(fd, "\2\2\2\2", 4, 0) == 4 ? 0 : 1);
+    }
+    char byte;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    EXPECT_EQ(voq::ReadLocked(folder.port.Org()), Bytes(4, 2));
+    int status = 1;
+    waitpid(writer, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(voq::ReadLocked(folder.path + "/none"));
+    EXPECT_HAS(ErrorOf([&] { voq::ReadLocked(folder.path); }), "not a regular file");
+}
+
+TEST(Files, NumbersAndResults)
+{
+    Folder folder;
+    Save(folder.port.Result(60001), Bytes(39));
+    Save(folder.port.RtData(60002), Bytes(1));
+    voq::FileNumbers numbers(folder.port, {60000, 60003});
+    const unsigned sum = numbers.Next() + unsigned{numbers.Next()};
+    EXPECT_EQ(sum, 60000u + 60003u);
+    EXPECT_HAS(ErrorOf([&] { numbers.Next(); }), "no request number from 60000 to 60003");
+    EXPECT_FALSE(voq::ReadResult(folder.port, 60001));
+    EXPECT_FALSE(voq::WaitResult(folder.port, 60000, std::chrono::milliseconds(20)));
+    Bytes file(42, 9);
+    file[26] = 1;
+    Save(folder.port.Result(60001), file);
+    const auto result = voq::WaitResult(folder.port, 60001, std::chrono::milliseconds(20));
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->item.result, 1);
+    EXPECT_EQ(result->value, Bytes(2, 9));
+}
+
+TEST(Frame, BytesAreExact)
+{
+    const RegKey key = {0x00010100, 0x44332211, 0x0102, 7, 0x22, 0x0304, 2, 0x0A0B0C0D, 0x11121314};
+    const Bytes head = {0xFE, 35,   0,    0x00, 0x01, 0x01, 0x00, 0x11, 0x22, 0x33, 0x44, 0x02, 0x01, 7,
+                        0x22, 0x04, 0x03, 2,    0,    0x0D, 0x0C, 0x0B, 0x0A, 0x14, 0x13, 0x12, 0x11};
+    const auto expected = [&](std::uint8_t length, Bytes tail) {
+        Bytes frame = head;
+        frame[1] = length;
+        frame.insert(frame.end(), tail.begin(), tail.end());
+        return frame;
+    };
+    EXPECT_EQ(voq::LogOnFrame(key, 50001), expected(35, {1, 0, 0x51, 0xC3, 0, 0, 0, 0}));
+    EXPECT_EQ(voq::LogOffFrame(key, 50001, 0x44), expected(35, {2, 0, 0x51, 0xC3, 0x44, 0, 0, 0}));
+    EXPECT_EQ(voq::ReadFrame(key, 1), expected(35, {3, 0, 1, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(voq::WriteFrame(key, 1, Bytes{1, 2, 3, 4}), expected(39, {7, 0, 1, 0, 0, 0, 0, 0, 1, 2, 3, 4}));
+    EXPECT_EQ(voq::ReadChangeWriteFrame(key, 0x80, 1, Bytes{5, 6}),
+              expected(41, {6, 0x80, 1, 0, 0, 0, 0, 0, 2, 0, 0, 0, 5, 6}));
+    EXPECT_HAS(ErrorOf([&] { voq::WriteFrame(key, 1, Bytes(5)); }), "5 bytes for a range of 4");
+    EXPECT_HAS(ErrorOf([&] { voq::ReadChangeWriteFrame(key, 0, 1, Bytes(65497)); }), "65536 bytes");
+}
+
+TEST(Frame, GoesIntoFifosOnlyAndWhole)
+{
+    Folder folder;
+    const std::string fifo = folder.port.MekFifo();
+    EXPECT_THROW(voq::SendFrame(fifo, Bytes(35)), voq::ServiceNotRunning);
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_THROW(voq::SendFrame(fifo, Bytes(35)), voq::ServiceNotRunning);
+    EXPECT_FALSE(voq::FifoHasReader(fifo));
+    Save(folder.port.GuiFifo(), {});
+    EXPECT_HAS(ErrorOf([&] { voq::SendFrame(folder.port.GuiFifo(), Bytes(35)); }), "not a FIFO");
+    EXPECT_EQ(std::filesystem::file_size(folder.port.GuiFifo()), 0u);
+    const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    EXPECT_TRUE(voq::FifoHasReader(fifo));
+    EXPECT_HAS(ErrorOf([&] { voq::SendFrame(fifo, Bytes(4097)); }), "the limit is 4096");
+    // A frame larger than the pipe arrives whole while somebody reads.
+    Bytes frame(65000), got;
+    for (std::size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<std::uint8_t>(i % 251);
+    std::thread writer([&] {
+        for (int i = 0; i < 2; ++i) voq::SendFrame(fifo, frame, voq::Writers::OnlyThis);
+    });
+    for (int wait = 0; got.size() < 2 * frame.size() && wait < 5000; ++wait) {
+        Bytes part(1000);
+        const ssize_t n = read(reader, part.data(), part.size());
+        if (n <= 0) usleep(1000);
+        if (n > 0) got.insert(got.end(), part.begin(), part.begin() + n);
+    }
+    writer.join();
+    close(reader);
+    frame.insert(frame.end(), frame.begin(), frame.end());
+    EXPECT_EQ(got, frame);
+}
+
+TEST(Expression, ParsesAndRefuses)
+{
+    const struct {
+        const char* text;
+        RegKey key;
+    } good[] = {
+        {"s1:a4:u16@100*10", {0, 0, 5, 1, 0x22, 4, 10, 100, 0}},
+        {"station=1,area=4,type=u16,addr=100,count=10", {0, 0, 5, 1, 0x22, 4, 10, 100, 0}},
+        {"p1:s2:a0:bit@0x10,priority=each", {0, 0, 1, 2, 0x00, 0, 1, 16, 0}},
+        {"s255:a65535:raw:5@4294967295,unit=1,big_endian,bcd,priority=10,flag=0x800200",
+         {0x8A8300, 0, 5, 255, 0x15, 65535, 1, 4294967295u, 0}},
+        {"s1:a4:float@2,subaddr=0x10002,convpara=7,big_endian=true", {0x100, 7, 5, 1, 0x24, 4, 1, 2, 0x10002}},
+        {"s1:a4:raw:1@2", {0, 0, 5, 1, 0x11, 4, 1, 2, 0}},
+    };
+    for (const auto& each : good) {
+        const voq::Register reg = voq::ParseExpression(each.text, 5);
+        EXPECT_EQ(std::memcmp(&reg.key, &each.key, sizeof(RegKey)), 0) << each.text << " -> " << voq::Expression(reg);
+        const voq::Register again = voq::ParseExpression(voq::Expression(reg), std::nullopt);
+        EXPECT_EQ(std::memcmp(&again.key, &each.key, sizeof(RegKey)), 0) << voq::Expression(reg);
+    }
+    const char* bad[][2] = {
+        {"s1:a4:u17@1", "\"u17\" is none of"},       {"s1:a4@1", "type: \"a4\""},
+        {"a4:u16@1", "station is missing"},          {"s1:a4:u16@", "addr: \"\" is not a number"},
+        {"s256:a4:u16@1", "station 256 is not"},     {"s1:a4:u16@4294967296", "addr: \"4294967296\""},
+        {"s1:a4:u16@1*0", "count 0 is not within"},  {"s1:a4:u16@1*2*3", "not an address with a count"},
+        {"s1:a4:u16@1,unit=16", "unit 16"},          {"s1:a4:raw:16@1", "raw:16"},
+        {"s1:a4:u16@1,priority=2", "priority 2"},    {"s1:a4:u16@1,flag=0x10000,priority=1", "priority bits"},
+        {"s1:a4:double@1*8225", "65800 bytes"},      {"station=1,colour=3", "unknown key \"colour\""},
+        {"s1:a4:u16@1,huh", "\"huh\" is not a key"},
+    };
+    for (const auto& each : bad) EXPECT_HAS(ErrorOf([&] { voq::ParseExpression(each[0], 5); }), each[1]);
+}
+
+TEST(Value, IsDecodedByTypeAndFlag)
+{
+    const Bytes bytes = {0x12, 0x34, 0xC0, 0x49, 0x0F, 0xDB, 0xFF, 0xFE};
+    const auto text = [&](const char* expression, std::size_t from, std::size_t limit = 9) {
+        return voq::ValueText(voq::ParseExpression(expression, 1), std::span(bytes).subspan(from), limit);
+    };
+    EXPECT_EQ(text("s1:a1:u16@0,big_endian", 0), "4660 49225 4059 65534");
+    EXPECT_EQ(text("s1:a1:s16@0", 6), "-257");
+    EXPECT_EQ(text("s1:a1:s16@0,big_endian", 6), "-2");
+    EXPECT_EQ(text("s1:a1:u16@0,big_endian,bcd", 0, 1), "1234 ...");
+    EXPECT_EQ(text("s1:a1:u16@0,bcd", 2, 1), "0x49c0(no bcd) ...");
+    EXPECT_EQ(text("s1:a1:float@0,big_endian", 2), "-3.14159274");
+    EXPECT_EQ(text("s1:a1:raw:3@0", 0), "1234c0 490fdb");
+    EXPECT_EQ(text("s1:a1:bit@0", 6), "255 254");
+}
+
+TEST(Project, PlacesAndRoundTrip)
+{
+    const ProjectText demo = LoadProjectToml(VOQ_EXAMPLE);
+    const Bytes file = voq::BuildProject(demo.project);
+    const auto u32 = [&](std::size_t at) { return voq::RecordAt<std::uint32_t>(file, at).value(); };
+    const std::size_t comm = u32(u32(20) + 32), record = comm + u32(comm + 4);
+    EXPECT_EQ(u32(comm), 1u);
+    EXPECT_EQ(voq::Hex(std::span(file).subspan(record, 60)),
+              "00000000"
+              "02000000"
+              "0100"
+              "0000"
+              "0000"
+              "00"
+              "00"
+              "0100007f"
+              "00"
+              "00"
+              "ac3a2c01000000000000000000"
+              "00"
+              "0000"
+              "4000"
+              "8000"
+              "0a"
+              "10"
+              "05"
+              "000000000000000000000000000000");
+    const std::size_t table = u32(u32(u32(20) + 40)), last = table + u32(table + 4 + 4 * (6 + 5));
+    EXPECT_EQ(u32(table), 6u);
+    EXPECT_EQ(voq::Hex(std::span(file).subspan(last, 24)),
+              "00000000"
+              "00000000"
+              "0100"
+              "01"
+              "00"
+              "0100"
+              "1000"
+              "00000000"
+              "00000000");
+
+    // What no named key says must come through as well: an unknown link, reserved bytes, foreign flags.
+    voq::Project wild = demo.project;
+    wild.byteOrder = 0xABCD;
+    ComInfoRecord port;
+    std::memset(&port, 0x97, sizeof port);
+    wild.ports.push_back(port);
+    ComInfoRecord serial = {};
+    serial.portNo = 3;
+    serial.parity = 2;
+    serial.flags = PLC_TIMEOUT << 17;
+    wild.ports.push_back(serial);
+    wild.registers.push_back({0xFFFFFFFF, 0x12345678, 3, 255, 0xF3, 65535, 20000, 0xFFFFFFFF, 0xFFFFFFFF});
+    wild.registers.push_back({0x0003FF00, 0, REG_PORT_LOCAL, 0, 0x08, 0, 1, 0, 0});
+    std::size_t skipped = 0;
+    for (const voq::Project& project : {demo.project, wild}) {
+        const std::string text = WriteProjectToml(voq::ParseProject(voq::BuildProject(project)), skipped);
+        EXPECT_EQ(voq::BuildProject(ParseProjectToml(text, "t").project), voq::BuildProject(project)) << text;
+        EXPECT_EQ(skipped, 0u);
+    }
+    wild.registers.push_back(Key(1, 1, 0x22, 0, 0));
+    WriteProjectToml(wild, skipped);
+    EXPECT_EQ(skipped, 1u);
+
+    for (std::size_t size = 0; size < file.size(); ++size) {
+        EXPECT_NE(ErrorOf([&] { voq::ParseProject(std::span(file).first(size)); }), "(no error)") << size;
+    }
+    const std::size_t places[] = {20,       u32(20),   u32(20) + 32, u32(20) + 40, comm,
+                                  comm + 4, table - 4, table,        table + 28};
+    for (const std::size_t place : places) {
+        for (const std::uint32_t value :
+             {0xFFFFFFFFu, 0xFFFFFFFEu, 0x7FFFFFFFu, static_cast<std::uint32_t>(file.size() - 1)}) {
+            Bytes damaged = file;
+            PutRecord(damaged, place, value);
+            EXPECT_HAS(ErrorOf([&] { voq::ParseProject(damaged); }), "offset ") << place << " " << value;
+        }
+    }
+}
+
+TEST(Project, ErrorsNameFileAndLine)
+{
+    const std::string port = "[[port]]\nlink = \"can\"\nnumber = 1\n",
+                      reg = port + "[[register]]\nstation = 1\narea = 1\n";
+    const std::string whole = reg + "address = 1\ntype = \"u16\"\nname = \"a\"\n";
+    const std::pair<std::string, const char*> bad[] = {
+        {"x = = 1", "t:1: "},
+        {port + "\ncolour = 1", "t:5: unknown key \"colour\""},
+        {"byte_order = 65536", "t:1: byte_order 65536 is not within 0 to 65535"},
+        {"[port]", "t:1: port must be written as [[port]]"},
+        {"[[port]]\nnumber = 1", "t:1: link is missing"},
+        {"[[port]]\nlink = \"lan\"", "t:2: link: \"lan\" is none of"},
+        {port + "address = \"1.2.3.4\"", "t:4: unknown key \"address\""},
+        {"[[port]]\nlink = \"ethernet\"\nnumber = 1\naddress = \"1.2.3.256\"", "t:4: address: "},
+        {port + "packing = 1", "t:4: packing must be true or false"},
+        {port + port, "t:4: there is a port of this link and number already"},
+        {reg + "count = -1", "t:7: count -1 is not within 1 to 65535"},
+        {reg + "address = \"1\"", "t:7: address must be an integer"},
+        {reg + "port = 2", "t:7: port: no port has the number 2"},
+        {reg + "address = 1", "t:4: type is missing"},
+        {reg + "type = \"u8\"", "t:7: type: \"u8\" is none of"},
+        {reg + "priority = 4", "t:7: priority: 4 is none of"},
+        {reg + "name = \"1a\"", "t:7: name: "},
+        {whole + "[[register]]\nname = \"a\"", "t:11: name: there is a register \"a\" already"},
+        {port + port.substr(0, 22) + "number = 2\n" +
+             "[[register]]\nstation = 1\narea = 1\naddress = 1\ntype = \"bit\"",
+         "t:7: port is missing"},
+    };
+    EXPECT_EQ(ParseProjectToml(whole, "t").Find("a"), 0u);
+    for (const auto& each : bad) {
+        const std::string error = ErrorOf([&] { ParseProjectToml(each.first, "t"); });
+        EXPECT_TRUE(error.starts_with(each.second)) << each.first << "\n" << error;
+    }
+}
+
+// Takes two frames from the FIFO; behind the first it stores what a poll of the range would, in state `state`.
+// Exit status 0 when they were a log-on and its log-off.
+void ServeOneWatch(const voq::PortDir& port, std::uint8_t state)
+{
+    const int fifo = open(port.MekFifo().c_str(), O_RDWR), org = open(port.Org().c_str(), O_RDWR);
+    Bytes frame(70);
+    if (read(fifo, frame.data(), 35) != 35 || frame[27] != 1) _exit(1);
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const Stamp stamp = {static_cast<std::int32_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_nsec / 1000)};
+    if (pwrite(org, &stamp, 8, 180 + 24) != 8 || pwrite(org, &state, 1, 180 + 36) != 1) _exit(2);
+    if (read(fifo, frame.data() + 35, 35) != 35 || frame[62] != 2) _exit(3);
+    frame[62] = 1;
+    _exit(std::equal(frame.begin(), frame.begin() + 35, frame.begin() + 35) ? 0 : 4);
+}
+
+TEST(Watch, ShowsALiveValueAndLogsOff)
+{
+    Folder folder;
+    SaveDatabase(SoundDatabase(), folder.port);
+    ASSERT_EQ(mkfifo(folder.port.MekFifo().c_str(), 0600), 0);
+    for (const std::uint8_t state : {1, 2}) {
+        const pid_t service = fork();
+        if (service == 0) ServeOneWatch(folder.port, state);
+        while (!voq::FifoHasReader(folder.port.MekFifo())) usleep(1000);
+        testing::internal::CaptureStdout();
+        WatchOptions watch;
+        watch.what = {"s1:a4:u16@0"};
+        watch.intervalMs = 10;
+        watch.forSeconds = state == 1 ? 20 : 0.3;
+        watch.count = 1;
+        EXPECT_EQ(Watch(folder.options, watch), state == 1 ? ExitOk : ExitNegative);
+        EXPECT_HAS(testing::internal::GetCapturedStdout(), state == 1 ? "\t23130\n" : "\ttime-out\t");
+        int status = -1;
+        waitpid(service, &status, 0);
+        EXPECT_EQ(status, 0);
+    }
+    WatchOptions unknown;
+    unknown.what = {"level"};
+    EXPECT_THROW(Watch(folder.options, unknown), UsageError);
+    unknown.what = {"p2:s1:a4:u16@0"};
+    EXPECT_THROW(Watch(folder.options, unknown), UsageError);
+}
+
+}  // namespace

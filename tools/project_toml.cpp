@@ -1,0 +1,502 @@
+// Reads and writes project descriptions. Main thread; never writes files.
+#include "tools/project_toml.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <map>
+#include <set>
+#include <sstream>
+#include <toml.hpp>
+
+#include "client/error.h"
+#include "client/value_text.h"
+#include "voq/reg_range.h"
+
+using voq::Bytes;
+using voq::Error;
+
+namespace
+{
+
+constexpr std::uint32_t PackingBits = 3u << 17;
+constexpr std::uint32_t PackingOff = 1u << 17;
+constexpr std::uint32_t PriorityBits = REG_FLAG_PRIORITY_MASK << REG_FLAG_PRIORITY_SHIFT;
+constexpr const char* ParityNames[] = {"none", "odd", "even"};
+constexpr const char* LinkNames[] = {"serial", "can", "ethernet"};  // in the order of the link type's values
+constexpr const char* ModeNames[] = {"master", "slave"};
+
+[[noreturn]] void Fail(const std::string& file, const toml::value& at, const std::string& text)
+{
+    throw Error(file + ":" + std::to_string(at.location().line()) + ": " + text);
+}
+
+// One table of the file. Takes its keys one by one; Finish refuses those that nobody took.
+class Table
+{
+public:
+    Table(const toml::value& value, const std::string& file, const char* what) : value_(value), file_(file)
+    {
+        if (!value.is_table()) Fail(file, value, std::string(what) + " must be a table");
+    }
+
+    const toml::value* Take(const char* key)
+    {
+        taken_.insert(key);
+        const auto& table = value_.as_table();
+        const auto found = table.find(key);
+        return found == table.end() ? nullptr : &found->second;
+    }
+
+    std::optional<std::uint32_t> Number(const char* key, std::uint32_t low, std::uint32_t high)
+    {
+        const toml::value* value = Take(key);
+        if (value == nullptr) return std::nullopt;
+        if (!value->is_integer()) Fail(file_, *value, std::string(key) + " must be an integer");
+        const std::int64_t number = value->as_integer();
+        if (number < low || number > high) {
+            Fail(file_, *value,
+                 std::string(key) + " " + std::to_string(number) + " is not within " + std::to_string(low) + " to " +
+                     std::to_string(high));
+        }
+        return static_cast<std::uint32_t>(number);
+    }
+
+    std::optional<std::string> Text(const char* key)
+    {
+        const toml::value* value = Take(key);
+        if (value == nullptr) return std::nullopt;
+        if (!value->is_string()) Fail(file_, *value, std::string(key) + " must be a string");
+        return value->as_string().str;
+    }
+
+    std::optional<bool> Bool(const char* key)
+    {
+        const toml::value* value = Take(key);
+        if (value == nullptr) return std::nullopt;
+        if (!value->is_boolean()) Fail(file_, *value, std::string(key) + " must be true or false");
+        return value->as_boolean();
+    }
+
+    // The place of a string key's value in a list of names.
+    template <std::size_t N>
+    std::optional<std::uint8_t> Choice(const char* key, const char* const (&names)[N])
+    {
+        const auto text = Text(key);
+        if (!text) return std::nullopt;
+        std::string all;
+        for (std::size_t i = 0; i < N; ++i) {
+            if (*text == names[i]) return static_cast<std::uint8_t>(i);
+            all += (i == 0 ? "" : ", ") + std::string(names[i]);
+        }
+        FailAt(key, "\"" + *text + "\" is none of " + all);
+    }
+
+    [[noreturn]] void FailAt(const char* key, const std::string& text)
+    {
+        const toml::value* value = Take(key);
+        Fail(file_, value == nullptr ? value_ : *value, std::string(key) + ": " + text);
+    }
+    [[noreturn]] void FailHere(const std::string& text) const { Fail(file_, value_, text); }
+
+    void Finish() const
+    {
+        std::map<std::size_t, std::string> unknown;  // by line: the first one is reported
+        for (const auto& [key, value] : value_.as_table()) {
+            if (!taken_.contains(key)) unknown.emplace(value.location().line(), key);
+        }
+        if (unknown.empty()) return;
+        throw Error(file_ + ":" + std::to_string(unknown.begin()->first) + ": unknown key \"" +
+                    unknown.begin()->second + "\"");
+    }
+
+private:
+    const toml::value& value_;
+    const std::string& file_;
+    std::set<std::string> taken_;
+};
+
+// The elements of an array of tables; none when the key is absent.
+std::vector<const toml::value*> Tables(Table& root, const std::string& file, const char* key)
+{
+    std::vector<const toml::value*> tables;
+    const toml::value* value = root.Take(key);
+    if (value == nullptr) return tables;
+    if (!value->is_array()) Fail(file, *value, std::string(key) + " must be written as [[" + key + "]]");
+    for (const toml::value& element : value->as_array()) tables.push_back(&element);
+    return tables;
+}
+
+std::optional<std::uint32_t> ParseAddress(const std::string& text)
+{
+    unsigned a = 0, b = 0, c = 0, d = 0;
+    char rest = 0;
+    if (text.empty() || text.find_first_not_of("0123456789.") != std::string::npos || text.size() > 15)
+        return std::nullopt;
+    if (std::sscanf(text.c_str(), "%3u.%3u.%3u.%3u%c", &a, &b, &c, &d, &rest) != 4) return std::nullopt;
+    if (a > 255 || b > 255 || c > 255 || d > 255) return std::nullopt;
+    return a << 24 | b << 16 | c << 8 | d;
+}
+
+std::string AddressText(std::uint32_t address)
+{
+    return std::to_string(address >> 24) + "." + std::to_string(address >> 16 & 0xFF) + "." +
+           std::to_string(address >> 8 & 0xFF) + "." + std::to_string(address & 0xFF);
+}
+
+// The record's bytes as they lie, for what the named keys cannot say.
+ComInfoRecord ParseRecord(Table& table, const std::string& text)
+{
+    Bytes bytes(sizeof(ComInfoRecord));
+    if (text.size() != 2 * bytes.size() || text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+        table.FailAt("record", "must be " + std::to_string(2 * bytes.size()) + " hexadecimal digits");
+    }
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        bytes[i] = static_cast<std::uint8_t>(std::stoul(text.substr(2 * i, 2), nullptr, 16));
+    }
+    return *voq::RecordAt<ComInfoRecord>(bytes, 0);
+}
+
+ComInfoRecord DefaultPort(std::uint8_t link)
+{
+    ComInfoRecord port = {};
+    port.linkType = link;
+    port.wordLimit = 64;
+    port.bitLimit = 128;
+    port.pause = 5;
+    if (link != LINK_SERIAL) return port;
+    port.dataBits = 8;
+    port.stopBits = 1;
+    port.baudOrAddress = 9600;
+    return port;
+}
+
+std::uint16_t ParaWord(const ComInfoRecord& port, std::size_t offset)
+{
+    return static_cast<std::uint16_t>(port.driverPara[offset] | port.driverPara[offset + 1] << 8);
+}
+
+void SetParaWord(ComInfoRecord& port, std::size_t offset, std::uint32_t value)
+{
+    port.driverPara[offset] = static_cast<std::uint8_t>(value);
+    port.driverPara[offset + 1] = static_cast<std::uint8_t>(value >> 8);
+}
+
+template <typename Field>
+void Store(Field& field, std::optional<std::uint32_t> value)
+{
+    if (value) field = static_cast<Field>(*value);
+}
+
+// A link's own limits; other links keep these bytes for purposes of their own.
+constexpr std::uint32_t DataBitsLow(std::uint8_t link)
+{
+    return link == LINK_SERIAL ? 7 : 0;
+}
+constexpr std::uint32_t DataBitsHigh(std::uint8_t link)
+{
+    return link == LINK_SERIAL ? 8 : 255;
+}
+constexpr std::uint32_t StopBitsLow(std::uint8_t link)
+{
+    return link == LINK_SERIAL ? 1 : 0;
+}
+constexpr std::uint32_t StopBitsHigh(std::uint8_t link)
+{
+    return link == LINK_SERIAL ? 2 : 255;
+}
+
+void ReadLine(Table& table, ComInfoRecord& port)
+{
+    Store(port.lineMode, table.Number("line_mode", 0, 2));
+    Store(port.dataBits, table.Number("data_bits", DataBitsLow(port.linkType), DataBitsHigh(port.linkType)));
+    Store(port.stopBits, table.Number("stop_bits", StopBitsLow(port.linkType), StopBitsHigh(port.linkType)));
+    if (const auto parity = table.Choice("parity", ParityNames)) port.parity = *parity;
+    if (port.linkType != LINK_ETHERNET) {
+        Store(port.baudOrAddress, table.Number("baud", 0, 0xFFFFFFFF));
+        return;
+    }
+    if (const auto text = table.Text("address")) {
+        const auto address = ParseAddress(*text);
+        if (!address) table.FailAt("address", "\"" + *text + "\" is not an IPv4 address");
+        port.baudOrAddress = *address;
+    }
+    if (const auto value = table.Number("tcp_port", 0, 0xFFFF)) SetParaWord(port, 0, *value);
+}
+
+ComInfoRecord ReadPort(const toml::value& value, const std::string& file)
+{
+    Table table(value, file, "port");
+    const auto record = table.Text("record");
+    const auto link = table.Choice("link", LinkNames);
+    if (!link && !record) table.FailHere("link is missing");
+    ComInfoRecord port = record ? ParseRecord(table, *record) : DefaultPort(link.value_or(LINK_SERIAL));
+    Store(port.linkType, link);
+
+    const auto number = table.Number("number", 0, 0xFFFF);
+    if (!number && !record) table.FailHere("number is missing");
+    Store(port.portNo, number);
+    ReadLine(table, port);
+    if (const auto ms = table.Number("response_timeout_ms", 0, 0xFFFF)) SetParaWord(port, 2, *ms);
+    if (const auto mode = table.Choice("mode", ModeNames)) port.masterSlaveMode = *mode;
+    Store(port.byteOrder, table.Number("byte_order", 0, 0xFFFF));
+    Store(port.wordLimit, table.Number("word_limit", 0, 0xFFFF));
+    Store(port.bitLimit, table.Number("bit_limit", 0, 0xFFFF));
+    Store(port.wordGap, table.Number("word_gap", 0, 0xFF));
+    Store(port.bitGap, table.Number("bit_gap", 0, 0xFF));
+    Store(port.pause, table.Number("pause_ms", 0, 0xFF));
+    Store(port.slaveNo, table.Number("slave_no", 0, 0xFFFF));
+    if (const auto packing = table.Bool("packing")) {
+        port.flags = (port.flags & ~PackingBits) | (*packing ? 0 : PackingOff);
+    }
+    table.Finish();
+    return port;
+}
+
+bool ValidName(const std::string& name)
+{
+    const auto letter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; };
+    const auto inner = [&](char c) { return letter(c) || (c >= '0' && c <= '9') || c == '.' || c == '-'; };
+    return !name.empty() && letter(name[0]) && std::all_of(name.begin(), name.end(), inner);
+}
+
+voq::RegisterFields ReadFields(Table& table)
+{
+    voq::RegisterFields fields;
+    fields.port = table.Number("port", 0, 0xFFFF);
+    fields.station = table.Number("station", 0, 0xFF);
+    fields.area = table.Number("area", 0, 0xFFFF);
+    fields.addr = table.Number("address", 0, 0xFFFFFFFF);
+    fields.count = table.Number("count", 1, 0xFFFF).value_or(1);
+    fields.unit = table.Number("unit", 0, 15);
+    fields.subaddr = table.Number("subaddr", 0, 0xFFFFFFFF).value_or(0);
+    fields.flag = table.Number("flag", 0, 0xFFFFFFFF).value_or(0);
+    fields.convpara = table.Number("convpara", 0, 0xFFFFFFFF).value_or(0);
+    fields.bigEndian = table.Bool("big_endian").value_or(false);
+    fields.bcd = table.Bool("bcd").value_or(false);
+    const toml::value* priority = table.Take("priority");
+    if (priority != nullptr && priority->is_string()) {
+        if (table.Text("priority") != "each") table.FailAt("priority", "must be \"each\", 0, 1, 3 or 10");
+        fields.priority = 0;
+    } else {
+        fields.priority = table.Number("priority", 0, REG_FLAG_PRIORITY_MASK);
+        if (fields.priority && !voq::ValidPriority(*fields.priority)) {
+            table.FailAt("priority", std::to_string(*fields.priority) + " is none of 0 (each), 1, 3, 10");
+        }
+    }
+    if (const auto type = table.Text("type")) {
+        fields.type = voq::TypeFromName(*type);
+        if (!fields.type) {
+            table.FailAt("type",
+                         "\"" + *type + "\" is none of bit, u16, s16, u32, s32, float, double, raw:1 to raw:15");
+        }
+    }
+    return fields;
+}
+
+bool KnownPort(const std::vector<ComInfoRecord>& ports, std::uint32_t number)
+{
+    const auto matches = [&](const ComInfoRecord& port) { return port.portNo == number; };
+    return number == REG_PORT_LOCAL || std::any_of(ports.begin(), ports.end(), matches);
+}
+
+void ReadRegister(const toml::value& value, const std::string& file, ProjectText& text)
+{
+    Table table(value, file, "register");
+    const auto name = table.Text("name");
+    if (name && !ValidName(*name)) {
+        table.FailAt("name",
+                     "\"" + *name + "\" must begin with a letter and hold letters, digits, \"_\", \".\", \"-\"");
+    }
+    if (name && text.Find(*name)) table.FailAt("name", "there is a register \"" + *name + "\" already");
+    const voq::RegisterFields fields = ReadFields(table);
+    table.Finish();
+    const auto& ports = text.project.ports;
+    if (fields.port && !KnownPort(ports, *fields.port)) {
+        table.FailAt("port", "no port has the number " + std::to_string(*fields.port));
+    }
+    if (!fields.addr) table.FailHere("address is missing");
+    std::optional<std::uint16_t> only;
+    if (ports.size() == 1) only = ports[0].portNo;
+    voq::Register reg;
+    try {
+        reg = voq::MakeRegister(fields, only);
+    } catch (const Error& error) {
+        table.FailHere(error.what());
+    }
+    text.project.registers.push_back(reg.key);
+    text.names.push_back(name.value_or(""));
+    text.types.push_back(reg.type);
+}
+
+ProjectText ReadProject(const toml::value& value, const std::string& file)
+{
+    ProjectText text;
+    Table root(value, file, "the file");
+    text.project.byteOrder = static_cast<std::uint16_t>(root.Number("byte_order", 0, 0xFFFF).value_or(0));
+    for (const toml::value* port : Tables(root, file, "port")) {
+        const ComInfoRecord record = ReadPort(*port, file);
+        for (const ComInfoRecord& other : text.project.ports) {
+            if (other.portNo == record.portNo && other.linkType == record.linkType) {
+                Fail(file, *port, "there is a port of this link and number already");
+            }
+        }
+        text.project.ports.push_back(record);
+    }
+    for (const toml::value* reg : Tables(root, file, "register")) ReadRegister(*reg, file, text);
+    root.Finish();
+    return text;
+}
+
+// The first line of a parser's message, without its mark.
+std::string FirstLine(const std::string& message)
+{
+    const std::size_t begin = message.starts_with("[error] ") ? 8 : 0;
+    return message.substr(begin, message.find('\n') - begin);
+}
+
+std::string Line(const char* key, std::uint64_t value)
+{
+    return std::string(key) + " = " + std::to_string(value) + "\n";
+}
+
+std::string Line(const char* key, const std::string& value)
+{
+    return std::string(key) + " = \"" + value + "\"\n";
+}
+
+std::string HexLine(const char* key, std::uint32_t value)
+{
+    char text[64];
+    std::snprintf(text, sizeof text, "%s = 0x%x\n", key, value);
+    return text;
+}
+
+// The keys that say what a record holds. A byte that no key can say is left out.
+std::string PortKeys(const ComInfoRecord& port)
+{
+    std::string text = "[[port]]\n";
+    if (port.linkType < std::size(LinkNames)) text += Line("link", std::string(LinkNames[port.linkType]));
+    text += Line("number", port.portNo);
+    if (port.linkType == LINK_ETHERNET) {
+        text += Line("address", AddressText(port.baudOrAddress)) + Line("tcp_port", ParaWord(port, 0));
+    } else {
+        text += Line("baud", port.baudOrAddress);
+    }
+    text += Line("response_timeout_ms", ParaWord(port, 2));
+    const bool serial = port.linkType == LINK_SERIAL;
+    const auto within = [](std::uint32_t value, std::uint32_t low, std::uint32_t high) {
+        return value >= low && value <= high;
+    };
+    if ((serial || port.dataBits != 0) &&
+        within(port.dataBits, DataBitsLow(port.linkType), DataBitsHigh(port.linkType))) {
+        text += Line("data_bits", port.dataBits);
+    }
+    if ((serial || port.parity != 0) && port.parity < 3) text += Line("parity", std::string(ParityNames[port.parity]));
+    if ((serial || port.stopBits != 0) &&
+        within(port.stopBits, StopBitsLow(port.linkType), StopBitsHigh(port.linkType))) {
+        text += Line("stop_bits", port.stopBits);
+    }
+    if ((serial || port.lineMode != 0) && port.lineMode < 3) text += Line("line_mode", port.lineMode);
+    if (port.masterSlaveMode < 2) text += Line("mode", std::string(ModeNames[port.masterSlaveMode]));
+    if (port.slaveNo != 0) text += Line("slave_no", port.slaveNo);
+    text +=
+        HexLine("byte_order", port.byteOrder) + Line("word_limit", port.wordLimit) + Line("bit_limit", port.bitLimit);
+    text += Line("word_gap", port.wordGap) + Line("bit_gap", port.bitGap) + Line("pause_ms", port.pause);
+    const std::uint32_t packing = port.flags & PackingBits;
+    if (packing == 0 || packing == PackingOff) text += packing == 0 ? "packing = true\n" : "packing = false\n";
+    return text;
+}
+
+std::string PortText(const ComInfoRecord& port)
+{
+    std::string text = PortKeys(port);
+    try {
+        const ProjectText again = ParseProjectToml(text, "port");
+        if (std::memcmp(&again.project.ports.at(0), &port, sizeof port) == 0) return text;
+    } catch (const Error&) {
+        // A link that has no name: the record says it.
+    }
+    Bytes bytes;
+    voq::PutRecord(bytes, 0, port);
+    return text + "# The record holds bytes that no key says.\n" + Line("record", voq::Hex(bytes));
+}
+
+std::string RegisterText(const RegKey& key, std::size_t number)
+{
+    const voq::ValueType type = voq::TypeOfSize(RegElemSize(&key));
+    std::string text = "[[register]]\n" + Line("name", "r" + std::to_string(number)) + Line("port", key.portno);
+    text += Line("station", key.plcno) + Line("area", key.regid) + Line("type", voq::TypeName(type));
+    if (RegAddrType(&key) != voq::DefaultUnit(type)) text += Line("unit", RegAddrType(&key));
+    text += Line("address", key.addr) + Line("count", key.width);
+    if (key.subaddr != 0) text += Line("subaddr", key.subaddr);
+    if ((key.flag & REG_FLAG_BIG_ENDIAN) != 0) text += "big_endian = true\n";
+    if ((key.flag & REG_FLAG_BCD) != 0) text += "bcd = true\n";
+    std::uint32_t extra = key.flag & ~(REG_FLAG_BIG_ENDIAN | REG_FLAG_BCD);
+    const std::uint32_t priority = (key.flag & PriorityBits) >> REG_FLAG_PRIORITY_SHIFT;
+    if (voq::ValidPriority(priority)) {
+        if (priority != 0) text += Line("priority", priority);
+        extra &= ~PriorityBits;
+    }
+    if (extra != 0) text += HexLine("flag", extra);
+    if (key.convpara != 0) text += HexLine("convpara", key.convpara);
+    return text;
+}
+
+std::string Commented(const std::string& text)
+{
+    std::string result = "# Not to be built:\n";
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) result += "# " + line + "\n";
+    return result;
+}
+
+}  // namespace
+
+std::optional<std::size_t> ProjectText::Find(std::string_view name) const
+{
+    const auto found = std::find(names.begin(), names.end(), name);
+    if (name.empty() || found == names.end()) return std::nullopt;
+    return static_cast<std::size_t>(found - names.begin());
+}
+
+ProjectText ParseProjectToml(const std::string& text, const std::string& file)
+{
+    try {
+        std::istringstream stream(text);
+        const toml::value root = toml::parse(stream, file);
+        return ReadProject(root, file);
+    } catch (const toml::exception& error) {
+        throw Error(file + ":" + std::to_string(error.location().line()) + ": " + FirstLine(error.what()));
+    } catch (const Error&) {
+        throw;
+    } catch (const std::exception& error) {
+        throw Error(file + ": " + FirstLine(error.what()));
+    }
+}
+
+ProjectText LoadProjectToml(const std::string& file)
+{
+    std::ifstream stream(file, std::ios::binary);
+    std::ostringstream text;
+    if (!stream || !(text << stream.rdbuf())) throw Error(file + ": cannot be read");
+    return ParseProjectToml(text.str(), file);
+}
+
+std::string WriteProjectToml(const voq::Project& project, std::size_t& skipped)
+{
+    std::string text = HexLine("byte_order", project.byteOrder);
+    for (const ComInfoRecord& port : project.ports) text += "\n" + PortText(port);
+    skipped = 0;
+    for (std::size_t i = 0; i < project.registers.size(); ++i) {
+        const RegKey& key = project.registers[i];
+        const bool builds =
+            key.width != 0 && GetRegBuffLen(&key) <= MaxRegionBytes && KnownPort(project.ports, key.portno);
+        const std::string reg = RegisterText(key, i);
+        text += "\n" + (builds ? reg : Commented(reg));
+        if (!builds) ++skipped;
+    }
+    return text;
+}

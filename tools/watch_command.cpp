@@ -1,0 +1,247 @@
+// "voqctl watch": subscribes ranges, shows their values as the service refreshes them, and logs off again, however it
+// ends. Main thread; signals only set a flag. Needs SIGPIPE ignored, so that a closed output still logs off.
+#include <sys/ioctl.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <limits>
+
+#include "client/database.h"
+#include "client/frame.h"
+#include "client/value_text.h"
+#include "tools/commands.h"
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+volatile std::sig_atomic_t Stopped = 0;
+
+extern "C" void StopOnSignal(int)
+{
+    Stopped = 1;
+}
+
+// The first signal ends the loop, a second one of the same kind ends the process.
+void CatchSignals()
+{
+    struct sigaction action = {};
+    action.sa_handler = StopOnSignal;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+}
+
+std::int64_t NowMicroseconds()
+{
+    timeval now = {};
+    gettimeofday(&now, nullptr);
+    return std::int64_t{now.tv_sec} * 1000000 + now.tv_usec;
+}
+
+// What is shown of a range.
+struct Shown {
+    std::string state = "not registered";
+    std::string value = "-";
+    std::int64_t stamp = 0;  // microseconds, 0 for none
+    bool live = false;
+
+    bool Same(const Shown& other) const { return state == other.state && value == other.value && live == other.live; }
+};
+
+struct Watched {
+    std::string name;
+    voq::Register reg;
+    std::uint16_t fileno = 0;
+    std::uint32_t offset = 0;     // of its record, 0 until found
+    std::int64_t loggedOnAt = 0;  // microseconds; 0 while not logged on
+    std::int64_t lastLive = 0;    // stamp of the last live value counted
+    unsigned liveCount = 0;
+    Shown shown;
+    bool printed = false;
+};
+
+std::vector<Watched> ResolveRanges(const Target& target, const std::vector<std::string>& what)
+{
+    std::vector<Watched> ranges;
+    for (const std::string& text : what) {
+        Watched range;
+        range.name = text;
+        const auto found = target.project ? target.project->Find(text) : std::nullopt;
+        if (found) {
+            range.reg = {target.project->project.registers[*found], target.project->types[*found]};
+        } else if (voq::LooksLikeExpression(text)) {
+            try {
+                range.reg = voq::ParseExpression(text, target.port.number);
+            } catch (const voq::Error& error) {
+                throw UsageError(error.what());
+            }
+        } else {
+            throw UsageError(
+                "\"" + text + "\" is no expression and " +
+                (target.project ? "no register of the project" : "there is no --project to look it up in"));
+        }
+        if (range.reg.key.portno != target.port.number) {
+            throw UsageError(text + ": the range is of port " + std::to_string(range.reg.key.portno) +
+                             ", not of port " + std::to_string(target.port.number));
+        }
+        ranges.push_back(range);
+    }
+    return ranges;
+}
+
+// The subscriptions; going out of scope ends those that were made.
+class Subscriptions
+{
+public:
+    Subscriptions(const Target& target, std::vector<Watched>& ranges) : target_(target), ranges_(ranges) {}
+    ~Subscriptions()
+    {
+        for (Watched& range : ranges_) {
+            if (range.loggedOnAt == 0) continue;
+            try {
+                voq::SendFrame(target_.fifo, voq::LogOffFrame(range.reg.key, range.fileno));
+            } catch (const std::exception& error) {
+                std::fprintf(stderr, "voqctl: %s is still logged on: %s\n", range.name.c_str(), error.what());
+            }
+        }
+    }
+    Subscriptions(const Subscriptions&) = delete;
+    Subscriptions& operator=(const Subscriptions&) = delete;
+
+    void LogOn(voq::FileNumberRange numbers)
+    {
+        voq::FileNumbers filenos(target_.port, numbers);
+        for (Watched& range : ranges_) {
+            range.fileno = filenos.Next();
+            const std::int64_t now = NowMicroseconds();
+            voq::SendFrame(target_.fifo, voq::LogOnFrame(range.reg.key, range.fileno));
+            range.loggedOnAt = now;
+        }
+    }
+
+private:
+    const Target& target_;
+    std::vector<Watched>& ranges_;
+};
+
+Shown ReadShown(const voq::PortDir& port, Watched& range)
+{
+    Shown shown;
+    if (range.offset == 0) range.offset = voq::FindRange(port, range.reg.key);
+    if (range.offset == 0) return shown;
+    const auto reading = voq::ReadRange(port, range.reg.key, range.offset);
+    if (!reading) {
+        range.offset = 0;
+        return shown;
+    }
+    shown.state = voq::StateName(reading->node.state);
+    shown.stamp = voq::StampMicroseconds(reading->node.stamp);
+    if (reading->node.state != 1) return shown;
+    shown.value = voq::ValueText(range.reg, reading->value, std::numeric_limits<std::size_t>::max());
+    shown.live = shown.stamp >= range.loggedOnAt;
+    if (shown.live && shown.stamp != range.lastLive) {
+        range.lastLive = shown.stamp;
+        ++range.liveCount;
+    }
+    return shown;
+}
+
+std::string Age(const Shown& shown, std::int64_t now)
+{
+    return shown.stamp == 0 ? "-" : voq::AgeText(now - shown.stamp);
+}
+
+// One line a change: time, name, state, age, value, separated by tabs.
+void PrintChanges(std::vector<Watched>& ranges, const std::vector<Shown>& readings)
+{
+    const std::int64_t now = NowMicroseconds();
+    const std::time_t seconds = now / 1000000;
+    std::tm parts = {};
+    char time[32];
+    localtime_r(&seconds, &parts);
+    std::strftime(time, sizeof time, "%H:%M:%S", &parts);
+    for (std::size_t i = 0; i < ranges.size(); ++i) {
+        Watched& range = ranges[i];
+        if (range.printed && range.shown.Same(readings[i])) continue;
+        range.shown = readings[i];
+        range.printed = true;
+        std::printf("%s.%03d\t%s\t%s\t%s\t%s\n", time, static_cast<int>(now / 1000 % 1000), range.name.c_str(),
+                    range.shown.state.c_str(), Age(range.shown, now).c_str(), range.shown.value.c_str());
+    }
+}
+
+// The same lines over and over, cut to the terminal's width.
+void Redraw(std::vector<Watched>& ranges, const std::vector<Shown>& readings)
+{
+    winsize window = {};
+    const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 1;
+    const std::size_t columns = known ? window.ws_col - 1u : 79;
+    const std::int64_t now = NowMicroseconds();
+    if (ranges[0].printed) std::printf("\x1b[%zuA", ranges.size());
+    for (std::size_t i = 0; i < ranges.size(); ++i) {
+        char head[128];
+        std::snprintf(head, sizeof head, "%-24.60s  %-14s  %8s  ", ranges[i].name.c_str(), readings[i].state.c_str(),
+                      Age(readings[i], now).c_str());
+        const std::string line = (head + readings[i].value).substr(0, columns);
+        std::printf("\r%s\x1b[K\n", line.c_str());
+        ranges[i].printed = true;
+    }
+}
+
+bool AllCounted(const std::vector<Watched>& ranges, unsigned count)
+{
+    for (const Watched& range : ranges) {
+        if (range.liveCount < count) return false;
+    }
+    return count != 0;
+}
+
+void Sleep(unsigned milliseconds)
+{
+    const timespec time = {static_cast<std::time_t>(milliseconds / 1000),
+                           static_cast<long>(milliseconds % 1000) * 1000000};
+    nanosleep(&time, nullptr);
+}
+
+void ShowUntilDone(const voq::PortDir& port, const WatchOptions& watch, std::vector<Watched>& ranges)
+{
+    const bool terminal = isatty(STDOUT_FILENO) == 1;
+    const auto limit = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(watch.forSeconds));
+    const auto end = Clock::now() + limit;
+    while (Stopped == 0) {
+        std::vector<Shown> readings;
+        for (Watched& range : ranges) readings.push_back(ReadShown(port, range));
+        if (terminal) {
+            Redraw(ranges, readings);
+        } else {
+            PrintChanges(ranges, readings);
+        }
+        if (std::fflush(stdout) != 0) break;
+        if (AllCounted(ranges, watch.count)) break;
+        if (watch.forSeconds > 0 && Clock::now() >= end) break;
+        Sleep(watch.intervalMs);
+    }
+}
+
+}  // namespace
+
+int Watch(const PortOptions& options, const WatchOptions& watch)
+{
+    const Target target = Resolve(options);
+    std::vector<Watched> ranges = ResolveRanges(target, watch.what);
+    CatchSignals();
+    {
+        Subscriptions subscriptions(target, ranges);
+        subscriptions.LogOn(options.numbers);
+        ShowUntilDone(target.port, watch, ranges);
+    }
+    for (const Watched& range : ranges) {
+        if (range.liveCount != 0) return ExitOk;
+    }
+    return ExitNegative;
+}
