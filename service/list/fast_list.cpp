@@ -14,7 +14,10 @@ std::uint16_t CurrentFastList;
 namespace
 {
 // Of one group, with all of the second address word equal.
-bool SameRegister(const RegKey& a, const RegKey& b) { return SameGroup(a, b) && a.subaddr == b.subaddr; }
+bool SameRegister(const RegKey& a, const RegKey& b)
+{
+    return SameGroup(a, b) && a.subaddr == b.subaddr;
+}
 
 // Slot of the first entry, or FastEnd: the head of an empty list is 0, not FastEnd.
 std::uint16_t FirstSlot() VOQ_REQUIRES_SHARED(fast_rwlock)

@@ -19,7 +19,7 @@ struct FastItem {
     std::uint16_t next;       // FastEnd for the last entry
     std::uint16_t fileno;     // of the log-on that made the entry
     std::uint16_t inuse;
-    std::uint16_t logtimes;   // log-ons not yet matched by a log-off
+    std::uint16_t logtimes;  // log-ons not yet matched by a log-off
 };
 
 struct FastListHead {
@@ -33,8 +33,8 @@ extern RwLock fast_rwlock;
 extern FastItem OrgFastList[FastSlots] VOQ_GUARDED_BY(fast_rwlock);
 extern FastListHead OrgFastListHead VOQ_GUARDED_BY(fast_rwlock);
 
-// Entry at which the next fast-list pass starts. The service threads touch it under the write lock; the main thread moves
-// it under the read lock, which keeps them out.
+// Entry at which the next fast-list pass starts. The service threads touch it under the write lock; the main thread
+// moves it under the read lock, which keeps them out.
 extern std::uint16_t CurrentFastList;
 
 // Empties the list; start-up.

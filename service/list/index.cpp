@@ -16,7 +16,10 @@ constexpr std::uint32_t BlockEntries = 64;
 
 enum class Search { Found, Missing, Unreadable };
 
-std::uint32_t EntryCount(const WorkFile& file) { return file.Size() / EntryBytes; }
+std::uint32_t EntryCount(const WorkFile& file)
+{
+    return file.Size() / EntryBytes;
+}
 
 // Looks for the first entry that matches the key; `position` is its offset.
 Search FindEntry(const WorkFile& file, const RegKey& key, IndexItem& item, std::uint32_t& position)
@@ -55,7 +58,10 @@ bool OpenIndexRW(WorkFile& file)
     return false;
 }
 
-bool OfGroup(const OrgNode& node, const IndexItem& item) { return IndexMatches(item, node.key); }
+bool OfGroup(const OrgNode& node, const IndexItem& item)
+{
+    return IndexMatches(item, node.key);
+}
 }  // namespace
 
 int FindIndex(const RegKey* key, std::uint32_t* first)

@@ -23,7 +23,10 @@ struct Page {
 Page Pages[PageCount];
 unsigned char PageRecords[PageCount][PageBytes];
 
-std::uint32_t PlaceOf(std::uint32_t offset) { return (offset - OrgFirstRecord) / PageBytes % PageCount; }
+std::uint32_t PlaceOf(std::uint32_t offset)
+{
+    return (offset - OrgFirstRecord) / PageBytes % PageCount;
+}
 
 // The bytes of a record, nullptr when they have not been read.
 unsigned char* InPage(std::uint32_t offset)

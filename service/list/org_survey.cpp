@@ -27,7 +27,10 @@ bool Fault(OrgSurvey& survey, const char* what, std::uint32_t offset)
     return false;
 }
 
-std::uint32_t RecordNumber(std::uint32_t offset) { return (offset - OrgFirstRecord) / sizeof(OrgNode); }
+std::uint32_t RecordNumber(std::uint32_t offset)
+{
+    return (offset - OrgFirstRecord) / sizeof(OrgNode);
+}
 
 std::uint64_t GroupIdentity(std::uint64_t plcno, std::uint64_t regid, std::uint64_t layout, std::uint64_t subaddr,
                             std::uint64_t flagbit)
@@ -139,8 +142,8 @@ bool FindGroups(OrgSurvey& survey, GroupOrder& order)
         last = &record;
     }
     std::sort(order.begin(), order.end());
-    const auto twice = std::adjacent_find(order.begin(), order.end(),
-                                          [](const auto& a, const auto& b) { return a.first == b.first; });
+    const auto twice =
+        std::adjacent_find(order.begin(), order.end(), [](const auto& a, const auto& b) { return a.first == b.first; });
     return twice == order.end() || Fault(survey, "a group in two runs", survey.groups[(twice + 1)->second].first);
 }
 

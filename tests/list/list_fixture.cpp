@@ -49,7 +49,10 @@ ssize_t __wrap_pwrite(int descriptor, const void* buffer, size_t size, off_t off
     return static_cast<ssize_t>(size);
 }
 
-int __wrap_ftruncate(int descriptor, off_t size) { return Pass() ? __real_ftruncate(descriptor, size) : 0; }
+int __wrap_ftruncate(int descriptor, off_t size)
+{
+    return Pass() ? __real_ftruncate(descriptor, size) : 0;
+}
 
 int __wrap_fsync(int descriptor)
 {
@@ -78,7 +81,10 @@ ListTest::ListTest()
     Gate = {};
 }
 
-ListTest::~ListTest() { std::filesystem::remove_all(folder); }
+ListTest::~ListTest()
+{
+    std::filesystem::remove_all(folder);
+}
 
 Files ListTest::Load() const
 {
@@ -113,8 +119,14 @@ static void LogOnOff(const RegKey& key, OrgMode mode, std::uint16_t fileno)
     Output([&] { EXPECT_EQ(0, LogOnOff2OrgList(&request, mode, fileno)); });
 }
 
-void LogOn(const RegKey& key, std::uint16_t fileno) { LogOnOff(key, OrgMode::LogOn, fileno); }
-void LogOff(const RegKey& key, std::uint16_t fileno) { LogOnOff(key, OrgMode::LogOff, fileno); }
+void LogOn(const RegKey& key, std::uint16_t fileno)
+{
+    LogOnOff(key, OrgMode::LogOn, fileno);
+}
+void LogOff(const RegKey& key, std::uint16_t fileno)
+{
+    LogOnOff(key, OrgMode::LogOff, fileno);
+}
 
 std::string MapName(const RegKey& key)
 {

@@ -40,7 +40,8 @@ protected:
                 const Files broken = Load();
                 bool mendCut = true;
                 for (int mends = 0; mendCut; ++mends) {
-                    mendCut = Cut(broken, [] { Check(); }, mends, torn);
+                    mendCut = Cut(
+                        broken, [] { Check(); }, mends, torn);
                     ExpectMended(base, operation, key);
                     if (HasFailure()) FAIL() << writes << (torn ? " torn" : "") << " writes, mended " << mends;
                 }
@@ -103,9 +104,12 @@ TEST_F(OrgCheckTest, EveryCutIsMended)
     for (const RegKey& key : keys) {
         SCOPED_TRACE(testing::Message() << "plcno " << int{key.plcno} << " addr " << key.addr);
         for (const Files& start : {empty, base}) {
-            CutEverywhere(start, [&] { LogOn(key); }, key);
-            CutEverywhere(start, [&] { LogOff(key); }, key);
-            CutEverywhere(start, [&] { Register(key); }, key);
+            CutEverywhere(
+                start, [&] { LogOn(key); }, key);
+            CutEverywhere(
+                start, [&] { LogOff(key); }, key);
+            CutEverywhere(
+                start, [&] { Register(key); }, key);
         }
     }
 }
