@@ -1,0 +1,72 @@
+// Operator changes, on the main thread.
+#include "list/com_monitor.h"
+
+#include <cstdio>
+
+#include "arch/box_path.h"
+#include "arch/fs.h"
+#include "arch/misc_device.h"
+#include "arch/work_file.h"
+#include "list/retained.h"
+#include "state/counters.h"
+#include "state/paths.h"
+
+namespace
+{
+constexpr std::uint32_t FirstChangeFlag = 20;     // byte of port 0's change flag
+constexpr std::uint32_t StationWordsInSlot = 20;  // bytes into the port's slot
+
+void ApplyRetainedSettings()
+{
+    SerialSettings settings;
+    if (CheckSRWComPara(&settings) != 1) return;
+    {
+        const MutexLock lock(DriverLock);
+        Copy2ComInfo(settings);
+    }
+    COM_SetMode(ComInfo.portNo, ComInfo.lineMode);
+}
+}  // namespace
+
+int CheckIfComChg(std::uint16_t portIndex)
+{
+    if (!FileExists(ChangeFlags)) return -1;
+    WorkFile file;
+    if (!file.OpenRW(ChangeFlags)) return -1;
+    const std::uint32_t flagAt = FirstChangeFlag + portIndex;
+    std::uint8_t flag = 0;
+    if (!file.ReadRecord(flagAt, flag) || flag == 0) return file.Close();
+    std::printf("*VOQ*Cominfo need change!srb20=%d,ftell=%d\r\n", flag, static_cast<int>(flagAt + 1));
+    ApplyRetainedSettings();
+    // Which of the two the GUI raises depends on how the project numbers its ports; a flag left up would apply the
+    // settings again on every check.
+    const std::uint8_t clear = 0;
+    static_cast<void>(file.WriteRecord(FirstChangeFlag + ComInfo.portNo, clear));
+    if (portIndex != ComInfo.portNo) static_cast<void>(file.WriteRecord(flagAt, clear));
+    file.Sync();
+    return file.Close();
+}
+
+int CheckStaionEnable()
+{
+    if (!FileExists(RetainedSettings)) return -1;
+    WorkFile file;
+    if (!file.OpenRW(RetainedSettings)) return -1;
+    const std::uint32_t words = RetainedSlot(ComInfo.portNo) + StationWordsInSlot;
+    if (file.Size() >= words) static_cast<void>(file.ReadSome(words, StationDisable, sizeof StationDisable));
+    return file.Close();
+}
+
+int CheckSlaveNo()
+{
+    if (!FileExists(SlaveNoName)) return -1;
+    WorkFile file;
+    if (!file.OpenRO(SlaveNoName)) return -1;
+    std::uint16_t slaveNo;
+    if (file.ReadRecord(0, slaveNo)) {
+        const MutexLock lock(DriverLock);
+        ComInfo.slaveNo = slaveNo;
+    }
+    file.Close();
+    return RemoveFile(SlaveNoName);
+}
