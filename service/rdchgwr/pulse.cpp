@@ -1,0 +1,76 @@
+// Set bit and timed pulse, on the main thread. A pulse takes several calls: it keeps nothing but its start time.
+#include <cstdio>
+#include <cstring>
+
+#include "rdchgwr/rd_chg_wr.h"
+#include "rdchgwr/write_image.h"
+#include "voq/chg_desc.h"
+#include "voq/reg_range.h"
+#include "voq/rt_item.h"
+
+namespace
+{
+constexpr std::uint32_t WidthUnitMs = 100;
+
+// Start time as it is kept: 0 would mean that no pulse runs.
+std::uint32_t PulseStart(std::uint32_t nowMs)
+{
+    return nowMs == 0 ? 1 : nowMs;
+}
+
+// The image that gives the register's bit the lowest bit of `value`. A bit register takes the value as it is; a word
+// register is read first, false when that fails.
+bool Compose(const RegKey& key, std::uint8_t bit, std::uint32_t value, const DrvOps& ops, unsigned char* image)
+{
+    std::uint32_t word = value;
+    if (RegElemSize(&key) != 0) {
+        std::memset(image, 0, sizeof word);
+        if (ops.read(key, image) != PLC_SUCCESS) return false;
+        std::memcpy(&word, image, sizeof word);
+        if (bit < 32) word = (word & ~(std::uint32_t{1} << bit)) | (value & 1) << bit;
+    }
+    std::memcpy(image, &word, sizeof word);
+    return true;
+}
+
+int ReadFailed()
+{
+    std::printf("*VOQ*Do Pluse Read failed\n\r");
+    return RT_PENDING;
+}
+
+void WriteFailed(int result)
+{
+    std::printf("*VOQ*Do Pluse write ret=%d\r\n", result);
+}
+}  // namespace
+
+int DoPulse(RegKey key, std::span<const unsigned char> desc, std::uint32_t* pulseTime, std::uint32_t nowMs,
+            const DrvOps& ops)
+{
+    ChgDesc head;
+    if (desc.size() < sizeof head) return PLC_ERROR;
+    std::memcpy(&head, desc.data(), sizeof head);
+    const auto operation = static_cast<ChangeOp>(head.operation);
+    if (operation != ChangeOp::SetBit && operation != ChangeOp::Pulse) return RT_PENDING;
+    if (GetRegBuffLen(&key) > MaxPulseBytes) return PLC_ERROR;
+
+    const std::uint32_t value = head.format & CHG_TYPE_MASK;
+    unsigned char image[MaxPulseBytes];
+    if (operation == ChangeOp::SetBit) {
+        if (!Compose(key, head.bit, value, ops, image)) return RT_PENDING;
+        return WriteImage(key, image, ops, nullptr);
+    }
+    if (*pulseTime == 0) {
+        *pulseTime = PulseStart(nowMs);
+        if (!Compose(key, head.bit, value, ops, image)) return ReadFailed();
+        WriteImage(key, image, ops, nullptr);
+        return RT_PENDING;
+    }
+    if (nowMs - *pulseTime < head.size * WidthUnitMs) return RT_PENDING;
+    *pulseTime = PulseStart(nowMs);
+    if (!Compose(key, head.bit, ~value & 1, ops, image)) return ReadFailed();
+    const int result = WriteImage(key, image, ops, WriteFailed);
+    *pulseTime = 0;
+    return result;
+}
