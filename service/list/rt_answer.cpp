@@ -1,0 +1,211 @@
+// Answers of one-shot requests: result files, the subscribed ranges that a fresh value reaches, and the other waiting
+// requests that one driver access has satisfied. Main thread, refusals also on the service threads.
+#include <cstdio>
+#include <cstring>
+
+#include "arch/clock.h"
+#include "arch/work_file.h"
+#include "list/data_file.h"
+#include "list/fast_list.h"
+#include "list/org_file.h"
+#include "list/rt_file.h"
+#include "list/rt_list.h"
+#include "state/com_state.h"
+#include "voq/reg_range.h"
+
+namespace
+{
+constexpr std::uint32_t LooksPerAnswer = 10;  // entries that a gateway box looks at for each request answered
+
+unsigned char EqualWrite[MaxRegionBytes];  // value of the write being compared; main thread
+
+bool IsRead(const RtItem& item)
+{
+    return item.command == static_cast<int>(RequestCommand::Read);
+}
+bool IsWrite(const RtItem& item)
+{
+    return item.command == static_cast<int>(RequestCommand::Write);
+}
+bool IsChange(const RtItem& item)
+{
+    return (item.command & 0xFF) == static_cast<int>(RequestCommand::ReadChangeWrite);
+}
+
+// The slot as it stands; its links change under the lock while the request is listed.
+RtItem CopyOfSlot(std::uint16_t slot)
+{
+    const ReadLock lock(rt_rwlock);
+    return GuiRtList[slot];
+}
+
+void WriteResultFile(const RtItem& item, const void* tail, std::uint32_t tailBytes)
+{
+    const RtPath path = RtPath::Result(item.fileno);
+    WorkFile file;
+    if (!file.Create(path.Text())) return;
+    if (!file.WriteRecord(0, item) || !file.WriteAt(sizeof item, tail, tailBytes)) {
+        std::printf("*VOQ*result file %s not written\r\n", path.Text());
+    }
+    file.Sync();
+}
+
+std::uint32_t AnswerBytes(const RtItem& item)
+{
+    if (item.result != PLC_SUCCESS) return 0;
+    if (IsRead(item)) return GetRegBuffLen(&item.key);
+    return IsChange(item) ? sizeof(std::uint16_t) : 0;
+}
+
+std::uint32_t SubscribedOffset(const RegKey& key)
+{
+    const ReadLock lock(fast_rwlock);
+    const std::uint16_t slot = FindFastIndexUseStrart(key);
+    return slot == FastEnd ? 0 : OrgFastList[slot].orgoffset;
+}
+
+// Address units per element, rounded down before it is multiplied: 0 when an element is smaller than a unit.
+std::uint64_t UnitsPerElement(const RegKey& key)
+{
+    return ElemBytes(key) / UnitBytes(key);
+}
+
+// Carries a value of the whole range `key` into the org records inside it, from the subscribed one on.
+void UpdateSubscribed(const RegKey& key, const void* buffer)
+{
+    const std::uint32_t first = SubscribedOffset(key);
+    if (first == 0 || first == OrgNone) return;
+    const std::uint64_t each = UnitsPerElement(key);
+    const std::uint64_t end = key.addr + each * key.width;
+
+    const MutexLock lock(DatabaseLock);
+    OrgFile file;
+    if (!file.OpenRW()) return;
+    for (OrgWalk at(file, first); at.Valid() && SameGroup(at.Node().key, key); at.Next()) {
+        OrgNode& record = at.Node();
+        const std::uint64_t recordEnd = record.key.addr + each * record.key.width;
+        if (record.key.addr >= key.addr && recordEnd <= end &&
+            Copy2DataFile(record, key, buffer, GetRegBuffLen(&key))) {
+            GetCurrentTime(&record.stamp);
+            record.state = PLC_SUCCESS;
+            static_cast<void>(file.WriteNode(at.Offset(), record));
+            file.Sync();
+        }
+        if (record.key.addr >= end) return;
+    }
+}
+
+void AnswerAndRemove(std::uint16_t slot, const void* buffer)
+{
+    WriteBackRtData(slot, buffer);
+    DelRtList(slot);
+}
+
+bool LookedFarEnough(std::uint32_t seen, std::uint32_t done)
+{
+    return isHmi == 0 && seen > done * LooksPerAnswer;
+}
+
+bool WritesSameRange(const RtItem& a, const RtItem& b)
+{
+    return SameGroup(a.key, b.key) && a.key.subaddr == b.key.subaddr && a.key.addr == b.key.addr &&
+           a.key.width == b.key.width;
+}
+
+enum class Compared { Equal, Different, NotOpened, NotRead };
+
+// Reads the waiting write's value into EqualWrite and compares it with the value written.
+Compared CompareWrite(const RtItem& item, const void* written)
+{
+    const RtPath path = RtPath::Payload(item.fileno);
+    const std::uint32_t length = GetRegBuffLen(&item.key);
+    WorkFile file;
+    if (!file.OpenRO(path.Text())) {
+        std::puts("*VOQ*Rt write fileopen error\r");
+        return Compared::NotOpened;
+    }
+    if (length > sizeof EqualWrite || !file.ReadAt(0, EqualWrite, length)) {
+        std::printf("*VOQ*infunc wr read %s ret=0\r\n", path.Text());
+        return Compared::NotRead;
+    }
+    if (std::memcmp(EqualWrite, written, length) == 0) return Compared::Equal;
+    std::puts("*VOQ*write diffrent,break\r");
+    return Compared::Different;
+}
+
+// True when the read of `key` holds the whole value of the waiting read `item`.
+bool Covers(const RegKey& key, const RtItem& item)
+{
+    const std::uint64_t each = UnitsPerElement(key);
+    const RegKey& wanted = item.key;
+    if (!IsRead(item) || !SameGroup(wanted, key) || wanted.addr < key.addr) return false;
+    if (wanted.addr + each * wanted.width > key.addr + each * key.width) return false;
+    const std::uint64_t skip = std::uint64_t{wanted.addr - key.addr} * UnitBytes(key);
+    return skip + GetRegBuffLen(&wanted) <= GetRegBuffLen(&key);
+}
+}  // namespace
+
+void WriteBackRtDataWhenError(std::uint16_t fileno, int code, const RegRequest& request, std::uint16_t listcmd)
+{
+    RtItem item{};
+    item.key = request.key;
+    item.command = listcmd;
+    item.result = static_cast<std::uint8_t>(code);
+    item.inuse = 1;
+    item.fileno = fileno;
+    WriteResultFile(item, nullptr, 0);
+}
+
+void WriteBackRtData(std::uint16_t slot, const void* buffer)
+{
+    const RtItem item = CopyOfSlot(slot);
+    WriteResultFile(item, buffer, AnswerBytes(item));
+    if (item.result == PLC_SUCCESS && (IsRead(item) || IsWrite(item))) UpdateSubscribed(item.key, buffer);
+}
+
+void WriteBackRtData_Wr(std::uint16_t slot, const void* buffer)
+{
+    const RtItem& served = GuiRtList[slot];
+    std::uint16_t next = served.result == PLC_SUCCESS ? NextRt(slot) : RtEnd;
+    std::uint32_t done = 1;
+    for (std::uint32_t seen = 1; next != RtEnd && seen < RtSlots; ++seen) {
+        const std::uint16_t at = next;
+        RtItem& item = GuiRtList[at];
+        next = NextRt(at);
+        if (RtIdle(item) && IsWrite(item) && WritesSameRange(item, served)) {
+            const Compared compared = CompareWrite(item, buffer);
+            if (compared == Compared::Different || compared == Compared::NotRead) break;
+            if (compared == Compared::Equal) {
+                item.result = PLC_SUCCESS;
+                ++done;
+                AnswerAndRemove(at, EqualWrite);
+            }
+        }
+        if (LookedFarEnough(seen, done)) break;
+    }
+    AnswerAndRemove(slot, buffer);
+}
+
+void WriteBackRtData_Rd(std::uint16_t slot, const RegKey& key, const void* buffer)
+{
+    if (GuiRtList[slot].result != PLC_SUCCESS) {
+        AnswerAndRemove(slot, buffer);
+        return;
+    }
+    const auto* bytes = static_cast<const unsigned char*>(buffer);
+    std::uint32_t done = 1;
+    std::uint16_t next = slot;
+    for (std::uint32_t seen = 1; next != RtEnd && seen < RtSlots; ++seen) {
+        const std::uint16_t at = next;
+        RtItem& item = GuiRtList[at];
+        next = NextRt(at);
+        // The request that was served is answered even when the cover arithmetic rounds it out: it is never widened
+        // then.
+        if (at == slot || (RtIdle(item) && Covers(key, item))) {
+            item.result = PLC_SUCCESS;
+            ++done;
+            AnswerAndRemove(at, bytes + (item.key.addr - key.addr) * UnitBytes(key));
+        }
+        if (LookedFarEnough(seen, done)) return;
+    }
+}

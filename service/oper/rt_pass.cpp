@@ -1,0 +1,240 @@
+// The real-time pass, on the main thread. Every request served starts the search at the head again, so that an urgent
+// one goes first.
+#include "oper/rt_pass.h"
+
+#include <algorithm>
+#include <bitset>
+#include <cstdio>
+#include <cstring>
+
+#include "arch/clock.h"
+#include "arch/work_file.h"
+#include "comm/plc_oper.h"
+#include "list/rt_file.h"
+#include "list/rt_list.h"
+#include "oper/read_plan.h"
+#include "rdchgwr/rd_chg_wr.h"
+#include "state/com_state.h"
+#include "voq/reg_range.h"
+
+std::uint32_t MaxRtList = 3;
+
+namespace
+{
+constexpr std::uint32_t OperandAt = 4;  // in a change's payload, behind the u16 count and two bytes
+constexpr std::uint32_t SubcmdMask = 0xFF00;
+constexpr DrvOps PlcOps = {PlcDrvReadPack, PlcDrvWritePack};
+
+// Changes that were tried and stayed. A round of turns ends when every pending one has had its turn, so that none waits
+// for ever behind more of them than a pass may try.
+std::bitset<RtSlots> HadTurn;
+
+int CommandOf(const RtItem& item)
+{
+    return item.command & 0x0F;
+}
+bool IsRead(const RtItem& item)
+{
+    return CommandOf(item) == static_cast<int>(RequestCommand::Read);
+}
+bool IsWrite(const RtItem& item)
+{
+    return CommandOf(item) == static_cast<int>(RequestCommand::Write);
+}
+bool IsChange(const RtItem& item)
+{
+    return CommandOf(item) == static_cast<int>(RequestCommand::ReadChangeWrite);
+}
+
+// First entry that is wanted, or RtEnd.
+std::uint16_t FindRt(bool (*wanted)(std::uint16_t slot))
+{
+    std::uint16_t slot = FirstRt();
+    for (int steps = 0; slot != RtEnd && steps < RtSlots; ++steps) {
+        if (RtIdle(GuiRtList[slot]) && wanted(slot)) return slot;
+        slot = NextRt(slot);
+    }
+    return RtEnd;
+}
+
+// Answers a request whose rtData file is of no use.
+void AnswerFailed(std::uint16_t slot)
+{
+    GuiRtList[slot].result = PLC_ERROR;
+    WriteBackRtData(slot, ReadBuffer);
+    DelRtList(slot);
+}
+
+// Reads a change's payload to the start of ReadBuffer. Returns its operand, without data after a message.
+std::span<unsigned char> LoadChange(const RtItem& item)
+{
+    const RtPath path = RtPath::Payload(item.fileno);
+    WorkFile file;
+    if (!file.OpenRO(path.Text())) {
+        std::puts("*VOQ*Rt ReadWrite fileopen error\r");
+        return {};
+    }
+    std::uint16_t count = 0;
+    if (!file.ReadRecord(0, count)) {
+        std::printf("*VOQ*rdwr read %s ret=0\r\n", path.Text());
+        return {};
+    }
+    if (!file.ReadAt(0, ReadBuffer, OperandAt + count)) {
+        std::printf("*VOQ*wdwr read %s 2 ret=0\r\n", path.Text());
+        return {};
+    }
+    return {ReadBuffer + OperandAt, count};
+}
+
+// Reads a write's value into ReadBuffer; false after a message.
+bool LoadWrite(const RtItem& item, std::uint32_t served)
+{
+    const RtPath path = RtPath::Payload(item.fileno);
+    const std::uint32_t length = GetRegBuffLen(&item.key);
+    WorkFile file;
+    if (!file.OpenRO(path.Text())) {
+        std::puts("*VOQ*Rt write fileopen error\r");
+        return false;
+    }
+    if (length <= MaxRegionBytes && file.ReadAt(0, ReadBuffer, length)) return true;
+    std::printf("*VOQ*wr read %s ret=0,rtcount=%d\r\n", path.Text(), static_cast<int>(served));
+    return false;
+}
+
+// Returns false when the change stays listed.
+bool ServeChange(std::uint16_t slot)
+{
+    RtItem& item = GuiRtList[slot];
+    const std::span<unsigned char> operand = LoadChange(item);
+    if (operand.data() == nullptr) {
+        AnswerFailed(slot);
+        return true;
+    }
+    const int result = DoRdChgWr(item.key, item.command & SubcmdMask, operand, &item.pulsetime,
+                                 static_cast<std::uint32_t>(GetMsFormStart()), PlcOps);
+    item.result = static_cast<std::uint8_t>(result);
+    if (item.result == 0 || result == RT_PENDING) return false;
+    const auto answer = static_cast<std::uint16_t>(result);
+    std::memcpy(ReadBuffer, &answer, sizeof answer);
+    WriteBackRtData(slot, ReadBuffer);
+    DelRtList(slot);
+    return true;
+}
+
+void ServeWrite(std::uint16_t slot, std::uint32_t served)
+{
+    RtItem& item = GuiRtList[slot];
+    if (!LoadWrite(item, served)) {
+        AnswerFailed(slot);
+        return;
+    }
+    item.result = static_cast<std::uint8_t>(PlcOper(item.key, ReadBuffer, PLC_WRITE));
+    WriteBackRtData_Wr(slot, ReadBuffer);
+}
+
+bool WantedWrite(std::uint16_t slot)
+{
+    const RtItem& item = GuiRtList[slot];
+    return (IsWrite(item) || IsChange(item)) && !HadTurn.test(slot);
+}
+bool WantedWaiting(std::uint16_t slot)
+{
+    return WantedWrite(slot) && GuiRtList[slot].result == 0;
+}
+bool WantedPending(std::uint16_t slot)
+{
+    return WantedWrite(slot) && GuiRtList[slot].result == RT_PENDING;
+}
+
+void ServeWrites()
+{
+    if (FindRt(WantedPending) == RtEnd) HadTurn.reset();
+    bool finished = false;
+    for (std::uint32_t served = 0; served <= MaxRtList || !finished; ++served) {
+        const bool beyondBudget = served > MaxRtList;
+        const std::uint16_t slot = FindRt(beyondBudget ? WantedWaiting : WantedWrite);
+        if (slot == RtEnd) return;
+        if (IsWrite(GuiRtList[slot])) {
+            ServeWrite(slot, served);
+            finished = true;
+        } else if (ServeChange(slot)) {
+            HadTurn.reset(slot);
+            finished = true;
+        } else {
+            HadTurn.set(slot);
+        }
+        if (beyondBudget) return;
+    }
+}
+
+bool WantedRead(std::uint16_t slot)
+{
+    return IsRead(GuiRtList[slot]);
+}
+
+void ServeReads()
+{
+    for (std::uint32_t served = 0; served <= MaxRtList; ++served) {
+        const std::uint16_t slot = FindRt(WantedRead);
+        if (slot == RtEnd) return;
+        RegKey key = GuiRtList[slot].key;
+        if (pack_disable == 0) GetRtRdPack(key, slot);
+        GuiRtList[slot].result = static_cast<std::uint8_t>(PlcOper(key, ReadBuffer, PLC_READ_RETRY));
+        WriteBackRtData_Rd(slot, key, ReadBuffer);
+    }
+}
+
+// A read while it grows over waiting ones. Ends are computed in 64 bits.
+class RtWidening
+{
+public:
+    RtWidening(RegKey& key, std::uint64_t limit) : key_(key), reach_(AddressSpan(limit, key)) {}
+
+    // Takes a waiting read in when the limit allows it; a growth that the buffer could not hold is passed over.
+    void Take(const RegKey& other)
+    {
+        const std::uint64_t start = key_.addr;
+        const std::uint64_t end = start + AddressSpan(key_.width, key_);
+        const std::uint64_t otherStart = other.addr;
+        const std::uint64_t otherEnd = otherStart + AddressSpan(other.width, key_);
+        const bool upwards = otherStart >= start;
+        if (upwards ? otherEnd > start + reach_ : otherStart + reach_ < end) return;
+        const std::uint64_t newStart = std::min(start, otherStart);
+        const std::uint64_t width = ElementsOfSpan(std::max(end, otherEnd) - newStart, key_);
+        if (width > UINT16_MAX || width * ElemBytes(key_) > MaxRegionBytes) return;
+        key_.addr = static_cast<std::uint32_t>(newStart);
+        key_.width = static_cast<std::uint16_t>(width);
+    }
+
+private:
+    RegKey& key_;
+    std::uint64_t reach_;  // address units from the start that the limit covers
+};
+
+bool SameArea(const RegKey& a, const RegKey& b)
+{
+    return a.plcno == b.plcno && a.regid == b.regid && a.layout == b.layout && SubaddrLow(a) == SubaddrLow(b);
+}
+}  // namespace
+
+void OperRtList()
+{
+    ServeWrites();
+    ServeReads();
+}
+
+void GetRtRdPack(RegKey& key, std::uint16_t slot)
+{
+    // The answers count address units per whole element: a read of other sizes would cover requests that it cannot
+    // answer.
+    if (ElemBytes(key) % UnitBytes(key) != 0) return;
+    const std::uint32_t limit = PortPackLimits(key).length;
+    RtWidening widening(key, limit);
+    std::uint16_t at = NextRt(slot);
+    for (int steps = 0; at != RtEnd && steps < RtSlots; ++steps, at = NextRt(at)) {
+        const RtItem& item = GuiRtList[at];
+        if (!RtIdle(item) || !IsRead(item) || !SameArea(item.key, key)) continue;
+        widening.Take(item.key);
+        if (key.width == limit) return;
+    }
+}

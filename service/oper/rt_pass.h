@@ -1,0 +1,15 @@
+// The real-time pass: serves the one-shot requests, writes and read-change-writes first, then reads.
+// Main thread; waits for the driver and for the disk, holds the list's lock only while it looks at links.
+#pragma once
+
+#include <cstdint>
+
+#include "voq/reg_key.h"
+
+extern std::uint32_t MaxRtList;  // each phase serves at most MaxRtList + 1 requests; main thread
+
+// A change that stays pending is tried once a pass and counts; when nothing else was served, one more write is.
+void OperRtList();
+
+// Widens `key`, the slot's key, over the waiting reads behind the slot, up to the port's request limit.
+void GetRtRdPack(RegKey& key, std::uint16_t slot);
