@@ -1,0 +1,80 @@
+// The org-list pass, on the main thread.
+#include "oper/org_pass.h"
+
+#include "arch/clock.h"
+#include "comm/plc_oper.h"
+#include "oper/read_plan.h"
+#include "state/counters.h"
+#include "voq/reg_range.h"
+
+std::uint32_t CurrentNode;
+std::uint16_t LoopReStart;
+
+namespace
+{
+// Walks the chain; a record that was never read is due while its station is on and the port is not in time-out.
+class OrgCursor
+{
+public:
+    OrgCursor(OrgFile& file, std::uint32_t offset) : file_(file), walk_(file, offset) {}
+
+    [[nodiscard]] bool Valid() const { return walk_.Valid(); }
+    [[nodiscard]] const OrgNode& Node() { return walk_.Node(); }
+    [[nodiscard]] std::uint32_t Offset() const { return walk_.Offset(); }
+    void Next() { walk_.Next(); }
+
+    [[nodiscard]] bool Due()
+    {
+        const OrgNode& record = walk_.Node();
+        NodeTimePassed(record.stamp.seconds, record.stamp.microseconds);  // reports a clock that went back
+        return !StationDisabled(record.key.plcno) && record.state == 0 &&
+               GlobeTimeout.load(std::memory_order_relaxed) == 0 && GetRegBuffLen(&record.key) <= MaxRegionBytes;
+    }
+
+    void SearchEnded() { CurrentNode = ChainHead(); }
+    void StopHere() { CurrentNode = walk_.Valid() ? walk_.Offset() : 0; }
+
+    void WalkEnded()
+    {
+        CurrentNode = ChainHead();
+        LoopReStart = 1;
+    }
+
+private:
+    [[nodiscard]] std::uint32_t ChainHead() const
+    {
+        OrgHeader header{};
+        return file_.ReadHeader(header) ? header.head : 0;
+    }
+
+    OrgFile& file_;
+    OrgWalk walk_;
+};
+
+bool PlanOrgRead(bool packed, ReadPlan& plan)
+{
+    const MutexLock lock(DatabaseLock);
+    OrgFile file;
+    if (!file.OpenRO()) return false;
+    OrgCursor cursor(file, CurrentNode);
+    return PlanRead(cursor, packed, plan);
+}
+
+void OrgPass(bool packed)
+{
+    ReadPlan plan;
+    if (!PlanOrgRead(packed, plan)) return;
+    const int result = PlcOper(plan.key, ReadBuffer, PLC_READ_ONCE);
+    WriteBackRead(plan, result, StampRule::PerRecord);
+}
+}  // namespace
+
+void OperOrgList()
+{
+    OrgPass(true);
+}
+
+void OperOrgList_NoPack()
+{
+    OrgPass(false);
+}

@@ -1,0 +1,67 @@
+// One packed read, on the main thread. The write-back holds the register database lock and syncs once per record.
+#include "oper/read_plan.h"
+
+#include <algorithm>
+
+#include "arch/clock.h"
+#include "list/data_file.h"
+#include "voq/reg_range.h"
+#include "voq/rt_item.h"
+
+unsigned char ReadBuffer[MaxRegionBytes];
+
+namespace
+{
+std::uint64_t EndOf(const RegKey& key, std::uint64_t width)
+{
+    return key.addr + AddressSpan(width, key);
+}
+}  // namespace
+
+Widening::Widening(const OrgNode& start, std::uint32_t orgOffset, PackLimits limits)
+    : plan_{start.key, orgOffset}, limits_(limits)
+{
+}
+
+bool Widening::Take(const OrgNode& record)
+{
+    const RegKey& read = plan_.key;
+    const std::uint64_t addr = record.key.addr;
+    const std::uint64_t maxEnd = EndOf(read, limits_.length);
+    const std::uint64_t packEnd = EndOf(read, read.width);
+    const std::uint64_t recordEnd = addr + AddressSpan(record.key.width, read);
+    if (addr >= maxEnd || addr >= packEnd + AddressSpan(limits_.gap, read) || record.key.width >= limits_.length ||
+        recordEnd > maxEnd) {
+        return false;
+    }
+    const std::uint64_t width = ElementsOfSpan(std::max(packEnd, recordEnd) - read.addr, read);
+    if (width * ElemBytes(read) > MaxRegionBytes) return false;
+    plan_.key.width = static_cast<std::uint16_t>(width);
+    return true;
+}
+
+void WriteBackRead(const ReadPlan& plan, int result, StampRule rule)
+{
+    Stamp now;
+    GetCurrentTime(&now);
+    const RegKey& read = plan.key;
+    const std::uint64_t packEnd = EndOf(read, read.width);
+
+    const MutexLock lock(DatabaseLock);
+    OrgFile file;
+    if (!file.OpenRW()) return;
+    for (OrgWalk at(file, plan.orgOffset); at.Valid(); at.Next()) {
+        OrgNode& record = at.Node();
+        if (!SameGroup(record.key, read)) break;
+        const bool inside = record.key.addr >= read.addr && EndOf(record.key, record.key.width) <= packEnd;
+        if (inside) {
+            if (result == PLC_SUCCESS) Copy2DataFile(record, read, ReadBuffer, GetRegBuffLen(&read));
+            if (rule == StampRule::PerRecord) GetCurrentTime(&now);
+            record.stamp = now;
+            record.state = static_cast<std::uint8_t>(result);
+            static_cast<void>(file.WriteNode(at.Offset(), record));
+            file.Sync();
+        }
+        if (record.key.addr >= packEnd) break;
+    }
+}

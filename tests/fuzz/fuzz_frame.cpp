@@ -1,0 +1,121 @@
+// Arbitrary bytes in a client FIFO, cut anywhere: every request ends in the real lists and files, the passes then run
+// on them, and the register database stays sound.
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "../support/scratch.h"
+#include "list/index.h"
+#include "list/org_check.h"
+#include "list/rt_list.h"
+#include "oper/fast_pass.h"
+#include "oper/intake.h"
+#include "oper/org_pass.h"
+#include "oper/priority.h"
+#include "oper/rt_pass.h"
+
+namespace
+{
+int Ends[2];
+
+bool Start()
+{
+    static const Scratch scratch;
+    InitPriRange();
+    if (pipe(Ends) != 0) abort();
+    GuiFifo_fd = MekFifo_fd = Ends[0];
+    return std::freopen("/dev/null", "w", stdout) != nullptr;
+}
+
+struct Input {
+    const std::uint8_t* data;
+    std::size_t left;
+
+    std::uint8_t Byte()
+    {
+        if (left == 0) return 0;
+        --left;
+        return *data++;
+    }
+    std::string Bytes(std::size_t most)
+    {
+        const std::size_t size = most < left ? most : left;
+        std::string bytes(reinterpret_cast<const char*>(data), size);
+        data += size;
+        left -= size;
+        return bytes;
+    }
+};
+
+// A whole frame about a range of a small world, so that requests meet.
+std::string WholeFrame(Input& in)
+{
+    static constexpr std::uint8_t Commands[] = {1, 1, 2, 3, 6, 7, 1, 7},
+                                  Layouts[] = {0x22, 0x00, 0x41, 0x24, 0x29, 0x2F};
+    const std::uint8_t kind = in.Byte(), where = in.Byte();
+    RegRequest request{};
+    request.cmd = Commands[kind & 7];
+    request.key = {static_cast<std::uint32_t>(in.Byte()) << 16 | (kind & 0x80u) << 2,
+                   0,
+                   1,
+                   static_cast<std::uint8_t>(where & 1),
+                   Layouts[(where >> 1) % 6],
+                   16,
+                   in.Byte(),
+                   in.Byte(),
+                   0};
+    request.subcmd = in.Byte();
+    request.fileno = in.Byte();
+    if ((kind & 0x40) != 0) request.orgoffset = 12u + 56u * (in.Byte() & 7u);
+    const std::string payload = in.Bytes(in.Byte());
+    const std::size_t length = FrameMinBytes + payload.size();
+    std::string frame{static_cast<char>(FrameMarker), static_cast<char>(length), static_cast<char>(length >> 8)};
+    return frame.append(reinterpret_cast<const char*>(&request), sizeof request) + payload;
+}
+
+void Serve()
+{
+    for (int i = 0; i < 3; ++i) {
+        OperRtList();
+        OperFastList();
+        OperOrgList();
+        OperFastList_NoPack();
+    }
+}
+}  // namespace
+
+// Input: a byte that chooses the FIFO and where the stream is cut, one for the port's limits, then runs of bytes taken
+// as they are (even first byte, their number) or as the content of a whole frame (odd first byte).
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    static const bool ready = Start();
+    if (!ready) abort();
+    Input in{data, size};
+    const std::uint8_t how = in.Byte();
+    const std::uint8_t limits = in.Byte();
+    std::string stream;
+    while (in.left > 0) {
+        const std::uint8_t run = in.Byte();
+        stream += (run & 1) != 0 ? WholeFrame(in) : in.Bytes(run / 2u);
+    }
+
+    Scratch::ResetDatabase();
+    ResetRtList();
+    FakeDriver::Use();
+    ComInfo = {};
+    ComInfo.wordLimit = ComInfo.bitLimit = limits & 63;
+    ComInfo.wordGap = ComInfo.bitGap = limits >> 6;
+    GuiFifo_index = MekFifo_index = 0;
+    CurrentNode = LoopReStart = 0;
+    const std::size_t piece = how < 4 ? 16384 : how / 2;
+    for (std::size_t at = 0; at < stream.size(); at += piece) {
+        const std::size_t here = std::min(piece, stream.size() - at);
+        if (write(Ends[1], stream.data() + at, here) != static_cast<ssize_t>(here)) abort();
+        (how & 1) != 0 ? CheckMekRtList() : CheckGuiRtList();
+    }
+    Serve();
+    InitIndexMap();  // a log-off that creates a record leaves the group's map as it is
+    if (CheckDatabase() != DatabaseState::Sound) abort();
+    return 0;
+}
