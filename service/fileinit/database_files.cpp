@@ -1,0 +1,175 @@
+// The register database at start-up, on the main thread. A marker file stands while a first build runs, so that a build
+// cut short is redone and never taken for a whole table.
+#include "fileinit/database_files.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "arch/box_path.h"
+#include "arch/clock.h"
+#include "arch/fs.h"
+#include "arch/work_file.h"
+#include "fileinit/init_org.h"
+#include "list/index.h"
+#include "list/org_check.h"
+#include "list/org_file.h"
+
+namespace
+{
+constexpr std::size_t MostMapFiles = 100000;
+constexpr std::uint32_t CopySettleMicroseconds = 200000;
+
+void BuildingMarker(char path[2 * PathBytes])
+{
+    std::snprintf(path, 2 * PathBytes, "%sbuilding", DataDir);
+}
+
+bool BuildWasCutShort()
+{
+    char marker[2 * PathBytes];
+    BuildingMarker(marker);
+    return FileExists(marker);
+}
+
+void BeginBuild()
+{
+    char marker[2 * PathBytes];
+    BuildingMarker(marker);
+    WorkFile file;
+    if (file.Create(marker)) file.Sync();
+    SyncDirectory(DataDir);
+}
+
+void EndBuild()
+{
+    char marker[2 * PathBytes];
+    BuildingMarker(marker);
+    if (!FileExists(marker)) return;
+    RemoveFile(marker);
+    SyncDirectory(DataDir);
+}
+
+bool CreateEmpty(const char* path)
+{
+    WorkFile file;
+    return file.Create(path);
+}
+
+void RemoveMapFiles()
+{
+    RemoveFilesByPrefix(DataDir, "im", MostMapFiles);
+}
+
+void RemoveDatabase()
+{
+    RemoveFile(OrgFileName);
+    RemoveFile(DataFileName);
+    RemoveFile(IndexFileName);
+    RemoveMapFiles();
+}
+
+// True when the file had to be created.
+bool CreateIfMissing(const char* path)
+{
+    if (FileExists(path)) return false;
+    static_cast<void>(CreateEmpty(path));
+    return true;
+}
+
+bool CreateOrgIfMissing()
+{
+    if (FileExists(OrgFileName)) return false;
+    BeginBuild();
+    const OrgHeader empty{};
+    WorkFile file;
+    if (file.Create(OrgFileName)) static_cast<void>(file.WriteRecord(0, empty));
+    return true;
+}
+
+// Fills the fresh org file. What an earlier org file left in the data file, the index and the maps names nothing any
+// more.
+int BuildFromProject(const char* projectPath, bool dataExisted)
+{
+    if (dataExisted) {
+        if (RemoveFile(DataFileName) != 0) {
+            std::puts("Error!Can not remove data.bin");
+            return -1;
+        }
+        static_cast<void>(CreateEmpty(DataFileName));
+    }
+    static_cast<void>(CreateEmpty(IndexFileName));
+    RemoveMapFiles();
+    if (InitOrgFromFile(projectPath) != 0) {
+        std::puts("Init org from file failed");
+        return -1;
+    }
+    InitIndexMap();
+    EndBuild();
+    return 0;
+}
+
+int LocalBuild(const char* projectPath)
+{
+    std::puts("*VOQ*No download orgfile find,build one\r");
+    if (BuildWasCutShort()) {
+        std::printf("*VOQ*an earlier build of the register database was cut short, building anew\r\n");
+        RemoveDatabase();
+    }
+    const bool orgCreated = CreateOrgIfMissing();
+    const bool dataCreated = CreateIfMissing(DataFileName);
+    CreateIfMissing(IndexFileName);
+    if (orgCreated) return BuildFromProject(projectPath, !dataCreated);
+    if (dataCreated) InitIndexMap();
+    return 0;
+}
+
+// The age of a downloaded value counts from now.
+void RefreshStamps()
+{
+    Stamp start;
+    GetCurrentTime(&start);
+    {
+        const MutexLock lock(DatabaseLock);
+        OrgFile file;
+        OrgHeader header;
+        if (!file.OpenRW() || !file.ReadHeader(header)) return;
+        for (OrgWalk at(file, header.head); at.Valid(); at.Next()) {
+            GetCurrentTime(&at.Node().stamp);
+            static_cast<void>(file.WriteNode(at.Offset(), at.Node()));
+        }
+    }
+    std::printf("*VOQ*load orglist=%d mS\r\n", GetTimePassed(start.seconds, start.microseconds));
+}
+
+// False when the copy left no org file.
+bool TakeOverDownload(const DownloadPaths& download)
+{
+    char command[16 + 2 * PathBytes];
+    std::snprintf(command, sizeof command, "cp -f %s* %s", download.directory, DataDir);
+    std::printf("*VOQ*download orgfile find,cpy cmd=%s\r\n", command);
+    RunShell(command);
+    SleepMicroseconds(CopySettleMicroseconds);
+    if (!FileExists(OrgFileName)) {
+        std::puts("*VOQ*ORG CPY FAILED?\r");
+        return false;
+    }
+    EndBuild();
+    RefreshStamps();
+    return true;
+}
+
+bool DownloadComplete(const DownloadPaths& download)
+{
+    return FileExists(download.org) && FileExists(download.index) && FileExists(download.data) &&
+           !FileExists(TarnPortIndex);
+}
+}  // namespace
+
+int PrepareDatabase(const char* projectPath, const DownloadPaths& download)
+{
+    const bool downloaded = DownloadComplete(download) && TakeOverDownload(download);
+    const int result = downloaded ? 0 : LocalBuild(projectPath);
+    if (CheckDatabase() != DatabaseState::Refused) return result;
+    RemoveDatabase();  // what could not be set aside, and the maps
+    return LocalBuild(projectPath);
+}

@@ -1,0 +1,8 @@
+// Makes the register database ready at start-up: takes over a downloaded set, or builds it locally. Main thread, before
+// any other thread exists.
+#pragma once
+
+#include "fileinit/working_paths.h"
+
+// Returns 0 when the files are ready, -1 when the local build failed.
+int PrepareDatabase(const char* projectPath, const DownloadPaths& download);

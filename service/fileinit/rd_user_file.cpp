@@ -1,0 +1,71 @@
+// The configuration step, on the main thread before any other thread exists.
+#include "fileinit/rd_user_file.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "arch/fs.h"
+#include "comm/plc_driver.h"
+#include "fileinit/database_files.h"
+#include "fileinit/get_com_info.h"
+#include "fileinit/working_paths.h"
+#include "list/fast_list.h"
+#include "list/rt_list.h"
+#include "oper/org_pass.h"
+#include "state/com_state.h"
+#include "state/counters.h"
+
+namespace
+{
+[[noreturn]] void ConfigurationFailed()
+{
+    std::puts("Get cominfo failed. Need relanch. exit...");
+    std::exit(EXIT_SUCCESS);
+}
+
+void MakeClientFifo(const char* path, const char* failure)
+{
+    if (!FileExists(path) && !MakeFifo(path)) std::printf(failure, path);
+}
+
+void MakeClientFifos()
+{
+    MakeClientFifo(GuiFifo, "*VOQ*Could not create gui fifo %s\n\r\n");
+    MakeClientFifo(MekFifo, "*VOQ*Could not create mek fifo %s\n\r\n");
+}
+
+void ResetSharedState()
+{
+    ResetFastList();
+    ResetRtList();
+    LogOnAmount.store(0, std::memory_order_relaxed);
+    LoopReStart = 0;
+    GlobeTimeout.store(0, std::memory_order_relaxed);
+    std::memset(StationDisable, 0, sizeof StationDisable);
+}
+}  // namespace
+
+int RdUserFile(const char* projectPath, const char* userDir, std::uint16_t portIndex)
+{
+    if (GetComInfo(projectPath, portIndex) != 0) ConfigurationFailed();
+    char portDirectory[PathBytes];
+    if (!PortDirectory(portDirectory)) {
+        std::printf("*VOQ*link type %d is neither serial, CAN nor Ethernet\r\n", ComInfo.linkType);
+        ConfigurationFailed();
+    }
+    PlcDrvSet();
+
+    DownloadPaths download;
+    BuildDataPaths(userDir, portDirectory, &download);
+    MakeDirectory(DataDir);
+    BuildLocalPaths(userDir);
+    BuildPortPaths();
+    if (ComInfo.masterSlaveMode == MODE_SLAVE) {
+        BuildSlavePath();
+    } else {
+        MakeClientFifos();
+    }
+    ResetSharedState();
+    return PrepareDatabase(projectPath, download);
+}
