@@ -46,6 +46,7 @@ void WriteResultFile(const RtItem& item, const void* tail, std::uint32_t tailByt
     if (!file.Create(path.Text())) return;
     if (!file.WriteRecord(0, item) || !file.WriteAt(sizeof item, tail, tailBytes)) {
         std::printf("*VOQ*result file %s not written\r\n", path.Text());
+        static_cast<void>(file.Truncate(0));  // half an answer would be taken for a whole one
     }
     file.Sync();
 }
@@ -84,14 +85,15 @@ void UpdateSubscribed(const RegKey& key, const void* buffer)
     for (OrgWalk at(file, first); at.Valid() && SameGroup(at.Node().key, key); at.Next()) {
         OrgNode& record = at.Node();
         const std::uint64_t recordEnd = record.key.addr + each * record.key.width;
-        if (record.key.addr >= key.addr && recordEnd <= end &&
-            Copy2DataFile(record, key, buffer, GetRegBuffLen(&key))) {
+        const bool inside = record.key.addr >= key.addr && recordEnd <= end;
+        // A record whose value could not be stored keeps its state: 1 would promise a value.
+        if (inside && Copy2DataFile(record, key, buffer, GetRegBuffLen(&key))) {
             GetCurrentTime(&record.stamp);
             record.state = PLC_SUCCESS;
             static_cast<void>(file.WriteNode(at.Offset(), record));
             file.Sync();
         }
-        if (record.key.addr >= end) return;
+        if (!inside && record.key.addr >= end) return;
     }
 }
 

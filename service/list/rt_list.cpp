@@ -138,7 +138,10 @@ std::uint16_t AddRtList(const RegRequest& request, std::uint16_t listcmd, std::u
         code = PLC_ERROR;
     if (code == Admitted) {
         slot = LinkRequest(request.key, listcmd, fileno);
-        if (slot == NoSlot) code = PLC_ERROR;
+        if (slot == NoSlot) {
+            RemoveFile(RtPath::Payload(fileno).Text());
+            code = PLC_ERROR;
+        }
     }
     if (code != Admitted) WriteBackRtDataWhenError(fileno, code, request, listcmd);
     return slot;

@@ -149,19 +149,23 @@ bool WantedPending(std::uint16_t slot)
 void ServeWrites()
 {
     if (FindRt(WantedPending) == RtEnd) HadTurn.reset();
-    bool finished = false;
-    for (std::uint32_t served = 0; served <= MaxRtList || !finished; ++served) {
+    // An urgent request does not count for the extra turn: clients that keep sending them would hold up the others.
+    bool pendingTried = false;
+    bool otherServed = false;
+    for (std::uint32_t served = 0; served <= MaxRtList || (pendingTried && !otherServed); ++served) {
         const bool beyondBudget = served > MaxRtList;
         const std::uint16_t slot = FindRt(beyondBudget ? WantedWaiting : WantedWrite);
         if (slot == RtEnd) return;
+        const bool urgent = (GuiRtList[slot].key.flag & REG_FLAG_URGENT) != 0;
         if (IsWrite(GuiRtList[slot])) {
             ServeWrite(slot, served);
-            finished = true;
+            otherServed |= !urgent;
         } else if (ServeChange(slot)) {
             HadTurn.reset(slot);
-            finished = true;
+            otherServed |= !urgent;
         } else {
             HadTurn.set(slot);
+            pendingTried = true;
         }
         if (beyondBudget) return;
     }

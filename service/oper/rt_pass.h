@@ -8,7 +8,8 @@
 
 extern std::uint32_t MaxRtList;  // each phase serves at most MaxRtList + 1 requests; main thread
 
-// A change that stays pending is tried once a pass and counts; when nothing else was served, one more write is.
+// A change that stays pending is tried at most once a pass and counts; when there are more of them than a pass may try,
+// they take turns, and a pass that served nothing else serves one more write.
 void OperRtList();
 
 // Widens `key`, the slot's key, over the waiting reads behind the slot, up to the port's request limit.

@@ -15,8 +15,9 @@ std::uint32_t ChangeNeeds(std::span<const unsigned char> desc);
 bool BitFieldInside(std::span<const unsigned char> desc, std::uint32_t len);
 
 // Changes the image of `len` bytes in place. `cmdFlags`: the request's flags, of which CMD_REVERSED counts. An
-// operation, value type, operand size, digit position or bit number beyond what there is leaves the image unchanged, as
-// do a descriptor shorter than it needs and an image of more than MaxChangeBytes. Returns the direction for the next
-// change: the CMD_REVERSED bit, inverted when the change bounced at a limit.
+// operation, operand size, digit position or bit number beyond what there is leaves the image unchanged (an unknown
+// value type still passes through byte order and BCD), as do a descriptor shorter than it needs and an image of more
+// than MaxChangeBytes. Returns the direction for the next change: the CMD_REVERSED bit, inverted when the change
+// bounced at a limit.
 std::uint32_t Chg(unsigned char* buf, std::span<const unsigned char> desc, std::uint32_t len, std::uint32_t cmdFlags,
                   RegKey key);

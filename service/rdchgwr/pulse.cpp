@@ -12,12 +12,6 @@ namespace
 {
 constexpr std::uint32_t WidthUnitMs = 100;
 
-// Start time as it is kept: 0 would mean that no pulse runs.
-std::uint32_t PulseStart(std::uint32_t nowMs)
-{
-    return nowMs == 0 ? 1 : nowMs;
-}
-
 // The image that gives the register's bit the lowest bit of `value`. A bit register takes the value as it is; a word
 // register is read first, false when that fails.
 bool Compose(const RegKey& key, std::uint8_t bit, std::uint32_t value, const DrvOps& ops, unsigned char* image)
@@ -61,14 +55,15 @@ int DoPulse(RegKey key, std::span<const unsigned char> desc, std::uint32_t* puls
         if (!Compose(key, head.bit, value, ops, image)) return RT_PENDING;
         return WriteImage(key, image, ops, nullptr);
     }
+    if (nowMs == 0) nowMs = 1;  // a time of 0 says that no pulse runs
     if (*pulseTime == 0) {
-        *pulseTime = PulseStart(nowMs);
+        *pulseTime = nowMs;
         if (!Compose(key, head.bit, value, ops, image)) return ReadFailed();
         WriteImage(key, image, ops, nullptr);
         return RT_PENDING;
     }
     if (nowMs - *pulseTime < head.size * WidthUnitMs) return RT_PENDING;
-    *pulseTime = PulseStart(nowMs);
+    *pulseTime = nowMs;
     if (!Compose(key, head.bit, ~value & 1, ops, image)) return ReadFailed();
     const int result = WriteImage(key, image, ops, WriteFailed);
     *pulseTime = 0;

@@ -353,6 +353,7 @@ TEST_F(RdChgWr, PulseInTime)
         EXPECT_EQ(device.log, "r0x1 w0x1 ");
         EXPECT_EQ(device.memory[0], 0xFF);
         EXPECT_EQ(started, start == 0 ? 1 : start);
+        EXPECT_EQ(step(word, start), RT_PENDING);
         EXPECT_EQ(step(word, started + 499), RT_PENDING);
         EXPECT_EQ(device.log, "");
         EXPECT_EQ(step(word, started + 500), 1);

@@ -307,8 +307,8 @@ TEST_F(Rt, ChangesAndPulses)
     EXPECT_EQ(Result(2) * 100 + Result(4) * 10 + Result(5), 333);
     EXPECT_EQ(Answer(3), Word(1));
 
-    // Five pulses at the head of writes: a pass tries four of them and serves one write all the same. The fifth has its
-    // turn in the second pass, which leaves three places for writes.
+    // Five pulses at the head of writes: a pass tries four of them, and one more turn goes to the next that waits: the
+    // fifth pulse first, then writes.
     MaxRtList = 3;
     for (std::uint16_t i = 0; i < 5; ++i) Add(20u + i, 0x2006, 20 + i, Pulse(600));
     for (std::uint16_t i = 0; i < 6; ++i) Add(30u + i, 7, 30 + i, "ab");
