@@ -19,7 +19,7 @@ std::int32_t Elapsed(const Stamp& now, std::int32_t seconds, std::int32_t micros
 
 void GetCurrentTime(Stamp* now)
 {
-    timeval tv;
+    timeval tv{};
     gettimeofday(&tv, nullptr);
     now->seconds = static_cast<std::int32_t>(tv.tv_sec);
     now->microseconds = static_cast<std::int32_t>(tv.tv_usec);

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -46,9 +47,11 @@ bool RenameFile(const char* from, const char* to)
     return std::rename(from, to) == 0;
 }
 
-void RunShell(const char* command)
+bool RunShell(const char* command)
 {
-    if (std::system(command) != 0) std::printf("*VOQ*shell command failed: %s\r\n", command);
+    const bool done = std::system(command) == 0;
+    if (!done) std::printf("*VOQ*shell command failed: %s\r\n", command);
+    return done;
 }
 
 void RemoveFilesByPrefix(const char* directory, const char* prefix, std::size_t most)
@@ -58,7 +61,9 @@ void RemoveFilesByPrefix(const char* directory, const char* prefix, std::size_t 
     const std::size_t prefixLength = std::strlen(prefix);
     std::size_t seen = 0;
     for (const dirent* entry = readdir(entries); entry != nullptr && seen < most; entry = readdir(entries), ++seen) {
-        if (std::strncmp(entry->d_name, prefix, prefixLength) == 0) unlinkat(dirfd(entries), entry->d_name, 0);
+        if (std::strncmp(entry->d_name, prefix, prefixLength) == 0 &&
+            std::isxdigit(static_cast<unsigned char>(entry->d_name[prefixLength])) != 0)
+            unlinkat(dirfd(entries), entry->d_name, 0);
     }
     closedir(entries);
 }

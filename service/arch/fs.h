@@ -12,8 +12,10 @@ void MakeDirectory(const char* path);
 // Makes creations and removals in a directory outlast a power cut; false when the system reports a failure.
 bool SyncDirectory(const char* path);
 [[nodiscard]] bool RenameFile(const char* from, const char* to);
-void RunShell(const char* command);
-// Removes every file of the directory whose name begins with `prefix`, at most `most` of them.
+// True when the command ended with success.
+bool RunShell(const char* command);
+// Removes every file of the directory whose name begins with `prefix` and a hexadecimal digit; looks at no more than
+// `most` names.
 void RemoveFilesByPrefix(const char* directory, const char* prefix, std::size_t most);
 
 // Opens the reading end of a FIFO and waits for its first writer, then keeps a writing descriptor of its own, so that

@@ -26,7 +26,7 @@ void COM_SetMode(std::uint32_t port, std::uint32_t mode)
 {
     const int device = OpenMiscDevice();
     if (device < 0) return;
-    if (port < 2 && mode < 3) ioctl(device, SetModeRequest[port][mode], 0);
+    if (port < 2 && mode < 3) ioctl(device, SetModeRequest[port][mode], 0UL);
     close(device);
 }
 

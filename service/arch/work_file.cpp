@@ -2,7 +2,6 @@
 #include "arch/work_file.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -99,9 +98,9 @@ int WorkFile::Close()
 
 std::uint32_t WorkFile::Size() const
 {
-    struct stat info;
-    if (fstat(fileno(stream_), &info) != 0 || info.st_size < 0) return 0;
-    return static_cast<std::uint32_t>(std::min<std::int64_t>(info.st_size, UINT32_MAX));
+    // Not fstat: on a 32-bit system it fails for a file whose times lie beyond 2038.
+    const off_t end = lseek(fileno(stream_), 0, SEEK_END);
+    return end < 0 ? UINT32_MAX : static_cast<std::uint32_t>(std::min<std::int64_t>(end, UINT32_MAX));
 }
 
 std::size_t WorkFile::ReadSome(std::uint32_t offset, void* buffer, std::size_t size) const

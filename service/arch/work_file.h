@@ -45,7 +45,7 @@ public:
     // Result of the close, 0 on success; 0 when nothing is open.
     int Close();
 
-    // Bytes in the file, 0 when it cannot be measured.
+    // Bytes in the file; UINT32_MAX, which every use refuses, when it cannot be measured.
     [[nodiscard]] std::uint32_t Size() const;
     // Up to `size` bytes at `offset`; returns how many there were.
     [[nodiscard]] std::size_t ReadSome(std::uint32_t offset, void* buffer, std::size_t size) const;

@@ -86,6 +86,20 @@ bool CreateOrgIfMissing()
     return true;
 }
 
+// Some insertions end in a plain close: the build counts as whole only when all of it is on the disk.
+bool SyncFile(const char* path)
+{
+    WorkFile file;
+    return file.OpenRW(path) && file.Sync();
+}
+
+bool OrgListEmpty()
+{
+    OrgHeader header{};
+    WorkFile file;
+    return file.OpenRO(OrgFileName) && file.ReadRecord(0, header) && header.count == 0;
+}
+
 // Fills the fresh org file. What an earlier org file left in the data file, the index and the maps names nothing any
 // more.
 int BuildFromProject(const char* projectPath, bool dataExisted)
@@ -101,10 +115,12 @@ int BuildFromProject(const char* projectPath, bool dataExisted)
     RemoveMapFiles();
     if (InitOrgFromFile(projectPath) != 0) {
         std::puts("Init org from file failed");
+        // Nothing was registered: what clients register from now on must not be thrown away by the next start.
+        if (OrgListEmpty()) EndBuild();
         return -1;
     }
     InitIndexMap();
-    EndBuild();
+    if (SyncFile(OrgFileName) && SyncFile(DataFileName) && SyncFile(IndexFileName)) EndBuild();
     return 0;
 }
 
@@ -147,12 +163,14 @@ bool TakeOverDownload(const DownloadPaths& download)
     char command[16 + 2 * PathBytes];
     std::snprintf(command, sizeof command, "cp -f %s* %s", download.directory, DataDir);
     std::printf("*VOQ*download orgfile find,cpy cmd=%s\r\n", command);
-    RunShell(command);
+    const bool copied = RunShell(command);
     SleepMicroseconds(CopySettleMicroseconds);
     if (!FileExists(OrgFileName)) {
         std::puts("*VOQ*ORG CPY FAILED?\r");
         return false;
     }
+    // What is there then may be the rest of a build that was cut short.
+    if (!copied && BuildWasCutShort()) return false;
     EndBuild();
     RefreshStamps();
     return true;

@@ -47,6 +47,16 @@ bool ReadKey(ProjectFile& project, const RegisterTable& table, std::uint32_t i, 
            project.Read(std::uint64_t{table.at} + relative, *key, "register");
 }
 
+// Looked at before the first registration, so that a damaged table leaves nothing rather than a part of it.
+bool AllKeysReadable(ProjectFile& project, const RegisterTable& table)
+{
+    for (std::uint32_t i = 0; i < table.amount; ++i) {
+        RegKey key;
+        if (!ReadKey(project, table, i, &key)) return false;
+    }
+    return true;
+}
+
 bool BelongsToPort(const RegKey& key)
 {
     return key.portno == ComInfo.portNo && key.convpara >> 16 == 0;
@@ -64,7 +74,7 @@ int InitOrgFromFile(const char* projectPath)
     RegisterTable table;
     if (!FindRegisterTable(project, &table)) return -1;
     std::printf("*VOQ*RegAmount=%d\n\r\n", static_cast<int>(table.amount));
-    if (!AmountFits(project, table)) return -1;
+    if (!AmountFits(project, table) || !AllKeysReadable(project, table)) return -1;
     for (std::uint32_t i = 0; i < table.amount; ++i) {
         RegKey key;
         if (!ReadKey(project, table, i, &key)) return -1;

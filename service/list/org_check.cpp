@@ -6,6 +6,7 @@
 
 #include "arch/fs.h"
 #include "arch/work_file.h"
+#include "list/data_file.h"
 #include "list/index.h"
 #include "list/org_survey.h"
 #include "state/paths.h"
@@ -29,7 +30,8 @@ bool MendOrg(const OrgSurvey& survey)
 bool MendData(const OrgSurvey& survey)
 {
     WorkFile file;
-    return file.OpenRW(DataFileName) && file.AppendZeros(survey.missingDataBytes) && file.Sync();
+    // Lengthening a file takes no room on the disk.
+    return file.OpenRW(DataFileName) && file.Truncate(survey.regionsEnd) && file.Sync();
 }
 
 bool MendIndex(const OrgSurvey& survey)
@@ -82,6 +84,7 @@ DatabaseState CheckFiles(bool& refreshMaps) VOQ_REQUIRES(DatabaseLock)
     if (survey.fault != nullptr) return Refuse(survey);
     if (!survey.mends.Any()) return DatabaseState::Sound;
     if (!Mend(survey)) {
+        SetRegionsEnd(survey.regionsEnd);
         std::printf("*VOQ*register database could not be mended, a file cannot be written\r\n");
         return DatabaseState::Unmended;
     }

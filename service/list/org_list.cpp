@@ -1,6 +1,7 @@
 // The org list, on the service threads and the main thread, under the register database lock.
 // Every record that an operation is going to change is read and checked before its first write; the writes then go from
-// the new record towards the header, so that one cut short leaves a chain that is whole.
+// the new record towards the header, so that one cut short leaves a chain that is whole (the first record of all
+// follows its header).
 #include "list/org_list.h"
 
 #include <cstdio>
@@ -85,6 +86,11 @@ bool InsertInFront(OrgFile& file, OrgHeader header, std::uint32_t before, OrgNod
     node.next = before;
     if (node.prev == 0 && header.head != before) return Damaged("wrong previous link in the record", before);
     if (node.prev != 0 && !ReadLinked(file, node.prev, before, ahead)) return false;
+    // An index entry that lags behind the chain would let a range in a second time.
+    const bool insideGroup = node.prev != 0 && SameGroup(ahead.key, node.key);
+    if (insideGroup && (updateIndex || NodeCompare(ahead.key, node.key) != 1)) {
+        return Damaged("index entry behind the start of its group", before);
+    }
     if (!AddRegion(node) || !file.WriteNode(here, node)) return false;
     behind.prev = here;
     if (!file.WriteNode(before, behind)) return false;

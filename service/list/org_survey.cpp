@@ -17,6 +17,7 @@ namespace
 {
 // Bounds of what start-up holds in memory: an org file of 14 MB, and an index entry for each of its records.
 constexpr std::uint32_t MostCheckedRecords = 0x40000;
+constexpr int MostBridges = 64;  // each looks at all records
 
 using GroupOrder = std::vector<std::pair<std::uint64_t, std::uint32_t>>;  // group number by group identity
 
@@ -81,27 +82,61 @@ bool ReadIndex(OrgSurvey& survey)
     return true;
 }
 
-// True when a link to the place behind the last whole record is an append that lost its record.
-bool LostAppend(const OrgSurvey& survey, std::uint32_t offset)
+// Where an appended record stood that a power cut took: insertions may end without a sync, and the disk may then hold a
+// link to a record, but not the record.
+bool LostPlace(const OrgSurvey& survey, std::uint32_t offset)
 {
-    if (offset != survey.wholeBytes) return false;
-    if (survey.chain.empty()) return survey.records.empty();
-    return survey.header.tail == offset || survey.header.tail == survey.chain.back();
+    return offset >= survey.wholeBytes && (offset - OrgFirstRecord) % sizeof(OrgNode) == 0;
+}
+
+// The record that followed lost ones: the only one outside the chain so far whose back link names the record before
+// them or a lost place. 0 when there is none or more than one.
+std::uint32_t RecordBehindLost(const OrgSurvey& survey, const std::vector<bool>& seen, std::uint32_t prev)
+{
+    std::uint32_t behind = 0;
+    std::uint32_t offset = OrgFirstRecord;
+    for (std::size_t i = 0; i < survey.records.size(); ++i, offset += sizeof(OrgNode)) {
+        const std::uint32_t link = survey.records[i].prev;
+        if (seen[i] || (link != prev && !LostPlace(survey, link))) continue;
+        if (behind != 0) return 0;
+        behind = offset;
+    }
+    return behind;
+}
+
+// What the chain goes on with in place of a link to no record: 0 at its end, the record behind lost ones elsewhere.
+// False when lost records do not explain the link.
+bool Bridge(const OrgSurvey& survey, const std::vector<bool>& seen, std::uint32_t prev, std::uint32_t& offset)
+{
+    if (!LostPlace(survey, offset)) return false;
+    const std::uint32_t tail = survey.header.tail;
+    const bool tailWhole = OrgOffsetValid(tail, survey.wholeBytes);
+    const bool appendLost = tailWhole ? seen[RecordNumber(tail)] : LostPlace(survey, tail);
+    if (survey.records.empty() || (appendLost && prev != 0)) {
+        offset = 0;
+        return true;
+    }
+    offset = RecordBehindLost(survey, seen, prev);
+    return offset != 0;
 }
 
 // Follows the chain from the head and sets the back links by it.
 bool FollowChain(OrgSurvey& survey)
 {
     std::vector<bool> seen(survey.records.size());
+    int bridges = 0;
     std::uint32_t prev = 0;
     for (std::uint32_t offset = survey.header.head; offset != 0;) {
         if (!OrgOffsetValid(offset, survey.wholeBytes)) {
-            if (!LostAppend(survey, offset)) return Fault(survey, "a link to no record", offset);
+            const std::uint32_t link = offset;
+            if (++bridges > MostBridges || !Bridge(survey, seen, prev, offset)) {
+                return Fault(survey, "a link to no record", link);
+            }
             if (prev != 0) {
-                survey.records[RecordNumber(prev)].next = 0;
+                survey.records[RecordNumber(prev)].next = offset;
                 survey.changed[RecordNumber(prev)] = survey.mends.links = true;
             }
-            break;
+            continue;
         }
         const std::uint32_t number = RecordNumber(offset);
         if (seen[number]) return Fault(survey, "a link back into the chain", offset);
@@ -176,7 +211,7 @@ bool CheckRegions(OrgSurvey& survey)
         }
         need = std::max(need, end);
     }
-    survey.missingDataBytes = static_cast<std::uint32_t>(need - have);
+    survey.regionsEnd = static_cast<std::uint32_t>(need);
     survey.mends.regions = need > have;
     std::sort(regions.begin(), regions.end());
     for (std::size_t i = 1; i < regions.size(); ++i) {

@@ -34,14 +34,14 @@ struct OrgSurvey {
     std::uint32_t faultOffset = 0;
     OrgMends mends{};
 
-    OrgHeader header{};                  // as the chain says
-    std::vector<OrgNode> records;        // in file order; the links of chained records as the chain says
-    std::vector<bool> changed;           // records that differ from the file
-    std::vector<std::uint32_t> chain;    // offsets in chain order
-    std::vector<OrgGroup> groups;        // in chain order
-    std::vector<IndexItem> index;        // empty when the index file is to be empty
-    std::uint32_t wholeBytes = 0;        // length of the org file up to its last whole record
-    std::uint32_t missingDataBytes = 0;  // zeros that the data file lacks
+    OrgHeader header{};                // as the chain says
+    std::vector<OrgNode> records;      // in file order; the links of chained records as the chain says
+    std::vector<bool> changed;         // records that differ from the file
+    std::vector<std::uint32_t> chain;  // offsets in chain order
+    std::vector<OrgGroup> groups;      // in chain order
+    std::vector<IndexItem> index;      // empty when the index file is to be empty
+    std::uint32_t wholeBytes = 0;      // length of the org file up to its last whole record
+    std::uint32_t regionsEnd = 0;      // length that the data file needs
 };
 
 // Reads and judges the database. Stops at the first fault.

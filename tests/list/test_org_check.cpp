@@ -139,6 +139,17 @@ TEST_F(OrgCheckTest, MendsWhatLags)
     same(" links", "org", 12 + 48, 68);
     same(" links", "org", 68 + 48, 292);
     same(" index", "index", 16 + 8, 12);
+    // Insertions that a power cut took before they were synced: one in front of another group, two, two at the end.
+    same(" links", "org", 124 + 52, 348);
+    EXPECT_TRUE(base == mends(" links", [](Files& files) {
+                    SetWord(files["org"], 124 + 52, 348);
+                    SetWord(files["org"], 180 + 48, 404);
+                }));
+    EXPECT_TRUE(base == mends(" header links", [](Files& files) {
+                    SetWord(files["org"], 292 + 52, 348);
+                    SetWord(files["org"], 8, 404);
+                    SetWord(files["org"], 0, 8);
+                }));
     same(" maps", "index", 12, 2);
     mends(" cut-off record", [](Files& files) { files["org"] += "half a record"; });
     mends(" maps", [](Files& files) { files["im2_10_22_0"].resize(20); });
@@ -183,7 +194,7 @@ TEST_F(OrgCheckTest, RefusesWhatNothingExplains)
     };
     refuses("a link back into the chain", "org", 68 + 52, 12);
     refuses("a link to no record, offset 70", "org", 68 + 52, 70);
-    refuses("a link to no record", "org", 124 + 52, 12 + 6 * 56);
+    refuses("a link to no record", "org", 124 + 52, 11 + 6 * 56);
     refuses("a link to no record", "org", 4, 0xFFFFFFFC);
     refuses("an index, but no chain, offset 0", "org", 4, 0);
     refuses("a chain that ends before its tail", "org", 68 + 52, 0);
