@@ -33,6 +33,7 @@ std::optional<LinkType> LinkFromByte(std::uint8_t byte)
 
 std::string PortDir::Dir() const
 {
+    if (!own.empty()) return own + "/";
     const char* kind = link == LinkType::Serial ? "/com_" : link == LinkType::Can ? "/can_" : "/tcp_";
     return user + kind + std::to_string(number) + "/";
 }

@@ -23,6 +23,7 @@ struct PortDir {
     std::string user;  // user data directory
     LinkType link = LinkType::Ethernet;
     std::uint16_t number = 0;
+    std::string own = {};  // the directory itself, where it is none below a user data directory
 
     std::string Dir() const;  // ends with "/"
     std::string Org() const { return Dir() + "org"; }

@@ -20,12 +20,13 @@ std::optional<ResultFile> ReadResult(const PortDir& port, std::uint16_t fileno)
     return ResultFile{*item, Bytes(bytes->begin() + sizeof(RtItem), bytes->end())};
 }
 
-std::optional<ResultFile> WaitResult(const PortDir& port, std::uint16_t fileno, std::chrono::milliseconds timeout)
+std::optional<ResultFile> WaitResult(const PortDir& port, std::uint16_t fileno, std::chrono::milliseconds timeout,
+                                     const std::function<bool()>& stopped)
 {
     const auto end = std::chrono::steady_clock::now() + timeout;
     while (true) {
         if (auto result = ReadResult(port, fileno)) return result;
-        if (std::chrono::steady_clock::now() >= end) return std::nullopt;
+        if (std::chrono::steady_clock::now() >= end || (stopped && stopped())) return std::nullopt;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 
 #include "client/bytes.h"
@@ -20,8 +21,16 @@ struct ResultFile {
 // The answer, or nothing while it is missing or shorter than its head (the service has created but not yet filled it).
 std::optional<ResultFile> ReadResult(const PortDir& port, std::uint16_t fileno);
 
-// Polls for the answer until it is there or the time is over. The file stays; RemoveResult frees the number.
-std::optional<ResultFile> WaitResult(const PortDir& port, std::uint16_t fileno, std::chrono::milliseconds timeout);
+// Polls for the answer until it is there, the time is over, or `stopped` says so. The file stays; RemoveResult frees
+// the number.
+std::optional<ResultFile> WaitResult(const PortDir& port, std::uint16_t fileno, std::chrono::milliseconds timeout,
+                                     const std::function<bool()>& stopped = {});
+
+// True for the answer to a request that the service never listed: it stands in no list, not even as the last one.
+inline bool WasRefused(const ResultFile& result)
+{
+    return result.item.result != PLC_SUCCESS && result.item.next == 0;
+}
 
 void RemoveResult(const PortDir& port, std::uint16_t fileno);
 

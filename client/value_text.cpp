@@ -4,7 +4,8 @@
 #include <algorithm>
 #include <bit>
 #include <cstdio>
-#include <cstring>
+
+#include "rdchgwr/decimal.h"
 
 namespace voq
 {
@@ -20,52 +21,38 @@ std::string Format(const char* format, Args... args)
     return text;
 }
 
-// The element as an unsigned number; at most eight bytes.
-std::uint64_t Number(std::span<const std::uint8_t> element, bool bigEndian)
+std::string BcdText(std::uint32_t value, int bytes)
 {
-    std::uint64_t value = 0;
-    for (std::size_t i = 0; i < element.size(); ++i) {
-        value = value << 8 | element[bigEndian ? i : element.size() - 1 - i];
-    }
-    return value;
-}
-
-std::string BcdText(std::uint64_t value, std::size_t bytes)
-{
-    std::uint64_t number = 0;
-    for (std::size_t i = bytes * 2; i-- > 0;) {
-        const std::uint64_t digit = value >> (4 * i) & 0xF;
-        if (digit > 9)
-            return Format("0x%0*llx(no bcd)", static_cast<int>(bytes * 2), static_cast<unsigned long long>(value));
-        number = number * 10 + digit;
-    }
+    const std::uint32_t number = CvtBcd2Bin(value, bytes);
+    // A nibble beyond 9 does not come back.
+    if (CvtBin2Bcd(number, bytes) != value) return Format("0x%0*x(no bcd)", bytes * 2, value);
     return std::to_string(number);
 }
 
-std::string ElementText(const Register& reg, std::span<const std::uint8_t> element)
+std::string ElementText(const ValueCoding& coding, std::span<const std::uint8_t> element)
 {
-    if (reg.type.kind == ValueKind::Raw) return Hex(element);
-    if (reg.type.kind == ValueKind::Bit) return std::to_string(element[0]);
-    const std::uint64_t value = Number(element, (reg.key.flag & REG_FLAG_BIG_ENDIAN) != 0);
+    if (coding.type.kind == ValueKind::Raw) return Hex(element);
+    if (coding.type.kind == ValueKind::Bit) return std::to_string(element[0]);
+    const std::uint64_t value = LoadElement(coding, element);
     const auto low = static_cast<std::uint32_t>(value);
-    if (reg.type.kind == ValueKind::Float) return Format("%.9g", static_cast<double>(std::bit_cast<float>(low)));
-    if (reg.type.kind == ValueKind::Double) return Format("%.17g", std::bit_cast<double>(value));
-    if ((reg.key.flag & REG_FLAG_BCD) != 0) return BcdText(value, element.size());
-    if (reg.type.kind == ValueKind::S16) return std::to_string(static_cast<std::int16_t>(low));
-    if (reg.type.kind == ValueKind::S32) return std::to_string(static_cast<std::int32_t>(low));
+    if (coding.type.kind == ValueKind::Float) return Format("%.9g", static_cast<double>(std::bit_cast<float>(low)));
+    if (coding.type.kind == ValueKind::Double) return Format("%.17g", std::bit_cast<double>(value));
+    if (coding.bcd) return BcdText(low, static_cast<int>(element.size()));
+    if (coding.type.kind == ValueKind::S16) return std::to_string(static_cast<std::int16_t>(low));
+    if (coding.type.kind == ValueKind::S32) return std::to_string(static_cast<std::int32_t>(low));
     return std::to_string(value);
 }
 
 }  // namespace
 
-std::string ValueText(const Register& reg, std::span<const std::uint8_t> value, std::size_t limit)
+std::string ValueText(const ValueCoding& coding, std::span<const std::uint8_t> value, std::size_t limit)
 {
-    const std::size_t size = std::max<std::size_t>(1, reg.type.elemSize);
+    const std::size_t size = coding.ElemBytes();
     const std::size_t count = value.size() / size;
     std::string text;
     for (std::size_t i = 0; i < std::min(count, limit); ++i) {
         if (i != 0) text += ' ';
-        text += ElementText(reg, value.subspan(i * size, size));
+        text += ElementText(coding, value.subspan(i * size, size));
     }
     return count > limit ? text + " ..." : text;
 }

@@ -6,15 +6,15 @@
 #include <span>
 #include <string>
 
-#include "client/register.h"
+#include "client/value_image.h"
 #include "voq/stamp.h"
 
 namespace voq
 {
 
-// The elements of a range, separated by spaces: decoded by the type, big-endian when the key's flag says so, packed BCD
-// as its digits. At most `limit` elements; " ..." stands for the rest.
-std::string ValueText(const Register& reg, std::span<const std::uint8_t> value, std::size_t limit);
+// The elements of a range, separated by spaces; packed BCD as its digits. At most `limit` elements; " ..." stands for
+// the rest.
+std::string ValueText(const ValueCoding& coding, std::span<const std::uint8_t> value, std::size_t limit);
 
 // Lower-case hexadecimal, two digits a byte, no separators.
 std::string Hex(std::span<const std::uint8_t> bytes);

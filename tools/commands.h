@@ -6,16 +6,30 @@
 #include <string>
 #include <vector>
 
+#include "client/change.h"
 #include "tools/target.h"
 
 inline constexpr int ExitOk = 0;
 inline constexpr int ExitNegative = 1;  // the command's answer is no
 inline constexpr int ExitUsage = 2;     // wrong arguments, or files that cannot be read
+// Of one-shot requests.
+inline constexpr int ExitPlcTimeout = 3;    // the PLC did not answer the service
+inline constexpr int ExitComError = 4;      // the PLC or the line to it reported an error
+inline constexpr int ExitRefused = 5;       // the service did not take the request
+inline constexpr int ExitNoAnswer = 6;      // the service did not answer in time
+inline constexpr int ExitNotRunning = 7;    // no service reads the FIFO
+inline constexpr int ExitSignalBase = 128;  // plus the number of the signal that ended the waiting
 
 // Builds a project file from its TOML description, written beside the target and renamed over it.
 int ProjectBuild(const std::string& toml, const std::string& output);
 // Prints a project file as TOML that ProjectBuild takes.
 int ProjectShow(const std::string& file);
+// Throws voq::Error that begins with the file's name.
+voq::Project LoadProjectFile(const std::string& file);
+// Writes the register database that the service would build into a directory that is new or empty.
+int ProjectPrepare(const std::string& file, std::uint16_t index, std::string directory);
+// 0 when two register databases are the same but for what changes while they are used, 1 when not.
+int Compare(const std::string& a, const std::string& b);
 
 struct WatchOptions {
     std::vector<std::string> what;  // names of the project's registers, or expressions
@@ -25,6 +39,23 @@ struct WatchOptions {
 };
 // 0 when a live value was seen, 1 when none was.
 int Watch(const PortOptions& options, const WatchOptions& watch);
+
+struct OneShotOptions {
+    std::string what;  // name of a register of the project, or an expression
+    double timeoutSeconds = 10;
+    double graceSeconds = 600;  // how long a late answer is waited for in order to remove it
+    bool onlyWriter = false;    // no other client writes into the FIFO
+};
+struct PulseOptions {
+    std::optional<std::uint32_t> bit;
+    unsigned value = 1;
+    std::uint32_t milliseconds = 0;
+};
+// 0 when the service did it, or one of the statuses of one-shot requests above.
+int Read(const PortOptions& options, const OneShotOptions& request);
+int Write(const PortOptions& options, const OneShotOptions& request, const std::vector<std::string>& values);
+int Change(const PortOptions& options, const OneShotOptions& request, const voq::ChangeText& change);
+int Pulse(const PortOptions& options, const OneShotOptions& request, const PulseOptions& pulse);
 
 // 0 when the whole database was shown, 1 when its chain is damaged.
 int Dump(const PortOptions& options, bool full);

@@ -9,11 +9,13 @@
 #include "client/value_text.h"
 #include "tools/commands.h"
 #include "voq/reg_range.h"
+#include "voq/rt_item.h"
 
 namespace
 {
 
 constexpr std::size_t ShortHexBytes = 32;
+constexpr std::size_t ShortElements = 16;
 
 std::string TimeText(const Stamp& stamp)
 {
@@ -26,11 +28,24 @@ std::string TimeText(const Stamp& stamp)
     return text;
 }
 
-void PrintRecord(const voq::OrgRecord& record, const voq::Bytes& data, bool full)
+// The range with the type that the project gives it, or that of its element size.
+voq::Register Described(const Target& target, const RegKey& key)
+{
+    const std::size_t known = target.project ? target.project->project.registers.size() : 0;
+    for (std::size_t i = 0; i < known; ++i) {
+        const RegKey& other = target.project->project.registers[i];
+        if (other.portno == key.portno && SameGroup(other, key) && NodeCompare(other, key) == 0) {
+            return {key, target.project->types[i]};
+        }
+    }
+    return {key, voq::TypeOfSize(RegElemSize(&key))};
+}
+
+void PrintRecord(const Target& target, const voq::OrgRecord& record, const voq::Bytes& data, bool full)
 {
     const OrgNode& node = record.node;
     const RegKey& key = node.key;
-    const voq::Register reg{key, voq::TypeOfSize(RegElemSize(&key))};
+    const voq::Register reg = Described(target, key);
     std::printf("  %u: %s\n", record.offset, voq::Expression(reg).c_str());
     std::printf("      state %u (%s)  stamp %s  logtimes %u  dataoffset %u  prev %u  next %u\n", unsigned{node.state},
                 voq::StateName(node.state).c_str(), TimeText(node.stamp).c_str(), unsigned{node.logtimes},
@@ -42,9 +57,13 @@ void PrintRecord(const voq::OrgRecord& record, const voq::Bytes& data, bool full
     const std::span<const std::uint8_t> bytes(data.data() + begin, static_cast<std::size_t>(shown));
     std::printf("      region %llu bytes: %s%s%s\n", static_cast<unsigned long long>(length), voq::Hex(bytes).c_str(),
                 shown < there ? " ..." : "", there < length ? " (the data file ends)" : "");
+    if (node.state != PLC_SUCCESS || there < length) return;
+    const std::span<const std::uint8_t> value(data.data() + begin, static_cast<std::size_t>(length));
+    const voq::ValueCoding coding = voq::CodingOf(reg, ByteOrderOf(target, key));
+    std::printf("      value %s\n", voq::ValueText(coding, value, full ? length : ShortElements).c_str());
 }
 
-bool PrintOrg(const voq::OrgFile& org, const voq::Bytes& data, bool full)
+bool PrintOrg(const Target& target, const voq::OrgFile& org, const voq::Bytes& data, bool full)
 {
     const OrgHeader header = org.Header();
     const voq::Chain chain = voq::WalkChain(org);
@@ -52,7 +71,7 @@ bool PrintOrg(const voq::OrgFile& org, const voq::Bytes& data, bool full)
                 header.count, header.head, header.tail, org.RecordsInFile());
     std::set<std::uint32_t> visited;
     for (const voq::OrgRecord& record : chain.records) {
-        PrintRecord(record, data, full);
+        PrintRecord(target, record, data, full);
         visited.insert(record.offset);
     }
     if (chain.badLink) {
@@ -62,7 +81,7 @@ bool PrintOrg(const voq::OrgFile& org, const voq::Bytes& data, bool full)
     if (visited.size() < org.RecordsInFile()) std::printf("  records that are not on the chain:\n");
     for (std::uint32_t i = 0; i < org.RecordsInFile(); ++i) {
         const std::uint32_t offset = OrgFirstRecord + i * static_cast<std::uint32_t>(sizeof(OrgNode));
-        if (!visited.contains(offset)) PrintRecord({offset, *org.Record(offset)}, data, full);
+        if (!visited.contains(offset)) PrintRecord(target, {offset, *org.Record(offset)}, data, full);
     }
     return !chain.badLink && visited.size() == org.RecordsInFile() && org.bytes.size() >= sizeof(OrgHeader);
 }
@@ -100,11 +119,12 @@ void PrintIndex(const voq::PortDir& port, const voq::Bytes& index)
 
 int Dump(const PortOptions& options, bool full)
 {
-    const voq::PortDir port = Resolve(options).port;
+    const Target target = Resolve(options);
+    const voq::PortDir& port = target.port;
     const auto org = voq::ReadLocked(port.Org());
     if (!org) throw voq::Error(port.Org() + ": no such file");
     const auto data = voq::ReadLocked(port.Data());
-    const bool sound = PrintOrg(voq::OrgFile{*org}, data.value_or(voq::Bytes{}), full);
+    const bool sound = PrintOrg(target, voq::OrgFile{*org}, data.value_or(voq::Bytes{}), full);
     if (!data) std::printf("data: no such file\n");
     const auto index = voq::ReadLocked(port.Index());
     if (index) PrintIndex(port, *index);

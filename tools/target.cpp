@@ -9,6 +9,7 @@ Target Resolve(const PortOptions& options)
     Target target;
     target.port.user = options.dir;
     target.index = options.index;
+    target.byteOrder = options.byteOrder;
     if (!options.project.empty()) target.project = LoadProjectToml(options.project);
     if (options.number) {
         const auto link = LinkFromName(options.link);
@@ -31,4 +32,38 @@ Target Resolve(const PortOptions& options)
     }
     target.fifo = options.fifo == "gui" ? target.port.GuiFifo() : target.port.MekFifo();
     return target;
+}
+
+voq::Register ResolveRegister(const Target& target, const std::string& text)
+{
+    voq::Register reg;
+    const auto found = target.project ? target.project->Find(text) : std::nullopt;
+    if (found) {
+        reg = {target.project->project.registers[*found], target.project->types[*found]};
+    } else if (voq::LooksLikeExpression(text)) {
+        try {
+            reg = voq::ParseExpression(text, target.port.number);
+        } catch (const voq::Error& error) {
+            throw UsageError(error.what());
+        }
+    } else {
+        throw UsageError("\"" + text + "\" is no expression and " +
+                         (target.project ? "no register of the project" : "there is no --project to look it up in"));
+    }
+    if (reg.key.portno == target.port.number) return reg;
+    throw UsageError(text + ": the range is of port " + std::to_string(reg.key.portno) + ", not of port " +
+                     std::to_string(target.port.number));
+}
+
+std::uint16_t ByteOrderOf(const Target& target, const RegKey& key)
+{
+    if (target.byteOrder) return *target.byteOrder;
+    if (!target.project) return 0;
+    const voq::Project& project = target.project->project;
+    if (key.portno == REG_PORT_LOCAL) return project.byteOrder;
+    for (const ComInfoRecord& port : project.ports) {
+        const bool same = port.portNo == target.port.number && LinkFromByte(port.linkType) == target.port.link;
+        if (same) return port.byteOrder;
+    }
+    return 0;
 }

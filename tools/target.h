@@ -8,6 +8,7 @@
 #include "client/error.h"
 #include "client/file_number.h"
 #include "client/port_dir.h"
+#include "client/register.h"
 #include "tools/project_toml.h"
 
 // Arguments that make no sense.
@@ -25,6 +26,7 @@ struct PortOptions {
     std::uint16_t index = 0;              // place of the port in the project
     std::string fifo = "mek";
     voq::FileNumberRange numbers;
+    std::optional<std::uint16_t> byteOrder;  // in place of the project's words
 };
 
 struct Target {
@@ -32,7 +34,14 @@ struct Target {
     std::string fifo;
     std::uint16_t index = 0;
     std::optional<ProjectText> project;
+    std::optional<std::uint16_t> byteOrder;
 };
 
 // Throws UsageError.
 Target Resolve(const PortOptions& options);
+
+// A register of the target's port: a name of its project, or an expression. Throws UsageError.
+voq::Register ResolveRegister(const Target& target, const std::string& text);
+
+// The byte-order word for a range: the panel's for its own registers, else the port's; 0 where nothing tells.
+std::uint16_t ByteOrderOf(const Target& target, const RegKey& key);

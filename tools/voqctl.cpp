@@ -1,5 +1,5 @@
-// voqctl: builds project files, watches registers, looks into a port's register database. The command line only; every
-// command has a file of its own.
+// voqctl: builds project files, reads, changes and watches registers, looks into a port's register database. The
+// command line only; the commands have files of their own.
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
@@ -19,7 +19,11 @@ struct Chosen {
 struct Options {
     PortOptions port;
     WatchOptions watch;
-    std::string toml, file;
+    OneShotOptions oneShot;
+    voq::ChangeText change;
+    PulseOptions pulse;
+    std::vector<std::string> values;
+    std::string toml, file, other;
     bool full = false, quiet = false;
     double wait = 11;
 };
@@ -34,6 +38,19 @@ void AddPortOptions(CLI::App& command, Options& options)
     command.add_option("--index", port.index, "Index of the port in the project")->capture_default_str();
 }
 
+void AddByteOrder(CLI::App& command, Options& options)
+{
+    command.add_option("--byte-order", options.port.byteOrder, "Byte-order word in place of the project's");
+}
+
+void AddFifoOptions(CLI::App& command, Options& options)
+{
+    PortOptions& port = options.port;
+    command.add_option("--fifo", port.fifo, "FIFO to write: mek or gui")->capture_default_str();
+    command.add_option("--first-number", port.numbers.first, "First request number to use")->capture_default_str();
+    command.add_option("--last-number", port.numbers.last, "Last request number to use")->capture_default_str();
+}
+
 void AddProject(CLI::App& app, Options& options, Chosen& chosen)
 {
     CLI::App& project = *app.add_subcommand("project", "Project files")->require_subcommand(1);
@@ -44,16 +61,78 @@ void AddProject(CLI::App& app, Options& options, Chosen& chosen)
     CLI::App& show = *project.add_subcommand("show", "Print a project file as TOML");
     show.add_option("file", options.file, "ophmi.bin")->required();
     show.callback([&] { chosen = {[&] { return ProjectShow(options.file); }, ExitNegative}; });
+    CLI::App& prepare = *project.add_subcommand("prepare", "Build a port's register database without the service");
+    prepare.add_option("file", options.file, "ophmi.bin")->required();
+    prepare.add_option("--port-index", options.port.index, "Index of the port in the project")->required();
+    prepare.add_option("-o,--output", options.other, "Directory to make; it must be new or empty")->required();
+    prepare.callback([&] {
+        chosen = {[&] { return ProjectPrepare(options.file, options.port.index, options.other); }, ExitNegative};
+    });
+}
+
+CLI::App& AddOneShot(CLI::App& app, Options& options, const char* name, const char* description)
+{
+    CLI::App& command = *app.add_subcommand(name, description);
+    AddPortOptions(command, options);
+    AddByteOrder(command, options);
+    AddFifoOptions(command, options);
+    command.add_option("--timeout", options.oneShot.timeoutSeconds, "Seconds to wait for the answer")
+        ->check(CLI::Range(0.0, 86400.0))
+        ->capture_default_str();
+    command.add_option("--grace", options.oneShot.graceSeconds, "Seconds within which a later answer is still removed")
+        ->check(CLI::Range(0.0, 86400.0))
+        ->capture_default_str();
+    command.add_option("what", options.oneShot.what, "Register name or expression")->required();
+    return command;
+}
+
+void AddReadAndWrite(CLI::App& app, Options& options, Chosen& chosen)
+{
+    CLI::App& read = AddOneShot(app, options, "read", "Read a range from the PLC now");
+    read.callback([&] { chosen = {[&] { return Read(options.port, options.oneShot); }, ExitNegative}; });
+
+    CLI::App& write = AddOneShot(app, options, "write", "Write a range");
+    write.add_flag("--only-writer", options.oneShot.onlyWriter, "Nobody else writes into the FIFO: any length goes");
+    write.add_option("values", options.values, "One value an element")->required();
+    write.callback([&] {
+        chosen = {[&] { return Write(options.port, options.oneShot, options.values); }, ExitNegative};
+    });
+}
+
+void AddChanges(CLI::App& app, Options& options, Chosen& chosen)
+{
+    CLI::App& change = AddOneShot(app, options, "change", "Read, change and write a range in one go");
+    change
+        .add_option("operation", options.change.operation,
+                    "add, sub, and, or, xor, not, toggle, set, clear, digit-up, digit-down, field")
+        ->required();
+    change.add_option("operands", options.change.operands, "STEP, MASK, BIT, POSITION, or FIRST COUNT VALUE");
+    change.add_option("--min", options.change.minimum, "Lower limit of add and sub");
+    change.add_option("--max", options.change.maximum, "Upper limit of add and sub");
+    change.add_flag("--wrap", options.change.wrap, "Go on from the other limit");
+    change.add_flag("--bounce", options.change.bounce, "Turn round at a limit");
+    change.add_flag("--reversed", options.change.reversed, "Add as sub and the reverse, as a bounce left it");
+    change.callback([&] {
+        chosen = {[&] { return Change(options.port, options.oneShot, options.change); }, ExitNegative};
+    });
+
+    CLI::App& pulse = AddOneShot(app, options, "pulse", "Set a bit and turn it back after a time");
+    pulse.add_option("--ms", options.pulse.milliseconds, "Length in milliseconds, in steps of 100")->required();
+    pulse.add_option("--bit", options.pulse.bit, "Bit of the range; needless where there is one only");
+    pulse.add_option("--value", options.pulse.value, "What the bit is set to first")
+        ->check(CLI::Range(0u, 1u))
+        ->capture_default_str();
+    pulse.callback([&] {
+        chosen = {[&] { return Pulse(options.port, options.oneShot, options.pulse); }, ExitNegative};
+    });
 }
 
 void AddWatch(CLI::App& app, Options& options, Chosen& chosen)
 {
     CLI::App& watch = *app.add_subcommand("watch", "Subscribe ranges and show their values");
     AddPortOptions(watch, options);
-    watch.add_option("--fifo", options.port.fifo, "FIFO to write: mek or gui")->capture_default_str();
-    watch.add_option("--first-number", options.port.numbers.first, "First request number to use")
-        ->capture_default_str();
-    watch.add_option("--last-number", options.port.numbers.last, "Last request number to use")->capture_default_str();
+    AddByteOrder(watch, options);
+    AddFifoOptions(watch, options);
     watch.add_option("--interval", options.watch.intervalMs, "Milliseconds between readings")
         ->check(CLI::Range(10u, 3600000u))
         ->capture_default_str();
@@ -67,6 +146,7 @@ void AddLookers(CLI::App& app, Options& options, Chosen& chosen)
 {
     CLI::App& dump = *app.add_subcommand("dump", "Print the register database");
     AddPortOptions(dump, options);
+    AddByteOrder(dump, options);
     dump.add_flag("--full", options.full, "Whole regions");
     dump.callback([&] { chosen = {[&] { return Dump(options.port, options.full); }, ExitUsage}; });
 
@@ -74,6 +154,11 @@ void AddLookers(CLI::App& app, Options& options, Chosen& chosen)
     AddPortOptions(check, options);
     check.add_flag("--quiet", options.quiet, "Print only what is broken");
     check.callback([&] { chosen = {[&] { return Check(options.port, options.quiet); }, ExitUsage}; });
+
+    CLI::App& compare = *app.add_subcommand("compare", "Compare two register databases");
+    compare.add_option("a", options.file, "Directory of the first")->required();
+    compare.add_option("b", options.other, "Directory of the second")->required();
+    compare.callback([&] { chosen = {[&] { return Compare(options.file, options.other); }, ExitUsage}; });
 
     CLI::App& status = *app.add_subcommand("status", "Show whether the service runs");
     AddPortOptions(status, options);
@@ -93,6 +178,8 @@ int main(int argc, char** argv)
     Options options;
     Chosen chosen;
     AddProject(app, options, chosen);
+    AddReadAndWrite(app, options, chosen);
+    AddChanges(app, options, chosen);
     AddWatch(app, options, chosen);
     AddLookers(app, options, chosen);
     try {

@@ -1,11 +1,10 @@
 // "voqctl watch": subscribes ranges, shows their values as the service refreshes them, and logs off again, however it
-// ends. Main thread; signals only set a flag. Needs SIGPIPE ignored, so that a closed output still logs off.
+// ends. Main thread. Needs SIGPIPE ignored, so that a closed output still logs off.
 #include <sys/ioctl.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <limits>
@@ -14,27 +13,12 @@
 #include "client/frame.h"
 #include "client/value_text.h"
 #include "tools/commands.h"
+#include "tools/stop.h"
 
 namespace
 {
 
 using Clock = std::chrono::steady_clock;
-
-volatile std::sig_atomic_t Stopped = 0;
-
-extern "C" void StopOnSignal(int)
-{
-    Stopped = 1;
-}
-
-// The first signal ends the loop, a second one of the same kind ends the process.
-void CatchSignals()
-{
-    struct sigaction action = {};
-    action.sa_handler = StopOnSignal;
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
-}
 
 std::int64_t NowMicroseconds()
 {
@@ -56,6 +40,7 @@ struct Shown {
 struct Watched {
     std::string name;
     voq::Register reg;
+    voq::ValueCoding coding;
     std::uint16_t fileno = 0;
     std::uint32_t offset = 0;     // of its record, 0 until found
     std::int64_t loggedOnAt = 0;  // microseconds; 0 while not logged on
@@ -71,24 +56,8 @@ std::vector<Watched> ResolveRanges(const Target& target, const std::vector<std::
     for (const std::string& text : what) {
         Watched range;
         range.name = text;
-        const auto found = target.project ? target.project->Find(text) : std::nullopt;
-        if (found) {
-            range.reg = {target.project->project.registers[*found], target.project->types[*found]};
-        } else if (voq::LooksLikeExpression(text)) {
-            try {
-                range.reg = voq::ParseExpression(text, target.port.number);
-            } catch (const voq::Error& error) {
-                throw UsageError(error.what());
-            }
-        } else {
-            throw UsageError(
-                "\"" + text + "\" is no expression and " +
-                (target.project ? "no register of the project" : "there is no --project to look it up in"));
-        }
-        if (range.reg.key.portno != target.port.number) {
-            throw UsageError(text + ": the range is of port " + std::to_string(range.reg.key.portno) +
-                             ", not of port " + std::to_string(target.port.number));
-        }
+        range.reg = ResolveRegister(target, text);
+        range.coding = voq::CodingOf(range.reg, ByteOrderOf(target, range.reg.key));
         ranges.push_back(range);
     }
     return ranges;
@@ -142,7 +111,7 @@ Shown ReadShown(const voq::PortDir& port, Watched& range)
     shown.state = voq::StateName(reading->node.state);
     shown.stamp = voq::StampMicroseconds(reading->node.stamp);
     if (reading->node.state != 1) return shown;
-    shown.value = voq::ValueText(range.reg, reading->value, std::numeric_limits<std::size_t>::max());
+    shown.value = voq::ValueText(range.coding, reading->value, std::numeric_limits<std::size_t>::max());
     shown.live = shown.stamp >= range.loggedOnAt;
     if (shown.live && shown.stamp != range.lastLive) {
         range.lastLive = shown.stamp;

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <random>
 #include <thread>
 
@@ -20,7 +19,7 @@
 #include "client/locked_file.h"
 #include "client/result_file.h"
 #include "client/value_text.h"
-#include "tools/commands.h"
+#include "tests/client/client_fixture.h"
 #include "voq/reg_range.h"
 #include "voq/rt_item.h"
 
@@ -29,47 +28,6 @@ using voq::PutRecord;
 
 namespace
 {
-
-template <typename Call>
-std::string ErrorOf(Call call)
-{
-    try {
-        call();
-    } catch (const voq::Error& error) {
-        return error.what();
-    }
-    return "(no error)";
-}
-
-#define EXPECT_HAS(text, part) \
-    EXPECT_NE(std::string(text).find(part), std::string::npos) << (text) << "\nlacks " << (part)
-
-struct Folder {
-    std::string path = std::filesystem::temp_directory_path() / "voqcXXXXXX";
-    voq::PortDir port;
-    PortOptions options;
-    Folder()
-    {
-        if (mkdtemp(path.data()) == nullptr) throw std::runtime_error(path);
-        port = {path, voq::LinkType::Ethernet, 1};
-        std::filesystem::create_directory(port.Dir());
-        options.dir = path;
-        options.number = 1;
-    }
-    ~Folder() { std::filesystem::remove_all(path); }
-};
-
-void Save(const std::string& path, const Bytes& bytes)
-{
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<long>(bytes.size()));
-}
-
-RegKey Key(std::uint8_t station, std::uint16_t area, std::uint8_t layout, std::uint32_t addr, std::uint16_t width,
-           std::uint32_t subaddr = 0, std::uint32_t flag = 0)
-{
-    return {flag, 0, 1, station, layout, area, width, addr, subaddr};
-}
 
 // A sound database: five groups in chain order, records created in another order, every map file complete.
 voq::Snapshot SoundDatabase()
@@ -365,7 +323,8 @@ TEST(Value, IsDecodedByTypeAndFlag)
 {
     const Bytes bytes = {0x12, 0x34, 0xC0, 0x49, 0x0F, 0xDB, 0xFF, 0xFE};
     const auto text = [&](const char* expression, std::size_t from, std::size_t limit = 9) {
-        return voq::ValueText(voq::ParseExpression(expression, 1), std::span(bytes).subspan(from), limit);
+        return voq::ValueText(voq::CodingOf(voq::ParseExpression(expression, 1), 0), std::span(bytes).subspan(from),
+                              limit);
     };
     EXPECT_EQ(text("s1:a1:u16@0,big_endian", 0), "4660 49225 4059 65534");
     EXPECT_EQ(text("s1:a1:s16@0", 6), "-257");
@@ -389,7 +348,7 @@ TEST(Project, PlacesAndRoundTrip)
               "02000000"
               "0100"
               "0000"
-              "0000"
+              "3103"
               "00"
               "00"
               "0100007f"

@@ -1,0 +1,76 @@
+// Sends one-shot requests and takes their answers. Waits as long as the caller says. RemoveLater forks: the process
+// must have no other thread that holds a lock.
+#include "client/one_shot.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+namespace voq
+{
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+void LetGo()
+{
+    setsid();
+    const int null = open("/dev/null", O_RDWR);
+    for (int fd = 0; fd <= 2; ++fd) dup2(null, fd);
+    close_range(3, ~0u, 0);
+}
+
+void RemoveWhenThere(const PortDir& port, const OneShot& request, Clock::time_point end)
+{
+    auto pause = std::chrono::milliseconds(10);
+    while (true) {
+        // Looked at before the answer: what a service that is gone had written is still removed.
+        const bool last = Clock::now() >= end || !FifoHasReader(request.fifo);
+        if (last || ReadResult(port, request.fileno)) return RemoveResult(port, request.fileno);
+        std::this_thread::sleep_for(pause);
+        pause = std::min(2 * pause, std::chrono::milliseconds(500));
+    }
+}
+
+}  // namespace
+
+std::optional<ResultFile> Ask(const PortDir& port, const OneShot& request)
+{
+    SendFrame(request.fifo, request.frame, request.writers);
+    std::optional<ResultFile> result;
+    try {
+        result = WaitResult(port, request.fileno, request.timeout, request.stopped);
+    } catch (...) {
+        RemoveResult(port, request.fileno);
+        throw;
+    }
+    if (!result) return std::nullopt;
+    RemoveResult(port, request.fileno);
+    const auto key = RecordAt<RegKey>(request.frame, FrameHeaderBytes);
+    if (!key || std::memcmp(&*key, &result->item.key, sizeof *key) != 0) {
+        throw Error("the answer is that of another client, which uses the same request number");
+    }
+    return result;
+}
+
+int RemoveLater(const PortDir& port, const OneShot& request, std::chrono::milliseconds atMost)
+{
+    const auto end = Clock::now() + atMost;
+    const pid_t child = fork();
+    if (child < 0) throw SystemError("fork", errno);
+    if (child > 0) return child;
+    try {
+        LetGo();
+        RemoveWhenThere(port, request, end);
+        _exit(0);
+    } catch (...) {
+        _exit(1);
+    }
+}
+
+}  // namespace voq

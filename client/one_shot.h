@@ -1,0 +1,35 @@
+// One-shot requests: a frame, and the answer that follows it. The answer's file never stays: it is removed when it is
+// read, and otherwise when it comes.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "client/bytes.h"
+#include "client/frame.h"
+#include "client/port_dir.h"
+#include "client/result_file.h"
+
+namespace voq
+{
+
+struct OneShot {
+    std::string fifo;
+    std::uint16_t fileno = 0;  // the frame's own
+    Bytes frame;
+    Writers writers = Writers::Several;
+    std::chrono::milliseconds timeout{10000};
+    std::function<bool()> stopped;  // ends the waiting when it turns true
+};
+
+// Sends the request and takes its answer; nothing when there is none in time. The request is then still with the
+// service, which may carry it out: RemoveLater sees to its answer. Throws ServiceNotRunning or Error.
+std::optional<ResultFile> Ask(const PortDir& port, const OneShot& request);
+
+// Leaves a process behind that removes the answer when it comes. It ends then, when the service does, or when the time
+// is over. It keeps none of the caller's files open and no terminal. Returns its id; throws Error when there is none.
+int RemoveLater(const PortDir& port, const OneShot& request, std::chrono::milliseconds atMost);
+
+}  // namespace voq
