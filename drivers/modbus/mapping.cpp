@@ -54,8 +54,12 @@ bool MapRange(const RegKey& key, std::int32_t length, Direction direction, Range
 
 Endpoint EndpointOf(const ComInfoRecord& info)
 {
-    Endpoint endpoint = {info.baudOrAddress, Word(info.driverPara), Word(info.driverPara + 2)};
-    if (endpoint.port == 0) endpoint.port = DefaultPort;
-    if (endpoint.timeoutMs == 0) endpoint.timeoutMs = DefaultTimeoutMs;
-    return endpoint;
+    const std::uint16_t port = Word(info.driverPara);
+    return {info.baudOrAddress, port == 0 ? DefaultPort : port, RequestTimeoutMs(info)};
+}
+
+std::uint16_t RequestTimeoutMs(const ComInfoRecord& info)
+{
+    const std::uint16_t ms = Word(info.driverPara + 2);
+    return ms == 0 ? DefaultTimeoutMs : ms;
 }

@@ -36,3 +36,6 @@ struct Endpoint {
     std::uint16_t timeoutMs;  // for one request, connecting included
 };
 Endpoint EndpointOf(const ComInfoRecord& info);
+
+// The time a station has for its answer, in milliseconds.
+std::uint16_t RequestTimeoutMs(const ComInfoRecord& info);

@@ -1,0 +1,172 @@
+// The slave on TCP. Runs inside "Loop". Waits for at most IdleMs and never for a master: a connection whose master
+// sends half a request, or takes no answer, holds up nobody. Allocates only when the port has changed.
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <iterator>
+
+#include "clock.h"
+#include "mapping.h"
+#include "report.h"
+#include "slave.h"
+#include "slave_request.h"
+#include "slave_serve.h"
+
+namespace
+{
+
+constexpr std::size_t MaxMasters = 8;          // a panel has few; the one that has been quiet for longest makes room
+constexpr std::size_t PrefixBytes = 6;         // transaction, protocol, length
+constexpr std::size_t MinLength = 2;           // unit, function
+constexpr std::size_t MaxLength = 254;         // unit and the longest request
+constexpr std::uint8_t AnyUnits[] = {0, 255};  // the box itself, whatever its number
+
+struct Master {
+    int fd;  // -1 for a free place
+    std::uint64_t lastMs;
+    std::size_t have;
+    std::uint8_t adu[PrefixBytes + MaxLength];
+};
+
+}  // namespace
+
+struct Slave {
+    modbus_t* context;  // null while nothing is listening
+    int listener;
+    std::uint16_t port;
+    Reporter reporter;
+    Master masters[MaxMasters];
+};
+
+namespace
+{
+
+void Drop(Master& master)
+{
+    if (master.fd >= 0) close(master.fd);
+    master.fd = -1;
+    master.have = 0;
+}
+
+void StopListening(Slave& slave)
+{
+    for (Master& master : slave.masters) Drop(master);
+    if (slave.listener >= 0) close(slave.listener);
+    slave.listener = -1;
+    if (slave.context != nullptr) modbus_free(slave.context);
+    slave.context = nullptr;
+}
+
+bool StartListening(Slave& slave, std::uint16_t port)
+{
+    if (slave.context != nullptr && slave.port == port) return true;
+    StopListening(slave);
+    slave.port = port;
+    std::snprintf(slave.reporter.name, sizeof slave.reporter.name, "port %u", port);
+    slave.context = modbus_new_tcp("0.0.0.0", port);
+    if (slave.context != nullptr) slave.listener = modbus_tcp_listen(slave.context, static_cast<int>(MaxMasters));
+    if (slave.listener >= 0 && fcntl(slave.listener, F_SETFL, O_NONBLOCK) == 0) return true;
+    Report(slave.reporter, "cannot listen", errno);
+    StopListening(slave);
+    return false;
+}
+
+Master& PlaceForOne(Slave& slave)
+{
+    const auto since = [](const Master& master) { return master.fd < 0 ? 0 : master.lastMs; };
+    return *std::min_element(std::begin(slave.masters), std::end(slave.masters),
+                             [&](const Master& a, const Master& b) { return since(a) < since(b); });
+}
+
+void Accept(Slave& slave)
+{
+    const int fd = accept4(slave.listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd < 0) return;
+    const int yes = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+    Master& master = PlaceForOne(slave);
+    Drop(master);
+    master.fd = fd;
+    master.lastMs = NowMs();
+}
+
+bool ServesUnit(const ComInfoRecord& info, std::uint8_t unit)
+{
+    return unit == info.slaveNo || unit == AnyUnits[0] || unit == AnyUnits[1];
+}
+
+// False when the connection is of no more use.
+bool ServeWhole(Slave& slave, Master& master, const ComInfoRecord& info, const UserOper& oper)
+{
+    const Indication indication = {master.adu, static_cast<int>(master.have), PrefixBytes + 1, 0};
+    master.have = 0;
+    modbus_set_socket(slave.context, master.fd);
+    if (ServesUnit(info, master.adu[PrefixBytes])) return ServeRequest(slave.context, indication, oper, false);
+    return modbus_reply_exception(slave.context, master.adu, static_cast<unsigned>(Refusal::Gateway)) > 0;
+}
+
+// Bytes that the request in the buffer has, as far as it is known; 0 when it is none.
+std::size_t Wanted(const Master& master)
+{
+    if (master.have < PrefixBytes) return PrefixBytes;
+    const std::size_t length = WireWord(master.adu + 4);
+    const bool modbus = WireWord(master.adu + 2) == 0 && length >= MinLength && length <= MaxLength;
+    return modbus ? PrefixBytes + length : 0;
+}
+
+// One request at most: what else the master has sent stays in the socket for the next turn. The first read brings the
+// length, the second the rest.
+bool ServeMaster(Slave& slave, Master& master, const ComInfoRecord& info, const UserOper& oper)
+{
+    for (int part = 0; part < 2; part++) {
+        const ssize_t got = recv(master.fd, master.adu + master.have, Wanted(master) - master.have, 0);
+        if (got <= 0) return got < 0 && (errno == EAGAIN || errno == EINTR);
+        master.have += static_cast<std::size_t>(got);
+        master.lastMs = NowMs();
+        const std::size_t wanted = Wanted(master);
+        if (wanted == 0) return false;
+        if (master.have == wanted) return ServeWhole(slave, master, info, oper);
+    }
+    return true;
+}
+
+}  // namespace
+
+Slave* NewSlave()
+{
+    auto* slave = static_cast<Slave*>(std::calloc(1, sizeof(Slave)));
+    if (slave == nullptr) return nullptr;
+    slave->listener = -1;
+    for (Master& master : slave->masters) master.fd = -1;
+    return slave;
+}
+
+void FreeSlave(Slave* slave)
+{
+    StopListening(*slave);
+    std::free(slave);
+}
+
+int SlaveTurn(Slave& slave, const ComInfoRecord& info, const UserOper& oper)
+{
+    if (!StartListening(slave, EndpointOf(info).port)) {
+        poll(nullptr, 0, IdleMs);
+        return PLC_DRV_ERROR;
+    }
+    pollfd ready[MaxMasters + 1] = {};
+    for (std::size_t i = 0; i < MaxMasters; i++) ready[i] = {slave.masters[i].fd, POLLIN, 0};
+    ready[MaxMasters] = {slave.listener, POLLIN, 0};
+    if (poll(ready, MaxMasters + 1, IdleMs) <= 0) return PLC_DRV_OK;
+    for (std::size_t i = 0; i < MaxMasters; i++)
+        if (ready[i].revents != 0 && !ServeMaster(slave, slave.masters[i], info, oper)) Drop(slave.masters[i]);
+    if (ready[MaxMasters].revents != 0) Accept(slave);
+    return PLC_DRV_OK;
+}
