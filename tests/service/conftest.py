@@ -1,0 +1,34 @@
+"""Every test finds an empty box; whatever it started is gone when it ends."""
+import shutil
+
+import pytest
+import voqtest
+from voqtest import DRIVERS, PROJECT, RECIPE, USER, WORK
+
+
+@pytest.fixture(autouse=True)
+def box():
+    for place in (USER, RECIPE, DRIVERS, WORK, *map(type(USER), ("/home", "/disk", "/tmp"))):
+        for entry in place.iterdir():
+            shutil.rmtree(entry) if entry.is_dir() and not entry.is_symlink() else entry.unlink()
+
+
+@pytest.fixture
+def start():
+    """start(com_info, registers, ...) writes the project, installs the driver and runs the service."""
+    running = []
+
+    def begin(com=None, registers=(), driver="sim", **options):
+        com = com or voqtest.com_info()
+        if registers or not PROJECT.exists() or com != voqtest.com_info():
+            PROJECT.write_bytes(voqtest.project([com], registers))
+        if driver and not any(DRIVERS.rglob("*.so")):
+            voqtest.install_driver("Ethernet" if com[4] == 2 else "Serial", driver, com[8])
+        service = voqtest.Service(**options)
+        running.append(service)
+        return service
+
+    yield begin
+    for service in running:
+        if service.process.returncode is None:
+            service.stop()

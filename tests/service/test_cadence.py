@@ -1,0 +1,107 @@
+"""When the main loop does what, seen from outside: a preloaded shim notes its sleeps, looks and opens (trace.c)."""
+import pathlib
+import struct
+import subprocess
+
+from voqtest import DRIVERS, PROJECT, RECIPE, USER, WORK, Key, com_info, log_off, log_on, project, wait_for
+
+PAUSE = 3
+TURN_END = f"usleep {PAUSE * 1000}"
+IDLE, CHECKS = "usleep 50000", "access /tmp/srb0.dat"
+ORG_READ, ORG_WRITE = "fopen /u/com_1/org r", "fopen /u/com_1/org r+"
+
+
+def traced():
+    shim = WORK / "trace.so"
+    source = pathlib.Path(__file__).parent / "trace.c"
+    subprocess.run(["gcc", "-O1", "-shared", "-fPIC", "-o", shim, source], check=True)
+    return {"LD_PRELOAD": str(shim), "VOQ_TRACE": str(WORK / "trace")}
+
+
+def turns():
+    """What each whole turn of the main loop did, without its pause."""
+    loop = (WORK / "trace").read_text().rpartition("access /home/tarn\n")[2]
+    return [turn.splitlines() for turn in loop.split(TURN_END + "\n")[:-1]]
+
+
+def more_turns(n):
+    """n turns that begin after this call, with the number of the first."""
+    first = len(turns()) + 1
+    wait_for(lambda: len(turns()) >= first + n, "turns")
+    return first, turns()[first: first + n]
+
+
+def test_idle_turns_and_checks(start):
+    service = start(com_info(pause=PAUSE), driver=None, environment=traced())
+    wait_for(lambda: len(turns()) >= 65, "turns")
+    for turn, events in enumerate(turns()[:65]):
+        checks = [CHECKS, "access /disk/hmi/rcp/srw.dat"] if (turn + 1) % 20 == 0 else []
+        assert events == [IDLE] + checks, turn
+    service.send(log_on(Key(), 1))  # a subscription ends the idling, though the org list was empty at start-up
+    wait_for(lambda: IDLE not in turns()[-1], "polling")
+    first, polling = more_turns(25)
+    for turn, events in enumerate(polling, first):
+        assert events[:2] == [ORG_READ, ORG_WRITE] and IDLE not in events
+        assert (CHECKS in events) == ((turn + 1) % 20 == 0)
+    service.send(log_off(Key(), 1))
+    wait_for(lambda: turns()[-1][:1] == [IDLE], "idling again")
+
+
+def test_org_list_cadence(start):
+    """A last record that fills the limit keeps the org-list pass going; it opens the org file when it runs."""
+    key = Key(0, 64)
+    service = start(com_info(pause=PAUSE), [key], environment=traced())
+    wait_for(lambda: service.node(key).state == 1, "the first read")
+    logged_on = 0
+
+    def settle(logged_on):
+        """Log-ons that count, undone by the other client so that nothing is subscribed."""
+        service.send(b"".join(log_on(key, 9, 12) for _ in range(logged_on)))
+        wait_for(lambda: ORG_WRITE in turns()[-1], "polling")
+        service.send(b"".join(log_off(key, 9, 12) for _ in range(logged_on)), "mek")
+        wait_for(lambda: ORG_WRITE not in sum(turns()[-3:], []), "no polling")
+
+    for more, divisor in ((0, 1), (4, 1), (1, 2), (4, 2), (3, 3), (8, 5)):
+        if more:
+            settle(more)
+        first, seen = more_turns(45)
+        for turn, events in enumerate(seen, first):
+            assert events.count(ORG_READ) == (turn % divisor == 0) and IDLE not in events, (turn, divisor)
+            assert (CHECKS in events) == ((turn + 1) % 20 == 0)
+        logged_on += more
+        assert divisor == logged_on // 5 + 1
+    service.send(log_on(key, 9, 12) * 60, "mek")  # the mek's log-ons do not count
+    wait_for(lambda: ORG_WRITE in turns()[-1], "polling")
+    service.send_drained(log_off(key, 9, 12) * 40)  # more log-offs than log-ons do not stop the pass
+    service.send(log_off(key, 9, 12) * 60, "mek")
+    wait_for(lambda: ORG_WRITE not in sum(turns()[-3:], []), "no polling")
+    first, seen = more_turns(20)
+    assert all(events.count(ORG_READ) == 1 for events in seen)
+
+
+def test_end_of_chain_stops_the_org_list_pass(start):
+    """A widened read that reaches the end of the chain is the last of the pass: then the loop idles."""
+    service = start(com_info(pause=PAUSE), [Key(0, 10), Key(10, 10), Key(20, 10)], environment=traced())
+    wait_for(lambda: all(n.state == 1 for n in service.chain()), "first reads")
+    _, seen = more_turns(20)
+    assert all(events[:1] == [IDLE] and ORG_READ not in events for events in seen)
+
+
+def test_watchdog(start):
+    PROJECT.write_bytes(project([com_info(), com_info(port=3)]))
+    (USER / "srw0.dat").write_bytes(bytes(20000))
+    arguments = (PROJECT, 65536 + 1, DRIVERS, USER, RECIPE)
+    start(arguments=arguments, directory="/u/com_3", driver=None, environment=traced())
+    place = (1 + 515) * 4
+
+    def words():
+        raw = (USER / "srw0.dat").read_bytes()
+        assert len(raw) == 20000 and not any(raw[:place] + raw[place + 4:])
+        return struct.unpack_from("<I", raw, place)[0]
+
+    seen = [0]
+    while seen[-1] < 300:
+        value = words()
+        if value != seen[-1]:
+            seen.append(value)
+    assert seen[1] <= 3 and all(0 < b - a < 40 for a, b in zip(seen, seen[1:]))

@@ -1,0 +1,101 @@
+"""A PLC that does not answer, places that cannot be written, tables that are full."""
+import pytest
+from test_cadence import PAUSE, traced
+from voqtest import (DRIVERS, PROJECT, RECIPE, USER, WORK, Key, Service, com_info, install_driver, log_off, log_on,
+                     project, wait_for)
+
+
+@pytest.mark.parametrize("failure, marker, threshold", [(2, "timeout", 3), (3, "comerror", 5)])
+def test_markers_and_states(start, failure, marker, threshold):
+    key = Key(100, 4)
+    service = start(com_info(pause=PAUSE), environment=traced())
+    service.send(log_on(key, 1))
+    wait_for(lambda: service.value(key) == service.sim.value(key), "a live value")
+    made = f"fopen {service / marker} wb+"
+
+    def fail_times(times):
+        """The markers made while so many reads fail and the next ones succeed."""
+        before = (WORK / "trace").read_text().count(made)
+        service.sim.fail(failure, times)
+        wait_for(lambda: service.sim.left_to_fail == 0, "failing reads")
+        since = service.sim.logged
+        wait_for(lambda: service.sim.logged > since + 2 and service.node(key).state == 1, "success")
+        assert not (service / marker).exists()
+        return (WORK / "trace").read_text().count(made) - before
+
+    assert [fail_times(n) for n in (1, threshold - 1, threshold, threshold - 1, threshold + 4)] == [0, 0, 1, 0, 1]
+    service.sim.fail(failure)
+    wait_for(lambda: (service / marker).exists() and service.node(key).state == failure, "the marker")
+    assert not (service / {"timeout": "comerror", "comerror": "timeout"}[marker]).exists()
+    before, value = service.node(key), service.value(key)
+    service.sim.set(key, bytes(key.size))
+    wait_for(lambda: service.node(key).stamp > before.stamp, "a later attempt")
+    assert service.value(key) == value and (service / marker).stat().st_size == 0
+    service.sim.fail(0)
+    wait_for(lambda: service.value(key) == bytes(key.size) and not (service / marker).exists(), "recovery")
+    assert service.node(key).state == 1
+
+
+def test_org_list_pass_waits_out_a_timeout(start):
+    """A port in time-out reads no registered range; each gets its one attempt when the port answers again."""
+    install_driver()
+    PROJECT.write_bytes(project([com_info(word_limit=8)], [Key(20 * i, 8) for i in range(10)]))
+    service = Service(ready=False)
+    service.sim.fail(service.sim.TIMEOUT, 1)
+    wait_for(lambda: service.sim.left_to_fail == 0, "the first read")
+    wait_for(service.sim.quiet, "no further reads")
+    assert [n.state for n in service.chain()].count(0) >= 1
+    service.send(log_on(Key(1000, 1), 1))
+    wait_for(lambda: all(n.state for n in service.chain()), "the rest of the table")
+    assert [n.state for n in service.chain()].count(2) == 1
+    service.stop()
+
+
+def test_places_that_cannot_be_used(start):
+    PROJECT.write_bytes(project([com_info()]))
+    service = Service((PROJECT, 0, DRIVERS, "/u/none", RECIPE), ready=False)
+    assert service.process.wait(20) == 1
+    out, err = service.out().decode(), service.err().decode()
+    for text in ("Could not create gui fifo /u/none/com_1/guififo\n\r\n", "RW creat file /u/none/com_1/org error\n\r\n",
+                 "Could not create mek fifo /u/none/com_1/mekfifo\n\r\n"):
+        assert "*VOQ*" + text in out
+    assert "fopen:: No such file or directory" in err
+
+    key = Key(100, 4)
+    for name in ("timeout", "mekfifo", "comerror"):
+        (USER / "com_1" / name).mkdir(parents=True)
+    service = start(com_info())
+    service.wait_out("Mek fifo nread=-1\n", 2)
+    service.send(log_on(key, 1))
+    wait_for(lambda: service.value(key) == service.sim.value(key), "the other client is served")
+    service.sim.fail(2, 5)
+    service.wait_out("set timeout error\n")
+    wait_for(lambda: service.sim.left_to_fail == 0, "five time-outs")
+    service.sim.fail(3, 5)
+    service.wait_out("set com error\n")
+    assert service.count("set timeout error\n") == 1
+    wait_for(lambda: service.node(key).state == 1, "recovery")
+    for name in ("org", "data", "index"):  # files that vanish under the service are reported, not missed
+        (service / name).unlink()
+    service.wait_out("*VOQ*RO open file /u/com_1/org error\r\n")
+    service.send(log_on(Key(7, 1), 2))
+    service.wait_out("open index error\n")
+    assert service.process.poll() is None
+
+
+def test_full_fast_list(start):
+    service = start(com_info(pause=0, packing=1), [Key(0, 1)])
+    ranges = [Key(i, 1) for i in range(2049)]
+    service.send(b"".join(log_on(key, i, 12) for i, key in enumerate(ranges[:2047])))
+    service.send(log_on(ranges[2047], 2047, 12))
+    service.wait_out("*VOQ*fast list full, log-on refused,FILENO=2047\r\n")
+    service.send(log_on(ranges[5], 9999, 12))
+    service.wait_out("*VOQ*Same req, LOGTIMES++ =2\r\n")
+    service.send(log_off(ranges[2047], 2047, 12))
+    service.wait_out("*VOQ*del fast fileno=2047 error!!!\r\n")
+    service.send(log_off(ranges[1000], 1000, 12) + log_on(ranges[2048], 2048, 12) + log_on(ranges[2047], 2047, 12))
+    service.wait_out("*VOQ*fast list full, log-on refused,FILENO=2047\r\n", 2)
+    service.send(log_off(ranges[2048], 2048, 12) + log_off(ranges[2048], 2048, 12))
+    service.wait_out("*VOQ*del fast fileno=2048 error!!!\r\n")
+    since = service.sim.logged
+    wait_for(lambda: service.sim.logged > since + 50, "polling goes on")

@@ -1,0 +1,105 @@
+"""A long random history of log-ons and log-offs over both FIFOs against a model of what the files and the polling
+must then be. Each client has groups of its own, so the outcome does not depend on how the two streams interleave."""
+import random
+from collections import defaultdict
+
+import pytest
+from voqtest import Key, com_info, log_off, log_on, voqctl, wait_for
+
+
+class Model:
+    """What one client's requests make of the register table and of the subscriptions."""
+
+    def __init__(self):
+        self.org = defaultdict(dict)    # group -> place -> log count
+        self.maps = {}                  # group -> places at the last refresh
+        self.fast = []                  # [rank of the group's run, place, key, fileno, count], in list order
+        self.ranks = 0
+
+    def table(self, key, step):
+        group, fresh = self.org[key.group], not self.org[key.group]
+        created = key.place not in group
+        group[key.place] = (group.get(key.place, 0) + step) % 65536
+        if created and (step == 1 or fresh):
+            self.maps[key.group] = sorted(group)
+
+    def log_on(self, key, fileno, direct):
+        if not direct:
+            self.table(key, 1)
+        run = [e for e in self.fast if e[2].group == key.group]
+        same = [e for e in run if e[1] == key.place]
+        if same:
+            same[0][4] += 1
+            return
+        self.ranks += not run
+        self.fast.append([run[0][0] if run else self.ranks, key.place, key, fileno, 1])
+        self.fast.sort(key=lambda e: e[:2])
+
+    def log_off(self, key, fileno, direct):
+        if not direct:
+            self.table(key, -1)
+        for entry in self.fast:
+            if entry[3] == fileno:
+                entry[4] -= 1
+                if not entry[4]:
+                    self.fast.remove(entry)
+                return
+
+
+@pytest.mark.parametrize("seed", [1, 2])
+def test_random_history(start, seed):
+    rng = random.Random(seed)
+    service = start(com_info(packing=1, pause=0))
+    models = {"gui": Model(), "mek": Model()}
+    keys = {name: [Key(addr, width, regid, layout, plcno, sub) for plcno in (base, base + 1) for regid in (1, 300)
+                   for layout in (0x22, 0x00) for sub in (0, 5) for addr in range(0, 12, 3) for width in (1, 2, 4)]
+            for name, base in (("gui", 1), ("mek", 11))}
+
+    def history(name, steps, offsets):
+        for _ in range(steps):
+            key, fileno = rng.choice(keys[name]), rng.randrange(40) + (1000 if name == "mek" else 0)
+            offset = offsets.get((key.group, key.place), 0) if rng.random() < 0.4 else 0
+            on = rng.random() < 0.6
+            (models[name].log_on if on else models[name].log_off)(key, fileno, offset)
+            yield (log_on if on else log_off)(key, fileno, offset)
+
+    for phase in range(3):
+        offsets = {(n.key.group, n.key.place): n.offset for n in service.chain()} if phase else {}
+        streams = {name: b"".join(history(name, 700, offsets)) for name in models}
+        last = {name: Key(500 + phase, 1, plcno=keys[name][0].plcno) for name in models}
+        for name, model in models.items():
+            model.log_on(last[name], 5000, 0)
+            streams[name] += log_on(last[name], 5000)
+        while any(streams.values()):
+            name = rng.choice([n for n in streams if streams[n]])
+            size = rng.choice((1, 20, 35, 300, 5000))
+            service.send(streams[name][:size], name)
+            streams[name] = streams[name][size:]
+        wait_for(lambda: {(k.plcno, k.addr) for k in last.values()} <= {(c.plcno, c.addr) for c in service.sim.calls()},
+                 "the last log-ons polled", 60)
+
+        org = {**models["gui"].org, **models["mek"].org}
+        chain, index = service.chain(), service.index()
+        found = defaultdict(dict)
+        for node in chain:
+            found[node.key.group][node.key.place] = node.logtimes
+        assert {g: dict(p) for g, p in found.items()} == {g: p for g, p in org.items() if p}
+        first = {node.key.group: node.offset for node in reversed(chain)}
+        for name, model in models.items():
+            for group, places in model.maps.items():
+                assert index[group] == (first[group], len(places))
+                mapped = service.map(group)
+                assert [m[:2] for m in mapped] == places
+                assert all(n.key.place == m[:2] for m in mapped for n in chain if n.offset == m[2])
+        assert set(index) == set(found)
+
+    for name, model in models.items():
+        expected = [(e[2].plcno, e[2].regid, e[2].layout, e[2].subaddr, *e[1]) for e in model.fast]
+        assert len(expected) > 20
+        own = {e[0] for e in expected}
+        cycle = service.sim.cycle(len(expected), wanted=lambda c: c.plcno in own,
+                                  view=lambda c: (c.plcno, c.regid, c.layout, c.subaddr, c.addr, c.width))
+        turn = cycle.index(expected[0])
+        assert cycle[turn:] + cycle[:turn] == expected, name
+    done = voqctl("check")
+    assert done.returncode == 0, done

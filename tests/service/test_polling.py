@@ -1,0 +1,193 @@
+"""Subscriptions and what the fast-list pass reads for them: exact driver reads, exact records, live values."""
+import pathlib
+import random
+import struct
+import time
+
+import pytest
+from voqtest import SLOWEST, Key, com_info, log_off, log_on, wait_for
+
+
+@pytest.mark.sanitized
+@pytest.mark.parametrize("client", ["gui", "mek"])
+def test_subscription(start, client):
+    registered, fresh = Key(10, 8), Key(100, 4, regid=0x12, subaddr=7)
+    service = start(com_info(), [registered])
+    wait_for(lambda: service.node(registered).state == 1, "the org-list pass")
+
+    service.send(log_on(fresh, 5), client)  # unknown: found or made through the org list
+    wait_for(lambda: service.value(fresh) == service.sim.value(fresh), "a live value")
+    node = service.node(fresh)
+    assert (node.offset, node.logtimes, node.state, node.key) == (68, 1, 1, fresh)
+    assert abs(node.stamp[0] - time.time()) < 30
+    assert service.index()[fresh.group] == (68, 1) and service.map(fresh.group) == [(100, 4, 68)]
+    assert service.count("*VOQ*Find list,Offset=44\r\n") == 1
+    service.send(log_on(registered, 6, 12), client)  # known: straight to the fast list
+    for n in range(3):
+        for key in (fresh, registered):
+            service.sim.set(key, bytes([n + 1]) * key.size)
+            wait_for(lambda: service.value(key) == bytes([n + 1]) * key.size, "a changed value")
+    assert service.node(registered).logtimes == 0 and service.node(fresh).stamp > node.stamp
+
+    service.send(log_on(fresh, 7) + log_off(fresh, 7) + log_off(fresh, 99, 68), client)
+    service.wait_out("*VOQ*del fast fileno=99 error!!!\r\n")
+    assert service.count("*VOQ*Same req, LOGTIMES++ =2\r\n") == 1
+    assert service.count("*VOQ*FILENO not find in list,FILENO=7\r\n*VOQ*del fast fileno=7 error!!!\r\n") == 1
+    service.send(log_off(registered, 6, 12) + log_off(fresh, 5), client)
+    wait_for(lambda: service.node(fresh).logtimes == 0, "log-off")
+    service.sim.set(fresh, b"\x5a" * fresh.size)
+    wait_for(lambda: service.value(fresh) == b"\x5a" * fresh.size, "one subscription is left")
+    service.send(log_off(fresh, 5, 68), client)
+    wait_for(service.sim.quiet, "the end of polling")
+    service.sim.set(fresh, b"\x11" * fresh.size)
+    assert service.sim.quiet() and service.value(fresh) == b"\x5a" * fresh.size
+
+
+W = dict(word_limit=64, word_gap=10)
+B = dict(bit_limit=128, bit_gap=16)
+CASES = {  # limits, subscribed ranges as (addr, width), reads of one round
+    "gap bridged": (W, 0x22, [(100, 10), (115, 5)], [(100, 20)]),
+    "gap of G - 1 is bridged": (W, 0x22, [(0, 10), (19, 1)], [(0, 20)]),
+    "gap of G is not": (W, 0x22, [(0, 10), (20, 1)], [(0, 10), (20, 1)]),
+    "beyond the gap": (dict(W, word_gap=4), 0x22, [(100, 10), (115, 5)], [(100, 10), (115, 5)]),
+    "gap 0 joins no neighbours": (dict(W, word_gap=0), 0x22, [(0, 10), (10, 10), (15, 10)], [(0, 10), (10, 15)]),
+    "overlap and containment": (W, 0x22, [(0, 10), (2, 3), (5, 10), (5, 12)], [(0, 17)]),
+    "exactly the limit": (W, 0x22, [(0, 10), (10, 54), (64, 1)], [(0, 64), (64, 1)]),
+    "one over the limit": (W, 0x22, [(0, 10), (10, 55)], [(0, 10), (10, 55)]),
+    "a range as wide as the limit stands alone": (W, 0x22, [(0, 2), (1, 64), (70, 2)], [(0, 2), (1, 64), (70, 2)]),
+    "a range wider than the limit is cut": (W, 0x22, [(1000, 150)], [(1000, 64), (1064, 64), (1128, 22)]),
+    "double words on word addresses": (W, 0x24, [(0, 2), (6, 3), (130, 1)], [(0, 6), (130, 1)]),
+    "words on byte addresses": (W, 0x12, [(0, 2), (10, 2), (200, 1)], [(0, 7), (200, 1)]),
+    "bits": (B, 0x00, [(0, 16), (31, 1), (48, 1), (63, 65)], [(0, 32), (48, 80)]),
+    "bits cut": (B, 0x00, [(0, 300)], [(0, 128), (128, 128), (256, 44)]),
+    "unpacked": (dict(W, packing=2), 0x22, [(0, 4), (4, 4), (4, 6)], [(0, 4), (4, 4), (4, 6)]),
+}
+
+
+@pytest.mark.parametrize("name", CASES)
+def test_packing(start, name):
+    limits, layout, places, reads = CASES[name]
+    keys = [Key(addr, width, layout=layout) for addr, width in places]
+    service = start(com_info(pause=1, **limits))
+    order = keys[:]
+    random.Random(name).shuffle(order)
+    service.send(b"".join(log_on(key, i) for i, key in enumerate(order)))
+    wait_for(lambda: all(service.node(key) for key in keys), "log-ons")
+    cycle = service.sim.cycle(len(reads))
+    turn = cycle.index(reads[0])
+    assert cycle[turn:] + cycle[:turn] == reads
+    assert all(service.value(key) == service.sim.value(key) and service.node(key).state == 1 for key in keys)
+    if name == "unpacked":
+        assert service.count("*VOQ*<OperFastList_NoPack>PlcOper ret=1,addrType=2 flag=10000\r\n") > 3
+
+
+def test_records_inside_a_read(start):
+    """Every record inside the read is refreshed, subscribed or not; one that reaches beyond it is left alone."""
+    inside, beyond, other = Key(112, 2), Key(118, 4), Key(112, 2, regid=2)
+    service = start(com_info())
+    service.send(b"".join(log_off(key, 1) for key in (inside, beyond, other)))  # makes the records, subscribes nothing
+    service.send(log_on(Key(100, 10), 2) + log_on(Key(115, 5), 3))
+    wait_for(lambda: service.node(Key(115, 5)) and (100, 20) in service.sim.read_places(), "the packed read")
+    wait_for(lambda: service.value(inside) == service.sim.value(inside), "a value by the way")
+    since = service.sim.logged
+    wait_for(lambda: service.sim.logged > since + 3, "more reads")
+    assert service.node(inside).state == 1 and service.node(inside).logtimes == 0xFFFF
+    for key in (beyond, other):
+        assert service.node(key).state == 0 and not any(service.value(key))
+
+
+def test_due_or_not(start):
+    """Stations switched off are not read, nor are they an obstacle; slow ranges come along only when due."""
+    srw = pathlib.Path("/disk/hmi/rcp/srw.dat")
+    srw.parent.mkdir(parents=True)
+    off = bytearray(1000)
+    struct.pack_into("<16H", off, 420 + 100, *(1 << 3 if word == 1 else 0 for word in range(16)))  # station 19
+    srw.write_bytes(off)
+    service = start(com_info(pause=1))
+    slow, fast, switched_off = Key(10, 2, flag=SLOWEST), [Key(0, 2), Key(20, 2)], Key(5, 2, plcno=19)
+    begin = time.monotonic()
+    service.send(b"".join(log_on(key, i) for i, key in enumerate([slow, *fast, switched_off])))
+    wait_for(lambda: (0, 22) in service.sim.read_places(), "the slow range read along with its neighbours")
+    calls = [c for c in service.sim.calls() if c.command == service.sim.RDONE]
+    assert {(c.addr, c.width) for c in calls} <= {(0, 2), (20, 2), (0, 12), (0, 22), (5, 2)}
+    assert min(c.start for c in calls if c.width > 2) >= (begin + 1.99) * 1e6
+    assert not any(c.plcno == 19 for c in calls[-60:])
+    assert service.value(slow) == service.sim.value(slow) or service.node(slow).state == 0
+    off[420 + 100 + 2] = 0
+    srw.write_bytes(off)
+    wait_for(lambda: service.value(switched_off) == service.sim.value(switched_off), "the station switched on again")
+
+
+def span(n, key):
+    return n * key.elem // key.unit
+
+
+def joint(keys, limit, gap):
+    """The width of one read for these ranges, None when they cannot share one."""
+    a = keys[0]
+    if len(keys) == 1:
+        return a.width
+    end = a.addr + span(a.width, a)
+    for key in keys[1:]:
+        if (key.group != a.group or a.width >= limit or key.width >= limit or key.addr >= end + span(gap, a)
+                or key.addr + span(key.width, a) > a.addr + span(limit, a)):
+            return None
+        end = max(end, key.addr + span(key.width, a))
+    return (end - a.addr) * a.unit // a.elem
+
+
+def longest_runs(keys, limit, gap):
+    """The reads of one round as (regid, addr, width), each taking in as many ranges as it may; and how many runs."""
+    reads, runs = [], 0
+    while keys:
+        n = 1
+        while n < len(keys) and joint(keys[: n + 1], limit, gap) is not None:
+            n += 1
+        width, at = joint(keys[:n], limit, gap), keys[0].addr
+        chunks = [(done, min(limit, width - done)) for done in range(0, width, limit)]
+        reads += [(keys[0].regid, at + span(done, keys[0]), size) for done, size in chunks]
+        keys, runs = keys[n:], runs + 1
+    return reads, runs
+
+
+def fewest_runs(keys, limit, gap):
+    """The smallest number of reads that any cut of this order into runs allows."""
+    best = [0]
+    for last in range(len(keys)):
+        firsts = range(max(0, last - 40), last + 1)
+        best.append(min(best[f] + 1 for f in firsts if joint(keys[f: last + 1], limit, gap) is not None))
+    return best[-1]
+
+
+LAYOUTS = [(1, 64, 10, True), (2, 64, 10, False), (3, 16, 1, True), (4, 100, 0, False),
+           (5, 7, 255, True), (6, 7, 255, False)]
+
+
+@pytest.mark.parametrize("seed, limit, gap, disjoint", LAYOUTS)
+def test_random_layout(start, seed, limit, gap, disjoint):
+    """500 ranges anywhere: as few reads as the rules allow, and every value right."""
+    rng = random.Random(seed)
+    service = start(com_info(word_limit=limit, bit_limit=limit, word_gap=gap, bit_gap=gap, pause=0))
+    places, taken = set(), set()
+    while len(places) < 500:
+        regid, addr, width = rng.randrange(1, 4), rng.randrange(3000), rng.choice((1, 1, 2, 3, 8, 20, limit - 1))
+        cells = {(regid, addr + i) for i in range(width)}
+        if not (disjoint and taken & cells):
+            taken |= cells
+            places.add((regid, addr, width))
+    layout, step = {1: 0x22, 2: 0x24, 3: 0x00}, {1: 1, 2: 2, 3: 1}
+    keys = [Key(addr * step[regid], width, regid, layout[regid]) for regid, addr, width in places]
+    service.send(b"".join(log_on(key, i) for i, key in enumerate(keys)))
+    wait_for(lambda: len(service.org()[1]) == 500, "log-ons", 60)
+    order = list(dict.fromkeys(key.regid for key in keys))
+    keys.sort(key=lambda k: (order.index(k.regid), k.place))
+    reads, runs = longest_runs(keys, limit, gap)
+    assert runs < 500 and (not disjoint or runs == fewest_runs(keys, limit, gap))
+    since = service.sim.logged
+    wait_for(lambda: service.sim.logged > since + 2 * len(reads), "a round of reads", 60)
+    cycle = service.sim.cycle(len(reads), lambda c: (c.regid, c.addr, c.width))
+    turn = cycle.index(reads[0])
+    assert cycle[turn:] + cycle[:turn] == reads
+    data = (service / "data").read_bytes()
+    for node in service.chain():
+        assert data[node.dataoffset: node.dataoffset + node.key.size] == service.sim.value(node.key), node

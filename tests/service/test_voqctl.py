@@ -1,0 +1,240 @@
+"""voqctl's one-shot requests and prepared sets against the real service."""
+import pathlib
+import random
+import shutil
+import signal
+import struct
+import subprocess
+import time
+
+import pytest
+from voqtest import BUILD, PROJECT, SLOW, USER, WRITE, Key, com_info, frame, project, voqctl, wait_for
+
+WORD = 0x331  # 16-bit integers high byte first, 32-bit values and floats high word first too
+NAMES = {"u16": "H", "s16": "h", "u32": "I", "s32": "i", "float": "f", "double": "d"}
+LAYOUTS = {"H": 0x22, "h": 0x22, "I": 0x24, "i": 0x24, "f": 0x24, "d": 0x28}
+
+
+def ordered(word=WORD, **options):
+    com = com_info(**options)
+    return com[:12] + struct.pack("<H", word) + com[14:]
+
+
+def image(kind, word, *values):
+    order = ">" if word == WORD and kind != "d" else "<"
+    return struct.pack(f"{order}{len(values)}{kind}", *values)
+
+
+def ctl(command, *arguments, word=WORD, status=0):
+    done = voqctl(command, "--byte-order", word, *arguments)
+    assert done.returncode == status, (command, arguments, done)
+    return (done.stdout if status == 0 else done.stderr).strip()
+
+
+def begin(command, *arguments):
+    """The same without waiting for its end."""
+    arguments = (command, "--dir", USER, "--link", "serial", "--port", 1, *arguments)
+    return subprocess.Popen([BUILD / "bin/voqctl", *map(str, arguments)], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+
+def left_over(service):
+    return [p.name for p in (service / "").iterdir() if p.name.isdigit() or p.name.startswith("rtData")]
+
+
+@pytest.mark.sanitized
+@pytest.mark.parametrize("word", [0, WORD])
+def test_reads_and_writes(start, word):
+    service = start(ordered(word))
+    for kind, values in (("u16", (0, 65535, 0x1234)), ("s16", (-2, 32767)), ("u32", (0x12345678, 9)), ("s32", (-70000,)),
+                         ("float", (-0.15625, 1e20)), ("double", (3.0000000000000004, -1e-300))):
+        code = NAMES[kind]
+        key, what = Key(40, len(values), layout=LAYOUTS[code]), f"s1:a1:{kind}@40*{len(values)}"
+        assert ctl("write", what, *values, word=word) == "written"
+        assert service.sim.value(key) == image(code, word, *values)
+        shown = map(float if code in "fd" else int, ctl("read", what, word=word).split())
+        assert image(code, word, *shown) == image(code, word, *values)
+    assert ctl("write", "s1:a1:bit@7*3", 1, 0, 1, word=word) == "written"
+    assert service.sim.value(Key(7, 3, layout=0)) == b"\1\0\1" and ctl("read", "s1:a1:bit@7*3", word=word) == "1 0 1"
+    ctl("write", "s1:a1:u32@60,bcd", "12345678", word=word)
+    assert service.sim.value(Key(60, layout=0x24)) == image("I", word, 0x12345678)
+    assert ctl("read", "s1:a1:u32@60,bcd", word=word) == "12345678"
+    raw = "s1:a1:raw:3@70,unit=1"
+    ctl("write", raw, "0a0b0c", word=word)
+    assert service.sim.value(Key(70, 1, layout=0x13)) == b"\n\v\f" and ctl("read", raw, word=word) == "0a0b0c"
+    ctl("write", "s1:a1:u16@40,big_endian", 0x0102, word=word)
+    assert service.sim.value(Key(40)) == b"\1\2"
+    assert left_over(service) == []
+
+
+CHANGES = [  # type and options, value before, arguments, value behind, answer
+    ("u16", 90, "add 5", 95, "changed"), ("u16", 90, "add 20 --max 100", 100, "changed"),
+    ("u16", 90, "add 20 --max 100 --min 7 --wrap", 7, "changed"), ("u16", 65530, "add 10", 65535, "changed"),
+    ("u16", 100, "add 1 --max 100 --bounce", 99, "changed; next: --reversed"),
+    ("u16", 99, "add 9 --max 100 --bounce --reversed", 90, "changed; next: --reversed"),
+    ("s16", -3, "sub 10 --min -8", -8, "changed"), ("s16", -3, "add 5", 2, "changed"),
+    ("s32", -70000, "sub 1", -70001, "changed"), ("u32", 4294967295, "add 1 --wrap", 0, "changed"),
+    ("float", 1.5, "add 1.25", 2.75, "changed"), ("double", 0.5, "sub 0.25 --min -1", 0.25, "changed"),
+    ("float", 1.5, "add 1 --max 2 --bounce", 2.0, "changed; next: --reversed"),
+    ("u16,bcd", 0x0099, "add 1 --max 9999", 0x0100, "changed"), ("u16,bcd", 0x0909, "digit-up 3", 0x0009, "changed"),
+    ("u32", 199, "digit-up 2", 109, "changed"), ("u16", 10, "digit-down 1", 19, "changed"),
+    ("u16", 0x1234, "and 0xff00", 0x1200, "changed"), ("s16", 0x1234, "or 0x8001", 0x9235 - 65536, "changed"),
+    ("u32", 0x12345678, "xor 0xff", 0x12345687, "changed"), ("s32", 0, "not", -1, "changed"),
+    ("u16", 0, "toggle 11", 0x800, "changed"), ("u32", 0xffffffff, "toggle 3", 0xfffffff7, "changed"),
+    ("u32", 0, "set 17", 0x20000, "changed"), ("u16", 0xffff, "clear 2", 0xfffb, "changed"),
+    ("u16", 0xabcd, "field 4 4 0x1", 0xab1d, "changed"), ("u32", 0xffffffff, "field 16 16 0x1234", 0x1234ffff, "changed"),
+]
+
+
+@pytest.mark.sanitized
+@pytest.mark.parametrize("word", [0, WORD])
+def test_changes(start, word):
+    service = start(ordered(word))
+    for what, before, arguments, behind, answer in CHANGES:
+        code = NAMES[what.split(",")[0]]
+        key = Key(80, 3, layout=LAYOUTS[code])
+        service.sim.set(key, image(code, word, before, before, before))
+        kind, _, options = what.partition(",")
+        register = f"s1:a1:{kind}@80,{options}".rstrip(",")
+        assert ctl("change", register, *arguments.split(), word=word) == answer, (what, arguments)
+        assert service.sim.value(key) == image(code, word, behind, before, before), (what, arguments)
+    words = Key(80, 3)
+    service.sim.set(words, image("H", word, 0x1111, 0x2222, 0x3333))
+    ctl("change", "s1:a1:u16@80*3", "xor", "0xf0f0", word=word)  # one mask for every element
+    ctl("change", "s1:a1:u16@80*3", "toggle", 16 + 9, word=word)  # a bit of the second
+    assert service.sim.value(words) == image("H", word, 0xe1e1, 0xd0d2, 0xc3c3)
+    ctl("change", "s1:a1:u16@80*3", "field", 16 + 8, 8 if word else 24, 0x55 if word else 0x777755, word=word)
+    assert service.sim.value(words) == image("H", word, 0xe1e1, 0x55d2, 0xc3c3 if word else 0x7777)
+    bits = Key(3, 4, layout=0)
+    service.sim.set(bits, b"\1\0\1\0")
+    ctl("change", "s1:a1:bit@3*4", "not", word=word)
+    ctl("change", "s1:a1:bit@3*4", "toggle", 2, word=word)
+    assert service.sim.value(bits) == b"\0\1\1\1"
+    assert left_over(service) == []
+
+
+@pytest.mark.parametrize("what, bit, before, during", [
+    ("s1:a1:u16@5", ["--bit", 9], image("H", WORD, 0xf0f), image("H", WORD, 0xd0f)), ("s1:a1:bit@9", [], b"\1", b"\0")])
+def test_pulse(start, what, bit, before, during):
+    service = start(ordered(pause=1))
+    key = Key(5) if bit else Key(9, layout=0)
+    service.sim.set(key, before)
+    seen, began = set(), time.monotonic()
+    process = begin("pulse", "--byte-order", WORD, what, *bit, "--ms", 400, "--value", 0)
+    while process.poll() is None:
+        seen.add(service.sim.value(key))
+    assert process.communicate()[0] == b"pulsed\n" and process.returncode == 0 and time.monotonic() - began >= 0.4
+    assert seen <= {before, during} and during in seen and service.sim.value(key) == before and service.sim.writes == 2
+    assert left_over(service) == []
+
+
+def test_refused_before_anything_is_sent(start):
+    service = start(ordered(), [Key(0, 1)])
+    wait_for(service.sim.quiet, "the first reads")
+    logged = service.sim.logged
+    one, two = "s1:a1:u16@1", "s1:a1:u16@1*2"
+    for arguments, text in (
+            (("write", one, 65536), "65536 does not fit u16: 0 to 65535"),
+            (("write", "s1:a1:s16@1", -32769), "does not fit s16"),
+            (("write", one + ",bcd", 10000), "0 to 9999"),
+            (("write", "s1:a1:float@1", "1e39"), "1e39 does not fit float"),
+            (("write", two, 1), "the range has 2 element(s), 1 value(s) are given"),
+            (("write", one, "1.5"), "not an integer"),
+            (("write", "s1:a1:bit@1", 2), "0 to 1"), (("write", "s1:a1:raw:2@1", "abc"), "4 hexadecimal digits"),
+            (("change", one, "add", 1, "--min", 5, "--max", 4), "minimum is above"),
+            (("change", "s1:a1:s16@1", "add", -1), "negative"),
+            (("change", one, "add", 1, "--max", 70000), "70000 does not fit"),
+            (("change", one, "add"), "1 operand(s), not 0"), (("change", two, "sub", 1), "takes one element"),
+            (("change", one, "toggle", 16), "not within 0 to 15"),
+            (("change", one, "or", 1, "--wrap"), "for add and sub"),
+            (("change", "s1:a1:float@1", "or", 1), "no bits"), (("change", one, "digit-up", 6), "1 to 5"),
+            (("change", one, "halve"), "none of add, sub"), (("change", one, "field", 4, 8, 1), "no single run"),
+            (("change", one, "field", 0, 4, 16), "does not fit 4 bits"),
+            (("change", "s1:a1:double@1,big_endian", "add", 1), "byte-order word"),
+            (("pulse", "s1:a1:bit@1", "--ms", 150), "steps of 100"), (("pulse", one, "--ms", 100), "which bit"),
+            (("read", "counter"), "no expression"), (("read", "p2:" + one), "of port 2")):
+        assert text in ctl(*arguments, status=2), arguments
+    assert "the limit is 4096" in ctl("write", "s1:a1:u16@1*2040", *range(2040), status=1)
+    assert "written" == ctl("write", "--only-writer", "s1:a1:u16@1*2040", *range(2040)) and left_over(service) == []
+    calls = service.sim.calls(logged)
+    assert {c.command for c in calls} == {service.sim.WRONE} and {c.addr for c in calls} == set(range(1, 2041, 64))
+
+
+def test_failures_and_late_answers(start):
+    """Each failure has its sentence and status; an answer that comes too late is removed all the same."""
+    service = start(ordered())
+    sim, what = service.sim, "s1:a1:u16@1"
+    sim.fail(sim.ERROR)
+    assert ctl("read", what, status=4) == f"voqctl: {what}: communication error"
+    assert "communication error" in ctl("change", what, "not", status=4)
+    sim.fail(0)
+    ctl("read", what)  # ends the state in which requests are refused
+    sim.fail(sim.HANG)
+    assert "no answer within 300 ms; the service may still carry" in ctl("read", "--timeout", 0.3, what, status=6)
+    wait_for(lambda: sim.hanging, "the driver in the read")
+    process = begin("write", what, 9)
+    wait_for(lambda: any(name.startswith("rtData") for name in left_over(service)), "a listed write")
+    process.send_signal(signal.SIGINT)
+    assert b"interrupted" in process.communicate(timeout=20 * SLOW)[1] and process.returncode == 128 + signal.SIGINT
+    sim.fail(0)
+    wait_for(lambda: sim.value(Key(1)) == b"\x09\0", "the write carried out")
+    wait_for(lambda: left_over(service) == [], "no file left")
+
+    sim.fail(sim.TIMEOUT)
+    assert ctl("read", what, status=3) == f"voqctl: {what}: time-out: the PLC does not answer"
+    sim.fail(sim.HANG)
+    service.send(b"".join(frame(WRITE, Key(i), 100 + i, payload=b"\0\0") for i in range(3)))
+    wait_for(lambda: len(left_over(service)) == 3, "three listed requests")
+    assert "refused: the port is in time-out" in ctl("read", what, status=5)
+    sim.fail(0)
+    wait_for(lambda: sorted(left_over(service)) == ["100", "101", "102"], "the other client's answers")
+    service.stop()
+    assert "service not running" in ctl("read", what, status=7)
+
+
+def without_stamps(org):
+    return org[:12] + b"".join(org[o: o + 24] + bytes(8) + org[o + 32: o + 56] for o in range(12, len(org), 56))
+
+
+def test_prepared_set(start):
+    rng = random.Random(5)
+    keys = [Key(rng.randrange(60), rng.randrange(4), rng.randrange(3), rng.choice((0x00, 0x22, 0x14)), rng.randrange(2),
+                rng.choice((0, 1, 0x70001)), rng.choice((0, 0x200, 0x10000)), rng.choice((1, 1, 1, 2)),
+                rng.choice((0, 0, 5, 0x10000))) for _ in range(400)] + [Key(0, 40000), Key(61, 2)]
+    service = start(ordered(mode=1), keys, driver=None)  # a slave does not poll: the set stays as it was built
+    download = pathlib.Path("/home/Bin/map/com_1")
+    download.parent.mkdir(parents=True)
+    prepare = [BUILD / "bin/voqctl", "project", "prepare", PROJECT, "--port-index"]
+    done = subprocess.run([*prepare, "0", "-o", download], capture_output=True, text=True)
+    assert done.returncode == 0 and "left out, as the service does: p1:s1:a1:u16@0*40000" in done.stderr
+    assert subprocess.run([*prepare, "0", "-o", download], capture_output=True).returncode == 1  # not over what is there
+    assert subprocess.run([*prepare, "1", "-o", "/w/x"], capture_output=True).returncode == 1
+    assert not pathlib.Path("/w/x").exists()
+    names = {p.name for p in download.iterdir()}
+    assert len(names) > 20 and {p.name for p in (service / "").iterdir()} - names <= {"timeout", "comerror"}
+    for name in names - {"org"}:
+        assert (download / name).read_bytes() == (service / name).read_bytes(), name
+    assert without_stamps((download / "org").read_bytes()) == without_stamps((service / "org").read_bytes())
+    org = (download / "org").read_bytes()
+    assert all(abs(struct.unpack_from("<i", org, o + 24)[0] - time.time()) < 60 for o in range(12, len(org), 56))
+    service.stop()
+
+    def compare(status):
+        done = subprocess.run([BUILD / "bin/voqctl", "compare", download, USER / "com_1"], capture_output=True, text=True)
+        assert done.returncode == status, done
+        return done.stdout
+
+    assert compare(0) == ""
+    shutil.rmtree(USER / "com_1")
+    compare(2)
+    PROJECT.write_bytes(project([com_info()]))
+    service = start()  # takes the prepared set over and polls it
+    assert service.count("download orgfile find") == 1
+    wait_for(lambda: all(n.state == 1 for n in service.chain()), "first values")
+    assert compare(0) == "" and voqctl("check").returncode == 0
+    service.stop()
+    raw = bytearray((service / "org").read_bytes())
+    raw[12 + 44] ^= 1
+    raw[12 + 16] ^= 1
+    (service / "org").write_bytes(raw)
+    lines = compare(1)
+    assert lines.count("\n") == 2 and "org 12: range p1:" in lines and "org 12: dataoffset 0 / 1" in lines

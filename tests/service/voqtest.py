@@ -1,0 +1,340 @@
+"""A box for the real service: its places, its project file, its clients' frames and files, written from scratch.
+
+Nothing here waits for a time to pass: wait_for() looks again until its condition holds.
+"""
+import ctypes
+import fcntl
+import mmap
+import os
+import pathlib
+import random
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import termios
+import time
+from collections import namedtuple
+from dataclasses import dataclass
+
+BUILD = pathlib.Path("/b")
+USER, RECIPE, DRIVERS, WORK = (pathlib.Path(p) for p in ("/u", "/r", "/d", "/w"))
+PROJECT = WORK / "ophmi.bin"
+SLOW = 6 if "-fsanitize" in (BUILD / "CMakeCache.txt").read_text() else 1
+ALWAYS, MEDIUM, SLOWEST = 1 << 16, 3 << 16, 10 << 16  # priority values in a key's flag
+LOG_ON, LOG_OFF, READ, CHANGE, WRITE = 1, 2, 3, 6, 7
+libc = ctypes.CDLL(None)
+
+
+def wait_for(condition, what="", timeout=20):
+    end = time.monotonic() + timeout * SLOW
+    while True:
+        value = condition()
+        if value:
+            return value
+        assert time.monotonic() < end, f"waited in vain: {what or condition}"
+        time.sleep(0.004)
+
+
+@dataclass(frozen=True)
+class Key:
+    addr: int = 0
+    width: int = 1
+    regid: int = 1
+    layout: int = 0x22
+    plcno: int = 1
+    subaddr: int = 0
+    flag: int = ALWAYS
+    portno: int = 1
+    convpara: int = 0
+
+    def pack(self):
+        return struct.pack("<IIHBBHHII", self.flag, self.convpara, self.portno, self.plcno, self.layout, self.regid,
+                           self.width, self.addr, self.subaddr)
+
+    @classmethod
+    def unpack(cls, raw):
+        flag, convpara, portno, plcno, layout, regid, width, addr, subaddr = struct.unpack("<IIHBBHHII", raw)
+        return cls(addr, width, regid, layout, plcno, subaddr, flag, portno, convpara)
+
+    elem = property(lambda self: self.layout & 15 or 1)
+    unit = property(lambda self: self.layout >> 4 or 1)
+    size = property(lambda self: self.width * self.elem)
+    group = property(lambda self: (self.plcno, self.regid, self.layout, self.subaddr & 0xFFFF, self.flag >> 9 & 1))
+    place = property(lambda self: (self.addr, self.width))
+
+
+def com_info(link=0, port=1, mode=0, word_limit=64, bit_limit=128, word_gap=10, bit_gap=10, pause=3, packing=0,
+             para=b"", address=9600):
+    raw = struct.pack("<IB3xHHHBBIBB14sHHHBBB15x", packing << 17, link, port, 0, 0, 8, 0, address, 1, mode, para, 0,
+                      word_limit, bit_limit, word_gap, bit_gap, pause)
+    assert len(raw) == 60
+    return raw
+
+
+def project(ports, registers=()):
+    """The project file, segments in an order of our own: system, communication, registers."""
+    table, system = 64, 128
+    comm = system + 40
+    records = comm + 4 + 4 * len(ports)
+    segment = records + 60 * len(ports)
+    regs = segment + 4
+    keys = 4 + 8 * len(registers)
+    raw = bytearray(max(200, regs + keys + 24 * len(registers)))
+    struct.pack_into("<I", raw, 20, table)
+    struct.pack_into("<I", raw, table, system)
+    struct.pack_into("<I", raw, table + 32, comm)
+    struct.pack_into("<I", raw, table + 40, segment)
+    struct.pack_into("<H", raw, system + 38, 0x1234)
+    struct.pack_into("<I", raw, comm, len(ports))
+    for i, port in enumerate(ports):
+        struct.pack_into("<I", raw, comm + 4 + 4 * i, records - comm + 60 * i)
+        raw[records + 60 * i: records + 60 * (i + 1)] = port
+    struct.pack_into("<II", raw, segment, regs, len(registers))
+    for i, key in enumerate(registers):
+        struct.pack_into("<I", raw, regs + 4 + 4 * (len(registers) + i), keys + 24 * i)
+        raw[regs + keys + 24 * i: regs + keys + 24 * (i + 1)] = key.pack()
+    return bytes(raw)
+
+
+def frame(cmd, key, fileno, offset=0, subcmd=0, payload=b""):
+    request = key.pack() + struct.pack("<BBHI", cmd, subcmd, fileno, offset)
+    return b"\xfe" + struct.pack("<H", 35 + len(payload)) + request + payload
+
+
+def log_on(key, fileno, offset=0):
+    return frame(LOG_ON, key, fileno, offset)
+
+
+def log_off(key, fileno, offset=0):
+    return frame(LOG_OFF, key, fileno, offset)
+
+
+def install_driver(kind="Serial", name="sim", port=1):
+    place = DRIVERS / kind / f"drv_{port}.so"
+    place.parent.mkdir(parents=True, exist_ok=True)
+    shutil.copy(BUILD / "drivers" / f"{name}.so", place)
+
+
+def read_locked(path):
+    with open(path, "rb") as file:
+        fcntl.lockf(file, fcntl.LOCK_SH)
+        return file.read()
+
+
+Call = namedtuple("Call", "start addr regid width plcno layout command result sequence flag subaddr")
+
+
+class Sim:
+    """The simulated PLC: the file shared with its driver (drivers/sim/sim_control.h), registers no byte of them 0."""
+
+    SIZE, CALLS, REGISTERS = 4329472, 4096, 135168
+    TIMEOUT, ERROR, HANG = 2, 3, 4
+    RDONE, WRONE, INIT, DESTROY = 1, 2, 3, 4
+
+    def __init__(self):
+        self.path = WORK / "sim"
+        filled = random.Random(1).randbytes(self.SIZE - self.REGISTERS).replace(b"\0", b"\1")
+        self.path.write_bytes(bytes(self.REGISTERS) + filled)
+        with open(self.path, "r+b") as file:
+            self.memory = mmap.mmap(file.fileno(), 0)
+
+    def word(self, offset):
+        return struct.unpack_from("<I", self.memory, offset)[0]
+
+    inits, destroys, loops, reads, writes, hanging, slave_no, logged = (
+        property(lambda self, o=offset: self.word(o)) for offset in range(128, 160, 4))
+
+    def fail(self, failure, count=0xFFFFFFFF, delay_us=0):
+        struct.pack_into("<IIIII", self.memory, 64, delay_us, 0, 0xFFFFFFFF, count, 0)
+        struct.pack_into("<I", self.memory, 68, failure)
+
+    left_to_fail = property(lambda self: self.word(76))
+
+    def at(self, key):
+        area = self.REGISTERS + (key.plcno % 8 * 8 + key.regid % 8) * 65536
+        return area + key.addr * (key.unit if key.layout & 15 else 1)
+
+    def value(self, key):
+        return self.memory[self.at(key): self.at(key) + key.size]
+
+    def set(self, key, value):
+        self.memory[self.at(key): self.at(key) + key.size] = value
+
+    def calls(self, since=0):
+        """The logged calls behind number `since`, as far as they are still held."""
+        held = range(max(since, self.logged - 4000) + 1, self.logged + 1)
+        calls = [Call(*struct.unpack_from("<QIHHBBBBIII", self.memory, 4096 + (n - 1) % self.CALLS * 32)) for n in held]
+        return [c for c, n in zip(calls, held) if c.sequence == n]
+
+    def read_places(self, since=0):
+        return [(c.addr, c.width) for c in self.calls(since) if c.command == self.RDONE]
+
+    def cycle(self, length, view=lambda c: (c.addr, c.width), wanted=lambda c: True):
+        """What is read over and over: `length` reads, seen twice in a row from now on."""
+        since = self.logged
+
+        def repeated():
+            reads = [view(c) for c in self.calls(since) if c.command == self.RDONE and wanted(c)]
+            whole = len(reads) >= 2 * length and reads[-length:] == reads[-2 * length: -length]
+            return reads[-length:] if whole else None
+
+        return wait_for(repeated, f"a cycle of {length} reads")
+
+    def quiet(self):
+        """True when no call was made for a while: called again and again until polling has ended."""
+        before = self.logged
+        time.sleep(0.15 * SLOW)
+        return self.logged == before
+
+
+@dataclass
+class Node:
+    offset: int
+    key: Key
+    stamp: tuple
+    logtimes: int
+    state: int
+    dataoffset: int
+    prev: int
+    next: int
+
+
+class Service:
+    """The running service: its process, its output, its two FIFOs, and its files as a client reads them."""
+
+    def __init__(self, arguments=(), directory=USER / "com_1", environment=None, ready=True):
+        self.dir = pathlib.Path(directory)
+        self.out_path, self.err_path = WORK / "out", WORK / "err"
+        arguments = arguments or (PROJECT, 0, DRIVERS, USER, RECIPE)
+        self.fifos = {}
+        self.sim = Sim()
+
+        def prepare():
+            libc.prctl(1, signal.SIGKILL)       # ends with the test run
+            libc.personality(0x0040000)         # the sanitizers need a plain address space
+
+        with open(self.out_path, "wb") as out, open(self.err_path, "wb") as err:
+            environment = {**os.environ, "VOQ_SIM": str(self.sim.path), **(environment or {})}
+            self.process = subprocess.Popen([BUILD / "bin/voq", *map(str, arguments)], stdout=out, stderr=err, cwd="/",
+                                            env=environment, preexec_fn=prepare)
+        if ready:
+            wait_for(lambda: self.process.poll() is not None or b"GlobeWatchDogAddr" in self.out(), "start-up")
+            assert self.process.poll() is None, self.out() + self.err()
+
+    def out(self):
+        return self.out_path.read_bytes()
+
+    def err(self):
+        return self.err_path.read_bytes()
+
+    def count(self, text):
+        return self.out().count(text.encode())
+
+    def wait_out(self, text, times=1):
+        wait_for(lambda: self.count(text) >= times, f"output {text!r} x {times}")
+
+    def send(self, data, client="gui"):
+        if client not in self.fifos:
+            path = self.dir / f"{client}fifo"
+            self.fifos[client] = wait_for(lambda: self._open(path), f"a reader of {path}")
+        view = memoryview(data)
+        while view:
+            view = view[os.write(self.fifos[client], view):]
+
+    def send_drained(self, data, client="gui"):
+        """Sends and waits until the service has taken the bytes in."""
+        self.send(data, client)
+        unread = bytearray(4)
+        wait_for(lambda: fcntl.ioctl(self.fifos[client], termios.FIONREAD, unread) == 0 and not any(unread), "intake")
+
+    @staticmethod
+    def _open(path):
+        try:
+            descriptor = os.open(path, os.O_WRONLY | os.O_NONBLOCK)
+        except OSError:
+            return None
+        os.set_blocking(descriptor, True)
+        return descriptor
+
+    def hang_up(self):
+        while self.fifos:
+            os.close(self.fifos.popitem()[1])
+
+    def cpu(self):
+        """Processor seconds used so far."""
+        fields = pathlib.Path(f"/proc/{self.process.pid}/stat").read_text().rsplit(")", 1)[1].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+    def stop(self):
+        """Ends the service; it must have been alive and well until now."""
+        alive = self.process.poll() is None
+        self.process.send_signal(signal.SIGKILL)
+        self.process.wait()
+        self.hang_up()
+        errors = self.err().decode(errors="replace")
+        clean = alive and "Sanitizer" not in errors and "runtime error" not in errors
+        assert clean, (self.process.returncode, errors, self.out()[-2000:])
+
+    def __truediv__(self, name):
+        return self.dir / name
+
+    def org(self):
+        """(count, head, tail), {offset: Node}"""
+        raw = read_locked(self.dir / "org")
+        assert (len(raw) - 12) % 56 == 0
+        nodes = {}
+        for o in range(12, len(raw), 56):
+            sec, usec, logtimes, state, dataoffset, prev, nxt = struct.unpack("<iiHxxBxxxxxxxIII", raw[o + 24: o + 56])
+            nodes[o] = Node(o, Key.unpack(raw[o: o + 24]), (sec, usec), logtimes, state, dataoffset, prev, nxt)
+        return struct.unpack("<III", raw[:12]), nodes
+
+    def chain(self):
+        """The records in chain order, every invariant of the chain checked on the way."""
+        (count, head, tail), nodes = self.org()
+        chain, o, before = [], head, 0
+        while o:
+            assert len(chain) < count and nodes[o].prev == before
+            chain.append(nodes[o])
+            before, o = o, nodes[o].next
+        assert len(chain) == count == len(nodes) and tail == before
+        groups = [n.key.group for n in chain]
+        assert [g for i, g in enumerate(groups) if i == 0 or g != groups[i - 1]] == list(dict.fromkeys(groups))
+        assert all(a.key.place < b.key.place for a, b in zip(chain, chain[1:]) if a.key.group == b.key.group)
+        regions = sorted((n.dataoffset, n.dataoffset + n.key.size) for n in chain)
+        assert all(a[1] == b[0] for a, b in zip(regions, regions[1:]))
+        return chain
+
+    def index(self):
+        raw = read_locked(self.dir / "index")
+        return {(p, r, lay, s, f): (first, n) for p, r, s, lay, f, first, n in struct.iter_unpack("<HHHBBII", raw)}
+
+    def map(self, group):
+        plcno, regid, layout, subaddr, bit = group
+        name = f"im{plcno:x}_{regid:x}_{layout:x}_{subaddr:x}" + ("_1" if bit else "")
+        raw = read_locked(self.dir / name)
+        return [(addr, width, offset) for addr, width, _, offset in struct.iter_unpack("<IHHI", raw)]
+
+    def node(self, key):
+        if not (self.dir / "org").exists():
+            return None
+        found = [n for n in self.org()[1].values() if (n.key.group, n.key.place) == (key.group, key.place)]
+        return found[0] if found else None
+
+    def value(self, key):
+        """The range's bytes in the data file, None while it has no record."""
+        node = self.node(key)
+        return node and read_locked(self.dir / "data")[node.dataoffset: node.dataoffset + key.size]
+
+
+def voqctl(command, *arguments):
+    arguments = (command, "--dir", USER, "--link", "serial", "--port", 1, *arguments)
+    command = [BUILD / "bin/voqctl", *map(str, arguments)]
+    return subprocess.run(command, capture_output=True, text=True, timeout=60 * SLOW)
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
