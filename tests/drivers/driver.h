@@ -4,13 +4,36 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include "voq/plc_driver.h"
 
 using Bytes = std::vector<std::uint8_t>;
+
+inline Bytes Join(Bytes a, const Bytes& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+inline void Pause(int ms)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+class Stopwatch
+{
+public:
+    long Ms() const { return (std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(1); }
+
+private:
+    std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+};
 
 inline RegKey Key(std::uint8_t plcno, std::uint8_t layout, std::uint16_t regid, std::uint32_t addr, std::uint16_t width)
 {
@@ -31,6 +54,11 @@ struct Driver {
     Driver(const Driver&) = delete;
     Driver& operator=(const Driver&) = delete;
 
+    void Para(std::uint16_t port, std::uint16_t timeoutMs)
+    {
+        const std::uint16_t para[] = {port, timeoutMs};
+        memcpy(info.driverPara, para, sizeof para);
+    }
     int Init() { return OnSlot("Init"); }
     int Destroy() { return OnSlot("Destroy"); }
     int OnSlot(const char* command)

@@ -6,13 +6,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <deque>
 #include <functional>
 #include <mutex>
 #include <stdexcept>
-#include <thread>
 
 #include "driver.h"
 
@@ -36,10 +34,11 @@ public:
     }
     ~LyingServer()
     {
-        stop = true;
         shutdown(listener, SHUT_RDWR);
         acceptor.join();
+        for (const int fd : fds) shutdown(fd, SHUT_RDWR);
         for (std::thread& thread : threads) thread.join();
+        for (const int fd : fds) close(fd);
         close(listener);
     }
     LyingServer(const LyingServer&) = delete;
@@ -65,19 +64,17 @@ public:
     static Bytes Honest(const Bytes& request)
     {
         const int function = request[7], first = request[8] << 8 | request[9], count = request[10] << 8 | request[11];
-        const int bytes = function > 4 ? 3 : function > 2 ? 2 * count : (count + 7) / 8;
-        Bytes reply(request.begin(), request.begin() + 12);
-        reply.resize(static_cast<std::size_t>(9 + bytes));
+        Bytes reply(request.begin(), request.begin() + (function > 4 ? 12 : 9));
         if (function <= 4) {
-            reply[8] = static_cast<std::uint8_t>(bytes);
-            std::fill(reply.begin() + 9, reply.end(), 0);
-        }
-        for (int i = 0; i < count && function <= 4; i++) {
-            std::uint8_t* values = reply.data() + 9;
-            const int n = first + i;
-            if (function > 2) values[2 * i] = static_cast<std::uint8_t>(n >> 8);
-            if (function > 2) values[2 * i + 1] = static_cast<std::uint8_t>(n);
-            if (function <= 2 && n % 3 == 0) values[i / 8] |= static_cast<std::uint8_t>(1 << i % 8);
+            Bytes values(static_cast<std::size_t>(function > 2 ? 2 * count : (count + 7) / 8));
+            for (int i = 0; i < count; i++) {
+                const int n = first + i;
+                if (function > 2) values[2 * i] = static_cast<std::uint8_t>(n >> 8);
+                if (function > 2) values[2 * i + 1] = static_cast<std::uint8_t>(n);
+                if (function <= 2 && n % 3 == 0) values[i / 8] |= static_cast<std::uint8_t>(1 << i % 8);
+            }
+            reply[8] = static_cast<std::uint8_t>(values.size());
+            reply = Join(reply, values);
         }
         reply[4] = static_cast<std::uint8_t>((reply.size() - 6) >> 8);
         reply[5] = static_cast<std::uint8_t>(reply.size() - 6);
@@ -86,36 +83,27 @@ public:
 
     std::uint16_t port;
     std::atomic<int> connections = 0;
-    std::atomic<int> deadUnit = -1;  // gives no answer
 
 private:
     void Accept()
     {
         for (int fd; (fd = accept(listener, nullptr, nullptr)) >= 0;) {
             connections++;
+            fds.push_back(fd);
             threads.emplace_back([this, fd] {
-                const timeval patience = {0, 20000};
-                setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
                 while (Serve(fd)) {
                 }
-                close(fd);
+                shutdown(fd, SHUT_RDWR);
             });
         }
     }
-    bool Receive(int fd, Bytes& bytes, std::size_t wanted)
-    {
-        while (bytes.size() < wanted && !stop) {
-            std::uint8_t byte;
-            const ssize_t got = recv(fd, &byte, 1, 0);
-            if (got == 1) bytes.push_back(byte);
-            if (got == 0 || (got < 0 && errno != EAGAIN)) return false;
-        }
-        return !stop;
-    }
     bool Serve(int fd)
     {
-        Bytes request;
-        if (!Receive(fd, request, 6) || !Receive(fd, request, 6u + request[5] + 256u * request[4])) return false;
+        Bytes request(6);
+        if (recv(fd, request.data(), 6, MSG_WAITALL) != 6) return false;
+        const ssize_t rest = request[5] + 256 * request[4];
+        request.resize(static_cast<std::size_t>(6 + rest));
+        if (recv(fd, request.data() + 6, request.size() - 6, MSG_WAITALL) != rest) return false;
         Behaviour lie;
         {
             std::lock_guard lock(mutex);
@@ -125,15 +113,14 @@ private:
                 lies.pop_front();
             }
         }
-        if (request[6] == deadUnit) return true;
         return lie ? lie(fd, request) : Send(fd, Honest(request));
     }
 
     int listener;
-    std::atomic<bool> stop = false;
     std::mutex mutex;
     std::deque<Behaviour> lies;
     std::vector<Bytes> requests;
     std::thread acceptor;
-    std::vector<std::thread> threads;  // of the acceptor until it has ended
+    std::vector<int> fds;  // of the acceptor until it has ended, as the threads
+    std::vector<std::thread> threads;
 };

@@ -1,15 +1,12 @@
-// A serial line for the drivers: a pseudo-terminal behind a name that stays the same when it is unplugged and plugged
-// in.
+// A serial line for the drivers: the other end of a pseudo-terminal.
 #pragma once
 
-#include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <string>
 
 #include "driver.h"
 
@@ -28,25 +25,7 @@ inline Bytes WithCrc(Bytes frame)
 class Pty
 {
 public:
-    static constexpr std::uint16_t PortNo = 7;
-
-    Pty() : name("/tmp/voqpty" + std::to_string(getpid()))
-    {
-        setenv("VOQ_SERIAL_7", name.c_str(), 1);
-        Plug();
-    }
-    ~Pty() { Unplug(); }
-    Pty(const Pty&) = delete;
-    Pty& operator=(const Pty&) = delete;
-
-    static void Settings(ComInfoRecord& info, std::uint32_t baud)
-    {
-        info.portNo = PortNo;
-        info.baudOrAddress = baud;
-        info.dataBits = 8;
-        info.stopBits = 1;
-    }
-    void Plug()
+    Pty()
     {
         int slave;
         char path[64];
@@ -55,23 +34,24 @@ public:
         cfmakeraw(&raw);
         tcsetattr(fd, TCSANOW, &raw);
         close(slave);
-        if (symlink(path, name.c_str()) != 0) throw std::runtime_error("cannot name the pseudo-terminal");
+        setenv("VOQ_SERIAL_7", path, 1);
     }
-    void Unplug()
+    ~Pty() { close(fd); }
+    Pty(const Pty&) = delete;
+    Pty& operator=(const Pty&) = delete;
+
+    static void Settings(ComInfoRecord& info, std::uint32_t baud)
     {
-        close(fd);
-        unlink(name.c_str());
+        info.portNo = 7;
+        info.baudOrAddress = baud;
+        info.dataBits = 8;
+        info.stopBits = 1;
     }
     termios State() const
     {
         termios state = {};
         tcgetattr(fd, &state);
         return state;
-    }
-    speed_t Speed() const
-    {
-        const termios state = State();
-        return cfgetospeed(&state);
     }
     void Send(const Bytes& bytes) const
     {
@@ -93,7 +73,4 @@ public:
     }
 
     int fd = -1;
-
-private:
-    std::string name;
 };

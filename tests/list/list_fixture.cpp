@@ -1,15 +1,8 @@
 #include "list_fixture.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <set>
-
-#include "state/paths.h"
 
 WriteGate Gate;
 
@@ -67,65 +60,43 @@ FILE* __wrap_fopen(const char* path, const char* mode)
 }
 }
 
-ListTest::ListTest()
-{
-    char unique[] = "/dev/shm/voqXXXXXX";
-    folder = std::string(mkdtemp(unique)) + "/";
-    const auto set = [this](char* path, const char* name) { std::strcpy(path, (folder + name).c_str()); };
-    set(DataDir, "");
-    set(OrgFileName, "org");
-    set(DataFileName, "data");
-    set(IndexFileName, "index");
-    Store({{"org", std::string(12, '\0')}, {"data", ""}, {"index", ""}});
-    ResetFastList();
-    Gate = {};
-}
-
-ListTest::~ListTest()
-{
-    std::filesystem::remove_all(folder);
-}
-
 Files ListTest::Load() const
 {
     Files files;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-        std::ifstream stream(entry.path(), std::ios::binary);
-        files[entry.path().filename()] = std::string(std::istreambuf_iterator<char>(stream), {});
+    for (const auto& entry : std::filesystem::directory_iterator(scratch.Folder())) {
+        files[entry.path().filename()] = FileBytes(entry.path());
     }
     return files;
 }
 
 void ListTest::Store(const Files& files) const
 {
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) std::filesystem::remove(entry.path());
-    for (const auto& [name, bytes] : files) std::ofstream(folder + name, std::ios::binary) << bytes;
+    for (const auto& entry : std::filesystem::directory_iterator(scratch.Folder())) {
+        std::filesystem::remove(entry.path());
+    }
+    for (const auto& [name, bytes] : files) std::ofstream(scratch.Folder() + name, std::ios::binary) << bytes;
 }
 
-void SetWord(std::string& bytes, std::size_t at, std::uint32_t value)
-{
-    bytes.replace(at, 4, reinterpret_cast<const char*>(&value), 4);
-}
-
-RegKey Key(std::uint8_t plcno, std::uint8_t layout, std::uint32_t addr, std::uint16_t width, std::uint32_t subaddr,
+RegKey Key(unsigned plcno, unsigned layout, std::uint32_t addr, unsigned width, std::uint32_t subaddr,
            std::uint32_t flag)
 {
-    return {flag, 0, 1, plcno, layout, 16, width, addr, subaddr};
+    return {flag,
+            0,
+            1,
+            static_cast<std::uint8_t>(plcno),
+            static_cast<std::uint8_t>(layout),
+            16,
+            static_cast<std::uint16_t>(width),
+            addr,
+            subaddr};
 }
 
-static void LogOnOff(const RegKey& key, OrgMode mode, std::uint16_t fileno)
+std::string Request(const RegKey& key, OrgMode mode, int result, std::uint16_t fileno)
 {
     const RegRequest request{key, static_cast<std::uint8_t>(mode), 0, fileno, 0};
-    Output([&] { EXPECT_EQ(0, LogOnOff2OrgList(&request, mode, fileno)); });
-}
-
-void LogOn(const RegKey& key, std::uint16_t fileno)
-{
-    LogOnOff(key, OrgMode::LogOn, fileno);
-}
-void LogOff(const RegKey& key, std::uint16_t fileno)
-{
-    LogOnOff(key, OrgMode::LogOff, fileno);
+    return Output([&] {
+        EXPECT_EQ(result, mode == OrgMode::Register ? CheckOrgList(&key) : LogOnOff2OrgList(&request, mode, fileno));
+    });
 }
 
 std::string MapName(const RegKey& key)
@@ -147,14 +118,14 @@ std::string MapBytes(const Run& run)
     return map;
 }
 
-std::string IndexBytes(const Run& run, std::uint32_t mapcount)
+std::string IndexBytes(const Run& run, std::size_t mapcount)
 {
     const RegKey& key = run.at(0).key;
     std::string entry(16, '\0');
     SetWord(entry, 0, key.plcno | std::uint32_t{key.regid} << 16);
     SetWord(entry, 4, (key.subaddr & 0xFFFF) | std::uint32_t{key.layout} << 16 | (key.flag & 0x200) << 15);
     SetWord(entry, 8, run[0].offset);
-    SetWord(entry, 12, mapcount);
+    SetWord(entry, 12, static_cast<std::uint32_t>(mapcount));
     return entry;
 }
 
@@ -196,7 +167,7 @@ std::string Unsound(const Files& files)
             if (!regions.emplace(row.dataoffset, row.dataoffset + RegionBytes(row.key)).second) return "region twice";
         }
         if (index.size() < 16) continue;
-        if (entries.count(IndexBytes(run, static_cast<std::uint32_t>(run.size()))) == 0) return "index entry";
+        if (entries.count(IndexBytes(run, run.size())) == 0) return "index entry";
         const auto map = files.find(MapName(run[0].key));
         if (map == files.end() || map->second != MapBytes(run)) return "map " + MapName(run[0].key);
     }

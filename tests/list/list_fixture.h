@@ -3,15 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdint>
-#include <cstring>
 #include <map>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "list/log_on_off.h"
+#include "support/capture.h"
+#include "support/scratch.h"
 
 // How many writes reached a file since the last reset, how many more may, and how many were lost, as in a power cut:
 // all behind the last allowed one. With `torn` the first of them still writes half of what it appends.
@@ -29,30 +26,32 @@ using Files = std::map<std::string, std::string>;  // content by name in the dat
 class ListTest : public testing::Test
 {
 protected:
-    ListTest();
-    ~ListTest() override;
+    ListTest() { Gate = {}; }
     [[nodiscard]] Files Load() const;
     void Store(const Files& files) const;
 
-    std::string folder;
+    Scratch scratch;
 };
 
 template <typename Value = std::uint32_t>
 Value Word(const std::string& bytes, std::size_t at)
 {
     Value value{};
-    std::memcpy(&value, bytes.substr(at, sizeof value).c_str(), bytes.size() >= at + sizeof value ? sizeof value : 0);
+    if (bytes.size() >= at + sizeof value) std::memcpy(&value, bytes.data() + at, sizeof value);
     return value;
 }
-void SetWord(std::string& bytes, std::size_t at, std::uint32_t value);
+inline void SetWord(std::string& bytes, std::size_t at, std::uint32_t value)
+{
+    bytes.replace(at, 4, reinterpret_cast<const char*>(&value), 4);
+}
 
 inline auto Identity(const RegKey& key)
 {
-    return std::make_tuple(key.plcno, key.regid, key.layout, key.subaddr & 0xFFFF, key.flag >> 9 & 1);
+    return std::tuple(key.plcno, key.regid, key.layout, key.subaddr & 0xFFFF, key.flag >> 9 & 1);
 }
 inline auto Order(const RegKey& key)
 {
-    return std::make_tuple(key.addr, key.width);
+    return std::tuple(key.addr, key.width);
 }
 inline std::uint32_t RegionBytes(const RegKey& key)
 {
@@ -68,22 +67,18 @@ struct Row {
 using Run = std::vector<Row>;
 std::string MapName(const RegKey& key);
 std::string MapBytes(const Run& run);
-std::string IndexBytes(const Run& run, std::uint32_t mapcount);
+std::string IndexBytes(const Run& run, std::size_t mapcount);
 
 // Reads the chain into groups. `fault` tells what is wrong with links, order or header.
 std::vector<Run> ReadChain(const std::string& org, std::string& fault);
 // What is wrong with a database: chain, groups, index, maps and regions; empty when sound.
 std::string Unsound(const Files& files);
 
-RegKey Key(std::uint8_t plcno, std::uint8_t layout, std::uint32_t addr, std::uint16_t width, std::uint32_t subaddr = 0,
+RegKey Key(unsigned plcno, unsigned layout, std::uint32_t addr, unsigned width, std::uint32_t subaddr = 0,
            std::uint32_t flag = 0);
-void LogOn(const RegKey& key, std::uint16_t fileno = 1);
-void LogOff(const RegKey& key, std::uint16_t fileno = 1);
-
-template <typename Operation>
-std::string Output(Operation operation)
+// A log-on, a log-off, or a registration that subscribes nothing; returns what it printed.
+std::string Request(const RegKey& key, OrgMode mode, int result = 0, std::uint16_t fileno = 7);
+inline void LogOn(const RegKey& key)
 {
-    testing::internal::CaptureStdout();
-    operation();
-    return testing::internal::GetCapturedStdout();
+    Request(key, OrgMode::LogOn);
 }

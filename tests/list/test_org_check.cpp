@@ -1,9 +1,6 @@
 // The start-up check after every way of cutting an operation short, and on databases that nothing explains.
 #include <algorithm>
 #include <functional>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "arch/work_file.h"
 #include "list/index.h"
@@ -20,11 +17,6 @@ DatabaseState Check()
     Output([&] { state = CheckDatabase(); });
     return state;
 }
-
-void Register(const RegKey& key)
-{
-    Output([&] { EXPECT_EQ(0, CheckOrgList(&key)); });
-}
 }  // namespace
 
 class OrgCheckTest : public ListTest
@@ -40,8 +32,7 @@ protected:
                 const Files broken = Load();
                 bool mendCut = true;
                 for (int mends = 0; mendCut; ++mends) {
-                    mendCut = Cut(
-                        broken, [] { Check(); }, mends, torn);
+                    mendCut = Cut(broken, Check, mends, torn);
                     ExpectMended(base, operation, key);
                     if (HasFailure()) FAIL() << writes << (torn ? " torn" : "") << " writes, mended " << mends;
                 }
@@ -104,12 +95,10 @@ TEST_F(OrgCheckTest, EveryCutIsMended)
     for (const RegKey& key : keys) {
         SCOPED_TRACE(testing::Message() << "plcno " << int{key.plcno} << " addr " << key.addr);
         for (const Files& start : {empty, base}) {
-            CutEverywhere(
-                start, [&] { LogOn(key); }, key);
-            CutEverywhere(
-                start, [&] { LogOff(key); }, key);
-            CutEverywhere(
-                start, [&] { Register(key); }, key);
+            for (const OrgMode mode : {OrgMode::LogOn, OrgMode::LogOff, OrgMode::Register}) {
+                const auto operation = [&] { Request(key, mode); };
+                CutEverywhere(start, operation, key);
+            }
         }
     }
 }
@@ -122,35 +111,36 @@ TEST_F(OrgCheckTest, MendsWhatLags)
         Files files = base;
         damage(files);
         Store(files);
-        DatabaseState state;
-        const std::string said = Output([&] { state = CheckDatabase(); });
-        EXPECT_EQ(DatabaseState::Mended, state) << what;
+        const std::string said = Output([] { EXPECT_EQ(DatabaseState::Mended, CheckDatabase()); });
         EXPECT_EQ(0u, said.find(std::string("*VOQ*register database mended:") + what + "\r\n")) << said;
         EXPECT_EQ("", Unsound(Load())) << what;
         EXPECT_EQ(DatabaseState::Sound, Check());
         return Load();
     };
-    const auto same = [&](const char* what, const std::string& name, std::size_t at, std::uint32_t value) {
-        EXPECT_TRUE(base == mends(what, [&](Files& files) { SetWord(files[name], at, value); })) << what << at;
+    using Words = std::vector<std::pair<std::size_t, std::uint32_t>>;
+    const struct {
+        const char *what, *file;
+        Words words;
+    } restored[] = {
+        {" header", "org", {{0, 5}}},
+        {" header", "org", {{0, 7}}},
+        {" header", "org", {{8, 12}}},
+        {" links", "org", {{12 + 48, 68}}},
+        {" links", "org", {{68 + 48, 292}}},
+        {" index", "index", {{16 + 8, 12}}},
+        {" maps", "index", {{12, 2}}},
+        // Insertions that a power cut took before they were synced: one in front of a group, two, two at the end.
+        {" links", "org", {{124 + 52, 348}}},
+        {" links", "org", {{124 + 52, 348}, {180 + 48, 404}}},
+        {" header links", "org", {{292 + 52, 348}, {8, 404}, {0, 8}}},
     };
-    same(" header", "org", 0, 5);
-    same(" header", "org", 0, 7);
-    same(" header", "org", 8, 12);
-    same(" links", "org", 12 + 48, 68);
-    same(" links", "org", 68 + 48, 292);
-    same(" index", "index", 16 + 8, 12);
-    // Insertions that a power cut took before they were synced: one in front of another group, two, two at the end.
-    same(" links", "org", 124 + 52, 348);
-    EXPECT_TRUE(base == mends(" links", [](Files& files) {
-                    SetWord(files["org"], 124 + 52, 348);
-                    SetWord(files["org"], 180 + 48, 404);
-                }));
-    EXPECT_TRUE(base == mends(" header links", [](Files& files) {
-                    SetWord(files["org"], 292 + 52, 348);
-                    SetWord(files["org"], 8, 404);
-                    SetWord(files["org"], 0, 8);
-                }));
-    same(" maps", "index", 12, 2);
+    for (const auto& each : restored) {
+        EXPECT_TRUE(base == mends(each.what,
+                                  [&](Files& files) {
+                                      for (const auto& [at, value] : each.words) SetWord(files[each.file], at, value);
+                                  }))
+            << "case " << &each - restored;
+    }
     mends(" cut-off record", [](Files& files) { files["org"] += "half a record"; });
     mends(" maps", [](Files& files) { files["im2_10_22_0"].resize(20); });
     mends(" index maps", [](Files& files) { files["index"].resize(40); });
@@ -168,10 +158,9 @@ TEST_F(OrgCheckTest, MendsWhatLags)
     EXPECT_EQ("12345678901" + std::string(20 + 70 - 11, '\0'), shorter["data"]);
     for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(i < 2 ? 1 : 0, shorter["org"][12 + 56 * i + 36]) << i;
     // Without its record the list is empty, and so is its index.
-    Store({{"org", base.at("org").substr(0, 12)}, {"data", ""}, {"index", base.at("index").substr(0, 16)}});
-    Files lost = Load();
-    for (const std::size_t at : {0, 4, 8}) SetWord(lost["org"], at, at == 0 ? 1 : 12);
-    Store(lost);
+    Store({{"org", std::string("\1\0\0\0\14\0\0\0\14\0\0\0", 12)},
+           {"data", ""},
+           {"index", base.at("index").substr(0, 16)}});
     EXPECT_EQ(DatabaseState::Mended, Check());
     EXPECT_TRUE((Files{{"org", std::string(12, '\0')}, {"data", ""}, {"index", ""}}) == Load());
 }
@@ -180,31 +169,33 @@ TEST_F(OrgCheckTest, RefusesWhatNothingExplains)
 {
     Build();
     const Files base = Load();
-    const auto refuses = [&](const char* what, const std::string& name, std::size_t at, std::uint32_t value) {
-        Files files = base;
-        SetWord(files[name], at, value);
-        Store(files);
-        Files expected;
-        for (const auto& [file, bytes] : files) expected[file.compare(0, 2, "im") == 0 ? file : file + ".bad"] = bytes;
-        DatabaseState state;
-        const std::string said = Output([&] { state = CheckDatabase(); });
-        EXPECT_EQ(DatabaseState::Refused, state) << what;
-        EXPECT_EQ(0u, said.find(std::string("*VOQ*register database refused: ") + what)) << said;
-        EXPECT_TRUE(expected == Load()) << what;
+    const struct {
+        const char *what, *file;
+        std::uint32_t at, value;
+    } cases[] = {
+        {"a link back into the chain", "org", 68 + 52, 12},
+        {"a link to no record, offset 70", "org", 68 + 52, 70},
+        {"a link to no record", "org", 124 + 52, 11 + 6 * 56},
+        {"a link to no record", "org", 4, 0xFFFFFFFC},
+        {"an index, but no chain, offset 0", "org", 4, 0},
+        {"a chain that ends before its tail", "org", 68 + 52, 0},
+        {"a record out of order", "org", 68 + 16, 9},
+        {"a record out of order", "org", 68 + 16, 10},
+        {"a group in two runs", "org", 292 + 8, 0x22010001},
+        {"a region inside another", "org", 68 + 44, 3},
+        {"a region outside the data file", "org", 68 + 44, 0x7FFFFFF0},
+        {"a region outside the data file", "org", 68 + 12, 0xFFFF0010},
+        {"an index entry of no group, offset 16", "index", 16, 0x00110002},
     };
-    refuses("a link back into the chain", "org", 68 + 52, 12);
-    refuses("a link to no record, offset 70", "org", 68 + 52, 70);
-    refuses("a link to no record", "org", 124 + 52, 11 + 6 * 56);
-    refuses("a link to no record", "org", 4, 0xFFFFFFFC);
-    refuses("an index, but no chain, offset 0", "org", 4, 0);
-    refuses("a chain that ends before its tail", "org", 68 + 52, 0);
-    refuses("a record out of order", "org", 68 + 16, 9);
-    refuses("a record out of order", "org", 68 + 16, 10);
-    refuses("a group in two runs", "org", 292 + 8, 0x22010001);
-    refuses("a region inside another", "org", 68 + 44, 3);
-    refuses("a region outside the data file", "org", 68 + 44, 0x7FFFFFF0);
-    refuses("a region outside the data file", "org", 68 + 12, 0xFFFF0010);
-    refuses("an index entry of no group, offset 16", "index", 16, 0x00110002);
+    for (const auto& each : cases) {
+        Files files = base, expected;
+        SetWord(files[each.file], each.at, each.value);
+        Store(files);
+        for (const auto& [file, bytes] : files) expected[file.compare(0, 2, "im") == 0 ? file : file + ".bad"] = bytes;
+        const std::string said = Output([] { EXPECT_EQ(DatabaseState::Refused, CheckDatabase()); });
+        EXPECT_EQ(0u, said.find(std::string("*VOQ*register database refused: ") + each.what)) << said;
+        EXPECT_TRUE(expected == Load()) << each.what;
+    }
     // A file without a whole header waits for it; an index below one entry is empty and stays so.
     for (const auto& [name, size] : {std::pair{"org", 11}, {"index", 15}}) {
         Files files = base;

@@ -33,23 +33,19 @@ void* __libc_memalign(size_t alignment, size_t size);
 
 void* malloc(size_t size)
 {
-    CountAllocation();
-    return __libc_malloc(size);
+    return CountAllocation(), __libc_malloc(size);
 }
 void* calloc(size_t count, size_t size)
 {
-    CountAllocation();
-    return __libc_calloc(count, size);
+    return CountAllocation(), __libc_calloc(count, size);
 }
 void* realloc(void* old, size_t size)
 {
-    CountAllocation();
-    return __libc_realloc(old, size);
+    return CountAllocation(), __libc_realloc(old, size);
 }
 void* aligned_alloc(size_t alignment, size_t size)
 {
-    CountAllocation();
-    return __libc_memalign(alignment, size);
+    return CountAllocation(), __libc_memalign(alignment, size);
 }
 int posix_memalign(void** out, size_t alignment, size_t size)
 {

@@ -10,6 +10,7 @@
 #include "oper/fast_pass.h"
 #include "oper/org_pass.h"
 #include "oper/priority.h"
+#include "support/capture.h"
 #include "support/layout.h"
 #include "support/scratch.h"
 #include "voq/reg_range.h"
@@ -30,21 +31,13 @@ namespace
 {
 constexpr std::int64_t StartUs = 1'700'000'000'000'000;
 
-std::string Output(const auto& operation)
-{
-    testing::internal::CaptureStdout();
-    operation();
-    std::fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
-
 // The PLC's byte at a byte address; never 0, which is what a fresh region holds.
 unsigned char PlcByte(std::uint64_t at)
 {
     return static_cast<unsigned char>((at * 2654435761u >> 11) % 255 + 1);
 }
 
-void FillFromPlc(const PlcRequest& request)
+void FillFromPlc(const PlcRequest& request, bool)
 {
     const std::uint64_t start = std::uint64_t{request.key->addr} * UnitBytes(*request.key);
     for (std::int32_t i = 0; i < request.length; ++i) static_cast<unsigned char*>(request.data)[i] = PlcByte(start + i);
@@ -109,7 +102,7 @@ protected:
         Use({64, 10, 64, 10});
         InitPriRange();
         FakeDriver::Use();
-        FakeDriver::Fill = FillFromPlc;
+        FakeDriver::Serve = FillFromPlc;
         CurrentNode = 0;
         LoopReStart = 0;
     }
@@ -143,8 +136,7 @@ protected:
     std::vector<Read> TakeReads(const std::vector<Range>& list, std::vector<std::size_t>* calls = nullptr)
     {
         std::vector<Read> reads;
-        for (const DriverCall& call : FakeDriver::Calls) {
-            if (call.command != "RdOne") continue;
+        for (const DriverCall& call : FakeDriver::Transfers()) {
             const auto at =
                 std::ranges::find_if(list, [&](const Range& r) { return r.key.convpara == call.key.convpara; });
             const auto start = static_cast<std::size_t>(at - list.begin());
@@ -156,7 +148,6 @@ protected:
                 if (calls != nullptr) calls->push_back(1);
             }
         }
-        FakeDriver::Calls.clear();
         return reads;
     }
 
@@ -167,12 +158,6 @@ protected:
             if (CurrentFastList == FastHead().head) return;
         }
         ADD_FAILURE() << "the cursor does not come round";
-    }
-
-    OrgNode Node(const Range& range) const { return ReadOrgNode(FileBytes(OrgFileName), range.offset); }
-    std::string Value(const Range& range) const
-    {
-        return FileBytes(DataFileName).substr(Node(range).dataoffset, GetRegBuffLen(&range.key));
     }
 
     // What the reads leave in every record, read or not.
@@ -215,36 +200,29 @@ protected:
 TEST_F(Passes, AgeDecidesByPriorityClass)
 {
     OrgNode record{};
+    NowUs = StartUs + 5'500'000;
     const auto due = [&](std::uint32_t flag, std::int64_t ageMs) {
         record.key.flag = flag;
         const std::int64_t us = NowUs - ageMs * 1000;
         record.stamp = {static_cast<std::int32_t>(us / 1000000), static_cast<std::int32_t>(us % 1000000)};
         return PackOrNot(record);
     };
-    NowUs = StartUs + 5'500'000;
-    EXPECT_EQ(0, due(0, 0));
-    EXPECT_EQ(1, due(0, 1));
-    EXPECT_EQ(70000, due(0, 70000));
-    EXPECT_EQ(1, due(1 << 16, 0));
-    const std::uint32_t before = PackForwardMiss[2] + PackGoal[2] + PackBackwardMiss[2];
-    EXPECT_EQ(0, due(3 << 16, 9));
-    EXPECT_EQ(1, due(3 << 16, 10));
-    EXPECT_EQ(1, due(3 << 16 | REG_FLAG_URGENT, 600));
-    EXPECT_EQ(2, due(3 << 16, 601));
-    EXPECT_TRUE(PackForwardMiss[2] == 1 && PackGoal[2] == before + 2 && PackBackwardMiss[2] == 1);
-    EXPECT_EQ(0, due(10 << 16, 1999));
-    EXPECT_EQ(1, due(10 << 16, 2000));
-    EXPECT_EQ(1, due(10 << 16, 10000));
-    EXPECT_EQ(2, due(10 << 16, 10001));
-    EXPECT_EQ("GEt reg pri error!!!!!\n", Output([&] { EXPECT_NE(0, due(5 << 16, 0)); }));
-    EXPECT_EQ("GEt reg pri error!!!!!\n", Output([&] { EXPECT_NE(0, due(3 << 16 | REG_FLAG_DWORD_CHANGE, 0)); }));
-    const std::string wrong = Output([&] {
-        EXPECT_EQ(-5, due(0, -5));
-        EXPECT_EQ(1, due(10 << 16, -5));
-    });
-    EXPECT_EQ(2, std::ranges::count(wrong, '\n'));
-    EXPECT_EQ(0u, wrong.find("*VOQ*!NodeTimePassed wrong =-5!cur_sec=1700000005,node_sec=1700000005,cur_us=500000,"
-                             "Node_us=505000\r\n"));
+    constexpr std::uint32_t Medium = 3 << 16, Slowest = 10 << 16;
+    const struct {
+        std::uint32_t flag;
+        std::int64_t ageMs;
+        int expected;
+    } cases[] = {{0, 0, 0},          {0, 1, 1},           {0, 70000, 70000},
+                 {1 << 16, 0, 1},    {Medium, 9, 0},      {Medium, 10, 1},
+                 {Medium, 601, 2},   {Slowest, 1999, 0},  {Medium | REG_FLAG_URGENT, 600, 1},
+                 {Slowest, 2000, 1}, {Slowest, 10000, 1}, {Slowest, 10001, 2}};
+    for (const auto& each : cases) EXPECT_EQ(each.expected, due(each.flag, each.ageMs)) << &each - cases;
+    EXPECT_EQ((std::array{1u, 2u, 1u}), (std::array{+PackForwardMiss[2], +PackGoal[2], +PackBackwardMiss[2]}));
+    for (const std::uint32_t flag : {5u << 16, Medium | REG_FLAG_DWORD_CHANGE}) {
+        EXPECT_EQ("GEt reg pri error!!!!!\n", Output([&] { EXPECT_NE(0, due(flag, 0)); }));
+    }
+    EXPECT_EQ(0u, Output([&] { EXPECT_EQ(-5, due(0, -5)); }).find("*VOQ*!NodeTimePassed wrong =-5!"));
+    EXPECT_NE("", Output([&] { EXPECT_EQ(1, due(Slowest, -5)); }));
     record.key.plcno = 200;
     StationDisable[12] = 1 << 8;
     EXPECT_EQ(0, due(1 << 16, 5000));
@@ -322,8 +300,7 @@ TEST_F(Passes, MixedRoundsMatchTheModel)
         if (result == 1) {  // a read without elements reaches no driver
             std::vector<Read> calling = expected;
             std::erase_if(calling, [](const Read& read) { return read.width == 0; });
-            std::vector<Read> made = TakeReads(fast);
-            EXPECT_EQ(calling, made);
+            EXPECT_EQ(calling, TakeReads(fast));
             EXPECT_EQ(packed ? 0 : std::ssize(expected), std::ranges::count(log, '<'));
             ExpectWrittenBack(fast, expected, 1);
         } else if (std::ranges::none_of(expected, [](const Read& read) { return read.width == 0; })) {
@@ -348,107 +325,27 @@ TEST_F(Passes, MixedRoundsMatchTheModel)
     }
 }
 
-TEST_F(Passes, FastListEdges)
-{
-    const auto reads = [&](std::vector<std::pair<std::uint32_t, std::uint16_t>> ranges, int passes) {
-        std::vector<Range> all;
-        for (const auto& [addr, width] : ranges) all.push_back({WordKey(addr, width), true, true, 0});
-        Build(all);
-        for (int i = 0; i < passes; ++i) OperFastList();
-        return TakeReads(fast);
-    };
-    EXPECT_EQ(std::vector<Read>{}, reads({}, 2));
-    EXPECT_EQ(0, CurrentFastList);
-    EXPECT_EQ((std::vector<Read>{{0, 100, 20}}), reads({{100, 10}, {115, 5}}, 1));
-    EXPECT_EQ(1, CurrentFastList);  // the head again
-    Use({64, 4, 64, 4});
-    EXPECT_EQ((std::vector<Read>{{0, 100, 10}}), reads({{100, 10}, {115, 5}}, 1));
-    EXPECT_EQ(2, CurrentFastList);
-    Use({64, 0, 64, 0});  // no gap at all: neighbours are not joined either
-    EXPECT_EQ((std::vector<Read>{{0, 0, 4}, {1, 4, 4}}), reads({{0, 4}, {4, 4}}, 2));
-    Use({64, 1, 64, 1});
-    EXPECT_EQ((std::vector<Read>{{0, 0, 8}}), reads({{0, 4}, {4, 4}}, 1));
-    Use({64, 10, 64, 10});
-    EXPECT_EQ((std::vector<Read>{{0, 0, 64}, {1, 64, 1}}), reads({{0, 64}, {64, 1}}, 2));
-    EXPECT_EQ((std::vector<Read>{{0, 0, 100}}), reads({{0, 100}}, 1));
-    EXPECT_EQ(FastEnd, CurrentFastList);
-    OperFastList();  // the end: no read, back to the head
-    EXPECT_EQ(1, CurrentFastList);
-    EXPECT_TRUE(TakeReads(fast).empty());
-    EXPECT_EQ((std::vector<Read>{{0, 0xFFFFFFF0, 16}}), reads({{0xFFFFFFF0, 16}}, 1));
-
-    // Nothing due, or a station switched off: no read, the cursor at the head.
-    Build({{WordKey(0, 1), true, true, 0}, {WordKey(10, 1), true, true, 0}});
-    StationDisable[0] = 2;
-    CurrentFastList = 2;
-    OperFastList();
-    EXPECT_EQ(1, CurrentFastList);
-    EXPECT_TRUE(FakeDriver::Calls.empty());
-}
-
+// An end of the address space, entries that name no record, an empty list, files that are gone.
 TEST_F(Passes, EntriesWithoutARecordAreNeverPolled)
 {
-    Build({{WordKey(0, 2), true, true, 0}, {WordKey(50, 2), true, true, 0}});
-    Use({10, 1, 10, 1});
+    OperFastList();
+    EXPECT_EQ(0, CurrentFastList);
+    Build({{WordKey(0, 2), true, true, 0}, {WordKey(0xFFFFFFF0, 16), true, true, 0}});
+    Use({20, 1, 20, 1});
     const std::string log = Output([] {
         AddFastIndex(WordKey(10, 2), 90, 13);           // on no record
         AddFastIndex(WordKey(20, 2), 91, 12 + 56 * 2);  // behind the last record
         AddFastIndex(WordKey(60, 2), 92, 0xFFFFFFFF);
         AddFastIndex(WordKey(70, 2), 93, 0xFFFFFFF0);
-        for (int i = 0; i < 6; ++i) OperFastList();
+        for (int i = 0; i < 4; ++i) OperFastList();
     });
-    EXPECT_EQ(3, std::ranges::count(log, ','))
-        << log;  // once each; 0xFFFFFFFF is what a failed lookup left, and reported
-    EXPECT_NE(std::string::npos, log.find("*VOQ*fast list: no record at org offset 13 of fileno 90, not polled\r\n"));
-    EXPECT_EQ((std::vector<Read>{{0, 0, 2}, {1, 50, 2}, {0, 0, 2}, {1, 50, 2}, {0, 0, 2}, {1, 50, 2}}),
-              TakeReads(fast));
-
+    // Said once each; 0xFFFFFFFF is what a failed lookup left, and reported.
+    EXPECT_EQ(3, std::ranges::count(log, ',')) << log;
+    EXPECT_EQ((std::vector<Read>{{0, 0, 2}, {1, 0xFFFFFFF0, 16}, {0, 0, 2}, {1, 0xFFFFFFF0, 16}}), TakeReads(fast));
     std::filesystem::remove(OrgFileName);
-    OperFastList();
-    OperFastList_NoPack();
-    OperOrgList();
+    for (const auto& pass : {OperFastList, OperFastList_NoPack, OperOrgList}) pass();
     EXPECT_TRUE(FakeDriver::Calls.empty());
     const WriteLock list{fast_rwlock};  // both were given back
     const MutexLock database{DatabaseLock};
-}
-
-TEST_F(Passes, OrgListEdges)
-{
-    Build({{WordKey(0, 10), false, true, 0}, {WordKey(10, 10), false, true, 0}, {WordKey(20, 10), false, true, 0}});
-    OperOrgList();  // from nowhere: only to the head
-    EXPECT_EQ(12u, CurrentNode);
-    EXPECT_TRUE(FakeDriver::Calls.empty());
-    GlobeTimeout = 1;
-    OperOrgList();
-    EXPECT_TRUE(FakeDriver::Calls.empty());
-    GlobeTimeout = 0;
-    StationDisable[0] = 2;
-    OperOrgList();
-    EXPECT_TRUE(FakeDriver::Calls.empty());
-    EXPECT_EQ(0, LoopReStart);
-    StationDisable[0] = 0;
-    NowUs += 7;
-    OperOrgList();
-    EXPECT_EQ((std::vector<Read>{{0, 0, 30}}), TakeReads(chain));
-    ExpectWrittenBack(chain, {{0, 0, 30}}, 1);
-    EXPECT_EQ(1, LoopReStart);
-    EXPECT_EQ(12u, CurrentNode);
-    LoopReStart = 0;
-    OperOrgList();  // all read: back to the head, nothing else
-    EXPECT_TRUE(FakeDriver::Calls.empty());
-    EXPECT_EQ(0, LoopReStart);
-
-    // An unwidened read of the last record does not end the pass; a failure takes the record out of it.
-    NowUs = StartUs;
-    Build({{WordKey(0, 64), false, true, 0}});
-    FakeDriver::Script = {7};
-    CurrentNode = 12;
-    OperOrgList();
-    EXPECT_EQ(0u, CurrentNode);
-    ExpectWrittenBack(chain, {{0, 0, 64}}, 3);
-    OperOrgList();
-    EXPECT_EQ(12u, CurrentNode);
-    EXPECT_EQ(0, LoopReStart);
-    EXPECT_EQ(1u, TakeReads(chain).size());
 }
 }  // namespace

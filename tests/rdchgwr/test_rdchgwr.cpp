@@ -4,12 +4,10 @@
 
 #include <cstring>
 #include <random>
-#include <string>
 
 #include "model.h"
 #include "rdchgwr/byte_order.h"
 #include "rdchgwr/chg.h"
-#include "rdchgwr/decimal.h"
 #include "rdchgwr/geometry.h"
 #include "rdchgwr/rd_chg_wr.h"
 #include "rdchgwr/shuffle.h"
@@ -64,18 +62,14 @@ struct Device {
     std::vector<int> results;  // of the next accesses; 1 when used up
 } device;
 
-int NextResult()
-{
-    if (device.results.empty()) return PLC_SUCCESS;
-    const int result = device.results.front();
-    device.results.erase(device.results.begin());
-    return result;
-}
-
 int Access(char kind, const RegKey& key, void* to, const void* from)
 {
     device.log += kind + std::to_string(key.addr) + "x" + std::to_string(key.width) + " ";
-    const int result = NextResult();
+    int result = PLC_SUCCESS;
+    if (!device.results.empty()) {
+        result = device.results.front();
+        device.results.erase(device.results.begin());
+    }
     if (result == PLC_SUCCESS) std::memcpy(to, from, GetRegBuffLen(&key));
     return result;
 }
@@ -84,15 +78,8 @@ unsigned char* Place(const RegKey& key)
 {
     return device.memory.data() + key.addr * UnitBytes(key);
 }
-int DeviceRead(RegKey key, void* buf)
-{
-    return Access('r', key, buf, Place(key));
-}
-int DeviceWrite(RegKey key, void* data)
-{
-    return Access('w', key, Place(key), data);
-}
-constexpr DrvOps Ops = {DeviceRead, DeviceWrite};
+constexpr DrvOps Ops = {[](RegKey key, void* buf) { return Access('r', key, buf, Place(key)); },
+                        [](RegKey key, void* data) { return Access('w', key, Place(key), data); }};
 
 int Do(const RegKey& key, unsigned flags, Bytes data, std::uint32_t* pulseTime = nullptr, std::uint32_t now = 0)
 {
@@ -110,31 +97,9 @@ protected:
         sysByteOder = 0;
     }
 };
-using ByteOrder = RdChgWr;
 
-TEST_F(ByteOrder, OrdersByClassAndSource)
+TEST_F(RdChgWr, BigEndianRangesSwapTheirElements)
 {
-    struct Case {
-        std::uint16_t word;
-        int type, size;
-        std::uint64_t expected;
-    };
-    const Case cases[] = {{0x0010, 2, 4, 0x22114433}, {0x0020, 2, 4, 0x33441122}, {0x0030, 1, 4, 0x44332211},
-                          {0x0100, 3, 4, 0x22114433}, {0x0230, 3, 4, 0x33441122}, {0x0001, 2, 2, 0x22114433},
-                          {0x0002, 2, 2, 0x11223344}, {0x0003, 1, 2, 0x22114433}, {0x0333, 4, 8, 0x11223344},
-                          {0x0333, 2, 1, 0x11223344}, {0x0333, 0, 4, 0x11223344}, {0xFCCC, 2, 4, 0x11223344}};
-    for (const Case& each : cases) {
-        ComInfo.byteOrder = each.word;
-        sysByteOder = static_cast<std::uint16_t>(each.word ^ 0x0111);
-        Bytes value = Number(0x11223344, 8);
-        operBigEnd(value.data(), 4, each.type, each.size, Key(0x22, 2));
-        EXPECT_EQ(value, Number(each.expected, 8)) << std::hex << each.word << " type " << each.type;
-        std::swap(ComInfo.byteOrder, sysByteOder);
-        RegKey local = Key(0x22, 2);
-        local.portno = 0xFF;
-        operByteOrder(value.data(), 4, each.type, each.size, local);
-        EXPECT_EQ(value, Number(0x11223344, 8));
-    }
     Bytes value = {1, 2, 3, 4, 5, 6};
     operBigEndEx(Key(0x22, 2, REG_FLAG_BIG_ENDIAN), value.data(), 4);
     operBigEndEx(Key(0x22, 2), value.data(), 6);
@@ -144,82 +109,27 @@ TEST_F(ByteOrder, OrdersByClassAndSource)
     EXPECT_EQ(value, (Bytes{3, 5, 6, 2, 1, 4}));
 }
 
-TEST(Decimal, BcdAndDigits)
-{
-    EXPECT_EQ(CvtBcd2Bin(0x1234, 2), 1234u);
-    EXPECT_EQ(CvtBcd2Bin(0x1234, 1), 34u);
-    EXPECT_EQ(CvtBcd2Bin(0x1A, 1), 20u);
-    EXPECT_EQ(CvtBin2Bcd(123456, 2), 0x3456u);
-    EXPECT_EQ(CvtBin2Bcd(4294967295u, 4000), 0x94967295u);
-    EXPECT_EQ(CvtBin2Bcd(9, 0) + CvtBcd2Bin(9, -1), 0u);
-    Bytes three = {0x56, 0x34, 0x12, 0x99, 0, 0, 0x77};
-    CvtBcds2Bins(three.data(), 2, 3);
-    EXPECT_EQ(three, (Bytes{0x40, 0xE2, 0x01, 99, 0, 0, 0x77}));
-    CvtBins2Bcds(three.data(), 2, 3);
-    EXPECT_EQ(three, (Bytes{0x56, 0x34, 0x12, 0x99, 0, 0, 0x77}));
-
-    EXPECT_EQ(GetPosVal(4294967295u, 10), 4u);
-    EXPECT_EQ(GetPosVal(57, 0), 7u);
-    std::uint32_t value = 65535;
-    SetPosVal(&value, 0, 5);
-    EXPECT_EQ(value, 5535u);
-    SetPosVal(&value, 9, 17);
-    EXPECT_EQ(value, 5535u);
-    EXPECT_EQ(CalPosVal(7, 5, 2), 0);
-    EXPECT_EQ(CalPosVal(-1, 5, 2), 6);
-    EXPECT_EQ(CalPosVal(-1, 4, 2), 9);
-}
-
-TEST(Geometry, Addresses)
-{
-    RegKey key = Key(0x24, 3, 0, 100);  // 4-byte elements on 2-byte addresses
-    EXPECT_EQ(contain(key, Key(0x24, 1, 0, 104)), 1);
-    EXPECT_EQ(contain(key, Key(0x24, 2, 0, 104)), 0);
-    setAddrs(key, 101, 103);
-    EXPECT_EQ(key.addr + key.width, 103u);
-    EXPECT_EQ(lastAddr(Key(0x20, 8, 0, 5)), 12u);
-    std::uint32_t last = 0xFFFFFFF0;
-    EXPECT_EQ(CheckTm(&last, 0xF, 32), 0);
-    EXPECT_EQ(CheckTm(&last, 0x10, 32), 1);
-    EXPECT_EQ(last, 0x10u);
-}
-
+// By hand, and beyond the limits that the model keeps to.
 TEST_F(RdChgWr, WorkedExamples)
 {
     constexpr unsigned Wrap = 0x8000, Bounce = 0x4000, Reversed = 0x4000;
-    const std::uint32_t f1 = Bits<std::uint32_t>(1.0f), f15 = Bits<std::uint32_t>(1.5f), f2 = Bits<std::uint32_t>(2.0f);
     const Bytes count = Limits(1, 0, 100, 2);
-    const Bytes doubles = Limits(Bits<std::uint64_t>(0.1), Bits<std::uint64_t>(-1.0), Bits<std::uint64_t>(5.0), 8);
-    struct Case {
+    const struct {
         Bytes desc, image, expected;
         unsigned flags, direction;
         std::uint32_t keyFlag;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {Desc(1, 2 | Wrap, 2, count), Number(100, 2), Number(0, 2), 0, 0, 0},
-        {Desc(1, 2 | Bounce, 2, count), Number(99, 2), Number(100, 2), 0, Reversed, 0},
-        {Desc(1, 2 | Bounce, 2, count), Number(100, 2), Number(99, 2), 0, Reversed, 0},
         {Desc(1, 2 | Bounce, 2, count), Number(100, 2), Number(99, 2), Reversed, Reversed, 0},
-        {Desc(1, 1, 2, Limits(2, 0xFFF0, 10, 2)), Number(0xFFFF, 2), Number(1, 2), 0, 0, 0},
-        {Desc(1, 2 | Wrap, 4, Limits(2, 7, 0xFFFFFFFF, 4)), Number(0xFFFFFFFF, 4), Number(7, 4), 0, 0, 0},
-        {Desc(1, 3 | Bounce, 4, Limits(f1, 0, f2, 4)), Number(f15, 4), Number(f2, 4), 0, Reversed, 0},
-        {Desc(2, 4, 8, doubles), Number(Bits<std::uint64_t>(0.3), 8), Number(Bits<std::uint64_t>(0.3 - 0.1), 8), 0, 0,
-         0},
-        {Desc(1, 2, 2, Limits(1, 0, 9999, 2)), Number(0x0099, 2), Number(0x0100, 2), 0, 0, REG_FLAG_BCD},
-        {Desc(10, 0, 0, {}, 31), Number(0, 4), Number(0x80000000, 4), 0, 0, 0},
         {Desc(10, 0, 0, {}, 40), Number(0, 8), Number(0, 8), 0, 0, 0},
-        {Desc(5, 0, 2, Number(0xFFFF, 2)), Number(0, 6), Number(0xFFFF, 6), 0, 0, 0},
-        {Desc(0x102, 2, 2, Number(1, 2)), Number(10, 2), Number(19, 2), 0, 0, 0},
-        {Desc(0x101, 2, 2, Number(5, 2)), Number(65535, 2), Number(5535, 2), 0, 0, 0},
         {Desc(7, 2, 2), Number(77, 2), Number(77, 2), Reversed, Reversed, 0},
         {Desc(1, 9, 2), Number(77, 2), Number(77, 2), 0, 0, 0},
         {Desc(0x101, 2, 4, Number(17, 4)), Number(77, 4), Number(77, 4), 0, 0, 0},  // no such position
         {Desc(0x101, 2, 5, Number(1, 5)), Number(0xFF, 4), Number(0xFF, 4), 0, 0, REG_FLAG_BCD},
         {Desc(1, 2, 9, Bytes(27)), Number(0xFF, 4), Number(0xFF, 4), 0, 0, REG_FLAG_BCD},  // no such operand
-        {Field(4, 12, 0xABC), Number(0x7777, 2), Number(0xABC7, 2), 0, 0, 0},
-        {Field(4, 13, 0xABC), Number(0x7777, 2), Number(0x7777, 2), 0, 0, 0},  // one bit too far
+        {Field(4, 13, 0xABC), Number(0x7777, 2), Number(0x7777, 2), 0, 0, 0},              // one bit too far
     };
-    for (const Case& each : cases) {
+    for (const auto& each : cases) {
         Bytes image = each.image;
         const auto len = static_cast<std::uint32_t>(image.size());
         EXPECT_EQ(Chg(image.data(), each.desc, len, each.flags, Key(0x22, 1, each.keyFlag)), each.direction);
@@ -366,7 +276,6 @@ TEST_F(RdChgWr, PulseInTime)
     EXPECT_EQ(step(bit, 507), 1);
     EXPECT_EQ(device.log + std::to_string(device.memory[0]), "w0x1 0");
 
-    testing::internal::CaptureStdout();
     device.results = {2};
     EXPECT_EQ(step(word, 100), RT_PENDING);  // first read fails: the time runs all the same
     EXPECT_EQ(started, 100u);
@@ -375,10 +284,8 @@ TEST_F(RdChgWr, PulseInTime)
     EXPECT_EQ(started, 600u);
     device.results = {1, 3, 2, 3};
     EXPECT_EQ(step(word, 1100), 3);
+    EXPECT_EQ(device.log, "r0x1 w0x1 w0x1 w0x1 ");
     EXPECT_EQ(started, 0u);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "*VOQ*Do Pluse Read failed\n\r*VOQ*Do Pluse Read failed\n\r*VOQ*Do Pluse write ret=3\r\n"
-              "*VOQ*Do Pluse write ret=2\r\n*VOQ*Do Pluse write ret=3\r\n");
 
     device.memory[1] = 0;
     EXPECT_EQ(Do(word, 0x2000, Desc(11, 1, 0, {}, 9), &started), 1);

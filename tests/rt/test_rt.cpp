@@ -4,35 +4,25 @@
 
 #include <deque>
 #include <random>
-#include <thread>
 
 #include "arch/clock.h"
 #include "list/log_on_off.h"
 #include "list/rt_list.h"
 #include "oper/rt_pass.h"
 #include "state/com_state.h"
+#include "support/capture.h"
 #include "support/scratch.h"
 #include "voq/chg_desc.h"
 
 namespace
 {
 std::string Memory(0x20000, '\0');
-std::string Log;                  // "r90x18 " and "w5x1 " by address and width
-std::deque<std::int32_t> Script;  // results of the next transfers, then 0
 
-std::int32_t Plc(const char* command, void* target, void** args)
+void Plc(const PlcRequest& request, bool write)
 {
-    const bool write = std::strcmp(command, "WrOne") == 0;
-    if (std::strcmp(command, "Init") == 0) *static_cast<void**>(target) = &Memory;
-    if (!write && std::strcmp(command, "RdOne") != 0) return 0;
-    const PlcRequest& request = *static_cast<PlcRequest*>(args[0]);
-    Log += (write ? "w" : "r") + std::to_string(request.key->addr) + "x" + std::to_string(request.key->width) + " ";
-    const std::int32_t result = Script.empty() ? 0 : Script.front();
-    if (!Script.empty()) Script.pop_front();
     char* place = Memory.data() + request.key->addr * UnitBytes(*request.key);
-    if (result == 0 && write) std::memcpy(place, request.data, static_cast<std::size_t>(request.length));
-    if (result == 0 && !write) std::memcpy(request.data, place, static_cast<std::size_t>(request.length));
-    return result;
+    void *const to = write ? place : request.data, *const from = write ? request.data : place;
+    std::memcpy(to, from, static_cast<std::size_t>(request.length));
 }
 
 std::string Raw(const auto& value)
@@ -66,10 +56,8 @@ protected:
         MaxRtList = 3;
         VoqStartTime = {};
         FakeDriver::Use();
-        _cmd = Plc;
+        FakeDriver::Serve = Plc;
         for (std::size_t i = 0; i < Memory.size(); ++i) Memory[i] = static_cast<char>(i * 7 + i / 256);
-        Log.clear();
-        Script.clear();
     }
 
     std::uint16_t Add(const RegKey& key, unsigned listcmd, int number, const std::string& payload = "")
@@ -85,11 +73,15 @@ protected:
     {
         return Add(WordKey(addr, 1), listcmd, fileno, payload);
     }
-    std::string Pass()
+    // The transfers of one pass: "r90x18 " and "w5x1 " by address and width.
+    static std::string Pass()
     {
-        Log.clear();
         OperRtList();
-        return Log;
+        std::string log;
+        for (const auto& [command, key, length, data] : FakeDriver::Transfers()) {
+            log += (command == "WrOne" ? "w" : "r") + std::to_string(key.addr) + "x" + std::to_string(key.width) + " ";
+        }
+        return log;
     }
     [[nodiscard]] std::string Path(int fileno, const char* prefix = "") const
     {
@@ -127,10 +119,7 @@ TEST_F(Rt, LinksFollowAModel)
             const std::uint16_t slot = Add(key, 3, round);
             ASSERT_EQ(std::exchange(GuiRtList[slot].pulsetime, 5), 0u);
             wrapped = wrapped || (hint == RtSlots - 1 && slot == 1);
-            if ((key.flag & REG_FLAG_URGENT) != 0)
-                model.push_front(slot);
-            else
-                model.push_back(slot);
+            model.insert((key.flag & REG_FLAG_URGENT) != 0 ? model.begin() : model.end(), slot);
         }
         ASSERT_EQ(GuiListHead.count, model.size());
         ASSERT_EQ(rtDataFileCount, static_cast<int>(model.size()));
@@ -145,11 +134,10 @@ TEST_F(Rt, LinksFollowAModel)
     for (const std::uint16_t slot : model) DelRtList(slot);
     EXPECT_EQ(GuiListHead.count + GuiListHead.head + GuiListHead.tail, 0);
     for (int i = 0; i <= 1000; ++i) EXPECT_NE(Add(1u, 3, i), 0);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(Add(1u, 0x2006, 2000, Pulse(1)) + Add(1u, 0x2006, 2001, Change(11, 0, 1, 0)), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "*VOQ*rtDatafile too much,=1001\r\n*VOQ*rtDatafile too much,=1001\r\n");
-    EXPECT_EQ(Result(2000) + Result(2001), 6);
+    for (const std::string& payload : {Pulse(1), Change(11, 0, 1, 0)}) {
+        EXPECT_EQ("*VOQ*rtDatafile too much,=1001\r\n", Output([&] { EXPECT_EQ(0, Add(1u, 0x2006, 2000, payload)); }));
+        EXPECT_EQ(Result(2000), 3);
+    }
 }
 
 TEST_F(Rt, AdmissionAndFiles)
@@ -191,28 +179,22 @@ TEST_F(Rt, AdmissionAndFiles)
 TEST_F(Rt, ReadsWidenAndAnswerEachOther)
 {
     ComInfo.wordLimit = 18;  // just what the first four, and the last two, take
-    Add(WordKey(100, 4), 3, 1);
-    Add(WordKey(104, 4), 3, 2);
-    RegKey other = WordKey(100, 2);
-    other.flag |= REG_FLAG_GROUP;  // widens, is not answered, is never read through the driver
-    Add(other, 3, 3);
-    Add(WordKey(90, 2), 3, 4);
-    Add(WordKey(105, 4), 3, 5);
-    Add(WordKey(300, 4), 3, 6);
-    Add(WordKey(314, 4), 3, 7);
+    int fileno = 0;
+    for (const auto& [addr, width] : {std::pair{100u, 4}, {104, 4}, {100, 2}, {90, 2}, {105, 4}, {300, 4}, {314, 4}}) {
+        RegKey key = WordKey(addr, static_cast<std::uint16_t>(width));
+        if (width == 2 && addr == 100) key.flag |= REG_FLAG_GROUP;  // widens, is never read through the driver
+        Add(key, 3, ++fileno);
+    }
     EXPECT_EQ(Pass(), "r90x18 r105x4 r300x18 ");
-    EXPECT_EQ(Answer(1), Memory.substr(200, 8));
-    EXPECT_EQ(Answer(2), Memory.substr(208, 8));
     EXPECT_EQ(Answer(3), std::string(4, '\0'));
-    EXPECT_EQ(Answer(4), Memory.substr(180, 4));
-    EXPECT_EQ(Answer(5), Memory.substr(210, 8));
-    EXPECT_EQ(Answer(7), Memory.substr(628, 8));
+    for (const auto& [number, at, bytes] : {std::array{1, 200, 8}, {2, 208, 8}, {4, 180, 4}, {5, 210, 8}, {7, 628, 8}})
+        EXPECT_EQ(Answer(number), Memory.substr(static_cast<std::size_t>(at), static_cast<std::size_t>(bytes)));
     EXPECT_EQ(GuiListHead.count, 0);
 
     pack_disable = 1;
     for (std::uint16_t i = 0; i < 6; ++i) Add(10u + i, 3, 10 + i);
     EXPECT_EQ(Pass(), "r10x1 r11x1 r12x1 r13x1 ");
-    Script = {2, 2, 2};
+    FakeDriver::Script = {2, 2, 2};
     EXPECT_EQ(Pass(), "r14x1 r14x1 r14x1 r15x1 ");
     EXPECT_EQ(Result(14), 2);
     EXPECT_EQ(Answer(14), "");
@@ -237,25 +219,20 @@ TEST_F(Rt, GatewayLooksAtTenEntriesPerAnswer)
 {
     pack_disable = 1;
     MaxRtList = 0;
-    // The last entry lies just beyond what one or two answers allow; on a panel, or with one entry fewer, it is
+    // The last entry lies just beyond what two answers, or one, allow; on a panel, or with one entry fewer, it is
     // reached.
     for (const auto& [panel, fewer] : {std::pair{0, 0}, {1, 0}, {0, 1}}) {
-        isHmi = static_cast<std::uint16_t>(panel);
-        const int expected = panel + fewer == 0 ? -1 : 1;
-        Add(5u, 3, 100);
-        for (int i = fewer; i < 20; ++i) Add(200u + static_cast<unsigned>(i), 3, i);
-        Add(5u, 3, 101);
-        EXPECT_EQ(Pass(), "r5x1 ");
-        EXPECT_EQ(Result(101), expected);
-        ResetRtList();
-        Add(6u, 7, 102, "ab");
-        for (int i = fewer; i < 11; ++i) Add(200u, 0x8006, i, Pulse(1));
-        Add(6u, 7, 103, "ab");
-        EXPECT_EQ(Pass(), "w6x1 ");
-        EXPECT_EQ(Result(103), expected);
-        ResetRtList();
-        std::filesystem::remove(Path(101));
-        std::filesystem::remove(Path(103));
+        for (const bool write : {false, true}) {
+            isHmi = static_cast<std::uint16_t>(panel);
+            const int entries = write ? 11 : 20;
+            Add(5u, write ? 7 : 3, 100, "ab");
+            for (int i = fewer; i < entries; ++i) Add(200u + static_cast<unsigned>(i), write ? 0x8006 : 3, i, Pulse(1));
+            Add(5u, write ? 7 : 3, 101, "ab");
+            EXPECT_EQ(Pass(), write ? "w5x1 " : "r5x1 ");
+            EXPECT_EQ(Result(101), panel + fewer == 0 ? -1 : 1);
+            ResetRtList();
+            std::filesystem::remove(Path(101));
+        }
     }
 }
 
@@ -277,10 +254,8 @@ TEST_F(Rt, WritesServeEqualOnesAndStopAtDifferent)
     EXPECT_EQ(Pass(), "w50x1 w51x1 w52x1 w53x1 ");
     std::filesystem::remove(Path(14, "rtData"));
     std::ofstream(Path(15, "rtData")) << "a";
-    Script = {7, 7, 7};
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(Pass(), "w56x1 w56x1 w56x1 w57x1 ");
-    const std::string output = testing::internal::GetCapturedStdout();
+    FakeDriver::Script = {7, 7, 7};
+    const std::string output = Output([&] { EXPECT_EQ(Pass(), "w56x1 w56x1 w56x1 w57x1 "); });
     EXPECT_NE(output.find("*VOQ*Rt write fileopen error\r\n"), std::string::npos);
     EXPECT_NE(output.find("*VOQ*wr read " + Path(15, "rtData") + " ret=0,rtcount=1\r\n"), std::string::npos);
     for (const int fileno : {14, 15, 16}) EXPECT_EQ(Result(fileno), 3);
@@ -325,14 +300,11 @@ TEST_F(Rt, ChangesAndPulses)
 
 TEST_F(Rt, FreshValuesReachSubscribedRanges)
 {
-    const auto logOn = [](const RegKey& key, std::uint16_t fileno) {
-        const RegRequest request{key, 1, 0, fileno, 0};
-        EXPECT_EQ(LogOnOff2OrgList(&request, OrgMode::LogOn, fileno), 0);
-    };
-    logOn(WordKey(100, 2), 1);  // records in order of log-on: offsets 12, 68, 124, 180
-    logOn(WordKey(103, 1), 2);
-    logOn(WordKey(103, 4), 3);
-    logOn(WordKey(104, 1), 4);
+    // Records in order of log-on: offsets 12, 68, 124, 180.
+    for (const RegKey& key : {WordKey(100, 2), WordKey(103, 1), WordKey(103, 4), WordKey(104, 1)}) {
+        const RegRequest request{key, 1, 0, static_cast<std::uint16_t>(key.addr + key.width), 0};
+        EXPECT_EQ(LogOnOff2OrgList(&request, OrgMode::LogOn, request.fileno), 0);
+    }
     const auto states = [] {
         std::string out;
         for (std::uint32_t at = 12; at < 236; at += 56)
@@ -347,31 +319,5 @@ TEST_F(Rt, FreshValuesReachSubscribedRanges)
     EXPECT_EQ(states(), "1101");
     EXPECT_EQ(FileBytes(DataFileName),
               Memory.substr(200, 4) + Memory.substr(206, 2) + std::string(8, '\0') + Memory.substr(208, 2));
-    OrgFastList[OrgFastListHead.head].orgoffset = OrgNone;
-    Memory.assign(Memory.size(), 'z');
-    testing::internal::CaptureStdout();
-    Add(WordKey(100, 5), 3, 12);
-    Pass();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    EXPECT_EQ(FileBytes(DataFileName).find('z'), std::string::npos);
-}
-
-TEST_F(Rt, ClientsListWhileThePassRuns)
-{
-    constexpr std::uint16_t Each = 300;
-    MaxRtList = 50;
-    const auto client = [this](std::uint16_t base) {
-        for (std::uint16_t i = 0; i < Each; ++i) {
-            const auto fileno = static_cast<std::uint16_t>(base + i);
-            EXPECT_NE(Add(i % 7u, i % 3 == 0 ? 7 : 3, fileno, "ab"), 0);
-        }
-    };
-    std::thread gui(client, 1000), mek(client, 2000);
-    for (int i = 0; i < 100; ++i) OperRtList();
-    gui.join();
-    mek.join();
-    while (GuiListHead.count > 0) OperRtList();
-    for (int i = 0; i < Each; ++i) EXPECT_EQ(Result(1000 + i) + Result(2000 + i), 2);
-    EXPECT_EQ(rtDataFileCount, 0);
 }
 }  // namespace

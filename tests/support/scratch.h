@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "comm/plc_driver.h"
@@ -67,12 +68,6 @@ inline FastListHead FastHead()
     return OrgFastListHead;
 }
 
-inline FastItem FirstFastItem()
-{
-    const ReadLock lock(fast_rwlock);
-    return OrgFastList[OrgFastListHead.head];
-}
-
 inline std::string FileBytes(const std::string& path)
 {
     std::ifstream stream(path, std::ios::binary);
@@ -93,11 +88,11 @@ struct DriverCall {
     unsigned char* data;
 };
 
-// The recording driver: what it was asked, what it answers (Script in order, then 0), how it fills a read.
+// The recording driver: what it was asked, what it answers (Script in order, then 0), what it does when it succeeds.
 struct FakeDriver {
     static inline std::vector<DriverCall> Calls;
     static inline std::vector<std::int32_t> Script;
-    static inline void (*Fill)(const PlcRequest& request) = nullptr;
+    static inline void (*Serve)(const PlcRequest& request, bool write) = nullptr;
     static inline bool InitFails = false;
 
     static std::int32_t Command(const char* command, void* target, void** args)
@@ -115,8 +110,16 @@ struct FakeDriver {
             result = Script.front();
             Script.erase(Script.begin());
         }
-        if (result == PLC_DRV_OK && command[0] == 'R' && Fill != nullptr) Fill(request);
+        if (result == PLC_DRV_OK && Serve != nullptr) Serve(request, command[0] == 'W');
         return result;
+    }
+
+    // The transfers recorded since the last call.
+    static std::vector<DriverCall> Transfers()
+    {
+        std::vector<DriverCall> calls = std::exchange(Calls, {});
+        std::erase_if(calls, [](const DriverCall& call) { return call.data == nullptr; });
+        return calls;
     }
 
     // No instance, nothing recorded, nothing scripted; the entry point is this driver's.
@@ -127,7 +130,7 @@ struct FakeDriver {
         _thiz = nullptr;
         Calls.clear();
         Script.clear();
-        Fill = nullptr;
+        Serve = nullptr;
         InitFails = false;
     }
 };
