@@ -146,8 +146,8 @@ class Sim:
     inits, destroys, loops, reads, writes, hanging, slave_no, logged = (
         property(lambda self, o=offset: self.word(o)) for offset in range(128, 160, 4))
 
-    def fail(self, failure, count=0xFFFFFFFF, delay_us=0):
-        struct.pack_into("<IIIII", self.memory, 64, delay_us, 0, 0xFFFFFFFF, count, 0)
+    def fail(self, failure, count=0xFFFFFFFF, delay_us=0, station=0xFFFFFFFF, command=0):
+        struct.pack_into("<IIIII", self.memory, 64, delay_us, 0, station, count, command)
         struct.pack_into("<I", self.memory, 68, failure)
 
     left_to_fail = property(lambda self: self.word(76))

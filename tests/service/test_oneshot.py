@@ -1,0 +1,480 @@
+"""One-shot reads, writes, changes and pulses: exact driver calls, exact answers, none twice, nothing left behind."""
+import contextlib
+import itertools
+import os
+import pathlib
+import random
+import re
+import struct
+from collections import Counter
+from dataclasses import dataclass
+
+import pytest
+from pymodbus.client import ModbusTcpClient
+from test_modbus import plc  # noqa: F401, a fixture
+from voqtest import (ALWAYS, CHANGE, READ, SLOWEST, WRITE, Key, com_info, frame, libc, log_off, log_on,
+                     read_locked, wait_for)
+
+URGENT, GROUP = ALWAYS | 1 << 23, ALWAYS | 1 << 9
+PULSE, CHANGED, PLAIN = 0x20, 0x80, 0  # sub-codes of a change
+ADD, XOR, SET_BIT, TIMED, BIT_FIELD = 1, 5, 11, 12, 0x1001
+BEAT = Key(0, 1, regid=2, plcno=7)  # polled once a turn: marks the turns in the driver's log
+TURNS = 3  # from one real-time pass to the next
+IN_MODIFY, IN_CLOSE_WRITE = 2, 8
+
+
+@dataclass(frozen=True)
+class Request:
+    cmd: int
+    key: Key
+    payload: bytes = b""
+    subcmd: int = 0
+    code: int = 1
+
+    def frame(self, fileno):
+        return frame(self.cmd, self.key, fileno, subcmd=self.subcmd, payload=self.payload)
+
+
+def read(addr, width=1, code=1, **key):
+    return Request(READ, Key(addr, width, **key), code=code)
+
+
+def write(addr, *words, code=1, **key):
+    return Request(WRITE, Key(addr, len(words), **key), struct.pack(f"<{len(words)}H", *words), code=code)
+
+
+def change(subcmd, operation, key, operands=b"", bit=0, form=0, size=0, code=1):
+    descriptor = struct.pack("<HBBHH", operation, bit, 0, form, size) + operands
+    return Request(CHANGE, key, struct.pack("<HH", len(descriptor), 0) + descriptor, subcmd, code)
+
+
+def flip(key):
+    return change(CHANGED, XOR, key, b"\x21\x21", size=2)
+
+
+def pulse(key, tenths, bit, value=1):
+    return change(PULSE, TIMED, key, bit=bit, form=value, size=tenths)
+
+
+class Client:
+    """Posts requests, takes their answers away, and counts how often the service writes each result file."""
+
+    def __init__(self, service, beat=True):
+        self.service, self.sim = service, service.sim
+        self.numbers, self.fences = itertools.count(100), itertools.count(60000)
+        self.posted, self.answers, self.written = {}, {}, Counter()
+        self.watch = libc.inotify_init1(os.O_NONBLOCK)
+        libc.inotify_add_watch(self.watch, bytes(service.dir), IN_MODIFY | IN_CLOSE_WRITE)
+        if beat:
+            service.send(log_on(BEAT, 1))
+            wait_for(lambda: service.value(BEAT), "polling")
+
+    def post(self, *requests, client="mek"):
+        numbers = list(itertools.islice(self.numbers, len(requests)))
+        self.posted.update(zip(numbers, requests))
+        self.service.send(b"".join(r.frame(n) for n, r in zip(numbers, requests)), client)
+        return numbers
+
+    def fence(self, client="mek"):
+        """Waits until everything sent so far has been dispatched: a log-off that finds nothing says so."""
+        number = next(self.fences)
+        self.service.send(log_off(BEAT, number, 12), client)
+        self.service.wait_out(f"*VOQ*del fast fileno={number} error!!!\r\n")
+
+    @contextlib.contextmanager
+    def held(self, then=(0,)):
+        """Holds the main loop in a polling read, so that what is posted meanwhile is listed when the next pass begins.
+        `then` is how the driver fails from that moment on."""
+        self.sim.fail(self.sim.HANG)
+        wait_for(lambda: self.sim.hanging, "a read that hangs")
+        yield self.sim.logged
+        self.fence("gui"), self.fence()
+        self.sim.fail(*then)
+
+    def collect(self):
+        """Takes the answers that are there, checks their 40 bytes and the length of what follows them."""
+        with contextlib.suppress(BlockingIOError):
+            while events := os.read(self.watch, 1 << 16):
+                while events:
+                    mask, length = struct.unpack_from("<4xI4xI", events)
+                    name, events = events[16: 16 + length].rstrip(b"\0"), events[16 + length:]
+                    if mask & IN_CLOSE_WRITE and name.isdigit():
+                        self.written[int(name)] += 1
+                        self.take(int(name))
+
+    def take(self, fileno):
+        request, path = self.posted[fileno], self.service / str(fileno)
+        raw = read_locked(path)
+        path.unlink()
+        key, command, code, used, fileno_there, reserved, start = struct.unpack_from("<24sHBB4xHHI", raw)
+        expected = (request.key.pack(), request.cmd + request.subcmd * 256, 1, fileno, 0, 0)
+        assert (key, command, used, fileno_there, reserved, start) == expected, (fileno, request)
+        value = raw[40:]
+        assert len(value) == ({READ: request.key.size, CHANGE: 2, WRITE: 0}[request.cmd] if code == 1 else 0)
+        assert request.cmd != CHANGE or code != 1 or value == b"\1\0"
+        self.answers[fileno] = code, value
+
+    def answered(self, numbers, timeout=20):
+        def all_there():
+            self.collect()
+            return self.answers.keys() >= set(numbers)
+
+        wait_for(all_there, "answers", timeout)
+        return [self.answers[n] for n in numbers]
+
+    def served(self, *requests, client="mek"):
+        return self.answered(self.post(*requests, client=client))
+
+    def nothing_left(self, listed=()):
+        """Every request was answered, and once; no file of one is there but the payloads of those still listed."""
+        wait_for(lambda: self.left() == {f"rtData{n}" for n in listed}, f"no files but of {listed}: {self.left()}")
+        self.collect()
+        assert self.written == Counter(self.posted.keys() - set(listed))
+
+    def left(self):
+        return {name for name in os.listdir(self.service.dir) if re.fullmatch(r"(rtData)?\d+", name)}
+
+    def passes(self, since):
+        """What each real-time pass since then asked of the driver, as "w10x1 r20x4!3": address, width, failure."""
+        passes, beats, now = [], TURNS, []
+        for call in self.sim.calls(since):
+            if call.plcno == BEAT.plcno:
+                passes += [" ".join(now)] if now else []
+                beats, now = 1 if now else beats + 1, []
+            elif call.command in (self.sim.RDONE, self.sim.WRONE):
+                assert now or not passes or beats == TURNS, (beats, passes)
+                text = f"{'r' if call.command == self.sim.RDONE else 'w'}{call.addr}x{call.width}"
+                now.append(text + (f"!{call.result}" if call.result else ""))
+        return passes + ([" ".join(now)] if now else [])
+
+
+L8 = dict(word_limit=8)
+BITS, DOUBLE, FAR = dict(layout=0x00), dict(layout=0x24), [1000 + 100 * i for i in range(10)]
+CASES = {  # settings of the port, requests listed at once, driver calls of each pass
+    "urgent ones go first, the latest before all": (
+        {}, [write(1, 1), write(2, 2), write(3, 3, flag=URGENT), read(100), read(300, flag=URGENT),
+             write(4, 4, flag=URGENT)], ["w4x1 w3x1 w1x1 w2x1 r300x1 r100x1"]),
+    "four writes and four reads a pass": (
+        {}, [r for i, far in enumerate(FAR) for r in (write(i, i), read(far))],
+        [" ".join([f"w{i}x1" for i in part] + [f"r{FAR[i]}x1" for i in part])
+         for part in (range(4), range(4, 8), range(8, 10))]),
+    "equal writes": ({}, [write(5, 1), write(5, 1), write(6, 1), write(5, 1), write(5, 1, 2)], ["w5x1 w6x1 w5x2"]),
+    "different writes": ({}, [write(5, 1), write(5, 1), write(5, 2), write(5, 1)], ["w5x1 w5x1 w5x1"]),
+    "widened up and down": ({}, [read(100, 4), read(104, 4), read(90, 2)], ["r90x18"]),
+    "no gap is too wide": ({}, [read(0), read(62), read(30, 2)], ["r0x63"]),
+    "up to the limit": (L8, [read(0, 4), read(4, 4), read(8, 4)], ["r0x8 r8x4"]),
+    "down to the limit": (L8, [read(10, 4), read(5, 2), read(6, 2)], ["r6x8 r5x2"]),
+    "covered by a read of its own width": ({}, [read(0, 70), read(3, 4), read(69)], ["r0x64 r64x6"]),
+    "double words on word addresses": (L8, [read(0, 2, **DOUBLE), read(6, 3, **DOUBLE)], ["r0x6"]),
+    "bits": ({}, [read(100, 20, **BITS), read(0, 16, **BITS), read(128, **BITS)], ["r0x120 r128x1"]),
+    "other areas": ({}, [read(0), read(1, regid=2), read(1, plcno=2), read(1, subaddr=1), read(1, layout=0x12),
+                         read(2, subaddr=0x10000)], ["r0x3 r1x1 r1x1 r1x1", "r1x1"]),
+    "group bit": ({}, [read(10), read(12, flag=GROUP)], ["r10x3"]),
+    "unpacked": (dict(packing=1), [read(0), read(1), read(0)], ["r0x1 r1x1"]),
+    "chunks": ({}, [read(1000, 150), write(1000, *range(150)), flip(Key(2000, 130))],
+               ["w1000x64 w1064x64 w1128x22 r2000x64 r2064x64 r2128x2 w2000x64 w2064x64 w2128x2 "
+                "r1000x64 r1064x64 r1128x22"]),
+    "changes": ({}, [flip(Key(1)), Request(CHANGE, Key(2), b"\2\0\0\0\x55\x66", PLAIN),
+                     change(PULSE, SET_BIT, Key(3), bit=9, form=1), change(PULSE, SET_BIT, Key(40, **BITS), form=1)],
+                ["r1x1 w1x1 w2x1 r3x1 w3x1 w40x1"]),
+    "bit fields": ({}, [change(CHANGED, BIT_FIELD, Key(10, 3), struct.pack("<HHII", 4, 40, 0x5A5A5A5A, 0x5A)),
+                        change(CHANGED, BIT_FIELD, Key(20), struct.pack("<HHI", 4, 12, 0x5A5))],
+                   ["r10x1 r12x1 w10x3 r20x1 w20x1"]),
+    "refused untouched": (
+        {}, [Request(WRITE, Key(0, 3), b"12345", code=3), Request(WRITE, Key(0), code=3),
+             Request(CHANGE, Key(0), b"\0", CHANGED, 3), Request(CHANGE, Key(0), b"\x08\0\0\0" + bytes(7), CHANGED, 3),
+             Request(CHANGE, Key(0), b"\4\0\0\0\5\0\0\0", CHANGED, 3), Request(CHANGE, Key(0), b"\4\0\0\0\x0c\0\0\0",
+                                                                             PULSE, 3),
+             change(CHANGED, XOR, Key(0, 2, **DOUBLE), b"\0", size=4, code=3),
+             change(CHANGED, ADD, Key(0), form=2, size=2, code=3),
+             Request(CHANGE, Key(0, 2), b"\2\0\0\0\1\2", PLAIN, 3), change(PULSE, SET_BIT, Key(0, 3), code=3),
+             change(CHANGED, XOR, Key(0, 2001), bytes(2), size=2, code=3), read(0, 0xFFFF, code=3, **DOUBLE)], []),
+}
+
+
+@pytest.mark.parametrize("name", CASES)
+def test_driver_calls(start, name):
+    settings, requests, passes = CASES[name]
+    client = Client(start(com_info(pause=1, **settings)))
+    sim = client.sim
+    before = {r: sim.value(r.key) for r in requests if r.key.size < 65536}
+    with client.held() as since:
+        numbers = client.post(*requests)
+    answers = client.answered(numbers)
+    client.nothing_left()
+    assert client.passes(since) == passes
+    assert [code for code, _ in answers] == [r.code for r in requests]
+    for request, (code, value) in zip(requests, answers):
+        if request.cmd == READ and code == 1:
+            assert value == (bytes(request.key.size) if request.key.flag == GROUP else sim.value(request.key)), request
+        elif code != 1:
+            assert request.key.size >= 65536 or sim.value(request.key) == before[request]
+    for key, value in {r.key: r.payload for r in requests if r.cmd == WRITE and r.code == 1}.items():
+        assert name == "equal writes" or sim.value(key) == value
+    if name == "different writes":
+        assert client.service.count("*VOQ*write diffrent,break\r\n") == 2
+    if name == "changes":
+        old, new = (struct.unpack("<H", v)[0] for v in (before[requests[2]], sim.value(Key(3))))
+        assert sim.value(Key(1)) == bytes(b ^ 0x21 for b in before[requests[0]]) and sim.value(Key(2)) == b"\x55\x66"
+        assert new == old | 1 << 9 and sim.value(Key(40, **BITS)) == b"\1"
+
+
+def test_budget_of_a_gateway(start):
+    """More than twenty listed requests: each phase of a pass serves a fifth of them and one more."""
+    pathlib.Path("/home/tarn").mkdir()
+    (pathlib.Path("/home/tarn") / "PortIndex").write_bytes(struct.pack("<5H", 2, 0, 7, 1, 8))
+    (pathlib.Path("/home/tarn") / "com_7.con").write_bytes(com_info(pause=1))
+    client = Client(start())
+    with client.held() as since:
+        numbers = client.post(*(write(i, i) for i in range(60)))
+    client.answered(numbers)
+    sizes, left = [], 60
+    while left:
+        sizes.append(min(left, (left // 5 if left > 20 else 3) + 1))
+        left -= sizes[-1]
+    assert [text.count("w") for text in client.passes(since)] == sizes
+
+
+def test_attempts_and_markers(start):
+    client = Client(start(), beat=False)
+    sim, service = client.sim, client.service
+
+    def attempt(request, failure, count, code, calls, command=0):
+        sim.fail(failure, count, command=command)
+        since = sim.logged
+        assert client.served(request)[0][0] == code
+        assert client.passes(since) == [calls] and sim.left_to_fail in (0, 0xFFFFFFFF)
+        sim.fail(0)
+        return {name for name in ("timeout", "comerror") if (service / name).exists()}
+
+    three = "{0}!{1} {0}!{1} {0}!{1}"
+    assert attempt(read(9), sim.TIMEOUT, 2, 1, "r9x1!2 r9x1!2 r9x1") == set()
+    assert attempt(read(0, 150), sim.TIMEOUT, 3, 2, three.format("r0x64", 2)) == {"timeout"}
+    assert attempt(write(7, 1), sim.ERROR, 3, 3, three.format("w7x1", 3)) == {"timeout"}
+    assert attempt(flip(Key(5)), sim.ERROR, 1, 3, "r5x1!3") == {"timeout"}  # no second attempt before a change
+    assert attempt(flip(Key(5)), sim.ERROR, 2, 1, "r5x1 w5x1!3 w5x1!3 w5x1", sim.WRONE) == set()
+    assert attempt(write(7, 1), sim.ERROR, 3, 3, three.format("w7x1", 3)) == set()
+    assert attempt(read(9), sim.ERROR, 3, 3, three.format("r9x1", 3)) == {"comerror"}
+    assert service.count("*VOQ*ERROR timeout! mode:2 error:3\r\n") == 2
+    assert service.count("*VOQ*ERROR timeout! mode:1 error:3\r\n") == 2
+    assert attempt(change(PULSE, SET_BIT, Key(5), form=1), sim.ERROR, 0, 1, "r5x1 w5x1") == set()
+    client.nothing_left()
+
+
+@pytest.mark.parametrize("failure, refusal", [(2, 4), (3, 3)])
+def test_refusals(start, failure, refusal):
+    client = Client(start(), beat=False)
+    sim, service = client.sim, client.service
+    sim.fail(failure, 3)
+    assert client.served(read(0)) == [(failure, b"")]
+    sim.fail(sim.HANG)
+    listed = client.post(read(100))
+    wait_for(lambda: sim.hanging, "a read that hangs")
+    listed += client.post(read(200), write(1, 1))  # a third while no more than two are listed
+    client.fence()
+    assert client.served(read(300), write(2, 2), flip(Key(3))) == [(refusal, b"")] * 3
+    listed += client.post(*[change(PULSE, SET_BIT, Key(4 + n), form=1) for n in range(5)])  # let in all the same
+    client.fence()
+    assert len(client.left()) == 6
+    sim.fail(0)
+    assert {code for code, _ in client.answered(listed)} == {1}
+
+    sim.fail(sim.HANG)
+    listed = client.post(read(0))
+    wait_for(lambda: sim.hanging, "a read that hangs")
+    listed += client.post(*(read(i % 5000) for i in range(500)), client="gui")
+    client.fence("gui")
+    listed += client.post(*(read(i) for i in range(500)))
+    client.fence()
+    refused = [read(9000), write(1, 1), change(PULSE, SET_BIT, Key(4), form=1)]
+    assert client.served(*refused) == [(3, b"")] * 3
+    assert service.count("*VOQ*rtDatafile too much,=1001\r\n") == 3
+    sim.fail(0)
+    assert all(answer == (1, sim.value(client.posted[n].key)) for n, answer in zip(listed, client.answered(listed, 60)))
+    assert client.served(read(9000)) == [(1, sim.value(Key(9000)))]
+    client.nothing_left()
+
+
+@pytest.mark.sanitized
+@pytest.mark.parametrize("trouble", [False, True])
+def test_500_at_once(start, trouble):
+    """Both clients at once while polling runs: every request has its one answer, and its effect when it says so. In
+    trouble, the driver fails, recovers and is restarted meanwhile, and ranges are logged on and off."""
+    rng = random.Random(trouble)
+    client = Client(start(com_info(pause=1, word_limit=16)))
+    sim, service = client.sim, client.service
+    service.send(b"".join(log_on(Key(50 * i, 3, regid=2), 10 + i) for i in range(8)), "mek")
+    kinds = [lambda key: read(key.addr % 300, key.width, regid=4), flip, lambda key: pulse(Key(key.addr), 1, 5),
+             lambda key: Request(WRITE, key, rng.randbytes(key.size)), lambda key: write(2, 7, regid=3),
+             lambda key: change(PULSE, SET_BIT, Key(key.addr), bit=3, form=1)]
+    requests = [rng.choices(kinds, (40, 20, 2, 25, 5, 8))[0](Key(8 * i, rng.randrange(1, 9))) for i in range(500)]
+    before = {r: sim.value(r.key) for r in requests}
+
+    def post_all():
+        todo = requests[:]
+        while todo:
+            name, part = rng.choice(("gui", "mek")), rng.randrange(1, 30)
+            client.post(*todo[:part], client=name)
+            del todo[:part]
+            yield
+
+    if not trouble:
+        with client.held():
+            list(post_all())
+    else:
+        with client.held((sim.TIMEOUT, 60)):
+            posting = post_all()
+            list(itertools.islice(posting, 8))
+        wait_for(lambda: sim.left_to_fail == 0, "60 time-outs")
+        for _ in posting:
+            client.collect()
+            sim.fail(rng.choice((0, 0, sim.TIMEOUT, sim.ERROR)), rng.choice((1, 2, 5, 30)), rng.choice((0, 300)))
+            if rng.random() < 0.3:
+                on, name = rng.choice((log_on, log_off)), rng.choice(("gui", "mek"))
+                service.send(b"".join(on(Key(30 * i, 2, regid=3), 200 + i) for i in range(9)), name)
+            if rng.random() < 0.3:  # what is buffered behind a reload frame is lost, so it travels alone
+                client.fence("gui")
+                service.send_drained(b"\xfd\0\0" + com_info(address=rng.randrange(1 << 32)))
+        wait_for(lambda: client.collect() or sim.left_to_fail == 0 or sim.word(68) == 0, "recovery")
+        sim.fail(0)
+    client.answered(client.posted, 60)
+    client.nothing_left()
+    codes = Counter(code for code, _ in client.answers.values())
+    assert codes == {1: 500} if not trouble else codes[1] > 50 and codes[2] > 5 and set(codes) <= {1, 2, 3, 4}, codes
+    for fileno, request in client.posted.items():
+        (code, value), now = client.answers[fileno], sim.value(request.key)
+        old = before[request]
+        if request.cmd == READ:
+            assert code != 1 or value == old
+        elif request.cmd == WRITE:
+            assert now == (request.payload if code == 1 else old) or request.key == Key(2, regid=3)
+        elif request.subcmd == CHANGED:
+            flipped = bytes(b ^ 0x21 for b in old[:2]) + old[2:]
+            assert now == (flipped if code == 1 else old), (request, code)
+        elif request.payload[4] == SET_BIT:
+            assert now[0] == (old[0] | 8 if code == 1 else old[0])
+        else:
+            assert now[0] == old[0] & ~0x20 or code != 1
+    fresh = Key(9000, 4)
+    assert client.served(Request(WRITE, fresh, b"\1\2\3\4\5\6\7\x08"), client="gui") == [(1, b"")]
+    assert client.served(read(9000, 4)) == [(1, b"\1\2\3\4\5\6\7\x08")]
+    service.chain()
+
+
+@pytest.mark.parametrize("failed_reads", [0, 2])
+def test_pulses(start, failed_reads):
+    """Two pulses at once, writes going on; an unknown pulse that never ends holds up nothing."""
+    client = Client(start(com_info(pause=1)))
+    sim, since = client.sim, client.sim.logged
+    word, bit = Key(10, plcno=2), Key(20, plcno=3, **BITS)
+    sim.set(word, b"\x40\x15"), sim.set(bit, b"\1")
+    endless = client.post(change(PULSE, 13, Key(0)))
+    pulses = client.post(pulse(word, 2, 3), pulse(bit, 3, 0, value=0))
+    wait_for(lambda: (sim.value(word), sim.value(bit)) == (b"\x48\x15", b"\0"), "both pulses")
+    if failed_reads:
+        sim.fail(sim.ERROR, failed_reads, station=word.plcno, command=sim.RDONE)
+    writes = 0
+    while not client.answers.keys() >= set(pulses):
+        writes += client.served(write(5, writes & 0xFFFF)) == [(1, b"")]
+    assert [client.answers[n] for n in pulses] == [(1, b"\1\0")] * 2 and writes > 10
+    assert (sim.value(word), sim.value(bit)) == (b"\x40\x15", b"\1")
+    assert client.service.count("*VOQ*Do Pluse Read failed\n") == failed_reads
+
+    calls = [c for c in sim.calls(since)]
+    beats = [c.start for c in calls if c.plcno == BEAT.plcno]
+
+    def phases(key, calls_each):
+        own = [c for c in calls if c.plcno == key.plcno]
+        assert [c.command for c in own[:len(calls_each)]] == calls_each
+        return [own[0]] + own[len(calls_each):]
+
+    both = [sim.RDONE, sim.WRONE]
+    for key, width, each, wait in ((word, 200_000, both, failed_reads), (bit, 300_000, both[1:], 0)):
+        steps = phases(key, each)
+        steps = steps[:1] + [c for i, c in enumerate(steps[1:]) if i <= wait]  # one for each failed read, then the end
+        assert [c.result for c in steps] == [0] + [3] * wait + [0]
+        for begin, end in zip(steps, steps[1:]):
+            # The service counts whole milliseconds from a moment between the polling reads around it, as do we.
+            assert end.start - max(b for b in beats if b < begin.start) > width - 1000
+            earlier = [b for b in beats if b < end.start][-TURNS - 1]  # before the last pass that left it pending
+            assert earlier - begin.start < width + 1000
+    assert client.service.process.poll() is None
+    client.nothing_left(listed=endless)
+
+
+def test_subscribed_ranges(start):
+    """A subscription that is polled every two seconds shows what one-shots write and read meanwhile."""
+    slow = [Key(100, 4, flag=SLOWEST), Key(102, 1, flag=SLOWEST), Key(110, 2, flag=SLOWEST)]
+    client = Client(start())
+    sim, service = client.sim, client.service
+    for i, key in enumerate(slow):
+        service.send(log_on(key, 10 + i))
+    wait_for(lambda: all(service.node(k) and service.node(k).state == 1 for k in slow), "first values")
+
+    def unpolled(act):
+        """What happened between two looks at the log in which no poll was made; polls are due every two seconds."""
+        while True:
+            since = sim.logged
+            act()
+            if not any(c.flag == SLOWEST for c in sim.calls(since)):
+                return
+
+    def written():
+        value = os.urandom(8)
+        assert client.served(Request(WRITE, Key(100, 4), value)) == [(1, b"")]
+        wait_for(lambda: [service.value(k) for k in slow[:2]] == [value, value[4:6]], "the value written", 2)
+
+    def read_back():
+        value = os.urandom(8)
+        sim.set(slow[0], value)
+        assert client.served(read(100, 12)) == [(1, sim.value(Key(100, 12)))]
+        assert client.served(read(100, 4)) == [(1, value)]
+        wait_for(lambda: [service.value(k) for k in slow] == [sim.value(k) for k in slow], "the value read", 2)
+
+    def changed():
+        old = sim.value(slow[2])
+        assert client.served(flip(Key(110, 2))) == [(1, b"\1\0")]
+        wait_for(lambda: service.value(slow[2]) == sim.value(slow[2]) != old, "the value changed", 2)
+
+    for act in (written, read_back, changed):
+        unpolled(act)
+    assert all(n.state == 1 for n in service.chain())
+    client.nothing_left()
+
+
+def test_modbus_plc(start, plc):  # noqa: F811
+    """The same through the Modbus driver: what a client of its own sees in the PLC."""
+    plc()
+    com = bytearray(com_info(link=2, address=0x7F000001, para=struct.pack("<HH", plc.port, 1000), pause=2))
+    struct.pack_into("<H", com, 12, 0x331)  # registers come high byte first
+    client = Client(start(bytes(com), driver="modbus_tcp", directory="/u/tcp_1"), beat=False)
+    other = ModbusTcpClient("127.0.0.1", plc.port)
+    wait_for(other.connect, "the PLC")
+
+    def holding(addr, count):
+        return other.read_holding_registers(addr, count, slave=1).registers
+
+    def image(*words):
+        return struct.pack(f">{len(words)}H", *words)
+
+    subscribed = Key(20, 3, regid=4, flag=SLOWEST)
+    client.service.send(log_on(subscribed, 5))
+    wait_for(lambda: client.service.node(subscribed) and client.service.node(subscribed).state == 1, "polling")
+    assert client.served(Request(WRITE, subscribed, image(0x1234, 2, 0xFFFE))) == [(1, b"")]
+    assert holding(19, 5) == [0, 0x1234, 2, 0xFFFE, 0]
+    wait_for(lambda: client.service.value(subscribed) == image(0x1234, 2, 0xFFFE), "the value at once", 2)
+    other.write_registers(21, [0xA5A5], slave=1)
+    # Bits count in the image as it lies, first byte first; numbers are brought into the PLC's order.
+    field = change(CHANGED, BIT_FIELD, Key(21, regid=4), struct.pack("<HHI", 4, 5, 0b01101))
+    bit = change(PULSE, SET_BIT, Key(22, regid=4), bit=15, form=0)
+    add = change(CHANGED, ADD, Key(20, regid=4), struct.pack("<HHH", 0xFF, 0, 0xFFFF), form=2, size=2)
+    assert client.served(field, bit, add) == [(1, b"\1\0")] * 3
+    assert holding(19, 5) == [0, 0x1333, 0xD5A4, 0xFF7E, 0]
+    assert client.served(read(20, 3, regid=4)) == [(1, image(*holding(20, 3)))]
+    assert client.served(Request(WRITE, Key(30, 3, regid=0, layout=0), b"\1\0\1")) == [(1, b"")]
+    assert other.read_coils(29, 5, slave=1).bits[:5] == [False, True, False, True, False]
+    lamp = client.post(pulse(Key(31, regid=0, layout=0), 1, 0))
+    wait_for(lambda: other.read_coils(31, 1, slave=1).bits[0], "the pulse")
+    assert client.answered(lamp) == [(1, b"\1\0")] and not other.read_coils(31, 1, slave=1).bits[0]
+    other.close()
+    client.nothing_left()
