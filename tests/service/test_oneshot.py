@@ -374,24 +374,25 @@ def test_pulses(start, failed_reads):
     if failed_reads:
         sim.fail(sim.ERROR, failed_reads, station=word.plcno, command=sim.RDONE)
     writes = 0
-    while not client.answers.keys() >= set(pulses):
+
+    def pulses_ended():
+        nonlocal writes
         writes += client.served(write(5, writes & 0xFFFF)) == [(1, b"")]
+        return client.answers.keys() >= set(pulses)
+
+    wait_for(pulses_ended, "the pulses' end")
     assert [client.answers[n] for n in pulses] == [(1, b"\1\0")] * 2 and writes > 10
     assert (sim.value(word), sim.value(bit)) == (b"\x40\x15", b"\1")
     assert client.service.count("*VOQ*Do Pluse Read failed\n") == failed_reads
 
-    calls = [c for c in sim.calls(since)]
+    calls = sim.calls(since)
     beats = [c.start for c in calls if c.plcno == BEAT.plcno]
-
-    def phases(key, calls_each):
-        own = [c for c in calls if c.plcno == key.plcno]
-        assert [c.command for c in own[:len(calls_each)]] == calls_each
-        return [own[0]] + own[len(calls_each):]
 
     both = [sim.RDONE, sim.WRONE]
     for key, width, each, wait in ((word, 200_000, both, failed_reads), (bit, 300_000, both[1:], 0)):
-        steps = phases(key, each)
-        steps = steps[:1] + [c for i, c in enumerate(steps[1:]) if i <= wait]  # one for each failed read, then the end
+        own = [c for c in calls if c.plcno == key.plcno]
+        assert [c.command for c in own] == each + [sim.RDONE] * wait + each
+        steps = own[:1] + own[len(each):][:wait + 1]  # the first call of each attempt
         assert [c.result for c in steps] == [0] + [3] * wait + [0]
         for begin, end in zip(steps, steps[1:]):
             # The service counts whole milliseconds from a moment between the polling reads around it, as do we.
@@ -413,11 +414,12 @@ def test_subscribed_ranges(start):
 
     def unpolled(act):
         """What happened between two looks at the log in which no poll was made; polls are due every two seconds."""
-        while True:
+        for _ in range(50):
             since = sim.logged
             act()
             if not any(c.flag == SLOWEST for c in sim.calls(since)):
                 return
+        pytest.fail("a poll every time")
 
     def written():
         value = os.urandom(8)
