@@ -1,5 +1,7 @@
-/* Preloaded into the service by the cadence tests: notes what the main thread sleeps, looks for and opens, one line
- * each, in the file that VOQ_TRACE names; makes the watchdog's 10 seconds pass in 10 ms. */
+/* Preloaded into the service by tests: notes what the main thread sleeps, looks for and opens, the line settings and
+ * the misc device's requests, one line each, in the file that VOQ_TRACE names; makes the watchdog's 10 seconds pass in
+ * 10 ms; with VOQ_CUT=n, ends the process in its n-th change of a file or folder, of a write when half of it is done.
+ */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -7,10 +9,12 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <termios.h>
 #include <unistd.h>
 
-enum { MOST_LINES = 20000 };
+enum { MOST_LINES = 100000, CUT_STATUS = 9 };
 
 static void note(const char* format, ...)
 {
@@ -53,8 +57,87 @@ int access(const char* path, int mode)
     return ((int (*)(const char*, int))next("access"))(path, mode);
 }
 
+/* True in the change that is to be the last. */
+static int last_change(void)
+{
+    static long left;
+    const char* cut = getenv("VOQ_CUT");
+    if (cut == NULL || syscall(SYS_gettid) != getpid()) return 0;
+    if (left == 0) left = atol(cut);
+    return --left == 0;
+}
+
+static void change(void)
+{
+    if (last_change()) _exit(CUT_STATUS);
+}
+
 FILE* fopen(const char* path, const char* mode)
 {
     note("fopen %s %s\n", path, mode);
+    if (*mode == 'w') change();
     return ((FILE * (*)(const char*, const char*)) next("fopen"))(path, mode);
+}
+
+ssize_t pwrite(int file, const void* data, size_t size, off_t offset)
+{
+    const int last = last_change();
+    const ssize_t done =
+        ((ssize_t(*)(int, const void*, size_t, off_t))next("pwrite"))(file, data, last ? size / 2 : size, offset);
+    if (last) _exit(CUT_STATUS);
+    return done;
+}
+
+#define CHANGE(name, parameters, arguments)               \
+    int name parameters                                   \
+    {                                                     \
+        change();                                         \
+        return ((int(*) parameters)next(#name))arguments; \
+    }
+
+CHANGE(ftruncate, (int file, off_t size), (file, size))
+CHANGE(fsync, (int file), (file))
+CHANGE(remove, (const char* path), (path))
+CHANGE(rename, (const char* from, const char* to), (from, to))
+CHANGE(unlinkat, (int folder, const char* name, int flags), (folder, name, flags))
+CHANGE(mkdir, (const char* path, mode_t mode), (path, mode))
+CHANGE(mkfifo, (const char* path, mode_t mode), (path, mode))
+
+/* The box's misc device is stood in for by /dev/null. */
+static int misc = -1;
+
+int open(const char* path, int flags, ...)
+{
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = flags & O_CREAT ? va_arg(args, mode_t) : 0;
+    va_end(args);
+    const int device = strcmp(path, "/dev/qumisc") == 0;
+    const int file = ((int (*)(const char*, int, ...))next("open"))(device ? "/dev/null" : path, flags, mode);
+    if (device) misc = file;
+    if (device) note("misc open %d\n", flags & O_ACCMODE);
+    return file;
+}
+
+int ioctl(int file, unsigned long request, ...)
+{
+    va_list args;
+    va_start(args, request);
+    void* argument = va_arg(args, void*);
+    va_end(args);
+    if (file == misc && file >= 0) note("misc %lx %lx\n", request, (unsigned long)argument);
+    return file == misc ? 0 : ((int (*)(int, unsigned long, ...))next("ioctl"))(file, request, argument);
+}
+
+int close(int file)
+{
+    if (file == misc && file >= 0) note("misc closed\n");
+    if (file == misc) misc = -1;
+    return ((int (*)(int))next("close"))(file);
+}
+
+int tcsetattr(int file, int when, const struct termios* line)
+{
+    note("line %u %x\n", line->c_ospeed, line->c_cflag & (CSIZE | PARENB | PARODD | CSTOPB));
+    return ((int (*)(int, int, const struct termios*))next("tcsetattr"))(file, when, line);
 }

@@ -204,12 +204,12 @@ class Node:
 class Service:
     """The running service: its process, its output, its two FIFOs, and its files as a client reads them."""
 
-    def __init__(self, arguments=(), directory=USER / "com_1", environment=None, ready=True):
+    def __init__(self, arguments=(), directory=USER / "com_1", environment=None, ready=True, sim=None):
         self.dir = pathlib.Path(directory)
         self.out_path, self.err_path = WORK / "out", WORK / "err"
         arguments = arguments or (PROJECT, 0, DRIVERS, USER, RECIPE)
         self.fifos = {}
-        self.sim = Sim()
+        self.sim = sim or Sim()
 
         def prepare():
             libc.prctl(1, signal.SIGKILL)       # ends with the test run
