@@ -133,37 +133,46 @@ def test_dead_station(start, processes, kind):
         return
     processes.end(line)  # unplugged
     processes.end(server)
-    wait_for(lambda: states(3, 3, 3, 3), "the failures")
+    wait_for(lambda: states(3, 3, 3, 3) and (service / "comerror").exists(), "the failures")
     processes.line()
     processes.stations(kind, theirs)
-    wait_for(lambda: states(1, 1, 1, 1), "polling on")
+    wait_for(lambda: states(1, 1, 1, 1) and not (service / "comerror").exists(), "polling on")
 
 
-WORDS, ROUNDS = 24, 96  # of the words, the outside master's are the even ones, ours the odd ones
+CELLS, ROUNDS = 24, 96  # of the bits or words, the outside master's are the even ones, ours the odd ones
 
 
-def bump_ours(path, base):
+def bump_ours(path, base, form):
     """Another process's way: the whole block read, changed and written back under the file's lock."""
+    size = struct.calcsize(form)
     with open(path, "r+b", buffering=0) as file:
         fcntl.lockf(file, fcntl.LOCK_EX)
-        file.seek(2 * base)
-        words = list(struct.unpack(f"<{WORDS}H", file.read(2 * WORDS)))
-        words[1::2] = [word + 1 for word in words[1::2]]
+        file.seek(size * base)
+        cells = list(struct.unpack(f"<{CELLS}{form}", file.read(size * CELLS)))
+        cells[1::2] = [cell % (256 ** size - 1) + 1 for cell in cells[1::2]]
         time.sleep(0.002)
-        file.seek(2 * base)
-        file.write(struct.pack(f"<{WORDS}H", *words))
+        file.seek(size * base)
+        file.write(struct.pack(f"<{CELLS}{form}", *cells))
 
 
-def bump_theirs(master, base, unit, failures):
-    """The outside master's: its own words, each with a write of its own, and all of them read."""
+def carried(value, form):
+    return value if form == "H" else value // 12 % 2
+
+
+def bump_theirs(master, base, unit, form, failures):
+    """The outside master's: its own bits or words, each with a write of its own, and all of them read."""
     try:
         seen = 0
         for value in range(1, ROUNDS + 1):
-            word = value % 12 * 2
-            assert not master.write_register(base + word, value, slave=unit).isError()
-            words = master.read_holding_registers(base, WORDS, slave=unit).registers
-            assert words[word] == value and len(set(words[1::2])) == 1 and seen <= words[1]
-            seen = words[1]
+            place, sent = value % 12 * 2, carried(value, form)
+            if form == "H":
+                assert not master.write_register(base + place, sent, slave=unit).isError()
+                cells = master.read_holding_registers(base, CELLS, slave=unit).registers
+            else:
+                assert not master.write_coil(base + place, bool(sent), slave=unit).isError()
+                cells = master.read_coils(base, CELLS, slave=unit).bits
+            assert cells[place] == sent and len(set(cells[1::2])) == 1 and seen <= cells[1]
+            seen = cells[1]
     except Exception as failure:
         failures.append(failure)
 
@@ -202,19 +211,22 @@ def test_outside_master_and_another_process(start, processes, kind):
     assert master.read_input_registers(20000, 1, slave=5).exception_code == 2
 
     assert not master.write_register(200, 0, slave=5).isError()  # the file is there
-    for base, window, path in ((100, 100, USER / "lw.dat"), (64, 0x8000 + 64, RECIPE / "rw.dat")):
+    for base, window, path, form in ((100, 100, USER / "lw.dat", "H"), (64, 0x8000 + 64, RECIPE / "rw.dat", "H"),
+                                     (48, 48, USER / "lb.dat", "B")):
         failures = []
-        thread = threading.Thread(target=bump_theirs, args=(master, window, 5, failures))
+        thread = threading.Thread(target=bump_theirs, args=(master, window, 5, form, failures))
         thread.start()
         ours = 0
         while thread.is_alive() and ours < 60000:
-            bump_ours(path, base)
+            bump_ours(path, base, form)
             ours += 1
             time.sleep(0.001)
         assert not thread.is_alive() and not failures, failures
-        words = struct.unpack_from(f"<{WORDS}H", path.read_bytes(), 2 * base)
-        assert set(words[1::2]) == {ours} and ours >= ROUNDS / 4
-        assert sorted(words[::2]) == list(range(ROUNDS - 11, ROUNDS + 1))
+        size = struct.calcsize(form)
+        cells = struct.unpack_from(f"<{CELLS}{form}", path.read_bytes(), size * base)
+        assert set(cells[1::2]) == {(ours - 1) % (256 ** size - 1) + 1} and ours >= ROUNDS / 4
+        last = {value % 12: value for value in range(1, ROUNDS + 1)}
+        assert list(cells[::2]) == [carried(last[n], form) for n in range(12)]
     master.close()
 
 
