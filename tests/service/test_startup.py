@@ -6,7 +6,7 @@ import struct
 import subprocess
 
 import pytest
-from voqtest import (BUILD, DRIVERS, PROJECT, RECIPE, USER, Key, Service, com_info, install_driver, log_on, project,
+from voqtest import (BUILD, DRIVERS, PROJECT, RECIPE, USER, Key, Service, com_info, log_on, project,
                      voqctl, wait_for)
 
 REGISTERS = [Key(20, 2), Key(10, 4), Key(5, 3, regid=2, layout=0x00), Key(10, 4), Key(7, portno=2),
@@ -83,19 +83,6 @@ def test_first_start(start):
     srw = (USER / "srw0.dat").read_bytes()
     assert len(srw) == 20000 and not any(srw[:2060] + srw[2064:])
     wait_for(lambda: all(n.state == 3 for n in service.chain() if not n.key.flag & 0x200), "reads without a driver")
-
-
-def test_slave(start):
-    com = com_info(mode=1)
-    PROJECT.write_bytes(project([com]))
-    install_driver("Service/Serial")
-    service = start()
-    assert "mekfifo=/u/com_1/mekfifo\nSlaveNoName=/u/com_1/slaveno\n" in service.out().decode()
-    assert "drv:/d/Service/Serial/drv_1, " in service.out().decode() and not list((service / "").glob("*fifo"))
-    (service / "slaveno").write_bytes(b"\5\0")
-    wait_for(lambda: not (service / "slaveno").exists(), "slave number taken over")
-    wait_for(lambda: service.sim.loops > 3 and service.sim.slave_no == 5, "the driver's own loop with the new number")
-    assert service.count("PlcDrvThiz:: Init PLC drv thiz=") == 1 and service.sim.reads == 0
 
 
 def test_drivers_and_link_types(start):
