@@ -212,7 +212,8 @@ def put(folder, files):
 @pytest.mark.parametrize("kind", ["panel", "gateway"])
 def test_whatever_a_start_finds(start, kind):
     """All combinations of the files of an earlier run and of a downloaded set."""
-    start(None, REGISTERS, sim=halted()).stop()
+    sim = halted()
+    start(None, REGISTERS, sim=sim).stop()
     fresh = database(USER / "com_1")
     read = {"org": fresh["org"][:48] + b"\1" + fresh["org"][49:]}  # the first record has had a value
     old = fresh | read | {"data": b"\x55" * len(fresh["data"]), "im7_7_7_7": b""}
@@ -230,7 +231,7 @@ def test_whatever_a_start_finds(start, kind):
             if missing == "unreadable":
                 (download / "org").unlink()
                 (download / "org").mkdir()
-            service = start(sim=halted())
+            service = start(sim=sim)
             service.stop()
             copied = kind == "panel" and missing in ("", "unreadable")
             taken = copied and (not missing or "org" in kept)
@@ -259,20 +260,21 @@ def test_whatever_a_start_finds(start, kind):
 
 def test_first_build_cut_short(start):
     """At every change of a file, the build of the next start too: in the end everything is as if nothing had been."""
-    start(None, REGISTERS, sim=halted()).stop()
+    sim = halted()
+    start(None, REGISTERS, sim=sim).stop()
     whole, shim, redone, cuts, cut = database(USER / "com_1"), traced(), 0, 0, True
     while cut:
         cuts += 1
         shutil.rmtree(USER / "com_1")
         (USER / "srw0.dat").unlink(missing_ok=True)
-        for again in (False, True):
-            service = start(sim=halted(), environment=shim | {"VOQ_CUT": str(cuts)}, ready=False)
+        for rebuild in (False, True):
+            service = start(sim=sim, environment=shim | {"VOQ_CUT": str(cuts)}, ready=False)
             wait_for(lambda: service.process.poll() is not None or b"GlobeWatchDogAddr" in service.out(), "an end")
             if service.process.poll() is None:
                 service.stop()
-            cut = cut if again else service.process.returncode == 9
+            cut = cut if rebuild else service.process.returncode == 9
         marked = (service / "building").exists()
-        service = start(sim=halted())
+        service = start(sim=sim)
         assert service.count("an earlier build of the register database was cut short, building anew\r\n") == marked
         service.stop()
         assert database(service / "") == whole and (USER / "srw0.dat").stat().st_size == 20000, cuts
