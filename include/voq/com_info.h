@@ -54,6 +54,7 @@ typedef struct ComInfoRecord {
 static_assert(sizeof(ComInfoRecord) == 60, "ComInfoRecord is read from files as it lies");
 static_assert(offsetof(ComInfoRecord, flags) == 0, "flags");
 static_assert(offsetof(ComInfoRecord, linkType) == 4, "linkType");
+static_assert(offsetof(ComInfoRecord, reserved1) == 5, "reserved1");
 static_assert(offsetof(ComInfoRecord, portNo) == 8, "portNo");
 static_assert(offsetof(ComInfoRecord, lineMode) == 10, "lineMode");
 static_assert(offsetof(ComInfoRecord, byteOrder) == 12, "byteOrder");
