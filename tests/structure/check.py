@@ -14,6 +14,7 @@ BESIDE = {  # folder: the rows it may include
     "tools": {"include", "client", "tools", "rdchgwr"},
     "drivers/sim": {"include", "drivers/sim"},
     "drivers/modbus": {"include", "drivers/modbus"},
+    "examples/driver": {"include"},
     "include": {"include"},
 }
 OS_HEADERS = {"thread", "mutex", "shared_mutex", "condition_variable", "future", "filesystem", "fstream", "iostream",
