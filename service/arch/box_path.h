@@ -6,6 +6,5 @@ inline constexpr char TarnPortIndex[] = "/home/tarn/PortIndex";
 inline constexpr char TarnSerialConfig[] = "/home/tarn/com_%d.con";
 inline constexpr char TarnTcpConfig[] = "/home/tarn/tcp_%d.con";
 inline constexpr char DownloadRoot[] = "/home/Bin/map";
-inline constexpr char RetainedSettings[] = "/disk/hmi/rcp/srw.dat";  // the operator's settings, kept over restarts
 inline constexpr char ChangeFlags[] = "/tmp/srb0.dat";
 inline constexpr char MiscDevice[] = "/dev/qumisc";

@@ -13,8 +13,7 @@
 
 namespace
 {
-constexpr std::uint32_t FirstChangeFlag = 20;     // byte of port 0's change flag
-constexpr std::uint32_t StationWordsInSlot = 20;  // bytes into the port's slot
+constexpr std::uint32_t FirstChangeFlag = 20;  // byte of port 0's change flag
 
 void ApplyRetainedSettings()
 {
@@ -52,7 +51,7 @@ int CheckStaionEnable()
     if (!FileExists(RetainedSettings)) return -1;
     WorkFile file;
     if (!file.OpenRW(RetainedSettings)) return -1;
-    const std::uint32_t words = RetainedSlot(ComInfo.portNo) + StationWordsInSlot;
+    const std::uint32_t words = RetainedStations(ComInfo.portNo);
     if (file.Size() >= words) static_cast<void>(file.ReadSome(words, StationDisable, sizeof StationDisable));
     return file.Close();
 }

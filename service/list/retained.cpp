@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cstdio>
 
-#include "arch/box_path.h"
 #include "arch/fs.h"
 #include "arch/work_file.h"
 

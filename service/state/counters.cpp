@@ -4,4 +4,4 @@
 std::atomic<std::int32_t> GlobeTimeout{0};
 std::atomic<std::int32_t> GlobeComError{0};
 std::atomic<std::int32_t> LogOnAmount{0};
-std::uint16_t StationDisable[16];
+StationWords StationDisable;

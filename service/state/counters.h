@@ -4,6 +4,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "voq/retained_file.h"
+
 // Consecutive driver time-outs and communication errors since the last success. Written by the main thread, read by the
 // service threads when they admit a request.
 extern std::atomic<std::int32_t> GlobeTimeout;
@@ -13,10 +15,10 @@ extern std::atomic<std::int32_t> GlobeComError;
 extern std::atomic<std::int32_t> LogOnAmount;
 
 // Disabled PLC stations, one bit each. Main thread only.
-extern std::uint16_t StationDisable[16];
+extern StationWords StationDisable;
 
 // True when PLC station `plcno` is switched off.
 inline bool StationDisabled(std::uint8_t plcno)
 {
-    return (StationDisable[plcno / 16] >> (plcno % 16) & 1) != 0;
+    return StationIsOff(StationDisable, plcno);
 }
