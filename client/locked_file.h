@@ -1,13 +1,17 @@
-// Reading a file of the service as a whole or in part, under the whole-file read lock that the service respects.
+// Reading a file of the service as a whole or in part, or changing a part of one, under the whole-file lock that the
+// service respects.
 //
 // Each call takes one lock, copies, and releases it: a caller can never hold two, so it can never be part of a deadlock
 // with the service. A lock dies when the process closes any descriptor of the file; these calls therefore must not run
 // at the same time on the same file in two threads of one process.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <span>
 #include <string>
 
 #include "client/bytes.h"
@@ -18,6 +22,10 @@ namespace voq
 // A register database beyond this size is refused rather than copied.
 inline constexpr std::uint64_t MaxFileBytes = 64u << 20;
 
+// Every lock of this process is waited for without limit, or after this call for so long: then an Error names the
+// process that holds it.
+void LimitLockWaiting(std::chrono::milliseconds atMost);
+
 // The file's content; nothing when there is no such file. Waits for the service. Throws Error when it cannot be read or
 // is larger than MaxFileBytes.
 std::optional<Bytes> ReadLocked(const std::string& path);
@@ -26,5 +34,10 @@ std::optional<Bytes> ReadLocked(const std::string& path);
 std::optional<Bytes> ReadLockedRange(const std::string& path, std::uint64_t offset, std::size_t length);
 
 std::optional<std::uint64_t> FileSize(const std::string& path);
+
+// Changes `length` bytes at `offset` in one locked operation and forces them to the disk. Bytes behind the end read as
+// zeros. A file that is missing or empty is made, `newSize` bytes of zeros.
+void ChangeLocked(const std::string& path, std::size_t newSize, std::uint64_t offset, std::size_t length,
+                  const std::function<void(std::span<std::uint8_t>)>& change);
 
 }  // namespace voq

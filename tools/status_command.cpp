@@ -1,14 +1,10 @@
 // "voqctl status": does the service run, and how is its link? Main thread; only reads.
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
-#include <map>
 #include <thread>
 
-#include "client/database.h"
-#include "client/frame.h"
-#include "client/locked_file.h"
+#include "client/port_status.h"
+#include "client/value_text.h"
 #include "tools/commands.h"
 
 namespace
@@ -16,17 +12,10 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-std::optional<std::uint32_t> ReadWatchdog(const Target& target)
-{
-    const auto bytes = voq::ReadLockedRange(target.port.Srw(), voq::WatchdogOffset(target.index), 4);
-    if (!bytes) return std::nullopt;
-    return voq::RecordAt<std::uint32_t>(*bytes, 0);
-}
-
 // Reads the counter until it changes or the time is over. True when it moved.
 bool WatchdogMoves(const Target& target, double seconds)
 {
-    const auto first = ReadWatchdog(target);
+    const auto first = voq::ReadWatchdog(target.port, target.index);
     std::printf("watchdog    ");
     if (!first) {
         std::printf("no counter in %s\n", target.port.Srw().c_str());
@@ -37,7 +26,7 @@ bool WatchdogMoves(const Target& target, double seconds)
     const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
     while (Clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        const auto now = ReadWatchdog(target);
+        const auto now = voq::ReadWatchdog(target.port, target.index);
         if (now && *now != *first) {
             std::printf(" -> %u, moving\n", *now);
             return true;
@@ -47,28 +36,30 @@ bool WatchdogMoves(const Target& target, double seconds)
     return false;
 }
 
-void PrintRecords(const voq::PortDir& port)
+const char* FifoText(voq::FifoState state)
 {
-    const auto bytes = voq::ReadLocked(port.Org());
-    if (!bytes) {
-        std::printf("records     no org file\n");
-        return;
-    }
-    const voq::OrgFile org{*bytes};
-    std::map<std::uint8_t, unsigned> states;
-    const voq::Chain chain = voq::WalkChain(org);
-    for (const voq::OrgRecord& record : chain.records) ++states[record.node.state];
-    std::printf("records     %zu", chain.records.size());
-    for (const auto& [state, count] : states) std::printf(", %s %u", voq::StateName(state).c_str(), count);
-    std::printf(chain.badLink ? ", chain damaged\n" : "\n");
+    return state == voq::FifoState::Read       ? "read by the service"
+           : state == voq::FifoState::NoReader ? "no reader"
+                                               : "missing";
 }
 
-bool PrintFifo(const char* label, const std::string& path)
+void Print(const voq::PortDir& port, const voq::PortStatus& status)
 {
-    const bool present = access(path.c_str(), F_OK) == 0;
-    const bool reader = present && voq::FifoHasReader(path);
-    std::printf("%s%s\n", label, reader ? "read by the service" : present ? "no reader" : "missing");
-    return reader;
+    std::printf("directory   %s\n", port.Dir().c_str());
+    std::printf("timeout     %s\n", status.timeout ? "set" : "not set");
+    std::printf("comerror    %s\n", status.comerror ? "set" : "not set");
+    std::printf("guififo     %s\n", FifoText(status.gui));
+    std::printf("mekfifo     %s\n", FifoText(status.mek));
+    const std::string oldest = status.waiting == 0 ? "" : ", the oldest for " + voq::AgeText(status.oldestWaiting);
+    std::printf("one-shots   %u write(s) and change(s) waiting%s\n", status.waiting, oldest.c_str());
+    std::printf("stations    %s", status.stationsOff.empty() ? "all on" : "off:");
+    for (const std::uint8_t station : status.stationsOff) std::printf(" %u", unsigned{station});
+    if (!status.org) {
+        std::printf("\nrecords     no org file\n");
+        return;
+    }
+    std::printf("\nrecords     %zu%s%s%s\n", status.org->records.size(), status.states.empty() ? "" : ", ",
+                voq::StatesText(status).c_str(), status.org->badLink ? ", chain damaged" : "");
 }
 
 }  // namespace
@@ -76,17 +67,12 @@ bool PrintFifo(const char* label, const std::string& path)
 int Status(const PortOptions& options, double waitSeconds)
 {
     const Target target = Resolve(options);
-    const voq::PortDir& port = target.port;
-    if (access(port.Dir().c_str(), F_OK) != 0) throw voq::Error(port.Dir() + ": no such directory");
-    const auto marker = [](const std::string& path) { return access(path.c_str(), F_OK) == 0 ? "set" : "not set"; };
-    std::printf("directory   %s\n", port.Dir().c_str());
-    std::printf("timeout     %s\n", marker(port.Timeout()));
-    std::printf("comerror    %s\n", marker(port.ComError()));
-    const bool gui = PrintFifo("guififo     ", port.GuiFifo());
-    const bool mek = PrintFifo("mekfifo     ", port.MekFifo());
-    PrintRecords(port);
+    const voq::PortStatus status = voq::ReadPortStatus(target.port);
+    if (!status.directory) throw voq::Error(target.port.Dir() + ": no such directory");
+    Print(target.port, status);
     const bool moves = WatchdogMoves(target, waitSeconds);
-    const bool runs = waitSeconds > 0 ? moves : gui || mek;
+    const bool runs =
+        waitSeconds > 0 ? moves : status.gui == voq::FifoState::Read || status.mek == voq::FifoState::Read;
     std::printf("service     %s\n", runs ? "running" : "not running");
     return runs ? ExitOk : ExitNegative;
 }

@@ -1,7 +1,6 @@
 // "voqctl watch": subscribes ranges, shows their values as the service refreshes them, and logs off again, however it
 // ends. Main thread. Needs SIGPIPE ignored, so that a closed output still logs off.
 #include <sys/ioctl.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -9,6 +8,7 @@
 #include <ctime>
 #include <limits>
 
+#include "client/clock.h"
 #include "client/database.h"
 #include "client/frame.h"
 #include "client/value_text.h"
@@ -19,13 +19,6 @@ namespace
 {
 
 using Clock = std::chrono::steady_clock;
-
-std::int64_t NowMicroseconds()
-{
-    timeval now = {};
-    gettimeofday(&now, nullptr);
-    return std::int64_t{now.tv_sec} * 1000000 + now.tv_usec;
-}
 
 // What is shown of a range.
 struct Shown {
@@ -87,7 +80,7 @@ public:
         voq::FileNumbers filenos(target_.port, numbers);
         for (Watched& range : ranges_) {
             range.fileno = filenos.Next();
-            const std::int64_t now = NowMicroseconds();
+            const std::int64_t now = voq::NowMicroseconds();
             voq::SendFrame(target_.fifo, voq::LogOnFrame(range.reg.key, range.fileno));
             range.loggedOnAt = now;
         }
@@ -128,7 +121,7 @@ std::string Age(const Shown& shown, std::int64_t now)
 // One line a change: time, name, state, age, value, separated by tabs.
 void PrintChanges(std::vector<Watched>& ranges, const std::vector<Shown>& readings)
 {
-    const std::int64_t now = NowMicroseconds();
+    const std::int64_t now = voq::NowMicroseconds();
     const std::time_t seconds = now / 1000000;
     std::tm parts = {};
     char time[32];
@@ -150,7 +143,7 @@ void Redraw(std::vector<Watched>& ranges, const std::vector<Shown>& readings)
     winsize window = {};
     const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 1;
     const std::size_t columns = known ? window.ws_col - 1u : 79;
-    const std::int64_t now = NowMicroseconds();
+    const std::int64_t now = voq::NowMicroseconds();
     if (ranges[0].printed) std::printf("\x1b[%zuA", ranges.size());
     for (std::size_t i = 0; i < ranges.size(); ++i) {
         char head[128];

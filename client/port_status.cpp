@@ -1,0 +1,80 @@
+// Looks at a port's files. One lock at a time; may wait for the service.
+#include "client/port_status.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "client/clock.h"
+#include "client/frame.h"
+#include "client/locked_file.h"
+#include "client/station_off.h"
+
+namespace voq
+{
+
+namespace
+{
+
+bool Exists(const std::string& path)
+{
+    return access(path.c_str(), F_OK) == 0;
+}
+
+FifoState LookAtFifo(const std::string& path)
+{
+    if (!Exists(path)) return FifoState::Missing;
+    return FifoHasReader(path) ? FifoState::Read : FifoState::NoReader;
+}
+
+void CountWaiting(const std::string& directory, PortStatus& status)
+{
+    std::error_code error;
+    std::int64_t since = NowMicroseconds();
+    for (std::filesystem::directory_iterator at(directory, error), end; !error && at != end; at.increment(error)) {
+        struct stat file = {};
+        if (!at->path().filename().string().starts_with("rtData") || stat(at->path().c_str(), &file) != 0) continue;
+        ++status.waiting;
+        since = std::min(since, std::int64_t{file.st_mtim.tv_sec} * 1000000 + file.st_mtim.tv_nsec / 1000);
+    }
+    status.oldestWaiting = NowMicroseconds() - since;
+}
+
+}  // namespace
+
+PortStatus ReadPortStatus(const PortDir& port)
+{
+    PortStatus status;
+    status.directory = Exists(port.Dir());
+    if (!status.directory) return status;
+    status.timeout = Exists(port.Timeout());
+    status.comerror = Exists(port.ComError());
+    status.gui = LookAtFifo(port.GuiFifo());
+    status.mek = LookAtFifo(port.MekFifo());
+    CountWaiting(port.Dir(), status);
+    status.stationsOff = StationsOff(port.number);
+    if (const auto bytes = ReadLocked(port.Org())) {
+        status.org = WalkChain(OrgFile{*bytes});
+        for (const OrgRecord& record : status.org->records) ++status.states[record.node.state];
+    }
+    return status;
+}
+
+std::optional<std::uint32_t> ReadWatchdog(const PortDir& port, std::uint16_t index)
+{
+    const auto bytes = ReadLockedRange(port.Srw(), WatchdogOffset(index), sizeof(std::uint32_t));
+    return bytes ? RecordAt<std::uint32_t>(*bytes, 0) : std::nullopt;
+}
+
+std::string StatesText(const PortStatus& status)
+{
+    std::string text;
+    for (const auto& [state, count] : status.states) {
+        text += (text.empty() ? "" : ", ") + StateName(state) + " " + std::to_string(count);
+    }
+    return text;
+}
+
+}  // namespace voq

@@ -1,0 +1,43 @@
+// One look at a port: everything but the values, each file read under its own lock, one after another. What belongs
+// together is therefore a little apart in time.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "client/database.h"
+#include "client/port_dir.h"
+
+namespace voq
+{
+
+enum class FifoState : std::uint8_t { Missing, NoReader, Read };
+
+// How often a living service advances its counter, with a margin.
+inline constexpr unsigned WatchdogSeconds = 11;
+
+struct PortStatus {
+    bool directory = false;                  // false: there is nothing else to see
+    bool timeout = false, comerror = false;  // the markers of a failing link
+    FifoState gui = FifoState::Missing, mek = FifoState::Missing;
+    // One-shot writes and changes that wait; waiting reads leave no file.
+    unsigned waiting = 0;
+    std::int64_t oldestWaiting = 0;  // microseconds
+    std::vector<std::uint8_t> stationsOff;
+    std::optional<Chain> org;                 // nothing when there is no org file
+    std::map<std::uint8_t, unsigned> states;  // records on the chain by state
+};
+
+// Throws Error when a file cannot be read.
+PortStatus ReadPortStatus(const PortDir& port);
+
+// The service's counter, that of the port at `index` of the project.
+std::optional<std::uint32_t> ReadWatchdog(const PortDir& port, std::uint16_t index);
+
+// "ok 12, never read 2", in ascending order of the states.
+std::string StatesText(const PortStatus& status);
+
+}  // namespace voq
