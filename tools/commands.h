@@ -63,5 +63,12 @@ int Dump(const PortOptions& options, bool full);
 // 0 sound, 1 broken.
 int Check(const PortOptions& options, bool quiet);
 
+struct TopOptions {
+    unsigned intervalMs = 1000;
+    bool allPorts = false;  // of the project
+};
+// Runs until a key or a signal ends it: 0.
+int Top(const PortOptions& options, const TopOptions& top);
+
 // 0 when the service runs, 1 when it does not.
 int Status(const PortOptions& options, double waitSeconds);

@@ -28,24 +28,11 @@ std::string TimeText(const Stamp& stamp)
     return text;
 }
 
-// The range with the type that the project gives it, or that of its element size.
-voq::Register Described(const Target& target, const RegKey& key)
-{
-    const std::size_t known = target.project ? target.project->project.registers.size() : 0;
-    for (std::size_t i = 0; i < known; ++i) {
-        const RegKey& other = target.project->project.registers[i];
-        if (other.portno == key.portno && SameGroup(other, key) && NodeCompare(other, key) == 0) {
-            return {key, target.project->types[i]};
-        }
-    }
-    return {key, voq::TypeOfSize(RegElemSize(&key))};
-}
-
 void PrintRecord(const Target& target, const voq::OrgRecord& record, const voq::Bytes& data, bool full)
 {
     const OrgNode& node = record.node;
     const RegKey& key = node.key;
-    const voq::Register reg = Described(target, key);
+    const voq::Register reg = Describe(target, key).reg;
     std::printf("  %u: %s\n", record.offset, voq::Expression(reg).c_str());
     std::printf("      state %u (%s)  stamp %s  logtimes %u  dataoffset %u  prev %u  next %u\n", unsigned{node.state},
                 voq::StateName(node.state).c_str(), TimeText(node.stamp).c_str(), unsigned{node.logtimes},

@@ -1,6 +1,8 @@
 // Resolves the port options. Main thread; reads the project's description.
 #include "tools/target.h"
 
+#include "voq/reg_range.h"
+
 using voq::LinkFromByte;
 using voq::LinkFromName;
 
@@ -32,6 +34,29 @@ Target Resolve(const PortOptions& options)
     }
     target.fifo = options.fifo == "gui" ? target.port.GuiFifo() : target.port.MekFifo();
     return target;
+}
+
+std::vector<Target> ResolveAll(PortOptions options)
+{
+    std::vector<Target> targets;
+    options.index = 0;
+    do {
+        targets.push_back(Resolve(options));
+        ++options.index;
+    } while (options.index < targets[0].project->project.ports.size());
+    return targets;
+}
+
+Described Describe(const Target& target, const RegKey& key)
+{
+    const std::size_t known = target.project ? target.project->project.registers.size() : 0;
+    for (std::size_t i = 0; i < known; ++i) {
+        const RegKey& other = target.project->project.registers[i];
+        if (other.portno == key.portno && SameGroup(other, key) && NodeCompare(other, key) == 0) {
+            return {{key, target.project->types[i]}, target.project->names[i]};
+        }
+    }
+    return {{key, voq::TypeOfSize(RegElemSize(&key))}, ""};
 }
 
 voq::Register ResolveRegister(const Target& target, const std::string& text)

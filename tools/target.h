@@ -40,8 +40,18 @@ struct Target {
 // Throws UsageError.
 Target Resolve(const PortOptions& options);
 
+// Every port of the project. Throws UsageError.
+std::vector<Target> ResolveAll(PortOptions options);
+
 // A register of the target's port: a name of its project, or an expression. Throws UsageError.
 voq::Register ResolveRegister(const Target& target, const std::string& text);
+
+// A range with the type that the project gives it, or that of its element size, and its name there, if any.
+struct Described {
+    voq::Register reg;
+    std::string name;
+};
+Described Describe(const Target& target, const RegKey& key);
 
 // The byte-order word for a range: the panel's for its own registers, else the port's; 0 where nothing tells.
 std::uint16_t ByteOrderOf(const Target& target, const RegKey& key);

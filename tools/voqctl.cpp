@@ -20,6 +20,7 @@ struct Options {
     PortOptions port;
     WatchOptions watch;
     OneShotOptions oneShot;
+    TopOptions top;
     voq::ChangeText change;
     PulseOptions pulse;
     std::vector<std::string> values;
@@ -142,6 +143,20 @@ void AddWatch(CLI::App& app, Options& options, Chosen& chosen)
     watch.callback([&] { chosen = {[&] { return Watch(options.port, options.watch); }, ExitNegative}; });
 }
 
+void AddTop(CLI::App& app, Options& options, Chosen& chosen)
+{
+    CLI::App& top = *app.add_subcommand("top", "Show ports and their ranges, live");
+    AddPortOptions(top, options);
+    AddByteOrder(top, options);
+    top.add_option("--interval", options.top.intervalMs, "Milliseconds between looks")
+        ->check(CLI::Range(100u, 60000u))
+        ->capture_default_str();
+    top.callback([&] {
+        options.top.allPorts = top.count("--port") + top.count("--index") == 0;
+        chosen = {[&] { return Top(options.port, options.top); }, ExitUsage};
+    });
+}
+
 void AddLookers(CLI::App& app, Options& options, Chosen& chosen)
 {
     CLI::App& dump = *app.add_subcommand("dump", "Print the register database");
@@ -181,6 +196,7 @@ int main(int argc, char** argv)
     AddReadAndWrite(app, options, chosen);
     AddChanges(app, options, chosen);
     AddWatch(app, options, chosen);
+    AddTop(app, options, chosen);
     AddLookers(app, options, chosen);
     try {
         app.parse(argc, argv);

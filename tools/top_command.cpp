@@ -1,0 +1,194 @@
+// "voqctl top": the ports and their ranges on a full screen. Main thread; reads the ports' files, one lock at a time,
+// and writes nothing but a station's bit that the user has been asked about.
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "client/locked_file.h"
+#include "client/station_off.h"
+#include "tools/commands.h"
+#include "tools/stop.h"
+#include "tools/top_model.h"
+#include "tools/top_screen.h"
+
+namespace
+{
+
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+constexpr char Help[] = "q quit  s sort  r reverse  f filter  / find  Tab port  t station  + - interval";
+constexpr milliseconds ShortestInterval{100}, LongestInterval{60000};
+constexpr milliseconds LongestWait{200};  // a signal can come just before the wait
+constexpr milliseconds LockPatience{1000};
+constexpr int Idle = 9;  // times as long as the last look took: the files belong to the service and its clients
+constexpr int Redraw = 'L' - '@', Escape = 0x1B, Delete = 0x7F;
+
+// What the keys do. The selected range stays selected while the order changes around it.
+class Session
+{
+public:
+    explicit Session(TopModel& model) : model_(model) {}
+
+    bool ended = false;
+
+    Clock::duration TimeLeft() const { return std::max(looked_ + model_.Interval(), rested_) - Clock::now(); }
+
+    void Look()
+    {
+        looked_ = Clock::now();
+        model_.Look();
+        rested_ = Clock::now() + Idle * (Clock::now() - looked_);
+        List();
+    }
+
+    void Draw(TopScreen& screen) const
+    {
+        const std::string note = asked_    ? "Switch " + StationText() + "? y/n"
+                                 : typing_ ? "find: " + model_.find
+                                           : note_;
+        screen.Draw(model_, listed_, position_, note);
+    }
+
+    void Handle(int key, std::size_t page)
+    {
+        if (key == KEY_RESIZE) return;
+        note_ = Help;
+        if (asked_) return Switch(key == 'y');
+        if (typing_) return Type(key);
+        if (key == KEY_UP) Move(1, 0);
+        if (key == KEY_DOWN) Move(0, 1);
+        if (key == KEY_PPAGE) Move(page, 0);
+        if (key == KEY_NPAGE) Move(0, page);
+        if (key == KEY_HOME) Move(listed_.size(), 0);
+        if (key == KEY_END) Move(0, listed_.size());
+        if (key == '+') model_.SetInterval(std::min(model_.Interval() * 2, LongestInterval));
+        if (key == '-') model_.SetInterval(std::max(model_.Interval() / 2, ShortestInterval));
+        if (key == Redraw) clearok(curscr, true);
+        if (key == 't') Ask();
+        if (key == '\t') NextPort();
+        if (key == 's' || key == 'r' || key == 'f') Order(key);
+        typing_ = key == '/';
+        ended = key == 'q';
+    }
+
+private:
+    struct Switching {
+        std::size_t port;
+        std::uint8_t station;
+        bool off;
+    };
+
+    void List()
+    {
+        listed_ = model_.Listed();
+        const auto at = std::find_if(listed_.begin(), listed_.end(), [this](const TopRange* range) {
+            return std::pair(range->port, range->offset) == selected_;
+        });
+        if (at != listed_.end()) position_ = static_cast<std::size_t>(at - listed_.begin());
+        Move(0, 0);
+    }
+
+    void Move(std::size_t back, std::size_t ahead)
+    {
+        position_ -= std::min(position_, back);
+        position_ = std::min(position_ + ahead, listed_.empty() ? 0 : listed_.size() - 1);
+        if (!listed_.empty()) selected_ = {listed_[position_]->port, listed_[position_]->offset};
+    }
+
+    void Order(int key)
+    {
+        if (key == 's') model_.sort = static_cast<TopSort>((static_cast<std::size_t>(model_.sort) + 1) % TopSorts);
+        if (key == 'f')
+            model_.filter = static_cast<TopFilter>((static_cast<std::size_t>(model_.filter) + 1) % TopFilters);
+        if (key == 'r') model_.reversed = !model_.reversed;
+        // The beginning of the order is what was asked for.
+        selected_ = {};
+        position_ = 0;
+        List();
+    }
+
+    void NextPort()
+    {
+        const std::size_t next = model_.only ? *model_.only + 1 : 0;
+        model_.only.reset();
+        if (next < model_.ports.size()) model_.only = next;
+        List();
+    }
+
+    void Type(int key)
+    {
+        if (key > ' ' && key < Delete) model_.find += static_cast<char>(key);
+        const bool erase = key == KEY_BACKSPACE || key == '\b' || key == Delete;
+        if (erase && !model_.find.empty()) model_.find.pop_back();
+        if (key == Escape) model_.find.clear();
+        typing_ = key != Escape && key != '\r' && key != KEY_ENTER;
+        List();
+    }
+
+    void Ask()
+    {
+        if (listed_.empty()) return;
+        const TopRange& range = *listed_[position_];
+        const std::uint8_t station = range.node.key.plcno;
+        asked_ = {range.port, station, !model_.ports[range.port].StationOff(station)};
+    }
+
+    std::string StationText() const
+    {
+        return "station " + std::to_string(asked_->station) + " of " + model_.ports[asked_->port].name +
+               (asked_->off ? " off" : " on");
+    }
+
+    void Switch(bool yes)
+    {
+        try {
+            if (yes) {
+                voq::SwitchStation(model_.ports[asked_->port].target.port.number, asked_->station, asked_->off);
+                note_ = "Switched " + StationText();
+                looked_ = {};  // to be seen at once
+            }
+        } catch (const voq::Error& error) {
+            note_ = error.what();
+        }
+        asked_.reset();
+    }
+
+    TopModel& model_;
+    Clock::time_point looked_ = {}, rested_ = {};
+    std::vector<TopRange*> listed_;
+    std::size_t position_ = 0;                        // of the selected range
+    std::pair<std::size_t, std::uint32_t> selected_;  // its port and offset
+    std::optional<Switching> asked_;
+    bool typing_ = false;
+    std::string note_ = Help;
+};
+
+// False when the terminal is gone.
+bool WaitForKey(milliseconds atMost)
+{
+    pollfd keyboard = {STDIN_FILENO, POLLIN, 0};
+    const int ready = poll(&keyboard, 1, static_cast<int>(std::clamp(atMost, milliseconds(0), LongestWait).count()));
+    return ready <= 0 || (keyboard.revents & ~POLLIN) == 0;
+}
+
+}  // namespace
+
+int Top(const PortOptions& options, const TopOptions& top)
+{
+    TopModel model(top.allPorts && !options.project.empty() ? ResolveAll(options) : std::vector{Resolve(options)},
+                   milliseconds(top.intervalMs));
+    CatchSignals();
+    voq::LimitLockWaiting(LockPatience);
+    TopScreen screen;
+    Session session(model);
+    while (Stopped == 0 && !session.ended) {
+        if (session.TimeLeft() <= Clock::duration::zero()) session.Look();
+        session.Draw(screen);
+        if (!WaitForKey(std::chrono::ceil<milliseconds>(session.TimeLeft()))) break;
+        for (int key = getch(); key != ERR; key = getch()) session.Handle(key, screen.Page());
+    }
+    return ExitOk;
+}
