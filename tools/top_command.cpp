@@ -26,7 +26,8 @@ constexpr milliseconds LockPatience{1000};
 constexpr int Idle = 9;  // times as long as the last look took: the files belong to the service and its clients
 constexpr int Redraw = 'L' - '@', Escape = 0x1B, Delete = 0x7F;
 
-// What the keys do. The selected range stays selected while the order changes around it.
+// What the keys do. The selected range stays selected while the order changes around it, except at the beginning of the
+// list: there the beginning is what is looked at.
 class Session
 {
 public:
@@ -87,7 +88,7 @@ private:
         const auto at = std::find_if(listed_.begin(), listed_.end(), [this](const TopRange* range) {
             return std::pair(range->port, range->offset) == selected_;
         });
-        if (at != listed_.end()) position_ = static_cast<std::size_t>(at - listed_.begin());
+        if (position_ != 0 && at != listed_.end()) position_ = static_cast<std::size_t>(at - listed_.begin());
         Move(0, 0);
     }
 
@@ -104,8 +105,6 @@ private:
         if (key == 'f')
             model_.filter = static_cast<TopFilter>((static_cast<std::size_t>(model_.filter) + 1) % TopFilters);
         if (key == 'r') model_.reversed = !model_.reversed;
-        // The beginning of the order is what was asked for.
-        selected_ = {};
         position_ = 0;
         List();
     }

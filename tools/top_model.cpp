@@ -136,10 +136,11 @@ void TopModel::Refresh(TopRange& range, const OrgNode& node, bool missed)
 {
     const std::int64_t stamp = voq::StampMicroseconds(node.stamp);
     const std::int64_t before = voq::StampMicroseconds(range.node.stamp);
-    // The stamp of a range that was never read is that of its creation.
-    if (stamp != before && range.node.state != 0 && !missed) range.period = std::max(stamp - before, LivelyAge());
+    // The stamp of a range that was never read is that of its creation, and a first read comes without a subscription.
+    const bool again = stamp != before && range.node.state != 0;
+    if (again && !missed) range.period = std::max(stamp - before, LivelyAge());
     // Log-ons that carry a record's offset are not counted in it: only refreshing tells.
-    range.subscribed = range.subscribed || static_cast<std::int16_t>(node.logtimes) > 0 || stamp != before;
+    range.subscribed = range.subscribed || static_cast<std::int16_t>(node.logtimes) > 0 || again;
     range.age = std::max(voq::NowMicroseconds() - stamp, LivelyAge());
     if (node.state == 0) range.age = Never;
     range.node = node;

@@ -24,7 +24,7 @@ struct TopRange {
     OrgNode node = {};
     std::int64_t age = 0;     // microseconds; a lively range's stays at LivelyAge
     std::int64_t period = 0;  // between the last two PLC accesses that were seen, likewise; 0 while fewer were
-    bool subscribed = false;  // logged on by its record, or refreshed since the first look
+    bool subscribed = false;  // logged on by its record, or read again since the first look
     std::string value;        // of the last look in which the range was listed
     unsigned valueLook = 0;
 };

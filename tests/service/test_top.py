@@ -96,7 +96,7 @@ def test_screen_and_keys(start):
     top.shows("one-shots 2, <400 ms")
     assert "one-shots   2 write(s) and change(s) waiting, the oldest" in voqctl("status", "--wait", 0).stdout
     sim.fail(0)
-    top.shows("link ok  one-shots 0", "ok 3")
+    top.shows("0 ranges", "filter not ok", "link ok  one-shots 0", "ok 3")
     with open(service / "org", "r+b") as file:
         fcntl.lockf(file, fcntl.LOCK_EX)
         top.shows(f"org: locked by process {os.getpid()}")
