@@ -1,0 +1,3 @@
+import sys
+
+sys.path.append("/co/tests/service")

@@ -1,0 +1,178 @@
+"""The Modbus master drivers against stations that lie: what goes over the wire, and that no wrong answer is believed."""
+import socket
+import struct
+import termios
+import time
+
+import pytest
+from plc_driver import Driver, Line, RtuStations, TcpStations, honest, with_crc
+from voqtest import Key
+
+TIMEOUT_MS = 250  # of a request; honest answers take less even on a busy machine
+
+
+def words(*numbers):
+    return struct.pack(f">{len(numbers)}H", *numbers)
+
+
+def holding(n, count=1, unit=1, **key):
+    return Key(n, count, regid=4, plcno=unit, **key)
+
+
+@pytest.fixture
+def tcp():
+    server = TcpStations()
+    driver = Driver("modbus_tcp", link=2, address=0x7F000001)
+    driver.info.port, driver.info.timeout_ms = server.port, TIMEOUT_MS
+    yield driver, server
+    driver.on_slot("Destroy")
+    server.close()
+
+
+def test_ranges_become_requests_of_the_protocols_size(tcp):
+    driver, server = tcp
+    byte_addresses = holding(2000, 300, 17, layout=0x02)  # register 1000
+    assert driver.read(byte_addresses) == (0, words(*range(1000, 1300)))
+    assert server.take_requests() == [bytes([17, 3]) + words(*part) for part in ((1000, 125), (1125, 125), (1250, 50))]
+    double = Key(0, 63, regid=3, plcno=0, layout=0x24)  # two registers an element: never torn
+    assert driver.read(double) == (0, words(*range(126)))
+    assert server.take_requests() == [b"\0\4" + words(0, 124), b"\0\4" + words(124, 2)]
+    assert driver.read(Key(3, 2001, regid=1, layout=0)) == (0, bytes(n % 3 == 0 for n in range(3, 2004)))
+    assert server.take_requests() == [b"\1\2" + words(3, 2000), b"\1\2" + words(2003, 1)]
+
+    coil = dict(regid=0, layout=0)
+    for key, value in ((holding(65533, 3), b"\1\2\3\4\5\6"), (holding(9), b"\x12\x34"), (Key(2, 3, **coil), b"\1\0\7"),
+                       (Key(2, 1, **coil), b"\1"), (holding(0, 124), bytes(248)), (Key(0, 1969, **coil), bytes(1969))):
+        assert driver.write(key, value) == 0
+    assert server.take_requests() == [
+        b"\1\x10" + words(65533, 3) + b"\6\1\2\3\4\5\6", b"\1\6" + words(9, 0x1234), b"\1\x0f" + words(2, 3) + b"\1\5",
+        b"\1\5" + words(2, 0xFF00), b"\1\x10" + words(0, 123) + b"\xf6" + bytes(246), b"\1\6" + words(123, 0),
+        b"\1\x0f" + words(0, 1968) + b"\xf6" + bytes(246), b"\1\5" + words(1968, 0)]
+    assert server.connections == 1
+
+    refuse = lambda peer, raw: peer.send(raw[:2] + b"\0\0\0\3\1\x83\2")
+    server.lies += [lambda peer, raw: peer.send(raw[:5] + b"\xfd" + honest(raw[6:])), refuse]
+    assert driver.read(holding(0, 300)) == 3
+    assert len(server.take_requests()) == 2  # stops at the first failure
+
+
+def test_what_modbus_cannot_say_is_refused_unsent(tcp):
+    driver, server = tcp
+    for key, size in ((Key(0, regid=0), 2), (Key(0, regid=0x104), 2), (holding(0, 2, layout=0x11), 2),
+                      (holding(1, layout=0x02), 2), (holding(65535, 2), 4), (Key(65535, 2, regid=0, layout=0), 2),
+                      (holding(0, layout=0), 1), (holding(0x80000000), 2), (holding(0xFFFFFFFF, 65535, layout=0xF8), 524280),
+                      (holding(0, 2), 2), (holding(0, 0), 0), (holding(0, layout=0x2F), 0), (holding(0, unit=250), 2)):
+        assert driver.read(key, size) == 3, key
+    assert driver.write(Key(0, regid=1, layout=0), b"\1") == 3
+    assert driver.write(Key(0, regid=3), b"\1\2") == 3
+    driver.info.address = 0
+    assert driver.read(holding(5)) == 3
+    assert server.connections == 0
+
+
+WRONG, RIGHT = b"\0\0\0\5\1\3\2\xde\xad", b"\0\0\0\5\1\3\2\0\x64"
+LIES = {  # what is sent for register 100, the result, whether the connection is given up
+    "late": (lambda s, n: (time.sleep(0.4), s.send(n + WRONG)), 2, True),
+    "trickling": (lambda s, n: all(s.send(bytes([b])) and not time.sleep(0.04) for b in n + WRONG), 2, True),
+    "exception": (lambda s, n: s.send(n + b"\0\0\0\3\1\x83\2"), 3, False),
+    "wrong number": (lambda s, n: s.send(bytes([n[0], n[1] ^ 1]) + WRONG), 3, True),
+    "wrong function": (lambda s, n: s.send(n + WRONG[:5] + b"\4" + WRONG[6:]), 3, True),
+    "too few values": (lambda s, n: s.send(n + b"\0\0\0\3\1\3\0"), 3, True),
+    "too many values": (lambda s, n: s.send(n + b"\0\0\0\7\1\3\4\1\2\3\4"), 3, True),
+    "garbage": (lambda s, n: s.send(b"\xff" * 300), 3, True),
+    "cut off": (lambda s, n: s.send(n + WRONG[:-1]) and False, 3, True),
+    "closed": (lambda s, n: False, 3, True),
+    "twice": (lambda s, n: s.send(n + RIGHT + n + WRONG), 0, True),
+    "closed after": (lambda s, n: s.send(n + RIGHT) and False, 0, True),
+}
+
+
+@pytest.mark.parametrize("name", LIES)
+def test_no_tcp_lie_is_believed(tcp, name):
+    """A lie costs the call that it answers, with the right result in time, and never the next one."""
+    driver, server = tcp
+    lie, result, reconnects = LIES[name]
+    assert driver.read(holding(1)) == (0, words(1))
+    server.lies.append(lambda peer, raw: lie(peer, raw[:2]))
+    began = time.monotonic()
+    assert driver.read(holding(100)) == (result or (0, words(100)))
+    assert time.monotonic() - began < (TIMEOUT_MS + 200) / 1000
+    time.sleep(0 if result else 0.02)
+    assert driver.read(holding(200)) == (0, words(200))
+    assert server.connections == 1 + reconnects
+
+
+def test_connects_in_bounded_time_and_follows_the_parameters(tcp):
+    driver, _ = tcp
+    assert driver.read(holding(1)) == (0, words(1))
+    other = TcpStations()
+    driver.info.port = other.port  # no new Init
+    assert driver.read(holding(2)) == (0, words(2)) and len(other.requests) == 1
+    other.close()
+    assert [driver.read(holding(3)) for _ in range(2)] == [3, 3]  # the connection it had, a refused one
+    other = TcpStations(other.port)
+    assert driver.read(holding(4)) == (0, words(4))
+    other.close()
+
+    # A listener whose queue is full takes no notice of a caller.
+    with socket.create_server(("127.0.0.1", 0), backlog=0) as full, socket.socket() as one, socket.socket() as two:
+        for filler in (one, two):
+            filler.setblocking(False)
+            filler.connect_ex(full.getsockname())
+        time.sleep(0.02)
+        driver.info.port = full.getsockname()[1]
+        began = time.monotonic()
+        assert driver.read(holding(5)) == 2
+        assert time.monotonic() - began < (TIMEOUT_MS + 200) / 1000
+
+
+@pytest.fixture
+def rtu():
+    stations = RtuStations(Line())
+    driver = Driver("modbus_rtu", address=115200)
+    driver.info.timeout_ms = 200
+    yield driver, stations
+    stations.close()
+    driver.on_slot("Destroy")
+
+
+PLACE, TRUE = 0x1234, (0, words(0x1234, 0x1235))
+LYING = b"\3\3\4\xde\xad\xbe\xef"
+
+
+def test_no_rtu_lie_is_believed(rtu):
+    driver, stations = rtu
+    assert driver.write(holding(0, 100, 2), b"\r" * 200) == 0  # no byte means anything to the line
+    for unit in (0, 248):  # no answer to a broadcast
+        assert driver.read(holding(PLACE, 2, unit)) == 3
+    assert stations.requests == 1
+    spoilt = with_crc(LYING)[:-1] + bytes([with_crc(LYING)[-1] ^ 1])
+    twice = with_crc(b"\3\3\4" + TRUE[1]) + with_crc(LYING)
+    for lie, result in ((spoilt, 3), (with_crc(b"\4" + LYING[1:]), 3), (with_crc(b"\3\3\2\xde\xad"), 3),
+                        (b"\xff" * 300, 3), (with_crc(b"\3\x83\2"), 3), (with_crc(b"\3\x83\x0b"), 2), (LYING[:4], 2),
+                        (twice, TRUE), (b"", 2)):
+        stations.lie = lie
+        assert driver.read(holding(PLACE, 2, 3)) == result, lie
+        assert driver.read(holding(PLACE, 2, 3)) == TRUE, lie
+    # A late answer fits the next request; that one's own answer gives it away.
+    stations.late, stations.lie = 0.3, with_crc(LYING)
+    assert [driver.read(holding(PLACE, 2, 3)) for _ in range(3)] == [2, 3, TRUE]
+
+
+def test_line_settings_are_followed(rtu):
+    driver, stations = rtu
+    driver.info.address, driver.info.stop_bits, driver.info.parity = 19200, 2, 1
+    assert driver.read(holding(PLACE, 2)) == TRUE
+    state = termios.tcgetattr(stations.line.fd)
+    assert state[5] == termios.B19200 and state[2] & termios.CSTOPB and state[2] & termios.PARODD
+    driver.info.parity = 2
+    assert driver.read(holding(PLACE, 2)) == TRUE
+    assert not termios.tcgetattr(stations.line.fd)[2] & termios.PARODD
+    driver.info.address = 12345
+    assert driver.read(holding(PLACE, 2)) == 3
+    driver.info.address, driver.info.timeout_ms = 1200, 100  # the line's own time is no time-out
+    assert driver.read(holding(PLACE, 2)) == TRUE
+    stations.dead.add(2)
+    began = time.monotonic()
+    assert driver.read(holding(0, 100, 2)) == 2
+    assert time.monotonic() - began >= (100 + 1900) / 1000

@@ -1,0 +1,175 @@
+"""The slave drivers with panel registers made up by the test: every function, every refusal, frames that are none."""
+import ctypes
+import random
+import socket
+import struct
+import time
+
+import pytest
+from plc_driver import PANEL_ACCESS, Driver, Line, adu, with_crc
+from voqtest import free_port
+
+UNUSABLE = 30000
+EXCHANGES = [(bytes.fromhex(request), bytes.fromhex(answer)) for request, answer in (
+    # Requests and their answers, function code first, in order.
+    ("05 0003 ff00", "05 0003 ff00"),
+    ("0f 0005 000a 02 8102", "0f 0005 000a"),
+    ("01 0002 000d", "01 02 0a14"),  # 3, 5, 12, 14
+    ("02 000e 0001", "02 01 01"),
+    ("05 0003 0000", "05 0003 0000"),
+    ("02 0003 0001", "02 01 00"),
+    ("06 7fff 1234", "06 7fff 1234"),
+    ("10 8000 0002 04 01020304", "10 8000 0002"),
+    ("03 7ffe 0002", "03 04 00001234"),
+    ("03 8000 0002", "03 04 01020304"),
+    ("04 2710 0001", "04 02 abcd"),
+    ("01 ffff 0002", "81 02"),
+    ("03 7fff 0002", "83 02"),
+    ("04 270f 0002", "84 02"),
+    ("04 4e20 0001", "84 02"),
+    ("01 0000 0000", "81 03"),
+    ("01 0000 07d1", "81 03"),
+    ("03 0000 007e", "83 03"),
+    ("05 0003 1234", "85 03"),
+    ("03 7530 0001", "83 04"),
+    ("10 7530 0001 02 0000", "90 04"),
+    ("2b 0e0100", "ab 01"),
+)]
+
+
+class Slave:
+    """A slave driver, and the panel as it sees it: {(kind, address): value}."""
+
+    def __init__(self, name, **settings):
+        self.panel, self.random = {(b"SRW", 10000): b"\xcd\xab"}, random.Random(1)
+        self.callbacks = PANEL_ACCESS(self.read), PANEL_ACCESS(self.write)
+        pointers = (ctypes.cast(each, ctypes.c_void_p) for each in self.callbacks)
+        self.oper = (ctypes.c_void_p * 3)(None, *pointers)
+        self.driver = Driver(name, mode=1, **settings)
+        self.driver.info.slave_no = 17
+
+    @staticmethod
+    def places(kind, addr, width):
+        size = 1 if kind == b"LB" else 2
+        return [((kind, addr + i), slice(i * size, (i + 1) * size)) for i in range(width)]
+
+    def read(self, kind, addr, width, buffer, _):
+        values = [self.panel.get(place, bytes(part.stop - part.start)) for place, part in self.places(kind, addr, width)]
+        if addr != UNUSABLE:
+            ctypes.memmove(buffer, b"".join(values), sum(map(len, values)))
+        return 3 if addr == UNUSABLE else 1
+
+    def write(self, kind, addr, width, buffer, _):
+        raw = ctypes.string_at(buffer, 2 * width)
+        if addr != UNUSABLE:
+            self.panel.update((place, raw[part]) for place, part in self.places(kind, addr, width))
+        return 3 if addr == UNUSABLE else 1
+
+    def turn(self, turns=1):
+        """The results of so many turns; none of them holds the service up."""
+        for _ in range(turns):
+            began = time.monotonic()
+            result = self.driver.loop(self.oper)
+            assert time.monotonic() - began < 0.15
+        return result
+
+    def noise(self, longest):
+        """Noise, and requests with wrong lengths and counts behind the function code."""
+        raw = self.random.randbytes(1 + self.random.randrange(longest))
+        raw = bytes(17 if self.random.random() < 0.3 else byte for byte in raw)
+        return raw if self.random.random() < 0.5 else bytes([self.random.randrange(24)]) + raw[1:]
+
+
+def test_rtu_slave_serves_refuses_and_outlasts_noise():
+    line = Line()
+    slave = Slave("modbus_rtu_slave", address=115200)
+    panel = slave.panel
+
+    def ask(raw):
+        line.send(raw)
+        slave.turn(3)
+        return line.receive(0)
+
+    assert slave.turn() == 0
+    for request, answer in EXCHANGES:
+        assert ask(with_crc(b"\x11" + request)) == with_crc(b"\x11" + answer), request.hex()
+    assert ask(with_crc(b"\0\6\0\x09\0\7")) == b"" and panel[b"LW", 9] == b"\7\0"  # a broadcast
+    assert ask(with_crc(b"\0\3\0\x09\0\1")) == b""
+
+    request, answer = with_crc(b"\x11\3\0\x09\0\1"), with_crc(b"\x11\3\2\0\7")
+    assert ask(request[:5] + bytes([request[5] ^ 1]) + request[6:]) == b""
+    other, other_answer = with_crc(b"\x12\3\0\x09\0\1"), with_crc(b"\x12\3\4\x11\3\0\0")
+    assert ask(other) == b""  # a dead station's: the next request is no answer of its
+    assert ask(request) == answer
+    assert ask(other + other_answer + request) == answer  # all in one turn
+    assert ask(request[:5]) == b""
+    assert ask(request[5:]) == answer  # a slow line
+    assert ask(request + b"\1") == b""
+    for n in range(60):
+        line.send(with_crc(b"\x11" + slave.noise(250)) if n % 2 else slave.noise(700))
+        assert slave.turn() == 0
+    time.sleep(0.06)
+    slave.turn()
+    line.receive(0)
+    panel[b"LW", 9] = b"\7\0"
+    slave.driver.info.slave_no = 18
+    assert (ask(request), ask(other)) == (b"", with_crc(b"\x12\3\2\0\7"))
+    slave.driver.info.slave_no = 0
+    assert ask(with_crc(b"\0\6\0\x09\0\x08")) == b"" and panel[b"LW", 9] == b"\7\0"
+    began = time.monotonic()
+    slave.turn()
+    assert time.monotonic() - began >= 0.015  # an idle turn does not spin
+
+
+def test_tcp_slave_refuses_and_lets_no_master_hold_up_another():
+    port = free_port()
+    slave = Slave("modbus_tcp_slave", link=2, para=struct.pack("<H", port))
+    assert slave.turn() == 0
+    masters = []
+
+    def connect():
+        masters.append(socket.create_connection(("127.0.0.1", port)))
+        slave.turn()
+        return masters[-1]
+
+    def ask(master, raw):
+        """What comes back, None for a connection that is closed."""
+        try:
+            master.sendall(raw)
+            slave.turn(2)
+            return master.recv(1000, socket.MSG_DONTWAIT) or None
+        except BlockingIOError:
+            return b""
+        except OSError:
+            return None
+
+    request, answer = adu(b"\xff\4" + b"\x27\x10\0\1"), adu(b"\xff\4\2\xab\xcd")
+    eight = [connect() for _ in range(8)]
+    assert [ask(master, request + request) for master in eight[1:]] == [answer + answer] * 7
+    time.sleep(0.002)
+    ninth = connect()
+    assert ask(eight[0], b"") is None  # the quietest made room
+    assert ask(eight[1], request[:9]) == b""
+    assert ask(ninth, adu(b"\x12\4\x27\x10\0\1")) == adu(b"\x12\x84\x0b")
+    assert ask(eight[1], request[9:]) == answer
+    for refused, said in ((b"\4\x27\x10\0", b"\x84\3"), (b"\x10\0\0\0\2\4\1\2", b"\x90\3"), (b"\x10\0\0\0\1\4\1\2", b"\x90\3")):
+        assert ask(ninth, adu(b"\x11" + refused)) == adu(b"\x11" + said)
+    for none in (b"\0\1\0\1\0\6\1\3", b"\0\1\0\0\0\1\1", b"\0\1\0\0\1\0\1\3"):
+        assert ask(connect(), none) is None
+
+    deaf = connect()  # asks on and on and takes no answer
+    deaf.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    taken = deaf.send(adu(b"\x11\3\0\0\0\x7d") * 40000, socket.MSG_DONTWAIT)
+    with pytest.raises(OSError):
+        for _ in range(0, taken // 12, 100):
+            slave.turn(100)
+            deaf.send(b"\0", socket.MSG_DONTWAIT)
+    for n in range(300):
+        noise = slave.noise(250)
+        connect().send(adu(b"\x11" + noise) if n % 2 else noise)
+    assert ask(connect(), request) == answer
+    with socket.create_server(("127.0.0.1", 0)) as occupied:
+        slave.driver.info.port = occupied.getsockname()[1]
+        assert slave.turn() == 3
+    for master in masters:
+        master.close()
