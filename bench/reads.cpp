@@ -5,7 +5,7 @@
 #include "list/log_on_off.h"
 #include "oper/fast_pass.h"
 #include "oper/priority.h"
-#include "support/layout.h"
+#include "layout.h"
 
 namespace
 {

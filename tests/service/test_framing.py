@@ -51,31 +51,26 @@ def test_damaged_streams(start, client):
         service.send(log_on(key, 1), client)
         known(service, key)
 
-    for length in (0, 1, 2, 24, 34):  # no frame has such a length: what is held is dropped, the next frame is served
-        lost = next(good)
-        damaged = b"\xfe" + struct.pack("<H", length) + log_on(lost, 1)[3:]
-        service.send_drained(damaged, client)
-        served()
-        service.send_drained(log_on(next(good), 1) + damaged + log_on(lost, 1), client)
-        served()
-        assert service.node(lost) is None
-    lost = next(good)
-    service.send_drained(log_on(next(good), 1) + b"\0" + log_on(lost, 1), client)  # no marker behind a served frame
-    served()
-    assert service.node(lost) is None
+    # What no frame begins like is dropped with all that is held, and the next frame is served: a length that no frame
+    # has, and behind a served frame a byte that is no marker.
+    lost, foreign = next(good), b"\xfd\1\2" + com_info() if client == "mek" else b"\0"
+    for damage in [b"\xfe" + struct.pack("<H", n) + log_on(lost, 1)[3:] for n in (0, 1, 2, 24, 34)] + [foreign]:
+        for before in (b"", log_on(next(good), 1)) if damage != foreign else (log_on(next(good), 1),):
+            dropped = f"*VOQ*{client} fifo: no frame at byte {len(before)}, {len(damage) + 35} bytes dropped\r\n"
+            times = service.count(dropped)
+            service.send(before + damage + log_on(lost, 1), client)
+            service.wait_out(dropped, times + 1)
+            served()
+    assert service.node(lost) is None and service.sim.inits <= 1
 
     # No marker at the start: kept until too long.
-    for first, held in ((b"xyz", 3), (b"\xfd" if client == "mek" else b"\xff", 1)):
-        lost = next(good)
-        service.send_drained(first + log_on(lost, 1), client)
-        before = service.count(overflow)
-        held += 35
-        while held + 4096 <= LIMIT:
-            service.send_drained(b"\xfe" * 4096, client)
-            held += 4096
-        assert service.count(overflow) == before
-        service.send(bytes(4096), client)
-        service.wait_out(f"{overflow} index={held},nread=4096\n")
+    for n, first in enumerate((b"xyz", b"\xfd" if client == "mek" else b"\xff"), 1):
+        noise = first + log_on(lost, 1) + b"\xfe" * LIMIT
+        for at in range(0, LIMIT, 4096):
+            service.send_drained(noise[at: min(at + 4096, LIMIT)], client)
+        assert service.count(overflow) == n - 1
+        service.send(b"\0", client)
+        service.wait_out(f"{overflow} index={LIMIT},nread=1\n", n)
         served()
         assert service.node(lost) is None
     # A frame as long as can be said, which the buffer holds.
@@ -102,13 +97,18 @@ def test_reload(start):
     call = service.sim.calls()[-1]
     assert (call.command, call.addr, call.regid, call.layout) == (service.sim.INIT, 0x0A000001, 1, 77)
 
-    service.send(log_on(key, 1))
+    # Behind a served frame it waits for its end; what lies behind it is lost.
+    service.send_drained(log_on(key, 1) + reload(0x0A000002, 78)[:20])
     wait_for(lambda: service.value(key) == service.sim.value(key), "a live value")
+    assert service.count("reload cominfo") == 1
+    service.send(reload(0x0A000002, 78)[20:] + log_on(Key(900), 1))
+    service.wait_out("*VOQ*IP=0xa000002, PORT=78\r\n")
     for n in range(20):  # while the main loop reads
         service.send_drained(log_on(Key(200 + n, 1), n) + reload(n, n))
-        service.wait_out("*VOQ*reload cominfo\r\n", n + 2)
-    service.wait_out("*VOQ*Destroy PLC drv=", 20)
-    wait_for(lambda: (service.sim.inits, service.sim.destroys) == (21, 20), "the last restart")
+        service.wait_out("*VOQ*reload cominfo\r\n", n + 3)
+    service.wait_out("*VOQ*Destroy PLC drv=", 21)
+    wait_for(lambda: (service.sim.inits, service.sim.destroys) == (22, 21), "the last restart")
+    assert service.node(Key(900)) is None
     service.sim.set(key, bytes(key.size))
     wait_for(lambda: service.value(key) == bytes(key.size), "polling after the restarts")
 

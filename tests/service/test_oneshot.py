@@ -165,8 +165,14 @@ CASES = {  # settings of the port, requests listed at once, driver calls of each
     "up to the limit": (L8, [read(0, 4), read(4, 4), read(8, 4)], ["r0x8 r8x4"]),
     "down to the limit": (L8, [read(10, 4), read(5, 2), read(6, 2)], ["r6x8 r5x2"]),
     "covered by a read of its own width": ({}, [read(0, 70), read(3, 4), read(69)], ["r0x64 r64x6"]),
+    "more than a buffer holds": (dict(word_limit=0xFFFF), [read(0, 4), read(40000)], ["r0x4 r40000x1"]),
     "double words on word addresses": (L8, [read(0, 2, **DOUBLE), read(6, 3, **DOUBLE)], ["r0x6"]),
     "bits": ({}, [read(100, 20, **BITS), read(0, 16, **BITS), read(128, **BITS)], ["r0x120 r128x1"]),
+    "elements that fill no address": (
+        dict(word_limit=6, bit_limit=2), [read(1000, 10, layout=0x02), read(20, 3, layout=0x21), read(20, 5, layout=0x21),
+                                          read(20, 2, layout=0x21), read(50, 3, layout=0x20), read(90, 6, layout=0x41),
+                                          read(70, 7, layout=0xF1, code=3)],
+        ["r1000x6 r1012x4 r20x3 r20x5 r50x2 r52x1", "r90x6"]),
     "other areas": ({}, [read(0), read(1, regid=2), read(1, plcno=2), read(1, subaddr=1), read(1, layout=0x12),
                          read(2, subaddr=0x10000)], ["r0x3 r1x1 r1x1 r1x1", "r1x1"]),
     "group bit": ({}, [read(10), read(12, flag=GROUP)], ["r10x3"]),
@@ -219,24 +225,73 @@ def test_driver_calls(start, name):
         assert new == old | 1 << 9 and sim.value(Key(40, **BITS)) == b"\1"
 
 
-def test_budget_of_a_gateway(start):
-    """More than twenty listed requests: each phase of a pass serves a fifth of them and one more."""
+def test_gateway(start):
+    """More than twenty listed requests: each phase of a pass serves a fifth of them and one more. For each request
+    answered, ten entries are looked at for others that the same access answers."""
     pathlib.Path("/home/tarn").mkdir()
     (pathlib.Path("/home/tarn") / "PortIndex").write_bytes(struct.pack("<5H", 2, 0, 7, 1, 8))
     (pathlib.Path("/home/tarn") / "com_7.con").write_bytes(com_info(pause=1))
     client = Client(start())
-    with client.held() as since:
-        numbers = client.post(*(write(i, i) for i in range(60)))
-    client.answered(numbers)
+
+    def passes(*requests, listed=()):
+        with client.held() as since:
+            numbers = client.post(*requests)
+        client.answered([n for n in numbers if client.posted[n] not in listed])
+        return client.passes(since)
+
     sizes, left = [], 60
     while left:
         sizes.append(min(left, (left // 5 if left > 20 else 3) + 1))
         left -= sizes[-1]
-    assert [text.count("w") for text in client.passes(since)] == sizes
+    assert [text.count("w") for text in passes(*(write(i, i) for i in range(60)))] == sizes
+    far, stays = [read(200 + i) for i in range(11)], change(PULSE, 13, Key(0))
+    assert passes(write(5, 1), *far[:10], write(5, 1)) == ["w5x1 r200x10"]
+    assert passes(write(5, 1), *far, write(5, 1)) == ["w5x1 w5x1 r200x11"]
+    assert passes(read(5), *[stays] * 19, read(5), listed=[stays]) == ["r5x1"]
+    assert passes(read(5), *[stays] * 20, read(5), listed=[stays]) == ["r5x1 r5x1"]
+
+
+def test_pulses_and_writes_take_turns(start):
+    """Five long pulses ahead of six writes: a pass tries four, and one more turn goes to whatever waits longest."""
+    client = Client(start(com_info(pause=1)))
+    with client.held() as since:
+        pulses = client.post(*(pulse(Key(20 + i), 100, 0) for i in range(5)))
+        writes = client.post(*(write(30 + i, i) for i in range(6)))
+    client.answered(writes)
+    assert client.passes(since) == [" ".join(f"r{n}x1 w{n}x1" for n in range(20, 25)), "w30x1", "w31x1 w32x1 w33x1", "w34x1",
+                                    "w35x1"]
+    client.nothing_left(listed=pulses)
+
+
+def test_files_that_are_of_no_use(start):
+    client = Client(start(com_info(pause=1)))
+    service, first = client.service, next(client.numbers) + 1
+
+    def place(n, prefix=""):
+        return service / f"{prefix}{first + n}"
+
+    place(0, "rtData").mkdir()  # the payload cannot be kept
+    place(1).mkdir()            # the answer cannot be written: the request goes all the same
+    with client.held() as since:
+        numbers = client.post(write(0, 1, code=3), write(1, 1), write(2, 1, code=3), write(3, 1, code=3), write(4, 1),
+                              write(4, 1, code=3), flip(Key(5)))
+        client.fence()
+        place(2, "rtData").unlink()
+        for n, size in ((3, 1), (5, 1), (6, 7)):
+            os.truncate(place(n, "rtData"), size)
+    client.answered([n for n in numbers if n != first + 1])
+    assert client.passes(since) == ["w1x1 w4x1"]
+    assert [client.answers[n][0] for n in numbers if n != first + 1] == [3, 3, 3, 1, 3, 3]
+    out = service.out().decode()
+    for text in ("Rt write fileopen error\r\n", f"wr read {place(3, 'rtData')} ret=0,rtcount=",
+                 f"infunc wr read {place(5, 'rtData')} ret=0\r\n", f"wdwr read {place(6, 'rtData')} 2 ret=0\r\n"):
+        assert "*VOQ*" + text in out
+    place(1).rmdir(), place(0, "rtData").rmdir()
+    assert client.served(write(1, 2)) == [(1, b"")] and client.left() == set()
 
 
 def test_attempts_and_markers(start):
-    client = Client(start(), beat=False)
+    client = Client(start(com_info(pause=10)), beat=False)
     sim, service = client.sim, client.service
 
     def attempt(request, failure, count, code, calls, command=0):
@@ -244,6 +299,9 @@ def test_attempts_and_markers(start):
         since = sim.logged
         assert client.served(request)[0][0] == code
         assert client.passes(since) == [calls] and sim.left_to_fail in (0, 0xFFFFFFFF)
+        tries = sim.calls(since)
+        if request.cmd != CHANGE:  # with the port's pause in front of each further attempt
+            assert all(b.start - a.start >= 10_000 for a, b in zip(tries, tries[1:]) if a.result)
         sim.fail(0)
         return {name for name in ("timeout", "comerror") if (service / name).exists()}
 

@@ -154,7 +154,7 @@ class Sim:
 
     def at(self, key):
         area = self.REGISTERS + (key.plcno % 8 * 8 + key.regid % 8) * 65536
-        return area + key.addr * (key.unit if key.layout & 15 else 1)
+        return area + key.addr * (key.unit if key.layout & 15 else 1) % 65536
 
     def value(self, key):
         return self.memory[self.at(key): self.at(key) + key.size]

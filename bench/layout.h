@@ -9,7 +9,7 @@
 #include <tuple>
 #include <vector>
 
-#include "scratch.h"
+#include "support/scratch.h"
 
 struct Limits {
     std::int64_t words, wordGap, bits, bitGap;

@@ -1,0 +1,52 @@
+// When a range is due, by its priority class and the age of its value. The clock stands still.
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <array>
+
+#include "oper/priority.h"
+#include "state/counters.h"
+#include "support/capture.h"
+
+namespace
+{
+constexpr std::int64_t NowUs = 1'700'000'000'500'000;
+}
+
+extern "C" int gettimeofday(timeval* tv, void*) noexcept
+{
+    *tv = {NowUs / 1000000, NowUs % 1000000};
+    return 0;
+}
+
+TEST(Priority, AgeDecidesByClass)
+{
+    InitPriRange();
+    OrgNode record{};
+    const auto due = [&](std::uint32_t flag, std::int64_t ageMs) {
+        record.key.flag = flag;
+        const std::int64_t us = NowUs - ageMs * 1000;
+        record.stamp = {static_cast<std::int32_t>(us / 1000000), static_cast<std::int32_t>(us % 1000000)};
+        return PackOrNot(record);
+    };
+    constexpr std::uint32_t Always = 1 << 16, Medium = 3 << 16, Slowest = 10 << 16;
+    const struct {
+        std::uint32_t flag;
+        std::int64_t ageMs;
+        int expected;
+    } cases[] = {{0, 0, 0},          {0, 1, 1},           {0, 70000, 70000},
+                 {Always, 0, 1},     {Medium, 9, 0},      {Medium, 10, 1},
+                 {Medium, 601, 2},   {Slowest, 1999, 0},  {Medium | REG_FLAG_URGENT, 600, 1},
+                 {Slowest, 2000, 1}, {Slowest, 10000, 1}, {Slowest, 10001, 2}};
+    for (const auto& each : cases) EXPECT_EQ(each.expected, due(each.flag, each.ageMs)) << &each - cases;
+    EXPECT_EQ((std::array{1u, 2u, 1u}), (std::array{+PackForwardMiss[2], +PackGoal[2], +PackBackwardMiss[2]}));
+    for (const std::uint32_t flag : {5u << 16, Medium | REG_FLAG_DWORD_CHANGE}) {
+        EXPECT_EQ("GEt reg pri error!!!!!\n", Output([&] { EXPECT_NE(0, due(flag, 0)); }));
+    }
+    EXPECT_EQ(0u, Output([&] { EXPECT_EQ(-5, due(0, -5)); }).find("*VOQ*!NodeTimePassed wrong =-5!"));
+    EXPECT_NE("", Output([&] { EXPECT_EQ(1, due(Slowest, -5)); }));
+    record.key.plcno = 200;
+    StationDisable[12] = 1 << 8;
+    EXPECT_EQ(0, due(Always, 5000));
+    EXPECT_EQ("", Output([&] { EXPECT_EQ(0, due(0, -5)); }));
+}
