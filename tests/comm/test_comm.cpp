@@ -1,5 +1,4 @@
-// The driver interface, PLC operations with their chunks, retries and markers, and the local registers, on a recording
-// driver and real files.
+// The panel's local registers on real files, and what a driver call may leave behind.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -7,9 +6,7 @@
 #include <chrono>
 
 #include "comm/local_reg.h"
-#include "comm/marker.h"
 #include "comm/plc_oper.h"
-#include "list/log_on_off.h"
 #include "support/capture.h"
 #include "support/scratch.h"
 
@@ -18,183 +15,18 @@ namespace
 class Comm : public testing::Test
 {
 protected:
-    Comm()
-    {
-        ComInfo = {};
-        ComInfo.wordLimit = 64;
-        ComInfo.bitLimit = 128;
-        comIntervals = 0;
-        FakeDriver::Use();
-        buffer.assign(2 * 65536, 0xAA);
-    }
-
     Scratch scratch;
-    std::vector<unsigned char> buffer;
+    std::vector<unsigned char> buffer = std::vector<unsigned char>(2 * 65536, 0xAA);
 };
 
-TEST_F(Comm, SplitsARangeIntoChunksOfThePort)
+// The driver is told a length of 0 for element sizes that have none; what it leaves alone reads as zeros.
+TEST_F(Comm, NothingOfTheBufferIsTakenForAValue)
 {
-    struct Chunk {
-        std::uint32_t addr;
-        std::uint16_t width;
-        std::size_t at;
-        std::int32_t length;
-    };
-    struct {
-        std::uint8_t layout;
-        std::uint16_t width, wordLimit, bitLimit;
-        int result;
-        std::vector<Chunk> chunks;
-    } const cases[] = {
-        {0x22, 150, 64, 0, 1, {{1000, 64, 0, 128}, {1064, 64, 128, 128}, {1128, 22, 256, 44}}},
-        {0x22, 128, 64, 0, 1, {{1000, 64, 0, 128}, {1064, 64, 128, 128}}},
-        {0x00, 300, 0, 128, 1, {{1000, 128, 0, 128}, {1128, 128, 128, 128}, {1256, 44, 256, 44}}},
-        {0x20, 3, 0, 2, 1, {{1000, 2, 0, 2}, {1002, 1, 2, 1}}},     // a bit step counts addresses
-        {0x02, 10, 6, 0, 1, {{1000, 6, 0, 12}, {1012, 4, 12, 8}}},  // address unit 0 counts as 1
-        {0x24, 3, 2, 0, 1, {{1000, 2, 0, 8}, {1004, 1, 8, 4}}},     // two units per element
-        {0x29, 6, 4, 0, 1, {{1000, 4, 0, 0}, {1018, 2, 36, 0}}},    // an element size that has no length
-        {0x22, 200, 0, 9, 1, {{1000, 200, 0, 400}}},                // limit 0: none
-        {0x00, 200, 9, 0, 1, {{1000, 200, 0, 200}}},
-        {0x41, 5, 2, 0, PLC_ERROR, {}},  // a step of 0 addresses
-        {0x41, 2, 2, 0, 1, {{1000, 2, 0, 2}}},
-        {0x22, 0, 64, 64, 1, {}},
-    };
-    for (const auto& c : cases) {
-        ComInfo.wordLimit = c.wordLimit;
-        ComInfo.bitLimit = c.bitLimit;
-        const RegKey key = WordKey(1000, c.width, c.layout);
-        int (*const opers[])(RegKey, void*) = {
-            [](RegKey k, void* b) { return PlcOper(k, b, PLC_READ_ONCE); },
-            [](RegKey k, void* b) { return PlcOper(k, b, PLC_READ_RETRY); },
-            [](RegKey k, void* b) { return PlcOper(k, b, PLC_WRITE); },
-            PlcDrvReadPack,
-            PlcDrvWritePack,
-        };
-        for (const auto& oper : opers) {
-            EXPECT_EQ(c.result, oper(key, buffer.data()));
-            const std::vector<DriverCall> calls = FakeDriver::Transfers();
-            ASSERT_EQ(c.chunks.size(), calls.size()) << "layout " << int{c.layout} << " width " << c.width;
-            for (std::size_t i = 0; i < calls.size(); ++i) {
-                RegKey expected = key;
-                expected.addr = c.chunks[i].addr;
-                expected.width = c.chunks[i].width;
-                EXPECT_EQ(0, std::memcmp(&expected, &calls[i].key, sizeof expected)) << "chunk " << i;
-                EXPECT_EQ(buffer.data() + c.chunks[i].at, calls[i].data);
-                EXPECT_EQ(c.chunks[i].length, calls[i].length);
-            }
-        }
-    }
-    EXPECT_EQ(1, PlcOper(WordKey(0, 3), buffer.data(), 5));  // no such mode: no call
-    EXPECT_EQ(0u, FakeDriver::Transfers().size());
-}
-
-TEST_F(Comm, RetriesAndPausesAsTheModeSays)
-{
-    comIntervals = 20;
-    const struct {
-        std::vector<std::int32_t> script;
-        int mode, result;
-        std::size_t calls;
-        int pauses;
-        const char* line;
-    } cases[] = {
-        {{3, 3, 0, 0}, PLC_WRITE, PLC_SUCCESS, 4, 2, ""},
-        {{0, 2, 0}, PLC_READ_RETRY, PLC_SUCCESS, 3, 1, ""},
-        {{2, 2, 2}, PLC_READ_RETRY, PLC_TIMEOUT, 3, 3, "*VOQ*ERROR timeout! mode:2 error:3\r\n"},
-        {{0, 2, 3, 7}, PLC_WRITE, PLC_ERROR, 4, 3, "*VOQ*ERROR timeout! mode:1 error:3\r\n"},
-        {{0, 7}, PLC_READ_ONCE, PLC_ERROR, 2, 0, ""},
-        {{2}, PLC_READ_ONCE, PLC_TIMEOUT, 1, 0, ""},
-    };
-    PlcDrvRead(WordKey(0, 1), buffer.data());  // makes the instance
-    FakeDriver::Calls.clear();
-    for (const auto& c : cases) {
-        FakeDriver::Script = c.script;
-        const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(c.line, Output([&] { EXPECT_EQ(c.result, PlcOper(WordKey(0, 100), buffer.data(), c.mode)); }));
-        const auto took = std::chrono::steady_clock::now() - start;
-        EXPECT_EQ(c.calls, FakeDriver::Transfers().size());
-        EXPECT_GE(took, std::chrono::milliseconds(20) * c.pauses);
-        EXPECT_LT(took, std::chrono::milliseconds(20) * (c.pauses + 1) + std::chrono::milliseconds(100));
-    }
-    FakeDriver::Script = {1};
-    EXPECT_EQ(PLC_ERROR, PlcDrvReadPack(WordKey(0, 100), buffer.data()));
-    FakeDriver::Script = {2};
-    EXPECT_EQ(PLC_TIMEOUT, PlcDrvWritePack(WordKey(0, 100), buffer.data()));
-    EXPECT_EQ(2u, FakeDriver::Transfers().size());
-
-    // An instance that could not be made is asked for again; without an entry point nothing counts as a failure.
     FakeDriver::Use();
-    FakeDriver::InitFails = true;
-    PlcDrvRead(WordKey(0, 1), buffer.data());
-    FakeDriver::InitFails = false;
-    for (int i = 0; i < 2; ++i) PlcDrvRead(WordKey(0, 1), buffer.data());
-    std::string commands;
-    for (const DriverCall& call : FakeDriver::Calls) commands += call.command + " ";
-    EXPECT_EQ("Init RdOne Init RdOne RdOne ", commands);
-    _cmd = nullptr;
-    GlobeComError = 0;
-    EXPECT_EQ("*VOQ*ERROR timeout! mode:1 error:3\r\n",
-              Output([&] { EXPECT_EQ(PLC_ERROR, PlcOper(WordKey(0, 1), buffer.data(), PLC_WRITE)); }));
-    EXPECT_EQ(3, PlcDrvLoop());
-    EXPECT_EQ(0, GlobeComError.load());
-}
-
-TEST_F(Comm, MarkersFollowConsecutiveFailures)
-{
-    const auto fail = [this](std::int32_t driver, int times) {
-        for (int i = 0; i < times; ++i) {
-            FakeDriver::Script = {driver};
-            EXPECT_EQ(driver == 2 ? PLC_TIMEOUT : PLC_ERROR, i % 2 == 0 ? PlcDrvRead(WordKey(0, 1), buffer.data())
-                                                                        : PlcDrvWrite(WordKey(0, 1), buffer.data()));
-        }
-    };
-    const auto succeed = [this] { EXPECT_EQ(PLC_SUCCESS, PlcDrvRead(WordKey(0, 1), buffer.data())); };
-
-    EXPECT_EQ(0, SetComError());  // left by an earlier run: stays while its counter is 0
-    succeed();
-    EXPECT_TRUE(CheckIfComError());
-    EXPECT_EQ(0, ClrComError());
-    const struct {
-        std::int32_t driver;
-        int times, timeouts, errors;  // the counters behind it
-        bool timeout, error;          // the markers
-    } steps[] = {{2, 2, 2, 0, false, false},     {1, 4, 2, 4, false, false}, {2, 1, 3, 4, true, false},
-                 {0, 0, 0, 0, false, false},     {7, 4, 0, 4, false, false}, {0x7FFFFFFF, 1, 0, 5, false, true},
-                 {3, 995, 0, 1000, false, true}, {3, 1, 0, 10, false, true}, {2, 1001, 10, 10, true, true}};
-    for (const auto& step : steps) {
-        step.times == 0 ? succeed() : fail(step.driver, step.times);
-        EXPECT_EQ(std::pair(step.timeouts, step.errors), std::pair(GlobeTimeout.load(), GlobeComError.load()));
-        EXPECT_EQ(std::pair(step.timeout, step.error), std::pair(CheckIfTimeout() != 0, CheckIfComError() != 0));
-    }
-    EXPECT_EQ(0u, FileBytes(TimeoutName).size());
-}
-
-TEST_F(Comm, FlaggedRangesReadAsZerosAndWritesReachTheDatabase)
-{
-    RegKey flagged = WordKey(0, 100);
-    flagged.flag |= REG_FLAG_GROUP;
-    FakeDriver::Script = {2};
-    GlobeTimeout = 1;
-    EXPECT_EQ(PLC_SUCCESS, PlcOper(flagged, buffer.data(), PLC_READ_ONCE));
-    EXPECT_TRUE(FakeDriver::Calls.empty());
-    EXPECT_EQ(1, GlobeTimeout.load());
-    EXPECT_EQ(0, buffer[199]);
-    EXPECT_EQ(0xAA, buffer[200]);
-    EXPECT_EQ(PLC_TIMEOUT, PlcDrvWrite(flagged, buffer.data()));
-
-    EXPECT_EQ(PLC_SUCCESS, PlcDrvRead(WordKey(0, 3, 0x29), buffer.data() + 1000));  // no length: 27 zeros, not 0xAA
-    EXPECT_EQ(std::vector<unsigned char>(27, 0), std::vector(&buffer[1000], &buffer[1027]));
-    EXPECT_EQ(0xAA, buffer[1027]);
-
-    const RegKey range = WordKey(104, 4);
-    EXPECT_EQ(0, CheckOrgList(&range));
-    std::string value = "abcdefghijklmnopqrst";
-    for (const int result : {PLC_ERROR, PLC_SUCCESS}) {
-        FakeDriver::Script = {result == PLC_SUCCESS ? 0 : 3};
-        EXPECT_EQ(result, PlcDrvWrite(WordKey(100, 10), value.data()));
-        EXPECT_EQ(result == PLC_SUCCESS ? "ijklmnop" : std::string(8, '\0'), FileBytes(DataFileName));
-    }
-    EXPECT_EQ(1, ReadOrgNode(FileBytes(OrgFileName), 12).state);
+    EXPECT_EQ(PLC_SUCCESS, PlcDrvRead(WordKey(0, 3, 0x29), buffer.data()));
+    EXPECT_EQ(0, FakeDriver::Transfers().at(0).length);
+    EXPECT_EQ(std::vector<unsigned char>(27, 0), std::vector(&buffer[0], &buffer[27]));
+    EXPECT_EQ(0xAA, buffer[27]);
 }
 
 TEST_F(Comm, LocalRegistersCreateGrowAndRefuse)

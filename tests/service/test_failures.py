@@ -8,9 +8,12 @@ from voqtest import (DRIVERS, PROJECT, RECIPE, USER, WORK, Key, Service, com_inf
 @pytest.mark.parametrize("failure, marker, threshold", [(2, "timeout", 3), (3, "comerror", 5)])
 def test_markers_and_states(start, failure, marker, threshold):
     key = Key(100, 4)
+    (USER / "com_1").mkdir()
+    (USER / "com_1" / marker).touch()
     service = start(com_info(pause=0), environment=traced())
     service.send(log_on(key, 1))
     wait_for(lambda: service.value(key) == service.sim.value(key), "a live value")
+    (service / marker).unlink()  # left by an earlier run: there until failures were counted and ended
     made = f"fopen {service / marker} wb+"
 
     def fail_times(times):
@@ -82,6 +85,18 @@ def test_places_that_cannot_be_used(start):
     service.send(log_on(Key(7, 1), 2))
     service.wait_out("open index error\n")
     assert service.process.poll() is None
+
+
+def test_driver_that_is_not_ready(start):
+    key, sim = Key(100, 4), WORK / "late"
+    sim.write_text("not a simulator file")
+    service = start(com_info(), environment={"VOQ_SIM": str(sim)})
+    service.send(log_on(key, 1))
+    wait_for(lambda: service.node(key) and service.node(key).state == 3, "the failure")
+    service.wait_out("*VOQ*PlcDrvThiz:: Init PLC drv thiz=0\r\n", 3)
+    sim.unlink()
+    wait_for(lambda: service.node(key).state == 1, "an instance at last")
+    assert service.count("Init PLC drv thiz=") - service.count("Init PLC drv thiz=0\r\n") == 1
 
 
 def test_full_fast_list(start):

@@ -175,7 +175,7 @@ CASES = {  # settings of the port, requests listed at once, driver calls of each
         ["r1000x6 r1012x4 r20x3 r20x5 r50x2 r52x1", "r90x6"]),
     "other areas": ({}, [read(0), read(1, regid=2), read(1, plcno=2), read(1, subaddr=1), read(1, layout=0x12),
                          read(2, subaddr=0x10000)], ["r0x3 r1x1 r1x1 r1x1", "r1x1"]),
-    "group bit": ({}, [read(10), read(12, flag=GROUP)], ["r10x3"]),
+    "group bit": ({}, [read(10), read(12, flag=GROUP), write(20, 7, flag=GROUP)], ["w20x1 r10x3"]),
     "unpacked": (dict(packing=1), [read(0), read(1), read(0)], ["r0x1 r1x1"]),
     "chunks": ({}, [read(1000, 150), write(1000, *range(150)), flip(Key(2000, 130))],
                ["w1000x64 w1064x64 w1128x22 r2000x64 r2064x64 r2128x2 w2000x64 w2064x64 w2128x2 "
@@ -480,7 +480,9 @@ def test_subscribed_ranges(start):
         pytest.fail("a poll every time")
 
     def written():
-        value = os.urandom(8)
+        before, value = service.value(slow[0]), os.urandom(8)
+        sim.fail(sim.ERROR, 3, command=sim.WRONE)
+        assert client.served(Request(WRITE, Key(100, 4), value)) == [(3, b"")] and service.value(slow[0]) == before
         assert client.served(Request(WRITE, Key(100, 4), value)) == [(1, b"")]
         wait_for(lambda: [service.value(k) for k in slow[:2]] == [value, value[4:6]], "the value written", 2)
 
