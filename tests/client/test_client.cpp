@@ -1,22 +1,16 @@
-// The client library and the commands of voqctl, on real files and FIFOs in a directory of each test's own. A forked
-// process stands in for the service where locks matter: record locks do not exclude within one process.
-#include <fcntl.h>
+// The client library where the whole process shows too little of it: the checks of a database bit by bit, and the text
+// of registers and projects.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
 #include <random>
 
-#include "client/compare.h"
 #include "client/db_check.h"
+#include "client/error.h"
 #include "client/frame.h"
-#include "client/locked_file.h"
 #include "client/prepare.h"
 #include "client/value_text.h"
-#include "tests/client/client_fixture.h"
+#include "tools/commands.h"
 #include "voq/rt_item.h"
 
 using voq::Bytes;
@@ -24,6 +18,26 @@ using voq::PutRecord;
 
 namespace
 {
+
+template <typename Call>
+std::string ErrorOf(Call call)
+{
+    try {
+        call();
+    } catch (const voq::Error& error) {
+        return error.what();
+    }
+    return "(no error)";
+}
+
+#define EXPECT_HAS(text, part) \
+    EXPECT_NE(std::string(text).find(part), std::string::npos) << (text) << "\nlacks " << (part)
+
+RegKey Key(std::uint8_t station, std::uint16_t area, std::uint8_t layout, std::uint32_t addr, std::uint16_t width,
+           std::uint32_t subaddr = 0, std::uint32_t flag = 0)
+{
+    return {flag, 0, 1, station, layout, area, width, addr, subaddr};
+}
 
 // A sound database: five groups in chain order, records created in another order, every map file complete.
 voq::Snapshot SoundDatabase()
@@ -40,14 +54,6 @@ voq::Snapshot SoundDatabase()
                          Key(2, 3, 0x24, 1, 3),
                          Key(1, 4, 0x22, 9, 2, 0x70009)};
     return voq::PrepareDatabase(project, 0, {}).files;
-}
-
-void SaveDatabase(const voq::Snapshot& db, const voq::PortDir& port)
-{
-    Save(port.Org(), db.org.bytes);
-    Save(port.Index(), db.index);
-    Save(port.Data(), Bytes(db.dataSize, 0x5A));
-    for (const auto& [name, bytes] : db.maps) Save(port.Dir() + name, *bytes);
 }
 
 bool Broken(const voq::Snapshot& db)
@@ -128,89 +134,13 @@ TEST(Check, SurvivesRuinedFiles)
     }
 }
 
-TEST(Compare, EachPlaceCountsButStamps)
-{
-    const voq::Snapshot db = SoundDatabase();
-    voq::Snapshot other = db;
-    other.org.bytes[12 + 24] ^= 1;
-    EXPECT_TRUE(voq::CompareSnapshots(db, other).empty());
-    for (Bytes* bytes : {&other.org.bytes, &other.index, &*other.maps.begin()->second}) {
-        const std::size_t at = bytes == &other.org.bytes ? 12 + 48 : bytes->size() - 1;
-        (*bytes)[at] ^= 1;
-        EXPECT_EQ(voq::CompareSnapshots(db, other).size(), 1u);
-        (*bytes)[at] ^= 1;
-    }
-    ++other.dataSize;
-    other.maps.erase(other.maps.begin());
-    EXPECT_EQ(voq::CompareSnapshots(db, other).size(), 2u);
-}
-
-TEST(Database, FindsAndReadsRangesInFiles)
-{
-    Folder folder;
-    voq::Snapshot db = SoundDatabase();
-    db.maps["im1_4_22_0"]->resize(12);  // the rest of this group is found along the chain
-    PutRecord(db.index, 12, std::uint32_t{1});
-    SaveDatabase(db, folder.port);
-    EXPECT_EQ(voq::FindRange(folder.port, Key(1, 4, 0x22, 0, 1)), 180u);
-    EXPECT_EQ(voq::FindRange(folder.port, Key(1, 4, 0x22, 7, 10)), 292u);
-    EXPECT_EQ(voq::FindRange(folder.port, Key(1, 4, 0x22, 7, 9)), 0u);
-    EXPECT_EQ(voq::FindRange(folder.port, Key(9, 4, 0x22, 7, 9)), 0u);
-    const auto reading = voq::ReadRange(folder.port, Key(2, 3, 0x24, 1, 3), 348);
-    EXPECT_TRUE(reading && reading->value == Bytes(12, 0x5A));
-    EXPECT_FALSE(voq::ReadRange(folder.port, Key(2, 3, 0x24, 1, 3), 12));
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(Check(folder.options, false), ExitOk);
-    EXPECT_EQ(Dump(folder.options, false), ExitOk);
-    const std::string text = testing::internal::GetCapturedStdout();
-    EXPECT_HAS(text, "8 record(s), 5 group(s)");
-    EXPECT_HAS(text, "p1:s2:a3:u32@1*3");
-    std::filesystem::resize_file(folder.port.Data(), 10);
-    EXPECT_EQ(Check(folder.options, true), ExitNegative);
-    std::filesystem::resize_file(folder.port.Org(), voq::MaxFileBytes + 1);
-    EXPECT_HAS(ErrorOf([&] { Check(folder.options, true); }), "67108865 bytes");
-}
-
-TEST(Files, ReadersWaitForTheWriter)
-{
-    Folder folder;
-    Save(folder.port.Org(), Bytes(3, 1));
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t writer = fork();
-    if (writer == 0) {
-        const int fd = open(folder.port.Org().c_str(), O_RDWR);
-        struct flock lock = {};
-        lock.l_type = F_WRLCK;
-        const bool fine = fcntl(fd, F_SETLKW, &lock) == 0 && write(ready[1], "x", 1) == 1;
-        usleep(150000);
-        _exit(fine && pwrite(fd, "\2\2\2\2", 4, 0) == 4 ? 0 : 1);
-    }
-    char byte;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1);
-    EXPECT_EQ(voq::ReadLocked(folder.port.Org()), Bytes(4, 2));
-    int status = 1;
-    waitpid(writer, &status, 0);
-    EXPECT_EQ(status, 0);
-}
-
-TEST(Frame, BytesAreExact)
+TEST(Frame, CarriesEveryField)
 {
     const RegKey key = {0x00010100, 0x44332211, 0x0102, 7, 0x22, 0x0304, 2, 0x0A0B0C0D, 0x11121314};
-    const Bytes head = {0xFE, 35,   0,    0x00, 0x01, 0x01, 0x00, 0x11, 0x22, 0x33, 0x44, 0x02, 0x01, 7,
-                        0x22, 0x04, 0x03, 2,    0,    0x0D, 0x0C, 0x0B, 0x0A, 0x14, 0x13, 0x12, 0x11};
-    const auto expected = [&](std::uint8_t length, Bytes tail) {
-        Bytes frame = head;
-        frame[1] = length;
-        frame.insert(frame.end(), tail.begin(), tail.end());
-        return frame;
-    };
-    EXPECT_EQ(voq::LogOnFrame(key, 50001), expected(35, {1, 0, 0x51, 0xC3, 0, 0, 0, 0}));
-    EXPECT_EQ(voq::LogOffFrame(key, 50001, 0x44), expected(35, {2, 0, 0x51, 0xC3, 0x44, 0, 0, 0}));
-    EXPECT_EQ(voq::ReadFrame(key, 1), expected(35, {3, 0, 1, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(voq::WriteFrame(key, 1, Bytes{1, 2, 3, 4}), expected(39, {7, 0, 1, 0, 0, 0, 0, 0, 1, 2, 3, 4}));
-    EXPECT_EQ(voq::ReadChangeWriteFrame(key, 0x80, 1, Bytes{5, 6}),
-              expected(41, {6, 0x80, 1, 0, 0, 0, 0, 0, 2, 0, 0, 0, 5, 6}));
+    const std::string head = "000101001122334402010722040302000d0c0b0a14131211";
+    EXPECT_EQ(voq::Hex(voq::LogOffFrame(key, 50001, 0x44)), "fe2300" + head + "020051c344000000");
+    EXPECT_EQ(voq::Hex(voq::ReadChangeWriteFrame(key, 0x80, 1, Bytes{5, 6})),
+              "fe2900" + head + "0680010000000000020000000506");
     EXPECT_HAS(ErrorOf([&] { voq::WriteFrame(key, 1, Bytes(5)); }), "5 bytes for a range of 4");
 }
 
@@ -325,46 +255,6 @@ TEST(Project, ErrorsNameFileAndLine)
     for (const auto& each : bad) {
         const std::string error = ErrorOf([&] { ParseProjectToml(each.first, "t"); });
         EXPECT_TRUE(error.starts_with(each.second)) << each.first << "\n" << error;
-    }
-}
-
-// Takes two frames from the FIFO; behind the first it stores what a poll of the range would, in state `state`.
-// Exit status 0 when they were a log-on and its log-off.
-void ServeOneWatch(const voq::PortDir& port, std::uint8_t state)
-{
-    const int fifo = open(port.MekFifo().c_str(), O_RDWR), org = open(port.Org().c_str(), O_RDWR);
-    Bytes frame(70);
-    if (read(fifo, frame.data(), 35) != 35 || frame[27] != 1) _exit(1);
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    const Stamp stamp = {static_cast<std::int32_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_nsec / 1000)};
-    if (pwrite(org, &stamp, 8, 180 + 24) != 8 || pwrite(org, &state, 1, 180 + 36) != 1) _exit(2);
-    if (read(fifo, frame.data() + 35, 35) != 35 || frame[62] != 2) _exit(3);
-    frame[62] = 1;
-    _exit(std::equal(frame.begin(), frame.begin() + 35, frame.begin() + 35) ? 0 : 4);
-}
-
-TEST(Watch, ShowsALiveValueAndLogsOff)
-{
-    Folder folder;
-    SaveDatabase(SoundDatabase(), folder.port);
-    ASSERT_EQ(mkfifo(folder.port.MekFifo().c_str(), 0600), 0);
-    for (const std::uint8_t state : {1, 2}) {
-        const pid_t service = fork();
-        if (service == 0) ServeOneWatch(folder.port, state);
-        while (!voq::FifoHasReader(folder.port.MekFifo())) usleep(1000);
-        testing::internal::CaptureStdout();
-        WatchOptions watch;
-        watch.what = {"s1:a4:u16@0"};
-        watch.intervalMs = 10;
-        watch.forSeconds = state == 1 ? 20 : 0.3;
-        watch.count = 1;
-        EXPECT_EQ(Watch(folder.options, watch), state == 1 ? ExitOk : ExitNegative);
-        const std::string text = testing::internal::GetCapturedStdout();
-        EXPECT_HAS(text, state == 1 ? "\t23130\n" : "\ttime-out\t");
-        int status = -1;
-        waitpid(service, &status, 0);
-        EXPECT_EQ(status, 0);
     }
 }
 

@@ -1,4 +1,6 @@
 """voqctl's one-shot requests and prepared sets against the real service."""
+import fcntl
+import os
 import pathlib
 import random
 import shutil
@@ -21,8 +23,15 @@ def ordered(word=WORD, **options):
 
 
 def image(kind, word, *values):
-    order = ">" if word == WORD and kind != "d" else "<"
-    return struct.pack(f"{order}{len(values)}{kind}", *values)
+    """The bytes of numbers in the order that the word says for their class: bit 0 of its code swaps the bytes of each word,
+    bit 1 the words, and both together reverse all."""
+    code = {"H": word, "I": word >> 4, "F": word >> 8, "D": 0}[kind.upper()] & 3
+    raw = b""
+    for value in values:
+        words = [struct.pack(f"<{kind}", value)[i: i + 2] for i in range(0, struct.calcsize(kind), 2)]
+        words = words[::-1] if code & 2 else words
+        raw += b"".join(word[::-1] if code in (1, 3) else word for word in words)
+    return raw
 
 
 def ctl(command, *arguments, word=WORD, status=0):
@@ -42,7 +51,7 @@ def left_over(service):
 
 
 @pytest.mark.sanitized
-@pytest.mark.parametrize("word", [0, WORD])
+@pytest.mark.parametrize("word", [0, WORD, 0x112, 0x223])
 def test_reads_and_writes(start, word):
     service = start(ordered(word))
     for kind, values in (("u16", (0, 65535, 0x1234)), ("s16", (-2, 32767)), ("u32", (0x12345678, 9)), ("s32", (-70000,)),
@@ -61,8 +70,13 @@ def test_reads_and_writes(start, word):
     raw = "s1:a1:raw:3@70,unit=1"
     ctl("write", raw, "0a0b0c", word=word)
     assert service.sim.value(Key(70, 1, layout=0x13)) == b"\n\v\f" and ctl("read", raw, word=word) == "0a0b0c"
-    ctl("write", "s1:a1:u16@40,big_endian", 0x0102, word=word)
-    assert service.sim.value(Key(40)) == b"\1\2"
+    for what, value, raw in (("u16@40,big_endian", 0x0102, b"\1\2"), ("raw:3@40,big_endian", "0a0b0c", b"\n\v\f"),
+                             ("double@40,big_endian", 1.5, b"\x3f\xf8" + bytes(6))):
+        ctl("write", "s1:a1:" + what, value, word=word)
+        assert service.sim.value(Key(40, layout=0x20 + len(raw))) == raw
+        assert ctl("read", "s1:a1:" + what, word=word) == str(value)
+    service.sim.set(Key(40), image("H", word, 0x49C0))  # a nibble beyond 9 does not come back
+    assert ctl("read", "s1:a1:u16@40,bcd", word=word) == "0x49c0(no bcd)"
     assert left_over(service) == []
 
 
@@ -159,6 +173,34 @@ def test_refused_before_anything_is_sent(start):
     assert {c.command for c in calls} == {service.sim.WRONE} and {c.addr for c in calls} == set(range(1, 2041, 64))
 
 
+def test_watch(start):
+    service = start(ordered(pause=1), [Key(0, 2), Key(0, 1)])
+    wait_for(lambda: all(n.state == 1 for n in service.chain()), "first values")
+    (service / "im1_1_22_0").write_bytes((service / "im1_1_22_0").read_bytes()[:12])  # the rest is found along the chain
+    service.sim.set(Key(0, 2), b"\1\2\3\4")
+    done = voqctl("watch", "--interval", 10, "--count", 2, "s1:a1:u16@0*2", "s1:a1:u16@0", "s1:a1:u16@50,priority=1")
+    assert done.returncode == 0, done
+    lines = [line.split("\t")[1:] for line in done.stdout.splitlines()]
+    assert ["s1:a1:u16@0*2", "ok", "513 1027"] in [line[:2] + line[3:] for line in lines]
+    assert lines[-1][1] == "ok" and {line[0] for line in lines} == {f"s1:a1:u16@{t}" for t in ("0*2", "0", "50,priority=1")}
+    wait_for(lambda: all(n.logtimes == 0 for n in service.chain()), "log-off")
+    service.sim.fail(service.sim.ERROR)
+    done = voqctl("watch", "--interval", 10, "--for", 0.3, "s1:a1:u16@0")
+    assert done.returncode == 1 and "\terror\t" in done.stdout
+
+
+def test_readers_wait_for_the_service(start):
+    service = start(ordered(), [Key(0, 2)], driver=None)
+    wait_for(lambda: service.node(Key(0, 2)).state == 3, "the attempt")
+    with open(service / "org", "r+b", buffering=0) as org:
+        fcntl.lockf(org, fcntl.LOCK_EX)
+        process = begin("dump")
+        wait_for(lambda: f"-> POSIX  ADVISORY  READ {process.pid} " in pathlib.Path("/proc/locks").read_text(), "a reader")
+        org.seek(12 + 36)
+        org.write(b"\7")
+    assert b"state 7 (code 7)" in process.communicate()[0] and process.returncode == 0
+
+
 def test_failures_and_late_answers(start):
     """Each failure has its sentence and status; an answer that comes too late is removed all the same."""
     service = start(ordered())
@@ -179,6 +221,19 @@ def test_failures_and_late_answers(start):
     wait_for(lambda: sim.value(Key(1)) == b"\x09\0", "the write carried out")
     wait_for(lambda: left_over(service) == [], "no file left")
 
+    sim.fail(sim.HANG)
+    one = "--first-number", 700, "--last-number", 700
+    process = begin("read", *one, what)
+    wait_for(lambda: sim.hanging, "the driver in the read")
+    answer = Key(0).pack() + struct.pack("<HBB4xHHI", 3, 1, 1, 700, 0, 0)
+    (service / "new").write_bytes(answer)
+    (service / "new").rename(service / "700")
+    assert b"that of another client" in process.communicate()[1] and process.returncode == 1
+    sim.fail(0)
+    wait_for(lambda: (service / "700").exists(), "the answer itself")
+    assert "no request number from 700 to 700 is free" in ctl("read", *one, what, status=1)
+    (service / "700").unlink()
+
     sim.fail(sim.TIMEOUT)
     assert ctl("read", what, status=3) == f"voqctl: {what}: time-out: the PLC does not answer"
     sim.fail(sim.HANG)
@@ -187,8 +242,15 @@ def test_failures_and_late_answers(start):
     assert "refused: the port is in time-out" in ctl("read", what, status=5)
     sim.fail(0)
     wait_for(lambda: sorted(left_over(service)) == ["100", "101", "102"], "the other client's answers")
+    sim.fail(sim.HANG)
+    ctl("read", "--timeout", 0.1, *one, what, status=6)
+    (service / "700").write_bytes(bytes(12))  # cut short: goes when the service is gone
     service.stop()
+    wait_for(lambda: not (service / "700").exists(), "nothing left")
     assert "service not running" in ctl("read", what, status=7)
+    (service / "guififo").unlink()
+    (service / "guififo").write_bytes(b"")
+    assert "not a FIFO" in ctl("read", "--fifo", "gui", what, status=1)
 
 
 def without_stamps(org):
@@ -232,9 +294,15 @@ def test_prepared_set(start):
     wait_for(lambda: all(n.state == 1 for n in service.chain()), "first values")
     assert compare(0) == "" and voqctl("check").returncode == 0
     service.stop()
-    raw = bytearray((service / "org").read_bytes())
-    raw[12 + 44] ^= 1
-    raw[12 + 16] ^= 1
-    (service / "org").write_bytes(raw)
-    lines = compare(1)
-    assert lines.count("\n") == 2 and "org 12: range p1:" in lines and "org 12: dataoffset 0 / 1" in lines
+    some_map = next(name for name in names if name.startswith("im"))
+    for name, place, said in (("org", 12 + 44, "org 12: dataoffset 0 / 1\n"), ("org", 12 + 16, "org 12: range p1:"),
+                              ("index", 12, "index 0: entry "), (some_map, 8, some_map + " 0: entry ")):
+        whole = (service / name).read_bytes()
+        (service / name).write_bytes(whole[:place] + bytes([whole[place] ^ 1]) + whole[place + 1:])
+        assert compare(1).startswith(said) and compare(1).count("\n") == 1
+        (service / name).write_bytes(whole)
+    (service / some_map).unlink()
+    os.truncate(service / "data", 10)
+    assert compare(1).count("\n") == 2 and voqctl("check", "--quiet").returncode == 1
+    os.truncate(service / "org", (64 << 20) + 1)
+    assert "67108865 bytes" in voqctl("check").stderr
