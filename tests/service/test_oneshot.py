@@ -481,10 +481,12 @@ def test_subscribed_ranges(start):
     """A subscription that is polled every two seconds shows what one-shots write and read meanwhile."""
     slow = [Key(100, 4, flag=SLOWEST), Key(102, 1, flag=SLOWEST), Key(110, 2, flag=SLOWEST)]
     client = Client(start())
-    sim, service = client.sim, client.service
+    sim, service, unread = client.sim, client.service, [Key(299, 1), Key(298, 2), Key(299, 2)]
     for i, key in enumerate(slow):
         service.send(log_on(key, 10 + i))
+    service.send(b"".join(log_off(key, 9) for key in unread))  # records that nobody reads
     wait_for(lambda: all(service.node(k) and service.node(k).state == 1 for k in slow), "first values")
+    wait_for(lambda: all(map(service.node, unread)), "records")
 
     def unpolled(act):
         """What happened between two looks at the log in which no poll was made; polls are due every two seconds."""
@@ -516,7 +518,9 @@ def test_subscribed_ranges(start):
 
     for act in (written, read_back, changed):
         unpolled(act)
-    assert all(n.state == 1 for n in service.chain())
+    assert client.served(write(297, 1, 2, 3)) == [(1, b"")]
+    assert [service.node(k).state for k in unread] == [1, 1, 0]
+    assert service.value(unread[1]) == b"\2\0\3\0" and service.value(unread[2]) == bytes(4)
     client.nothing_left()
 
 
