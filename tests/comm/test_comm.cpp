@@ -24,7 +24,7 @@ TEST_F(Comm, NothingOfTheBufferIsTakenForAValue)
 {
     FakeDriver::Use();
     EXPECT_EQ(PLC_SUCCESS, PlcDrvRead(WordKey(0, 3, 0x29), buffer.data()));
-    EXPECT_EQ(0, FakeDriver::Transfers().at(0).length);
+    EXPECT_EQ(0, FakeDriver::Calls.at(1).length);
     EXPECT_EQ(std::vector<unsigned char>(27, 0), std::vector(&buffer[0], &buffer[27]));
     EXPECT_EQ(0xAA, buffer[27]);
 }

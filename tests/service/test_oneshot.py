@@ -10,8 +10,6 @@ from collections import Counter
 from dataclasses import dataclass, replace
 
 import pytest
-from pymodbus.client import ModbusTcpClient
-from test_modbus import plc  # noqa: F401, a fixture
 from voqtest import (ALWAYS, CHANGE, READ, SLOWEST, WRITE, Key, com_info, frame, libc, log_off, log_on,
                      read_locked, wait_for)
 
@@ -521,42 +519,4 @@ def test_subscribed_ranges(start):
     assert client.served(write(297, 1, 2, 3)) == [(1, b"")]
     assert [service.node(k).state for k in unread] == [1, 1, 0]
     assert service.value(unread[1]) == b"\2\0\3\0" and service.value(unread[2]) == bytes(4)
-    client.nothing_left()
-
-
-def test_modbus_plc(start, plc):  # noqa: F811
-    """The same through the Modbus driver: what a client of its own sees in the PLC."""
-    plc()
-    com = bytearray(com_info(link=2, address=0x7F000001, para=struct.pack("<HH", plc.port, 1000), pause=2))
-    struct.pack_into("<H", com, 12, 0x331)  # registers come high byte first
-    client = Client(start(bytes(com), driver="modbus_tcp", directory="/u/tcp_1"), beat=False)
-    other = ModbusTcpClient("127.0.0.1", plc.port)
-    wait_for(other.connect, "the PLC")
-
-    def holding(addr, count):
-        return other.read_holding_registers(addr, count, slave=1).registers
-
-    def image(*words):
-        return struct.pack(f">{len(words)}H", *words)
-
-    subscribed = Key(20, 3, regid=4, flag=SLOWEST)
-    client.service.send(log_on(subscribed, 5))
-    wait_for(lambda: client.service.node(subscribed) and client.service.node(subscribed).state == 1, "polling")
-    assert client.served(Request(WRITE, subscribed, image(0x1234, 2, 0xFFFE))) == [(1, b"")]
-    assert holding(19, 5) == [0, 0x1234, 2, 0xFFFE, 0]
-    wait_for(lambda: client.service.value(subscribed) == image(0x1234, 2, 0xFFFE), "the value at once", 2)
-    other.write_registers(21, [0xA5A5], slave=1)
-    # Bits count in the image as it lies, first byte first; numbers are brought into the PLC's order.
-    field = change(CHANGED, BIT_FIELD, Key(21, regid=4), struct.pack("<HHI", 4, 5, 0b01101))
-    bit = change(PULSE, SET_BIT, Key(22, regid=4), bit=15, form=0)
-    add = change(CHANGED, ADD, Key(20, regid=4), struct.pack("<HHH", 0xFF, 0, 0xFFFF), form=2, size=2)
-    assert client.served(field, bit, add) == [(1, b"\1\0")] * 3
-    assert holding(19, 5) == [0, 0x1333, 0xD5A4, 0xFF7E, 0]
-    assert client.served(read(20, 3, regid=4)) == [(1, image(*holding(20, 3)))]
-    assert client.served(Request(WRITE, Key(30, 3, regid=0, layout=0), b"\1\0\1")) == [(1, b"")]
-    assert other.read_coils(29, 5, slave=1).bits[:5] == [False, True, False, True, False]
-    lamp = client.post(pulse(Key(31, regid=0, layout=0), 1, 0))
-    wait_for(lambda: other.read_coils(31, 1, slave=1).bits[0], "the pulse")
-    assert client.answered(lamp) == [(1, b"\1\0")] and not other.read_coils(31, 1, slave=1).bits[0]
-    other.close()
     client.nothing_left()

@@ -11,7 +11,6 @@
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "comm/plc_driver.h"
@@ -83,55 +82,29 @@ inline OrgNode ReadOrgNode(const std::string& org, std::uint32_t offset)
 
 struct DriverCall {
     std::string command;
-    RegKey key;  // of RdOne and WrOne
-    std::int32_t length;
-    unsigned char* data;
+    std::int32_t length;  // of RdOne and WrOne
 };
 
-// The recording driver: what it was asked, what it answers (Script in order, then 0), what it does when it succeeds.
+// A driver that says yes to everything and leaves buffers alone; what it was asked is recorded.
 struct FakeDriver {
     static inline std::vector<DriverCall> Calls;
-    static inline std::vector<std::int32_t> Script;
-    static inline void (*Serve)(const PlcRequest& request, bool write) = nullptr;
-    static inline bool InitFails = false;
 
     static std::int32_t Command(const char* command, void* target, void** args)
     {
         static int instance;
-        if (std::strcmp(command, "RdOne") != 0 && std::strcmp(command, "WrOne") != 0) {
-            Calls.push_back({command, {}, 0, nullptr});
-            if (std::strcmp(command, "Init") == 0 && !InitFails) *static_cast<void**>(target) = &instance;
-            return 0;
-        }
-        const PlcRequest& request = *static_cast<PlcRequest*>(args[0]);
-        Calls.push_back({command, *request.key, request.length, static_cast<unsigned char*>(request.data)});
-        std::int32_t result = PLC_DRV_OK;
-        if (!Script.empty()) {
-            result = Script.front();
-            Script.erase(Script.begin());
-        }
-        if (result == PLC_DRV_OK && Serve != nullptr) Serve(request, command[0] == 'W');
-        return result;
+        const bool transfer = std::strcmp(command, "RdOne") == 0 || std::strcmp(command, "WrOne") == 0;
+        if (std::strcmp(command, "Init") == 0) *static_cast<void**>(target) = &instance;
+        Calls.push_back({command, transfer ? static_cast<PlcRequest*>(args[0])->length : 0});
+        return PLC_DRV_OK;
     }
 
-    // The transfers recorded since the last call.
-    static std::vector<DriverCall> Transfers()
-    {
-        std::vector<DriverCall> calls = std::exchange(Calls, {});
-        std::erase_if(calls, [](const DriverCall& call) { return call.data == nullptr; });
-        return calls;
-    }
-
-    // No instance, nothing recorded, nothing scripted; the entry point is this driver's.
+    // No instance, nothing recorded; the entry point is this driver's.
     static void Use()
     {
         const MutexLock lock(DriverLock);
         _cmd = Command;
         _thiz = nullptr;
         Calls.clear();
-        Script.clear();
-        Serve = nullptr;
-        InitFails = false;
     }
 };
 
