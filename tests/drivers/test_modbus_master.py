@@ -1,4 +1,4 @@
-"""The Modbus master drivers against stations that lie: what goes over the wire, and that no wrong answer is believed."""
+"""The Modbus masters against stations that lie: what goes over the wire, and that no wrong answer is believed."""
 import socket
 import struct
 import termios
@@ -60,8 +60,9 @@ def test_what_modbus_cannot_say_is_refused_unsent(tcp):
     driver, server = tcp
     for key, size in ((Key(0, regid=0), 2), (Key(0, regid=0x104), 2), (holding(0, 2, layout=0x11), 2),
                       (holding(1, layout=0x02), 2), (holding(65535, 2), 4), (Key(65535, 2, regid=0, layout=0), 2),
-                      (holding(0, layout=0), 1), (holding(0x80000000), 2), (holding(0xFFFFFFFF, 65535, layout=0xF8), 524280),
-                      (holding(0, 2), 2), (holding(0, 0), 0), (holding(0, layout=0x2F), 0), (holding(0, unit=250), 2)):
+                      (holding(0, layout=0), 1), (holding(0x80000000), 2), (holding(0, 2), 2), (holding(0, 0), 0),
+                      (holding(0, layout=0x2F), 0), (holding(0, unit=250), 2),
+                      (holding(0xFFFFFFFF, 65535, layout=0xF8), 524280)):
         assert driver.read(key, size) == 3, key
     assert driver.write(Key(0, regid=1, layout=0), b"\1") == 3
     assert driver.write(Key(0, regid=3), b"\1\2") == 3

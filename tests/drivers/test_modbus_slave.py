@@ -54,7 +54,8 @@ class Slave:
         return [((kind, addr + i), slice(i * size, (i + 1) * size)) for i in range(width)]
 
     def read(self, kind, addr, width, buffer, _):
-        values = [self.panel.get(place, bytes(part.stop - part.start)) for place, part in self.places(kind, addr, width)]
+        places = self.places(kind, addr, width)
+        values = [self.panel.get(place, bytes(part.stop - part.start)) for place, part in places]
         if addr != UNUSABLE:
             ctypes.memmove(buffer, b"".join(values), sum(map(len, values)))
         return 3 if addr == UNUSABLE else 1
@@ -152,7 +153,8 @@ def test_tcp_slave_refuses_and_lets_no_master_hold_up_another():
     assert ask(eight[1], request[:9]) == b""
     assert ask(ninth, adu(b"\x12\4\x27\x10\0\1")) == adu(b"\x12\x84\x0b")
     assert ask(eight[1], request[9:]) == answer
-    for refused, said in ((b"\4\x27\x10\0", b"\x84\3"), (b"\x10\0\0\0\2\4\1\2", b"\x90\3"), (b"\x10\0\0\0\1\4\1\2", b"\x90\3")):
+    for refused, said in ((b"\4\x27\x10\0", b"\x84\3"), (b"\x10\0\0\0\2\4\1\2", b"\x90\3"),
+                          (b"\x10\0\0\0\1\4\1\2", b"\x90\3")):
         assert ask(ninth, adu(b"\x11" + refused)) == adu(b"\x11" + said)
     for none in (b"\0\1\0\1\0\6\1\3", b"\0\1\0\0\0\1\1", b"\0\1\0\0\1\0\1\3"):
         assert ask(connect(), none) is None

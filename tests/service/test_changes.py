@@ -1,5 +1,5 @@
-"""Every change of a value, on the whole process, against a second opinion that computes another way: exact integers instead
-of wrap tests, decimal strings instead of division, slices instead of swaps."""
+"""Every change of a value, on the whole process, against a second opinion that computes another way: exact integers
+instead of wrap tests, decimal strings instead of division, slices instead of swaps."""
 import ctypes
 import math
 import random
@@ -186,8 +186,8 @@ def test_changes_agree_with_a_second_opinion(start, word):
             image = (some_number(rng, c.type) + some_number(rng, c.type) + bytes(200))[: key.size]
             client.sim.set(key, image)
             form = c.type | 0x8000 * c.wrap | 0x4000 * c.bounce
-            cases.append((c, key, image, change(CHANGED | REVERSED * c.reversed, c.operation, key, c.operands, c.bit, form,
-                                                c.size)))
+            subcmd = CHANGED | REVERSED * c.reversed
+            cases.append((c, key, image, change(subcmd, c.operation, key, c.operands, c.bit, form, c.size)))
         answers = client.served(*(request for *_, request in cases))
         for (c, key, image, _), answer in zip(cases, answers):
             expected, turned = changed(image, c)

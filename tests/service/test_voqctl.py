@@ -17,14 +17,26 @@ NAMES = {"u16": "H", "s16": "h", "u32": "I", "s32": "i", "float": "f", "double":
 LAYOUTS = {"H": 0x22, "h": 0x22, "I": 0x24, "i": 0x24, "f": 0x24, "d": 0x28}
 
 
+@pytest.fixture
+def start(start):
+    """Starts the service and waits until it reads the FIFO that voqctl writes into."""
+    def begin_reading(*arguments, **options):
+        service = start(*arguments, **options)
+        if (service / "mekfifo").exists():
+            service.send(b"", "mek")
+        return service
+
+    return begin_reading
+
+
 def ordered(word=WORD, **options):
     com = com_info(**options)
     return com[:12] + struct.pack("<H", word) + com[14:]
 
 
 def image(kind, word, *values):
-    """The bytes of numbers in the order that the word says for their class: bit 0 of its code swaps the bytes of each word,
-    bit 1 the words, and both together reverse all."""
+    """The bytes of numbers in the order that the word says for their class: code 1 swaps the bytes of each word, code 2
+    the words, code 3 both."""
     code = {"H": word, "I": word >> 4, "F": word >> 8, "D": 0}[kind.upper()] & 3
     raw = b""
     for value in values:
@@ -43,7 +55,8 @@ def ctl(command, *arguments, word=WORD, status=0):
 def begin(command, *arguments):
     """The same without waiting for its end."""
     arguments = (command, "--dir", USER, "--link", "serial", "--port", 1, *arguments)
-    return subprocess.Popen([BUILD / "bin/voqctl", *map(str, arguments)], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    arguments = BUILD / "bin/voqctl", *map(str, arguments)
+    return subprocess.Popen(arguments, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
 
 def left_over(service):
@@ -176,13 +189,14 @@ def test_refused_before_anything_is_sent(start):
 def test_watch(start):
     service = start(ordered(pause=1), [Key(0, 2), Key(0, 1)])
     wait_for(lambda: all(n.state == 1 for n in service.chain()), "first values")
-    (service / "im1_1_22_0").write_bytes((service / "im1_1_22_0").read_bytes()[:12])  # the rest is found along the chain
+    os.truncate(service / "im1_1_22_0", 12)  # the rest is found along the chain
     service.sim.set(Key(0, 2), b"\1\2\3\4")
     done = voqctl("watch", "--interval", 10, "--count", 2, "s1:a1:u16@0*2", "s1:a1:u16@0", "s1:a1:u16@50,priority=1")
     assert done.returncode == 0, done
     lines = [line.split("\t")[1:] for line in done.stdout.splitlines()]
     assert ["s1:a1:u16@0*2", "ok", "513 1027"] in [line[:2] + line[3:] for line in lines]
-    assert lines[-1][1] == "ok" and {line[0] for line in lines} == {f"s1:a1:u16@{t}" for t in ("0*2", "0", "50,priority=1")}
+    names = {f"s1:a1:u16@{text}" for text in ("0*2", "0", "50,priority=1")}
+    assert lines[-1][1] == "ok" and {line[0] for line in lines} == names
     wait_for(lambda: all(n.logtimes == 0 for n in service.chain()), "log-off")
     service.sim.fail(service.sim.ERROR)
     done = voqctl("watch", "--interval", 10, "--for", 0.3, "s1:a1:u16@0")
@@ -195,7 +209,8 @@ def test_readers_wait_for_the_service(start):
     with open(service / "org", "r+b", buffering=0) as org:
         fcntl.lockf(org, fcntl.LOCK_EX)
         process = begin("dump")
-        wait_for(lambda: f"-> POSIX  ADVISORY  READ {process.pid} " in pathlib.Path("/proc/locks").read_text(), "a reader")
+        waiting = f"-> POSIX  ADVISORY  READ {process.pid} "
+        wait_for(lambda: waiting in pathlib.Path("/proc/locks").read_text(), "a reader")
         org.seek(12 + 36)
         org.write(b"\7")
     assert b"state 7 (code 7)" in process.communicate()[0] and process.returncode == 0
