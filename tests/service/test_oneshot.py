@@ -225,6 +225,7 @@ CASES = {  # settings of the port, requests listed at once, driver calls of each
 }
 
 
+@pytest.mark.sanitized
 @pytest.mark.parametrize("name", CASES)
 def test_driver_calls(start, name):
     settings, requests, passes = CASES[name]
