@@ -517,7 +517,8 @@ def test_subscribed_ranges(start):
 
     for act in (written, read_back, changed):
         unpolled(act)
-    assert client.served(write(297, 1, 2, 3)) == [(1, b"")]
-    assert [service.node(k).state for k in unread] == [1, 1, 0]
+    for request, states in ((read(297, 3), [0, 0, 0]), (write(297, 1, 2, 3), [1, 1, 0])):  # nothing is subscribed there
+        assert client.served(request)[0][0] == 1
+        assert [service.node(k).state for k in unread] == states
     assert service.value(unread[1]) == b"\2\0\3\0" and service.value(unread[2]) == bytes(4)
     client.nothing_left()

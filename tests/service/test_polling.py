@@ -87,6 +87,26 @@ def test_records_inside_a_read(start):
         assert service.node(key).state == 0 and not any(service.value(key))
 
 
+def test_logged_off_in_the_middle_of_a_round(start):
+    """A range that is next when it is logged off, the driver being at work on the one before, is not read again."""
+    service, keys = start(com_info(pause=1, packing=1)), [Key(n) for n in range(3)]
+    service.send(b"".join(log_on(key, key.addr) for key in keys))
+    cut_off = set()
+    while cut_off != {0, 1, 2}:
+        service.sim.cycle(3)
+        service.sim.fail(service.sim.HANG)
+        wait_for(lambda: service.sim.hanging, "a read that hangs")
+        since, following = service.sim.logged, (service.sim.calls()[-1].addr + 2) % 3
+        served = service.count("fileno=99 error")
+        service.send(log_off(keys[following], following, 12) + log_off(keys[0], 99, 12))
+        service.wait_out("*VOQ*del fast fileno=99 error!!!\r\n", served + 1)
+        service.sim.fail(0)
+        wait_for(lambda: service.sim.logged >= since + 6, "more reads")
+        assert following not in [c.addr for c in service.sim.calls(since)]
+        service.send(log_on(keys[following], following))
+        cut_off.add(following)
+
+
 def test_entries_without_a_record_are_never_polled(start):
     service = start(com_info(pause=1), [Key(0, 2)])
     offsets = 12, 13, 12 + 56 * 2, 0xFFFFFFF0, 0xFFFFFFFF  # the first alone is on a record; the last says: none
