@@ -1,16 +1,18 @@
 // Arbitrary bytes as a one-shot request. First byte even: key, flags and operand go straight into the change, with a
 // device that fails at times. Odd: the request takes the whole way, from admission through a pass to its answer.
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
-#include "../support/scratch.h"
 #include "arch/fs.h"
+#include "comm/plc_driver.h"
+#include "list/rt_file.h"
 #include "list/rt_list.h"
+#include "memory_files.h"
 #include "oper/rt_pass.h"
 #include "rdchgwr/rd_chg_wr.h"
 #include "state/com_state.h"
+#include "voq/reg_range.h"
 #include "voq/rt_item.h"
 
 namespace
@@ -57,8 +59,8 @@ std::int32_t Command(const char* command, void*, void** args)
 
 void ServeListed(const Header& head, unsigned char* payload, std::uint32_t size)
 {
-    static const Scratch scratch;
-    static const std::string answer = scratch.Folder() + "5";
+    const RtPath answer = RtPath::Result(5);
+    ResetBox();
     _cmd = Command;
     ResetRtList();
     const RegRequest request{head.key, 0, 0, 5, 0};
@@ -66,16 +68,15 @@ void ServeListed(const Header& head, unsigned char* payload, std::uint32_t size)
     OperRtList();
     OperRtList();
     const bool listed = GuiListHead.count != 0;
-    if (FileExists(answer.c_str()) == listed) abort();  // either it waits or it is answered
-    RemoveFile(answer.c_str());
+    if (FileExists(answer.Text()) == listed) abort();  // either it waits or it is answered
 }
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static const bool silent = std::freopen("/dev/null", "w", stdout) != nullptr;
+    static const bool ready = StartBox();
     Header head;
-    if (!silent || size < sizeof head) return 0;
+    if (!ready || size < sizeof head) return 0;
     std::memcpy(&head, data, sizeof head);
     std::vector<unsigned char> operand(data + sizeof head, data + size);
     ComInfo.byteOrder = head.portOrder;

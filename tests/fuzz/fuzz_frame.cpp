@@ -1,14 +1,13 @@
 // Arbitrary bytes in a client FIFO, cut anywhere: every request ends in the real lists and files, the passes then run
 // on them, and the register database stays sound.
 #include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <string>
 
 #include "../support/scratch.h"
 #include "list/index.h"
 #include "list/org_check.h"
 #include "list/rt_list.h"
+#include "memory_files.h"
 #include "oper/fast_pass.h"
 #include "oper/intake.h"
 #include "oper/org_pass.h"
@@ -17,15 +16,10 @@
 
 namespace
 {
-int Ends[2];
-
 bool Start()
 {
-    static const Scratch scratch;
     InitPriRange();
-    if (pipe(Ends) != 0) abort();
-    GuiFifo_fd = MekFifo_fd = Ends[0];
-    return std::freopen("/dev/null", "w", stdout) != nullptr;
+    return StartBox();
 }
 
 struct Input {
@@ -100,7 +94,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         stream += (run & 1) != 0 ? WholeFrame(in) : in.Bytes(run / 2u);
     }
 
-    Scratch::ResetDatabase();
+    ResetBox();
     ResetRtList();
     FakeDriver::Use();
     ComInfo = {};
@@ -110,8 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     CurrentNode = LoopReStart = 0;
     const std::size_t piece = how < 4 ? 16384 : how / 2;
     for (std::size_t at = 0; at < stream.size(); at += piece) {
-        const std::size_t here = std::min(piece, stream.size() - at);
-        if (write(Ends[1], stream.data() + at, here) != static_cast<ssize_t>(here)) abort();
+        FifoBytes = stream.substr(at, piece);
         (how & 1) != 0 ? CheckMekRtList() : CheckGuiRtList();
     }
     Serve();

@@ -1,27 +1,21 @@
 // Arbitrary bytes as the project file, through both of its readers: nothing is read outside it, and whatever ranges it
 // names leave a sound register database.
 #include <cstdint>
-#include <cstdio>
+#include <cstring>
 #include <string>
 
-#include "../support/scratch.h"
 #include "fileinit/get_com_info.h"
 #include "fileinit/init_org.h"
 #include "list/index.h"
 #include "list/org_check.h"
+#include "memory_files.h"
+#include "state/com_state.h"
 
 namespace
 {
 constexpr std::size_t MostBytes = 1024;  // a register takes 8 of them and up to 65792 in the data file
 
-std::string ProjectPath;
-
-bool Start()
-{
-    static const Scratch scratch;
-    ProjectPath = scratch.Folder() + "ophmi.bin";
-    return std::freopen("/dev/null", "w", stdout) != nullptr;
-}
+constexpr char ProjectPath[] = "ophmi.bin";
 
 // A project of fixed segments around the given bytes: without it hardly an input would reach a register.
 std::string Project(const std::uint8_t* data, std::size_t size)
@@ -43,20 +37,17 @@ std::string Project(const std::uint8_t* data, std::size_t size)
 // the port index.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static const bool ready = Start();
+    static const bool ready = StartBox();
     if (!ready) abort();
     if (size == 0 || size > MostBytes) return 0;
     const bool whole = (data[0] & 1) != 0;
     const std::string bytes =
         whole ? std::string(reinterpret_cast<const char*>(data + 1), size - 1) : Project(data + 1, size - 1);
-    std::FILE* file = std::fopen(ProjectPath.c_str(), "wb");
-    if (file == nullptr || std::fwrite(bytes.data(), 1, bytes.size(), file) != bytes.size()) abort();
-    std::fclose(file);
-
-    Scratch::ResetDatabase();
+    ResetBox();
+    StoreFile(ProjectPath, bytes.data(), bytes.size());
     ComInfo = {};
-    GetComInfo(ProjectPath.c_str(), data[0] >> 1);
-    InitOrgFromFile(ProjectPath.c_str());
+    GetComInfo(ProjectPath, data[0] >> 1);
+    InitOrgFromFile(ProjectPath);
     InitIndexMap();
     if (CheckDatabase() != DatabaseState::Sound) abort();
     return 0;

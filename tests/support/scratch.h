@@ -19,6 +19,29 @@
 #include "state/paths.h"
 #include "voq/org_record.h"
 
+inline void SetWorkingPaths(const std::string& folder)
+{
+    struct {
+        char* path;
+        const char* name;
+    } const paths[] = {
+        {DataDir, ""},         {LBName, "lb.dat"},         {LWName, "lw.dat"},       {SRWName, "srw0.dat"},
+        {SRBName, "srb0.dat"}, {RWName, "rw.dat"},         {vSRWName, "srw.dat"},    {vSRBName, "srb.dat"},
+        {OrgFileName, "org"},  {DataFileName, "data"},     {IndexFileName, "index"}, {TimeoutName, "timeout"},
+        {GuiFifo, "guififo"},  {ComErrorName, "comerror"}, {MekFifo, "mekfifo"},     {SlaveNoName, "slaveno"}};
+    for (const auto& [path, name] : paths) std::strcpy(path, (folder + name).c_str());
+}
+
+// An empty fast list, no failures counted.
+inline void ResetState()
+{
+    ResetFastList();
+    GlobeTimeout = 0;
+    GlobeComError = 0;
+    LogOnAmount = 0;
+    std::memset(StationDisable, 0, sizeof StationDisable);
+}
+
 class Scratch
 {
 public:
@@ -27,15 +50,7 @@ public:
         char unique[] = "/dev/shm/voqXXXXXX";
         if (mkdtemp(unique) == nullptr) std::abort();
         folder_ = std::string(unique) + "/";
-        struct {
-            char* path;
-            const char* name;
-        } const paths[] = {
-            {DataDir, ""},         {LBName, "lb.dat"},         {LWName, "lw.dat"},       {SRWName, "srw0.dat"},
-            {SRBName, "srb0.dat"}, {RWName, "rw.dat"},         {vSRWName, "srw.dat"},    {vSRBName, "srb.dat"},
-            {OrgFileName, "org"},  {DataFileName, "data"},     {IndexFileName, "index"}, {TimeoutName, "timeout"},
-            {GuiFifo, "guififo"},  {ComErrorName, "comerror"}, {MekFifo, "mekfifo"},     {SlaveNoName, "slaveno"}};
-        for (const auto& [path, name] : paths) std::strcpy(path, (folder_ + name).c_str());
+        SetWorkingPaths(folder_);
         ResetDatabase();
     }
     ~Scratch() { std::filesystem::remove_all(folder_); }
@@ -44,17 +59,13 @@ public:
 
     [[nodiscard]] const std::string& Folder() const { return folder_; }
 
-    // An empty org list, index and data file, an empty fast list, no failures counted.
+    // An empty org list, index and data file, and the state that belongs to them.
     static void ResetDatabase()
     {
         std::ofstream(OrgFileName, std::ios::binary) << std::string(sizeof(OrgHeader), '\0');
         std::ofstream(DataFileName, std::ios::binary | std::ios::trunc);
         std::ofstream(IndexFileName, std::ios::binary | std::ios::trunc);
-        ResetFastList();
-        GlobeTimeout = 0;
-        GlobeComError = 0;
-        LogOnAmount = 0;
-        std::memset(StationDisable, 0, sizeof StationDisable);
+        ResetState();
     }
 
 private:

@@ -1,0 +1,15 @@
+// The service's working files in memory, in place of arch/work_file.cpp and arch/fs.cpp: a fuzz target runs without
+// system calls. The process ends when a file is opened while it is open, or is still open at the end of an input.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+// To be called once: the working paths, and silence on standard output.
+bool StartBox();
+// Forgets every file but an empty register database; lists and counters are as after start-up.
+void ResetBox();
+void StoreFile(const char* path, const void* bytes, std::size_t size);
+
+extern std::string FifoBytes;  // what the next read of a client FIFO finds
