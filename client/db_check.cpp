@@ -83,11 +83,11 @@ void Checker::CheckHeader()
     const std::size_t size = files.org.bytes.size();
     if (size < sizeof(OrgHeader)) return Bad("org", 0, "shorter than its header: " + Str(size) + " bytes");
     const OrgHeader header = files.org.Header();
-    const std::uint32_t records = files.org.RecordsInFile();
     const std::size_t rest = (size - sizeof(OrgHeader)) % sizeof(OrgNode);
     if (rest != 0) Bad("org", size - rest, "a record is cut off after " + Str(rest) + " bytes");
-    if (header.count != records) {
-        Bad("org", offsetof(OrgHeader, count), "count is " + Str(header.count) + ", the file holds " + Str(records));
+    if (header.count != chain.records.size()) {
+        Bad("org", offsetof(OrgHeader, count),
+            "count is " + Str(header.count) + ", the chain visits " + Str(chain.records.size()));
     }
     const std::uint32_t last = chain.records.empty() ? 0 : chain.records.back().offset;
     if (!chain.badLink && header.tail != last) {
@@ -114,12 +114,10 @@ void Checker::CheckLinks()
         place.emplace(offset, i);
         previous = offset;
     }
-    const std::uint32_t records = files.org.RecordsInFile();
-    if (chain.records.size() == records) return;
-    Bad("org", 0, "the chain visits " + Str(chain.records.size()) + " of " + Str(records) + " records");
-    for (std::uint32_t i = 0; i < records; ++i) {
+    // An insertion that could not be finished leaves its record behind, and the bytes of its value.
+    for (std::uint32_t i = 0; i < files.org.RecordsInFile(); ++i) {
         const std::uint32_t offset = OrgFirstRecord + i * static_cast<std::uint32_t>(sizeof(OrgNode));
-        if (!place.contains(offset)) Bad("org", offset, "the record is not on the chain");
+        if (!place.contains(offset)) Note("org", offset, "the record is not on the chain");
     }
 }
 
