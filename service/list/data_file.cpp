@@ -34,18 +34,18 @@ std::int32_t AddDataToFile(const void* buffer, std::uint32_t size)
     return NoRegion;
 }
 
-bool Copy2DataFile(const OrgNode& node, const RegKey& sourceKey, const void* source, std::uint32_t length)
+Copied Copy2DataFile(const OrgNode& node, const RegKey& sourceKey, const void* source, std::uint32_t length)
 {
     const std::uint32_t size = GetRegBuffLen(&node.key);
     const std::uint64_t skip = std::uint64_t{node.key.addr - sourceKey.addr} * UnitBytes(node.key);
-    if (node.key.addr < sourceKey.addr || skip + size > length) return false;
+    if (node.key.addr < sourceKey.addr || skip + size > length) return Copied::Outside;
     WorkFile file;
-    if (!file.OpenRW(DataFileName)) return false;
+    if (!file.OpenRW(DataFileName)) return Copied::Failed;
     const bool stored = node.dataoffset <= INT32_MAX - size &&
                         file.WriteAt(node.dataoffset, static_cast<const unsigned char*>(source) + skip, size);
     if (!stored) {
         std::printf("*VOQ*data file %s: %u bytes at offset %u not written\r\n", DataFileName, size, node.dataoffset);
     }
     file.Sync();
-    return stored;
+    return stored ? Copied::Stored : Copied::Failed;
 }

@@ -17,8 +17,13 @@ void SetRegionsEnd(std::uint32_t end) VOQ_REQUIRES(DatabaseLock);
 // NoRegion when the file cannot be opened or written; the file is then as it was.
 std::int32_t AddDataToFile(const void* buffer, std::uint32_t size) VOQ_REQUIRES(DatabaseLock);
 
+enum class Copied {
+    Stored,
+    Outside,  // not wholly inside the source: the copy is not made
+    Failed,   // the file could not be opened or written; after a message. Part of the value may have been stored
+};
+
 // Stores the record's part of a source block in its region: width elements from `source` + (record's addr - source's
-// addr) x bytes per address unit. `length`: bytes at `source`; a copy that would read past them is not made. Returns
-// true when the value was stored.
-bool Copy2DataFile(const OrgNode& node, const RegKey& sourceKey, const void* source, std::uint32_t length)
-    VOQ_REQUIRES(DatabaseLock);
+// addr) x bytes per address unit. `length`: bytes at `source`.
+[[nodiscard]] Copied Copy2DataFile(const OrgNode& node, const RegKey& sourceKey, const void* source,
+                                   std::uint32_t length) VOQ_REQUIRES(DatabaseLock);

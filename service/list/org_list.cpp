@@ -11,6 +11,7 @@
 #include "list/index.h"
 #include "state/paths.h"
 #include "voq/reg_range.h"
+#include "voq/rt_item.h"
 
 namespace
 {
@@ -68,11 +69,13 @@ bool AppendNode(OrgFile& file, OrgHeader header, OrgNode& node) VOQ_REQUIRES(Dat
     node.next = 0;
     if (!ReadLinked(file, header.tail, 0, last) || !AddRegion(node)) return false;
     if (!file.WriteNode(here, node)) return false;
-    last.next = here;
-    if (!file.WriteNode(node.prev, last)) return false;
-    ++header.count;
-    header.tail = here;
-    return file.WriteHeader(header);
+    OrgNode linked = last;
+    linked.next = here;
+    if (file.WriteNode(node.prev, linked) && file.WriteHeader({header.count + 1, header.head, here})) return true;
+    // Left half done, it would keep every later range out until the next start.
+    static_cast<void>(file.WriteNode(node.prev, last));
+    static_cast<void>(file.WriteHeader(header));
+    return false;
 }
 
 bool InsertInFront(OrgFile& file, OrgHeader header, std::uint32_t before, OrgNode& node, bool updateIndex)
@@ -80,7 +83,7 @@ bool InsertInFront(OrgFile& file, OrgHeader header, std::uint32_t before, OrgNod
 {
     const std::uint32_t here = file.AppendOffset();
     OrgNode behind;
-    OrgNode ahead;
+    OrgNode ahead{};
     if (!file.ReadNode(before, behind)) return false;
     node.prev = behind.prev;
     node.next = before;
@@ -92,18 +95,19 @@ bool InsertInFront(OrgFile& file, OrgHeader header, std::uint32_t before, OrgNod
         return Damaged("index entry behind the start of its group", before);
     }
     if (!AddRegion(node) || !file.WriteNode(here, node)) return false;
-    behind.prev = here;
-    if (!file.WriteNode(before, behind)) return false;
-    if (node.prev == 0) {
-        header.head = here;
-    } else {
-        ahead.next = here;
-        if (!file.WriteNode(node.prev, ahead)) return false;
+    OrgNode linkedBehind = behind;
+    OrgNode linkedAhead = ahead;
+    linkedBehind.prev = linkedAhead.next = here;
+    const std::uint32_t head = node.prev == 0 ? here : header.head;
+    if (file.WriteNode(before, linkedBehind) && (node.prev == 0 || file.WriteNode(node.prev, linkedAhead)) &&
+        file.WriteHeader({header.count + 1, head, header.tail}) &&
+        (!updateIndex || UpdateIndex(&node.key, here) == 0)) {
+        return true;
     }
-    ++header.count;
-    if (!file.WriteHeader(header)) return false;
-    if (updateIndex) UpdateIndex(&node.key, here);
-    return true;
+    static_cast<void>(file.WriteHeader(header));
+    if (node.prev != 0) static_cast<void>(file.WriteNode(node.prev, ahead));
+    static_cast<void>(file.WriteNode(before, behind));
+    return false;
 }
 
 // The first record of an empty list, over whatever the file holds in its place.
@@ -233,6 +237,18 @@ void DropLastOrgItem(std::uint32_t offset)
     file.Sync();
 }
 
+void StoreValue(OrgFile& file, OrgWalk& at, const RegKey& sourceKey, const void* source, std::uint32_t length)
+{
+    OrgNode& record = at.Node();
+    const Copied copied = Copy2DataFile(record, sourceKey, source, length);
+    if (copied == Copied::Outside) return;
+    // State 1 would promise the value.
+    record.state = copied == Copied::Stored ? PLC_SUCCESS : PLC_ERROR;
+    GetCurrentTime(&record.stamp);
+    static_cast<void>(file.WriteNode(at.Offset(), record));
+    file.Sync();
+}
+
 void UpdateOrgAfterWrite(const RegKey& key, std::uint32_t length, const void* data)
 {
     const MutexLock lock(DatabaseLock);
@@ -242,14 +258,8 @@ void UpdateOrgAfterWrite(const RegKey& key, std::uint32_t length, const void* da
     if (!file.OpenRW()) return;
     const std::uint32_t end = key.addr + key.width;
     for (OrgWalk at(file, first); at.Valid() && SameGroup(at.Node().key, key); at.Next()) {
-        OrgNode& record = at.Node();
-        const RegKey& range = record.key;
-        if (range.addr >= key.addr && range.addr + range.width <= end && Copy2DataFile(record, key, data, length)) {
-            record.state = 1;
-            GetCurrentTime(&record.stamp);
-            static_cast<void>(file.WriteNode(at.Offset(), record));
-            file.Sync();
-        }
+        const RegKey& range = at.Node().key;
+        if (range.addr >= key.addr && range.addr + range.width <= end) StoreValue(file, at, key, data, length);
         if (end <= range.addr) return;
     }
 }

@@ -3,11 +3,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "arch/clock.h"
 #include "arch/work_file.h"
-#include "list/data_file.h"
 #include "list/fast_list.h"
-#include "list/org_file.h"
+#include "list/org_list.h"
 #include "list/rt_file.h"
 #include "list/rt_list.h"
 #include "state/com_state.h"
@@ -83,17 +81,10 @@ void UpdateSubscribed(const RegKey& key, const void* buffer)
     OrgFile file;
     if (!file.OpenRW()) return;
     for (OrgWalk at(file, first); at.Valid() && SameGroup(at.Node().key, key); at.Next()) {
-        OrgNode& record = at.Node();
-        const std::uint64_t recordEnd = record.key.addr + each * record.key.width;
-        const bool inside = record.key.addr >= key.addr && recordEnd <= end;
-        // A record whose value could not be stored keeps its state: 1 would promise a value.
-        if (inside && Copy2DataFile(record, key, buffer, GetRegBuffLen(&key))) {
-            GetCurrentTime(&record.stamp);
-            record.state = PLC_SUCCESS;
-            static_cast<void>(file.WriteNode(at.Offset(), record));
-            file.Sync();
-        }
-        if (!inside && record.key.addr >= end) return;
+        const RegKey& range = at.Node().key;
+        const bool inside = range.addr >= key.addr && range.addr + each * range.width <= end;
+        if (inside) StoreValue(file, at, key, buffer, GetRegBuffLen(&key));
+        if (!inside && range.addr >= end) return;
     }
 }
 

@@ -55,10 +55,12 @@ void WriteBackRead(const ReadPlan& plan, int result, StampRule rule)
         if (!SameGroup(record.key, read)) break;
         const bool inside = record.key.addr >= read.addr && EndOf(record.key, record.key.width) <= packEnd;
         if (inside) {
-            if (result == PLC_SUCCESS) Copy2DataFile(record, read, ReadBuffer, GetRegBuffLen(&read));
+            const bool lost = result == PLC_SUCCESS &&
+                              Copy2DataFile(record, read, ReadBuffer, GetRegBuffLen(&read)) == Copied::Failed;
             if (rule == StampRule::PerRecord) GetCurrentTime(&now);
             record.stamp = now;
-            record.state = static_cast<std::uint8_t>(result);
+            // State 1 would promise the value.
+            record.state = static_cast<std::uint8_t>(lost ? PLC_ERROR : result);
             static_cast<void>(file.WriteNode(at.Offset(), record));
             file.Sync();
         }
