@@ -15,7 +15,8 @@
 
 bool FileExists(const char* path)
 {
-    return access(path, F_OK) == 0;
+    // A failing disk must not make an existing database look like a first start.
+    return access(path, F_OK) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
 int RemoveFile(const char* path)
@@ -30,7 +31,7 @@ void MakeDirectory(const char* path)
 
 bool MakeFifo(const char* path)
 {
-    return mkfifo(path, 0777) == 0;
+    return mkfifo(path, 0777) == 0 || errno == EEXIST;
 }
 
 bool SyncDirectory(const char* path)
@@ -75,7 +76,11 @@ int OpenFifo(const char* path)
         descriptor = open(path, O_RDONLY | O_CLOEXEC);
     } while (descriptor < 0 && errno == EINTR);
     // The writing descriptor lives as long as the process: nothing closes it.
-    if (descriptor >= 0 && open(path, O_WRONLY | O_CLOEXEC) < 0) std::perror("open fifo for writing:");
+    if (descriptor >= 0 && open(path, O_WRONLY | O_CLOEXEC) < 0) {
+        std::perror("open fifo for writing:");
+        close(descriptor);
+        return -1;
+    }
     return descriptor;
 }
 

@@ -3,11 +3,12 @@
 
 #include <cstddef>
 
+// False only when the system says that there is none.
 [[nodiscard]] bool FileExists(const char* path);
 // 0 on success, as remove().
 int RemoveFile(const char* path);
 void MakeDirectory(const char* path);
-// Creates a FIFO with permissions 0777; false on failure.
+// Creates a FIFO with permissions 0777 where nothing is; false on failure.
 [[nodiscard]] bool MakeFifo(const char* path);
 // Makes creations and removals in a directory outlast a power cut; false when the system reports a failure.
 bool SyncDirectory(const char* path);

@@ -26,7 +26,7 @@ namespace
 
 void MakeClientFifo(const char* path, const char* failure)
 {
-    if (!FileExists(path) && !MakeFifo(path)) std::printf(failure, path);
+    if (!MakeFifo(path)) std::printf(failure, path);
 }
 
 void MakeClientFifos()

@@ -155,8 +155,11 @@ void CheckRtList(const Intake& intake)
 [[noreturn]] void Serve(const Intake& intake, const char* path)
 {
     *intake.held = 0;
-    *intake.descriptor = OpenFifo(path);
-    while (true) CheckRtList(intake);
+    while (true) {
+        // One that cannot be opened is tried again after each step, which fails and pauses.
+        if (*intake.descriptor < 0) *intake.descriptor = OpenFifo(path);
+        CheckRtList(intake);
+    }
 }
 }  // namespace
 

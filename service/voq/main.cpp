@@ -68,9 +68,19 @@ void ReadCommandLine(int count, char** arguments, CommandLine* line)
     std::printf("input arg=%d:%s %d %s %s\n", count, line->project, line->port, PlcDrvDir, line->userDir);
 }
 
-// Waits until the org file has a whole header. A file that cannot be opened ends the process, to be started again.
+// Without its data or index file the database would refuse every new range for the life of the process.
+void RequireDatabaseFile(const char* path)
+{
+    if (FileExists(path)) return;
+    std::printf("*VOQ*no %s, to be started again\r\n", path);
+    std::exit(EXIT_FAILURE);
+}
+
+// Waits until the org file has a whole header. A file that is not there ends the process, to be started again.
 OrgHeader ReadStartHeader()
 {
+    RequireDatabaseFile(DataFileName);
+    RequireDatabaseFile(IndexFileName);
     const MutexLock lock(DatabaseLock);
     WorkFile file;
     if (!file.OpenRO(OrgFileName)) std::exit(EXIT_FAILURE);
