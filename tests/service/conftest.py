@@ -1,16 +1,12 @@
 """Every test finds an empty box; whatever it started is gone when it ends."""
-import shutil
-
 import pytest
 import voqtest
-from voqtest import DRIVERS, PROJECT, RECIPE, USER, WORK
+from voqtest import DRIVERS, PROJECT
 
 
 @pytest.fixture(autouse=True)
 def box():
-    for place in (USER, RECIPE, DRIVERS, WORK, *map(type(USER), ("/home", "/disk", "/tmp"))):
-        for entry in place.iterdir():
-            shutil.rmtree(entry) if entry.is_dir() and not entry.is_symlink() else entry.unlink()
+    voqtest.empty_box()
 
 
 @pytest.fixture

@@ -1,9 +1,8 @@
 """When the main loop does what, seen from outside: a preloaded shim notes its sleeps, looks and opens (trace.c)."""
-import pathlib
 import struct
-import subprocess
 
-from voqtest import DRIVERS, PROJECT, RECIPE, USER, WORK, Key, com_info, log_off, log_on, project, wait_for
+from voqtest import (DRIVERS, PROJECT, RECIPE, USER, WORK, Key, com_info, log_off, log_on, preloaded, project,
+                     wait_for)
 
 PAUSE = 3
 TURN_END = f"usleep {PAUSE * 1000}"
@@ -12,10 +11,7 @@ ORG_READ, ORG_WRITE = "fopen /u/com_1/org r", "fopen /u/com_1/org r+"
 
 
 def traced():
-    shim = WORK / "trace.so"
-    source = pathlib.Path(__file__).parent / "trace.c"
-    subprocess.run(["gcc", "-O1", "-shared", "-fPIC", "-o", shim, source], check=True)
-    return {"LD_PRELOAD": str(shim), "VOQ_TRACE": str(WORK / "trace")}
+    return preloaded("trace") | {"VOQ_TRACE": str(WORK / "trace")}
 
 
 def turns():

@@ -4,10 +4,12 @@ Nothing here waits for a time to pass: wait_for() looks again until its conditio
 """
 import ctypes
 import fcntl
+import functools
 import mmap
 import os
 import pathlib
 import random
+import re
 import shutil
 import signal
 import socket
@@ -21,7 +23,9 @@ from dataclasses import dataclass
 BUILD = pathlib.Path("/b")
 USER, RECIPE, DRIVERS, WORK = (pathlib.Path(p) for p in ("/u", "/r", "/d", "/w"))
 PROJECT = WORK / "ophmi.bin"
-SLOW = 6 if "-fsanitize" in (BUILD / "CMakeCache.txt").read_text() else 1
+LONG = os.environ.get("VOQ_TORTURE") == "long"
+SANITIZER = re.search("-fsanitize=([a-z]+)|$", (BUILD / "CMakeCache.txt").read_text())[1]
+SLOW = 6 if SANITIZER else 1
 ALWAYS, MEDIUM, SLOWEST = 1 << 16, 3 << 16, 10 << 16  # priority values in a key's flag
 LOG_ON, LOG_OFF, READ, CHANGE, WRITE = 1, 2, 3, 6, 7
 libc = ctypes.CDLL(None)
@@ -35,6 +39,39 @@ def wait_for(condition, what="", timeout=20):
             return value
         assert time.monotonic() < end, f"waited in vain: {what or condition}"
         time.sleep(0.004)
+
+
+def figure(name, value, goal, ok):
+    """A row of the table of scripts/torture; a miss fails the test."""
+    print(f"\n{name} | {value} | {goal} | {'ok' if ok else 'MISS'}")
+    assert ok, (name, value, goal)
+
+
+def retained_settings():
+    """What the panel keeps for serial port 1."""
+    place = pathlib.Path("/disk/hmi/rcp")
+    place.mkdir(parents=True, exist_ok=True)
+    (place / "srw.dat").write_bytes(bytes(500) + struct.pack("<I4H", 9600, 8, 1, 0, 0) + bytes(88))
+
+
+def empty_box():
+    for place in (USER, RECIPE, DRIVERS, WORK, *map(pathlib.Path, ("/home", "/disk", "/tmp"))):
+        for entry in place.iterdir():
+            shutil.rmtree(entry) if entry.is_dir() and not entry.is_symlink() else entry.unlink()
+
+
+def built(name):
+    """The shared library of NAME.c in this folder, built once."""
+    library = pathlib.Path(f"/{name}.so")
+    if not library.exists():
+        command = ["gcc", "-O1", "-shared", "-fPIC", "-I/co/include", "-o", library, pathlib.Path(__file__).parent / f"{name}.c"]
+        subprocess.run(command, check=True)
+    return library
+
+
+def preloaded(name):
+    """The environment that loads NAME.c of this folder into the service."""
+    return {"LD_PRELOAD": str(built(name))}
 
 
 @dataclass(frozen=True)
@@ -112,9 +149,16 @@ def log_off(key, fileno, offset=0):
 
 
 def install_driver(kind="Serial", name="sim", port=1):
+    """Of this build, or any by its path."""
     place = DRIVERS / kind / f"drv_{port}.so"
     place.parent.mkdir(parents=True, exist_ok=True)
-    shutil.copy(BUILD / "drivers" / f"{name}.so", place)
+    shutil.copy(name if os.sep in str(name) else BUILD / "drivers" / f"{name}.so", place)
+
+
+@functools.cache
+def symbols():
+    listed = subprocess.run(["nm", BUILD / "bin/voq"], capture_output=True, text=True, check=True).stdout
+    return {name: int(at, 16) for at, _, name in (line.split() for line in listed.splitlines() if line[0] != " ")}
 
 
 def read_locked(path):
@@ -215,7 +259,9 @@ class Service:
             libc.prctl(1, signal.SIGKILL)       # ends with the test run
             libc.personality(0x0040000)         # the sanitizers need a plain address space
 
-        with open(self.out_path, "wb") as out, open(self.err_path, "wb") as err:
+        for path in (self.out_path, self.err_path):
+            path.write_bytes(b"")
+        with open(self.out_path, "ab") as out, open(self.err_path, "ab") as err:
             environment = {**os.environ, "VOQ_SIM": str(self.sim.path), **(environment or {})}
             self.process = subprocess.Popen([BUILD / "bin/voq", *map(str, arguments)], stdout=out, stderr=err, cwd="/",
                                             env=environment, preexec_fn=prepare)
@@ -262,10 +308,20 @@ class Service:
         while self.fifos:
             os.close(self.fifos.popitem()[1])
 
+    def peek(self, name):
+        """A 32-bit number of the service, by its name."""
+        base = pathlib.Path(f"/proc/{self.process.pid}/maps").read_text().split("-", 1)[0]
+        with open(f"/proc/{self.process.pid}/mem", "rb", 0) as memory:
+            return struct.unpack("<i", os.pread(memory.fileno(), 4, int(base, 16) + symbols()[name]))[0]
+
     def cpu(self):
         """Processor seconds used so far."""
         fields = pathlib.Path(f"/proc/{self.process.pid}/stat").read_text().rsplit(")", 1)[1].split()
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+    def trim_output(self):
+        if self.out_path.stat().st_size > 50_000_000:
+            os.truncate(self.out_path, 0)
 
     def stop(self):
         """Ends the service; it must have been alive and well until now."""
@@ -283,9 +339,8 @@ class Service:
     def org(self):
         """(count, head, tail), {offset: Node}"""
         raw = read_locked(self.dir / "org")
-        assert (len(raw) - 12) % 56 == 0
         nodes = {}
-        for o in range(12, len(raw), 56):
+        for o in range(12, len(raw) - 55, 56):
             sec, usec, logtimes, state, dataoffset, prev, nxt = struct.unpack("<iiHxxBxxxxxxxIII", raw[o + 24: o + 56])
             nodes[o] = Node(o, Key.unpack(raw[o: o + 24]), (sec, usec), logtimes, state, dataoffset, prev, nxt)
         return struct.unpack("<III", raw[:12]), nodes
@@ -298,7 +353,7 @@ class Service:
             assert len(chain) < count and nodes[o].prev == before
             chain.append(nodes[o])
             before, o = o, nodes[o].next
-        assert len(chain) == count == len(nodes) and tail == before
+        assert len(chain) == count and tail == before and (self / "org").stat().st_size == 12 + 56 * count
         groups = [n.key.group for n in chain]
         assert [g for i, g in enumerate(groups) if i == 0 or g != groups[i - 1]] == list(dict.fromkeys(groups))
         assert all(a.key.place < b.key.place for a, b in zip(chain, chain[1:]) if a.key.group == b.key.group)
@@ -319,8 +374,11 @@ class Service:
     def node(self, key):
         if not (self.dir / "org").exists():
             return None
-        found = [n for n in self.org()[1].values() if (n.key.group, n.key.place) == (key.group, key.place)]
-        return found[0] if found else None
+        (_, at, _), nodes = self.org()
+        for _ in nodes:
+            if at not in nodes or (nodes[at].key.group, nodes[at].key.place) == (key.group, key.place):
+                return nodes.get(at)
+            at = nodes[at].next
 
     def value(self, key):
         """The range's bytes in the data file, None while it has no record."""

@@ -1,0 +1,146 @@
+/* Preloaded into the service by the fault tests: lets the system's calls fail where a test wants it. A site is a function
+ * and the return addresses, within the service, that led to it. The file that VOQ_SITES names gets a line for each site
+ * that is reached, or a "!" when the site that VOQ_FAULT names fails, the first VOQ_TIMES times. A second lasts 10 ms. */
+#define _GNU_SOURCE
+#include <dirent.h>
+#include <dlfcn.h>
+#include <errno.h>
+#include <execinfo.h>
+#include <fcntl.h>
+#include <link.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+enum { MOST_FRAMES = 32, MOST_SITES = 1024, SITE_BYTES = 256 };
+
+static pthread_mutex_t Lock = PTHREAD_MUTEX_INITIALIZER;
+static char Seen[MOST_SITES][SITE_BYTES];
+static int SeenCount;
+static uintptr_t Base, End; /* of the service's code; equal in any other program */
+static const char* Fault;
+static long Times;
+static int Report;
+
+static int first_object(struct dl_phdr_info* info, size_t size, void* unused)
+{
+    (void)size, (void)unused;
+    Base = info->dlpi_addr;
+    for (int i = 0; i < info->dlpi_phnum; ++i)
+        if (info->dlpi_phdr[i].p_flags & PF_X) End = Base + info->dlpi_phdr[i].p_vaddr + info->dlpi_phdr[i].p_memsz;
+    return 1;
+}
+
+__attribute__((constructor)) static void start(void)
+{
+    void* frame;
+    if (strcmp(program_invocation_short_name, "voq") != 0) return;
+    Report = open(getenv("VOQ_SITES"), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    Fault = getenv("VOQ_FAULT");
+    Times = Fault ? atol(getenv("VOQ_TIMES")) : 0;
+    backtrace(&frame, 1); /* loads what it needs */
+    dl_iterate_phdr(first_object, NULL);
+}
+
+static void report(const char* line)
+{
+    if (write(Report, line, strlen(line)) < 0 || write(Report, "\n", 1) < 0) abort();
+}
+
+/* True when the call is to fail; errno says how. */
+__attribute__((noinline)) static int fails(const char* function, int error)
+{
+    void* frames[MOST_FRAMES];
+    char site[SITE_BYTES];
+    const int saved = errno;
+    const int depth = End == 0 ? 0 : backtrace(frames, MOST_FRAMES);
+    int length = snprintf(site, sizeof site, "%s", function), hit = 0, i = 0;
+    if (depth < 3 || (uintptr_t)frames[2] < Base || (uintptr_t)frames[2] >= End) return 0; /* another library's call */
+    for (i = 2; i < depth && length < SITE_BYTES - 20; ++i)
+        if ((uintptr_t)frames[i] >= Base && (uintptr_t)frames[i] < End)
+            length += snprintf(site + length, sizeof site - (size_t)length, " %lx", (uintptr_t)frames[i] - Base);
+    pthread_mutex_lock(&Lock);
+    if (Fault != NULL) {
+        hit = Times > 0 && strcmp(site, Fault) == 0;
+        if (hit && Times-- > 0) report("!");
+    } else {
+        for (i = 0; i < SeenCount && strcmp(Seen[i], site) != 0; ++i) {
+        }
+        if (i == SeenCount && i < MOST_SITES) report(strcpy(Seen[SeenCount++], site));
+    }
+    pthread_mutex_unlock(&Lock);
+    errno = hit ? error : saved;
+    return hit;
+}
+
+#define NEXT(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
+#define CALL(result, name, error, failure, parameters, arguments) \
+    __attribute__((noinline)) result name parameters              \
+    {                                                             \
+        if (fails(#name, error)) return failure;                  \
+        return NEXT(name) arguments;                              \
+    }
+
+CALL(int, access, EIO, -1, (const char* path, int mode), (path, mode))
+CALL(FILE*, fopen, EMFILE, NULL, (const char* path, const char* mode), (path, mode))
+CALL(int, fsync, EIO, -1, (int file), (file))
+CALL(int, ftruncate, EIO, -1, (int file, off_t size), (file, size))
+CALL(off_t, lseek, EIO, -1, (int file, off_t offset, int whence), (file, offset, whence))
+CALL(int, mkdir, ENOSPC, -1, (const char* path, mode_t mode), (path, mode))
+CALL(int, mkfifo, ENOSPC, -1, (const char* path, mode_t mode), (path, mode))
+CALL(DIR*, opendir, EMFILE, NULL, (const char* path), (path))
+CALL(struct dirent*, readdir, EIO, NULL, (DIR * entries), (entries))
+CALL(ssize_t, pread, EIO, -1, (int file, void* bytes, size_t size, off_t at), (file, bytes, size, at))
+CALL(ssize_t, read, EIO, -1, (int file, void* bytes, size_t size), (file, bytes, size))
+CALL(int, remove, EACCES, -1, (const char* path), (path))
+CALL(int, rename, EACCES, -1, (const char* from, const char* to), (from, to))
+CALL(int, unlinkat, EACCES, -1, (int directory, const char* path, int flags), (directory, path, flags))
+CALL(int, system, ENOMEM, -1, (const char* command), (command))
+CALL(void*, dlopen, EMFILE, NULL, (const char* path, int mode), (path, mode))
+CALL(int, pthread_create, EAGAIN, EAGAIN,
+     (pthread_t * thread, const pthread_attr_t* how, void* (*body)(void*), void* argument), (thread, how, body, argument))
+
+/* The disk is full in the middle of it. */
+ssize_t pwrite(int file, const void* bytes, size_t size, off_t at)
+{
+    const int failing = fails("pwrite", ENOSPC);
+    const ssize_t put = NEXT(pwrite)(file, bytes, failing ? size / 2 : size, at);
+    if (failing) errno = ENOSPC;
+    return failing ? -1 : put;
+}
+
+int fclose(FILE* stream)
+{
+    const int failing = fails("fclose", EIO);
+    const int result = NEXT(fclose)(stream);
+    if (failing) errno = EIO;
+    return failing ? EOF : result;
+}
+
+int open(const char* path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const unsigned mode = va_arg(arguments, unsigned);
+    va_end(arguments);
+    return fails("open", EMFILE) ? -1 : NEXT(open)(path, flags, mode);
+}
+
+int fcntl(int file, int command, ...)
+{
+    va_list arguments;
+    va_start(arguments, command);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return fails("fcntl", ENOLCK) ? -1 : NEXT(fcntl)(file, command, argument);
+}
+
+unsigned sleep(unsigned seconds)
+{
+    NEXT(usleep)(10000 * seconds);
+    return 0;
+}

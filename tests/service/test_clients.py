@@ -1,0 +1,126 @@
+"""Clients that misbehave: one holds a lock, one stops in a frame, one never takes its answers, one floods. The other one
+is served, nothing is lost, and the service stays as small as it was."""
+import contextlib
+import multiprocessing
+import os
+import pathlib
+import random
+import signal
+import subprocess
+import time
+
+from test_flood import requests
+from test_oneshot import Client, flip, read, write
+from voqtest import LONG, Key, com_info, figure, log_off, log_on, read_locked, wait_for
+
+HOLD = "import fcntl,sys; f = open(sys.argv[1], 'rb'); fcntl.lockf(f, fcntl.LOCK_SH); print(flush=True); sys.stdin.read()"
+
+
+@contextlib.contextmanager
+def held(path):
+    """Another process holds a read lock on the file."""
+    command = ["/usr/bin/python3", "-c", HOLD, path]
+    with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as holder:
+        holder.stdout.readline()
+        yield
+        holder.stdin.close()
+
+
+def test_lock_held(start):
+    seconds, worst, ranges = 60 if LONG else 1, 0, [Key(10 * i, 4, regid=3) for i in range(9)]
+    client = Client(start(com_info(pause=1), ranges[:5]))
+    for number, name in enumerate(("org", "data", "index")):
+        with held(client.service / name):
+            time.sleep(seconds)
+            client.collect()  # what polling did meanwhile: more would not be kept
+            numbers = client.post(read(7), write(100, number), flip(Key(5)), write(50, number), client="gui")
+            client.service.send(log_on(ranges[-1 - number], 2 + number))
+            since, released = client.sim.reads, time.monotonic()
+        assert [code for code, _ in client.answered(numbers)] == [1] * 4
+        worst = max(worst, time.monotonic() - released)
+        live = lambda: client.service.value(ranges[-1 - number]) == client.sim.value(ranges[-1 - number])  # noqa: E731
+        wait_for(live, "the range logged on meanwhile")
+        wait_for(lambda: client.sim.reads > since + 20, "polling")
+    client.nothing_left()
+    client.service.chain()
+    figure(f"clients: read lock held {seconds} s on org, data, index", f"0 of 12 requests lost, all answered {worst:.1f} s "
+           "after the release at the latest", "none lost", True)
+
+
+def test_half_a_frame_and_answers_never_taken(start):
+    amount = 60000 if LONG else 3000
+    client = Client(start(com_info(pause=0, word_limit=64)))
+    service, whole = client.service, read(9).frame(7)
+    service.send_drained(whole[:20])
+    posted = 0
+    while posted < amount:  # taken in by the hundred: more than 1000 waiting would be refused
+        service.send(b"".join(read(n % 2000).frame(n) for n in range(100 + posted, 200 + posted)), "mek")
+        wait_for(lambda: (service / f"{199 + posted}").exists(), "the last of a hundred")
+        posted += 100
+    del client.written, client.watch
+    there = sum(name.isdigit() and (service / name).stat().st_size == 42 for name in os.listdir(service.dir))
+    service.send(whole[20:])
+    wait_for(lambda: (service / "7").exists() and (service / "7").stat().st_size == 42, "the frame's second half")
+    figure("clients: one stopped in a frame, one never took its answers", f"{there} of {amount} answers there", "all",
+           there == amount)
+
+
+def flood(service, client, seed):
+    """Sends until it is ended; never takes an answer."""
+    signal.signal(signal.SIGTERM, signal.SIG_DFL)
+    service.fifos.clear()
+    rng = random.Random(seed)
+    stream = requests(rng, client)
+    while True:
+        service.send(b"".join(next(stream) for _ in range(rng.randrange(1, 40))), client)
+
+
+def size_of(process):
+    """Resident kB, descriptors, threads."""
+    place = pathlib.Path(f"/proc/{process.pid}")
+    resident = int(place.joinpath("statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE") // 1024
+    return resident, len(os.listdir(place / "fd")), len(os.listdir(place / "task"))
+
+
+def answer_to(service, request, fileno):
+    """The code of one request's answer, which is taken away."""
+    service.send(request.frame(fileno), "mek")
+    path = service / str(fileno)
+    wait_for(lambda: path.exists() and path.stat().st_size >= 40, "an answer", 60)
+    code = read_locked(path)[26]
+    path.unlink()
+    return code
+
+
+def test_soak(start):
+    """One client floods and churns; the other logs on and off and writes. A tenth of the time passes unmeasured."""
+    seconds = 3600 if LONG else 8
+    service = start(com_info(pause=1), [Key(10 * i, 3, regid=3) for i in range(20)])
+    flooder = multiprocessing.get_context("fork").Process(target=flood, args=(service, "gui", 1), daemon=True)
+    flooder.start()
+    begin, rounds, refused, slowest, sizes = time.monotonic(), 0, 0, 0, []
+    while (now := time.monotonic()) < begin + seconds:
+        key, number = Key(10 * (rounds % 200), 4, regid=4), 30000 + rounds % 9000
+        value, order = random.Random(rounds).randbytes(8), write(key.addr + 5, rounds % 9999, regid=4)
+        service.sim.set(key, value)
+        service.send(log_on(key, number), "mek")
+        wait_for(lambda: service.value(key) == value, "a live value", 60)
+        while (code := answer_to(service, order, 49000)) != 1:
+            assert code == 3  # refused: more than 1000 of the other client are waiting
+            refused += 1
+        assert service.sim.value(order.key) == order.payload
+        service.send(log_off(key, number), "mek")
+        rounds, slowest = rounds + 1, max(slowest, time.monotonic() - now)
+        if now > begin + seconds / 10:
+            sizes.append(size_of(service.process))
+        service.trim_output()
+    flooder.kill()
+    flooder.join()
+    lowest, highest = ([pick(column) for column in zip(*sizes)] for pick in (min, max))
+    wait_for(lambda: service.peek("VoqFileOpenCount") == 0, "all files closed")
+    service.chain()
+    figure(f"clients: {seconds} s beside one that floods", f"{rounds} rounds of log-on, write, log-off, none lost; {refused} "
+           f"refused and repeated; slowest {slowest:.2f} s", "none lost", rounds > 0)
+    figure("clients: size meanwhile", "{}-{} kB, {}-{} descriptors, {}-{} threads".format(
+        *(n for pair in zip(lowest, highest) for n in pair)), "flat",
+        highest[0] - lowest[0] <= 256 and lowest[2] == highest[2] == 4)

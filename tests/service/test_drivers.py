@@ -1,0 +1,106 @@
+"""A driver that crashes, hangs or answers nonsense in any of its commands, or fills its buffer to the last byte: the files
+stay sound, no lock stays behind, and whoever watches sees it."""
+import fcntl
+import signal
+
+import pytest
+from voqtest import (PROJECT, USER, WORK, Key, Service, built, com_info, empty_box, figure, install_driver, log_on,
+                     preloaded, project, voqctl, wait_for)
+
+KEY, PROBE = Key(100, 4), "s1:a1:u16@0,flag=0x200"  # the probe is answered by the main loop without the driver
+ORDERS = WORK / "orders"
+COMMANDS = ["RdOne", "WrOne", "Init", "Destroy", "Loop"]
+
+
+def began(command="RdOne"):
+    mode = int(command == "Loop")
+    install_driver("Service/Serial" if mode else "Serial", built("bad_driver"))
+    PROJECT.write_bytes(project([com_info(pause=1, mode=mode)], [KEY]))
+    return Service(environment=preloaded("trace") | {"VOQ_BAD": str(ORDERS)})
+
+
+def polled(service):
+    service.send(log_on(KEY, 1), "mek")
+    wait_for(lambda: service.value(KEY) == 7 * b"\x5a" + b"\xa5" and service.node(KEY).state == 1, "a live value")
+
+
+def nothing_locked(service):
+    """Another process gets every lock, at once between two operations."""
+    for path in (*(service / name for name in ("org", "data", "index")), USER / "srw0.dat"):
+        with open(path, "r+b") as file:
+            def free():
+                try:
+                    fcntl.lockf(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                except OSError:
+                    return False
+                return True
+
+            wait_for(free, f"a lock on {path}")
+
+
+def crashed(service, command):
+    assert service.process.wait(20) == -signal.SIGSEGV
+    assert voqctl("status", "--wait", 0.2).stdout.endswith("service     not running\n")
+    service.hang_up()
+    ORDERS.unlink()
+    nothing_locked(service)
+    return began(command)
+
+
+def hung(service, command):
+    wait_for(lambda: ORDERS.with_suffix(".in").exists(), "a driver that hangs")
+    nothing_locked(service)
+    assert ", moving\n" in voqctl("status", "--wait", 1).stdout  # the watchdog is a thread of its own
+    if command == "Loop":
+        (service / "slaveno").write_bytes(b"\1\0")
+    else:
+        assert voqctl("read", PROBE, "--timeout", 0.5).returncode == 6
+    ORDERS.unlink()
+    if command == "Loop":
+        wait_for(lambda: not (service / "slaveno").exists(), "the slave number taken over")
+    return service
+
+
+def talked_nonsense(service, command):
+    if command == "RdOne":
+        wait_for(lambda: service.node(KEY).state == 3 and (service / "comerror").exists(), "the error's signs")
+    elif command == "WrOne":
+        service.wait_out("*VOQ*ERROR timeout! mode:1 error:3\r\n")
+    assert command == "Loop" or voqctl("read", PROBE).stdout == "0\n"
+    ORDERS.unlink()
+    return service
+
+
+@pytest.mark.parametrize("what", [crashed, hung, talked_nonsense])
+def test_bad_driver(what):
+    for command in COMMANDS:
+        empty_box()
+        service = began(command)
+        if command != "Loop":
+            polled(service)
+        ORDERS.write_text(f"{command} " + {crashed: "crash", hung: "hang", talked_nonsense: "garbage"}[what])
+        if command == "WrOne":
+            status = voqctl("write", "s1:a1:u16@7", 5, "--timeout", 0.3).returncode
+            assert status == {crashed: 6, hung: 6, talked_nonsense: 4}[what]
+        elif command in ("Init", "Destroy"):
+            service.send(b"\xfd\0\0" + com_info(pause=1))
+        service = what(service, command)
+        if command != "Loop":
+            polled(service)
+            assert voqctl("read", PROBE).stdout == "0\n"
+        nothing_locked(service)
+        assert voqctl("check").returncode == 0 and service.count("register database") == 0
+        service.stop()
+    figure(f"drivers: {what.__name__.replace('_', ' ')} in {', '.join(COMMANDS)}",
+           "5 of 5 seen by who watches, files sound, no lock left", "all", True)
+
+
+@pytest.mark.sanitized
+def test_to_the_last_byte(start):
+    """The largest value there is, in one driver call."""
+    ORDERS.unlink(missing_ok=True)
+    install_driver("Serial", built("bad_driver"))
+    widest = Key(0, 32896)
+    service = start(com_info(word_limit=65535), [widest], environment={"VOQ_BAD": str(ORDERS)})
+    wait_for(lambda: service.value(widest) == (widest.size - 1) * b"\x5a" + b"\xa5", "the whole value")
+    figure("drivers: buffer filled to its last byte", f"{widest.size} bytes stored, nothing else", "all", True)
