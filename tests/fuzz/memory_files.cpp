@@ -1,7 +1,6 @@
 #include "memory_files.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,45 +15,12 @@ std::atomic<std::int32_t> VoqFileOpenCount{0};
 
 namespace
 {
-constexpr std::uint32_t PageBytes = 4096;
+constexpr std::uint64_t DiskBytes = 4 << 20;  // a file that would be longer meets a full disk
 
 struct File {
-    std::map<std::uint32_t, std::array<unsigned char, PageBytes>> pages;  // what is missing is zeros
+    std::string bytes;  // what is missing up to the size is zeros
     std::uint64_t size = 0;
     bool open = false;
-
-    void Write(std::uint32_t offset, const unsigned char* bytes, std::size_t count)
-    {
-        for (std::size_t done = 0; done < count;) {
-            const std::size_t at = (offset + done) % PageBytes;
-            const std::size_t here = std::min(count - done, PageBytes - at);
-            const auto page = static_cast<std::uint32_t>((offset + done) / PageBytes);
-            const bool zeros = bytes[done] == 0 && std::memcmp(bytes + done, bytes + done + 1, here - 1) == 0;
-            if (!zeros || pages.contains(page)) std::memcpy(pages[page].data() + at, bytes + done, here);
-            done += here;
-        }
-        size = std::max(size, std::uint64_t{offset} + count);
-    }
-    void Read(std::uint32_t offset, unsigned char* bytes, std::size_t count) const
-    {
-        for (std::size_t done = 0; done < count;) {
-            const std::size_t at = (offset + done) % PageBytes;
-            const std::size_t here = std::min(count - done, PageBytes - at);
-            const auto page = pages.find(static_cast<std::uint32_t>((offset + done) / PageBytes));
-            if (page == pages.end())
-                std::memset(bytes + done, 0, here);
-            else
-                std::memcpy(bytes + done, page->second.data() + at, here);
-            done += here;
-        }
-    }
-    void Resize(std::uint32_t bytes)
-    {
-        pages.erase(pages.lower_bound((bytes + PageBytes - 1) / PageBytes), pages.end());
-        const auto last = pages.find(bytes / PageBytes);
-        if (last != pages.end()) std::fill(last->second.begin() + bytes % PageBytes, last->second.end(), 0);
-        size = bytes;
-    }
 };
 
 std::map<std::string, File, std::less<>> Files;
@@ -98,8 +64,7 @@ void ResetBox()
 
 void StoreFile(const char* path, const void* bytes, std::size_t size)
 {
-    Files[path] = {};
-    if (size > 0) Files[path].Write(0, static_cast<const unsigned char*>(bytes), size);
+    Files[path] = {std::string(static_cast<const char*>(bytes), size), size};
 }
 
 bool FileExists(const char* path)
@@ -142,7 +107,7 @@ long ReadFifo(int, void* buffer, std::size_t size)
 int FsOpenFileCreat(const char* path, std::FILE** stream)
 {
     File& file = Files[path];
-    if (!file.open) file.Resize(0);
+    if (!file.open) file = {};
     return Open(&file, stream);
 }
 
@@ -185,7 +150,9 @@ std::size_t WorkFile::ReadSome(std::uint32_t offset, void* buffer, std::size_t s
     const File& file = FileOf(stream_);
     if (offset >= file.size) return 0;
     const std::size_t here = std::min<std::uint64_t>(size, file.size - offset);
-    file.Read(offset, static_cast<unsigned char*>(buffer), here);
+    const std::size_t there =
+        offset < file.bytes.size() ? file.bytes.copy(static_cast<char*>(buffer), here, offset) : 0;
+    std::memset(static_cast<char*>(buffer) + there, 0, here - there);
     return here;
 }
 
@@ -196,18 +163,24 @@ bool WorkFile::ReadAt(std::uint32_t offset, void* buffer, std::size_t size) cons
 
 bool WorkFile::WriteAt(std::uint32_t offset, const void* buffer, std::size_t size) const
 {
-    if (size > 0) FileOf(stream_).Write(offset, static_cast<const unsigned char*>(buffer), size);
+    File& file = FileOf(stream_);
+    const std::uint64_t end = std::uint64_t{offset} + size;
+    if (end > DiskBytes) return false;
+    if (file.bytes.size() < end) file.bytes.resize(end);
+    file.bytes.replace(offset, size, static_cast<const char*>(buffer), size);
+    file.size = std::max(file.size, end);
     return true;
 }
 
 bool WorkFile::AppendZeros(std::uint32_t size) const
 {
-    FileOf(stream_).size += size;
-    return true;
+    return Truncate(Size() + size);
 }
 
 bool WorkFile::Truncate(std::uint32_t size) const
 {
-    FileOf(stream_).Resize(size);
+    File& file = FileOf(stream_);
+    if (file.bytes.size() > size) file.bytes.resize(size);
+    file.size = size;
     return true;
 }

@@ -39,9 +39,11 @@ class Faulty:
         fails = {"VOQ_FAULT": fault, "VOQ_TIMES": str(times)} if fault else {}
         self.service = Service(ready=False, environment=preloaded("faults") | {"VOQ_SITES": str(WORK / "sites")} | fails)
         self.process, self.sim, self.asked, self.wrong = self.service.process, self.service.sim, {}, []
-        self.up = soon(lambda: self.process.poll() is not None or b"GlobeWatchDogAddr" in self.service.out()
-                       or self.service.count("Start Read ORG file ret=0") > 9, 5)
+        began = soon(lambda: self.process.poll() is not None or b"GlobeWatchDogAddr" in self.service.out()
+                     or self.service.count("Start Read ORG file ret=0") > 9, 30)
         self.up = self.process.poll() is None and b"GlobeWatchDogAddr" in self.service.out()
+        if not began:
+            self.wrong.append("hangs at its start")
 
     def sites(self):
         return (WORK / "sites").read_text().splitlines() if (WORK / "sites").exists() else []
@@ -115,7 +117,7 @@ class Faulty:
             self.send(b"".join(log_off(KEPT, n) for n in 2 * (200, 203, 210, *numbers)), "mek")
             self.settled()
             self.send(b"".join(log_on(key, n) for key, n in zip(wanted, numbers)), "mek")
-            if not soon(lambda: all(service.value(key) == sim.value(key) for key in wanted)):
+            if not soon(lambda: all(service.value(key) == sim.value(key) for key in wanted), 15):
                 self.wrong.append(f"not served again: {[k for k in wanted if service.value(k) != sim.value(k)]}")
 
     def judge(self, changed):
@@ -157,7 +159,7 @@ class Faulty:
             if kept and (not again.service.node(KEPT) or kept != again.service.node(KEPT).dataoffset):
                 self.wrong.append("a registration was lost")
             again.send(log_on(GROUP[0], 1), "mek")
-            if checked.returncode or not soon(lambda: again.service.value(GROUP[0]) == again.sim.value(GROUP[0])):
+            if checked.returncode or not soon(lambda: again.service.value(GROUP[0]) == again.sim.value(GROUP[0]), 15):
                 self.wrong.append(f"the next start does not serve: {checked.stdout}{checked.stderr}")
         again.process.kill()
         again.process.wait()
