@@ -138,6 +138,7 @@ bool WorkFile::AppendZeros(std::uint32_t size) const
 {
     static constexpr unsigned char Zeros[65792] = {};
     std::uint32_t end = Size();
+    if (end == UINT32_MAX) return false;
     while (size > 0) {
         const std::uint32_t piece = std::min<std::uint32_t>(size, sizeof Zeros);
         if (!WriteAt(end, Zeros, piece)) return false;

@@ -113,8 +113,10 @@ bool AddIndexItem(const RegKey* key, std::uint32_t first)
     item.layout = key->layout;
     item.flagbit = GroupFlag(*key) ? 1 : 0;
     item.first = first;
+    const std::uint32_t size = file.Size();
+    if (size == UINT32_MAX) return false;  // an entry at that place would leave a gap of 4 GB to be searched
     // Behind the last whole entry: a remainder is no entry, and one written behind it would never be read.
-    const std::uint32_t end = EntryCount(file) * EntryBytes;
+    const std::uint32_t end = size / EntryBytes * EntryBytes;
     if (WriteEntry(file, end, item)) return true;
     static_cast<void>(file.Truncate(end));
     return false;
@@ -124,9 +126,9 @@ void DropLastIndexItem()
 {
     WorkFile file;
     if (!file.OpenRW(IndexFileName)) return;
-    const std::uint32_t count = EntryCount(file);
-    if (count == 0) return;
-    if (!file.Truncate((count - 1) * EntryBytes)) {
+    const std::uint32_t size = file.Size();
+    if (size < EntryBytes || size == UINT32_MAX) return;
+    if (!file.Truncate((size / EntryBytes - 1) * EntryBytes)) {
         std::printf("*VOQ*index file %s: last entry not removed\r\n", IndexFileName);
     }
     file.Sync();

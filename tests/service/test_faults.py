@@ -31,22 +31,20 @@ def soon(condition, seconds=2):
 
 
 class Faulty:
-    """The service under one fault (None: none), and what it answered."""
+    """The service under one fault (None: none), and what is wrong with it."""
 
-    def __init__(self, fault=None, times=0):
-        (WORK / "sites").unlink(missing_ok=True)
-        self.passes = times == 1 and not fault.startswith(LASTING)
+    def __init__(self, fault="", times=0):
+        (WORK / "sites").write_bytes(b"")
         fails = {"VOQ_FAULT": fault, "VOQ_TIMES": str(times)} if fault else {}
         self.service = Service(ready=False, environment=preloaded("faults") | {"VOQ_SITES": str(WORK / "sites")} | fails)
-        self.process, self.sim, self.asked, self.wrong = self.service.process, self.service.sim, {}, []
+        self.process, self.sim, self.pulses, self.wrong = self.service.process, self.service.sim, [], []
+        self.passes = times == 1 and not fault.startswith(LASTING)
+        self.deaf = times > 1 and fault.startswith(("open", "read", "pthread_create", "mkfifo"))
         began = soon(lambda: self.process.poll() is not None or b"GlobeWatchDogAddr" in self.service.out()
                      or self.service.count("Start Read ORG file ret=0") > 9, 30)
         self.up = self.process.poll() is None and b"GlobeWatchDogAddr" in self.service.out()
         if not began:
             self.wrong.append("hangs at its start")
-
-    def sites(self):
-        return (WORK / "sites").read_text().splitlines() if (WORK / "sites").exists() else []
 
     def settled(self):
         """Everything sent is taken in, no request waits, no file is open: seen three times. Pulses may stay for ever when
@@ -59,12 +57,12 @@ class Faulty:
                 fcntl.ioctl(fifo, termios.FIONREAD, unread)
             waiting, files = self.service.peek("rtDataFileCount"), self.service.peek("VoqFileOpenCount")
             if attempt > 200:
-                waiting -= sum((self.service / f"rtData{n}").exists() for n, (r, _) in self.asked.items() if r.subcmd == PULSE)
-            seen = 0 if any(unread) or waiting or files else seen + 1
+                waiting -= sum((self.service / f"rtData{n}").exists() for n in self.pulses)
+            seen = 0 if any(unread) and not self.deaf or waiting or files else seen + 1
             if seen == 3:
                 return
             time.sleep(0.002)
-        self.wrong.append(f"stuck: {files} files open, {waiting} requests wait")
+        self.wrong.append(f"stuck: {files} files open, {waiting} requests wait, {unread} bytes unread")
 
     def send(self, data, client="gui"):
         path = self.service / f"{client}fifo"
@@ -76,24 +74,37 @@ class Faulty:
         with contextlib.suppress(BrokenPipeError):
             os.write(self.service.fifos[client], data)
 
-    def ask(self, *requests, client="gui"):
-        first = 1000 + len(self.asked)
-        before = [self.sim.value(r.key) for r in requests]
-        self.asked |= dict(zip(range(first, 2000), zip(requests, before)))
-        self.send(b"".join(r.frame(n) for n, r in enumerate(requests, first)), client)
+    def ask(self, wanted):
+        """Sends requests of all kinds, and holds those that are answered with success to what they should have done."""
+        asked = dict(enumerate(wanted, 1000))
+        self.pulses = [n for n, (r, _) in asked.items() if r.subcmd == PULSE]
+        frames = [r.frame(n) for n, (r, _) in asked.items()]
+        self.send(b"".join(frames[:-2]))
+        self.send(b"".join(frames[-2:]), "mek")
+        self.settled()
+        for number, (request, value) in asked.items():
+            path = self.service / str(number)
+            answer = path.read_bytes() if path.exists() else b""
+            later = [v for n, (r, v) in asked.items() if n >= number and r.key == request.key]
+            if len(answer) >= 40 and answer[26] == 1 and (
+                    self.sim.value(request.key) not in later or request.cmd == READ and answer[40:] != value):
+                self.wrong.append(f"success answered, not done: {request}")
 
     def work(self):
         """Something of everything that clients, operator and PLC make the service do."""
-        sim, service = self.sim, self.service
+        sim, service, was = self.sim, self.service, lambda *a, **k: self.sim.value(Key(*a, **k))
         self.send(b"".join(log_on(key, 100 + n) for n, key in enumerate(GROUP + NEW[:3])))
         self.send(log_on(GROUP[0], 200) + log_on(NEW[3], 201) + log_on(NEW[4], 202) + log_on(GROUP[1], 203, 68), "mek")
         self.settled()
-        self.ask(write(500, 1), write(500, 1), write(510, 1), write(510, 2), write(GROUP[0].addr, 1, 2, 3, 4),
-                 flip(Key(520)), Request(CHANGE, Key(530), b"\2\0\0\0\x55\x66", PLAIN), read(600), read(602, 2),
-                 read(GROUP[2].addr, 4), change(PULSE, SET_BIT, Key(540), bit=9, form=1), pulse(Key(550), 1, 5))
-        self.ask(Request(WRITE, Key(0, 3), b"12345", code=3), read(604), pulse(Key(0, 1, layout=0x00), 1, 0),
-                 client="mek")
-        self.settled()
+        twice, bit, value = write(500, 1), Key(0, 1, layout=0x00), lambda number: number.to_bytes(2, "little")
+        self.ask([
+            (twice, value(1)), (twice, value(1)), (write(510, 1), value(1)), (write(510, 2), value(2)),
+            (write(GROUP[0].addr, 1, 2, 3, 4), struct.pack("<4H", 1, 2, 3, 4)), (read(GROUP[2].addr, 4), was(140, 4)),
+            (flip(Key(520)), bytes(b ^ 0x21 for b in was(520))), (read(600), was(600)), (read(602, 2), was(602, 2)),
+            (Request(CHANGE, Key(530), b"\2\0\0\0\x55\x66", PLAIN), b"\x55\x66"),
+            (change(PULSE, SET_BIT, Key(540), bit=9, form=1), bytes([was(540)[0], was(540)[1] | 2])),
+            (pulse(Key(550), 1, 5), bytes([was(550)[0] & ~32, was(550)[1]])), (pulse(bit, 1, 0), b"\0"),
+            (Request(WRITE, Key(0, 3), b"12345", code=3), None)])
         for failure in (sim.TIMEOUT, sim.ERROR):
             sim.fail(failure, 6)
             soon(lambda: sim.left_to_fail == 0, 0.3)
@@ -109,8 +120,7 @@ class Faulty:
             sim.set(key, bytes(b ^ 0xFF for b in sim.value(key)))
         soon(lambda: all(service.value(k) == sim.value(k) for k in (GROUP[0], NEW[0])), 0.5)
         self.settled()
-        if self.process.poll() is None:
-            self.judge(changed)
+        self.check_states(changed)
         if self.passes:  # a fault that is over leaves nothing behind: whoever subscribes again is served
             wanted = GROUP + NEW[:4] + FRESH
             numbers = (100, 101, 102, 103, 104, 105, 201, 301, 302, 303)
@@ -120,51 +130,40 @@ class Faulty:
             if not soon(lambda: all(service.value(key) == sim.value(key) for key in wanted), 15):
                 self.wrong.append(f"not served again: {[k for k in wanted if service.value(k) != sim.value(k)]}")
 
-    def judge(self, changed):
-        sim, last = self.sim, {}
-        for number, (request, before) in self.asked.items():
-            path, now = self.service / str(number), sim.value(request.key)
-            answer = path.read_bytes() if path.exists() else b""
-            if len(answer) < 40 or answer[26] != 1:
-                continue
-            last[request.key] = number
-            done = {READ: answer[40:] in (before, now), WRITE: True,
-                    CHANGE: request.subcmd != CHANGED or now == bytes(b ^ 0x21 for b in before)}[request.cmd]
-            if not done or answer[24] != request.cmd:
-                self.wrong.append(f"success answered, not done: {request}")
-        for key, number in last.items():  # the last write that says so, or a later one that does not
-            later = [r.payload for n, (r, _) in self.asked.items() if n >= number and r.cmd == WRITE and r.key == key]
-            if later and key not in GROUP and sim.value(key) not in later:
-                self.wrong.append(f"success answered, not written: {key}")
-        org, data = ((self.service / name).read_bytes() if (self.service / name).exists() else b"" for name in ("org", "data"))
-        for node in self.service.org()[1].values() if len(org) % 56 == 12 else ():
-            value, now = data[node.dataoffset: node.dataoffset + node.key.size], sim.value(node.key)
+    def check_states(self, changed):
+        """State 1 is an answer of success: the value as it is, or as it was before it changed and the record's stamp."""
+        if self.process.poll() is not None or not (self.service / "org").exists():
+            return
+        data = (self.service / "data").read_bytes() if (self.service / "data").exists() else b""
+        for node in self.service.org()[1].values():
+            value, now = data[node.dataoffset: node.dataoffset + node.key.size], self.sim.value(node.key)
             fresh = node.stamp[0] + node.stamp[1] / 1e6 > changed + 0.05
             if node.state == 1 and value != now and (fresh or value != bytes(b ^ 0xFF for b in now)):
                 self.wrong.append(f"state 1 without its value: {node}")
 
-    def end(self, kept):
+    def end(self, prepare):
         """Faults the run itself shows, and what the next start, without faults, makes of its files."""
         code = self.process.poll()
         if code is not None and (self.up or code not in (0, 1)):
             self.wrong.append(f"ended with {code}: {self.service.err()[-300:]}")
+        self.stop()
+        again = Faulty()
+        node = again.up and again.service.node(KEPT)
+        if not again.up or voqctl("check").returncode:
+            self.wrong.append(f"the next start failed: {again.service.out()[-300:]} {voqctl('check')}")
+        elif prepare is lagging and (not node or node.dataoffset != 3 * 8 + 4):
+            self.wrong.append("a registration was lost")
+        elif prepare is not slave:
+            again.send(log_on(GROUP[0], 1), "mek")
+            if not soon(lambda: again.service.value(GROUP[0]) == again.sim.value(GROUP[0]), 15):
+                self.wrong.append("the next start does not serve")
+        again.stop()
+        return self.wrong
+
+    def stop(self):
         self.process.kill()
         self.process.wait()
         self.service.hang_up()
-        again = Faulty()
-        if not again.up:
-            self.wrong.append(f"the next start failed: {again.service.out()[-300:]}")
-        else:
-            checked = voqctl("check")
-            if kept and (not again.service.node(KEPT) or kept != again.service.node(KEPT).dataoffset):
-                self.wrong.append("a registration was lost")
-            again.send(log_on(GROUP[0], 1), "mek")
-            if checked.returncode or not soon(lambda: again.service.value(GROUP[0]) == again.sim.value(GROUP[0]), 15):
-                self.wrong.append(f"the next start does not serve: {checked.stdout}{checked.stderr}")
-        again.process.kill()
-        again.process.wait()
-        again.service.hang_up()
-        return self.wrong
 
 
 def first():
@@ -215,17 +214,17 @@ def slave():
 STARTS = [first, lagging, refused, cut_short, downloaded, slave]
 
 
-def run(prepare, fault=None, times=0):
+def run(prepare, fault="", times=0):
     """The sites reached, or "!" when the fault struck, and what is wrong."""
     empty_box()
     prepare()
     faulty = Faulty(fault, times)
     if faulty.up and prepare is slave:
         soon(lambda: faulty.sim.loops > 60)
+        faulty.settled()
     elif faulty.up:
         faulty.work()
-    sites = faulty.sites()
-    return sites, faulty.end(3 * 8 + 4 if prepare is lagging else 0) if prepare is not slave else []
+    return (WORK / "sites").read_text().splitlines(), faulty.end(prepare)
 
 
 def test_faults(start):
