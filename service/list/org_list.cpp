@@ -1,7 +1,8 @@
 // The org list, on the service threads and the main thread, under the register database lock.
 // Every record that an operation is going to change is read and checked before its first write; the writes then go from
 // the new record towards the header, so that one cut short leaves a chain that is whole (the first record of all
-// follows its header).
+// follows its header). A new record is on the disk before anything names it: whatever else a power cut takes, the chain
+// leads through whole records only.
 #include "list/org_list.h"
 
 #include <cstdio>
@@ -68,7 +69,7 @@ bool AppendNode(OrgFile& file, OrgHeader header, OrgNode& node) VOQ_REQUIRES(Dat
     node.prev = header.tail;
     node.next = 0;
     if (!ReadLinked(file, header.tail, 0, last) || !AddRegion(node)) return false;
-    if (!file.WriteNode(here, node)) return false;
+    if (!file.WriteNode(here, node) || !file.Sync()) return false;
     OrgNode linked = last;
     linked.next = here;
     if (file.WriteNode(node.prev, linked) && file.WriteHeader({header.count + 1, header.head, here})) return true;
@@ -94,7 +95,7 @@ bool InsertInFront(OrgFile& file, OrgHeader header, std::uint32_t before, OrgNod
     if (insideGroup && (updateIndex || NodeCompare(ahead.key, node.key) != 1)) {
         return Damaged("index entry behind the start of its group", before);
     }
-    if (!AddRegion(node) || !file.WriteNode(here, node)) return false;
+    if (!AddRegion(node) || !file.WriteNode(here, node) || !file.Sync()) return false;
     OrgNode linkedBehind = behind;
     OrgNode linkedAhead = ahead;
     linkedBehind.prev = linkedAhead.next = here;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 #include "arch/fs.h"
@@ -15,9 +16,8 @@
 
 namespace
 {
-// Bounds of what start-up holds in memory: an org file of 14 MB, and an index entry for each of its records.
+// Bound of what start-up holds in memory: an org file of 14 MB, and an index entry for each of its records.
 constexpr std::uint32_t MostCheckedRecords = 0x40000;
-constexpr int MostBridges = 64;  // each looks at all records
 
 using GroupOrder = std::vector<std::pair<std::uint64_t, std::uint32_t>>;  // group number by group identity
 
@@ -26,6 +26,14 @@ bool Fault(OrgSurvey& survey, const char* what, std::uint32_t offset)
     survey.fault = what;
     survey.faultOffset = offset;
     return false;
+}
+
+// What a file holds that a power cut left longer than what was written to it.
+template <typename Record>
+bool AllZero(const Record& record)
+{
+    static constexpr Record Zero{};
+    return std::memcmp(&record, &Zero, sizeof record) == 0;
 }
 
 std::uint32_t RecordNumber(std::uint32_t offset)
@@ -82,62 +90,34 @@ bool ReadIndex(OrgSurvey& survey)
     return true;
 }
 
-// Where an appended record stood that a power cut took: insertions may end without a sync, and the disk may then hold a
-// link to a record, but not the record.
-bool LostPlace(const OrgSurvey& survey, std::uint32_t offset)
+// The first record of all follows its header: a power cut may take the record alone.
+bool FirstRecordLost(const OrgSurvey& survey)
 {
-    return offset >= survey.wholeBytes && (offset - OrgFirstRecord) % sizeof(OrgNode) == 0;
+    const OrgHeader& header = survey.header;
+    if (header.count != 1 || header.head != OrgFirstRecord || header.tail != OrgFirstRecord) return false;
+    return survey.records.empty() || AllZero(survey.records[0]);
 }
 
-// The record that followed lost ones: the only one outside the chain so far whose back link names the record before
-// them or a lost place. 0 when there is none or more than one.
-std::uint32_t RecordBehindLost(const OrgSurvey& survey, const std::vector<bool>& seen, std::uint32_t prev)
+// What an append left when a power cut took the link to its record, but not the header behind it.
+bool LinkToTailLost(const OrgSurvey& survey, const std::vector<bool>& seen, std::uint32_t end)
 {
-    std::uint32_t behind = 0;
-    std::uint32_t offset = OrgFirstRecord;
-    for (std::size_t i = 0; i < survey.records.size(); ++i, offset += sizeof(OrgNode)) {
-        const std::uint32_t link = survey.records[i].prev;
-        if (seen[i] || (link != prev && !LostPlace(survey, link))) continue;
-        if (behind != 0) return 0;
-        behind = offset;
-    }
-    return behind;
-}
-
-// What the chain goes on with in place of a link to no record: 0 at its end, the record behind lost ones elsewhere.
-// False when lost records do not explain the link.
-bool Bridge(const OrgSurvey& survey, const std::vector<bool>& seen, std::uint32_t prev, std::uint32_t& offset)
-{
-    if (!LostPlace(survey, offset)) return false;
     const std::uint32_t tail = survey.header.tail;
-    const bool tailWhole = OrgOffsetValid(tail, survey.wholeBytes);
-    const bool appendLost = tailWhole ? seen[RecordNumber(tail)] : LostPlace(survey, tail);
-    if (survey.records.empty() || (appendLost && prev != 0)) {
-        offset = 0;
-        return true;
-    }
-    offset = RecordBehindLost(survey, seen, prev);
-    return offset != 0;
+    if (!OrgOffsetValid(tail, survey.wholeBytes) || seen[RecordNumber(tail)]) return false;
+    const OrgNode& record = survey.records[RecordNumber(tail)];
+    return record.prev == end && record.next == 0;
 }
 
 // Follows the chain from the head and sets the back links by it.
 bool FollowChain(OrgSurvey& survey)
 {
     std::vector<bool> seen(survey.records.size());
-    int bridges = 0;
     std::uint32_t prev = 0;
+    if (FirstRecordLost(survey)) {
+        survey.header = {};
+        survey.mends.header = true;
+    }
     for (std::uint32_t offset = survey.header.head; offset != 0;) {
-        if (!OrgOffsetValid(offset, survey.wholeBytes)) {
-            const std::uint32_t link = offset;
-            if (++bridges > MostBridges || !Bridge(survey, seen, prev, offset)) {
-                return Fault(survey, "a link to no record", link);
-            }
-            if (prev != 0) {
-                survey.records[RecordNumber(prev)].next = offset;
-                survey.changed[RecordNumber(prev)] = survey.mends.links = true;
-            }
-            continue;
-        }
+        if (!OrgOffsetValid(offset, survey.wholeBytes)) return Fault(survey, "a link to no record", offset);
         const std::uint32_t number = RecordNumber(offset);
         if (seen[number]) return Fault(survey, "a link back into the chain", offset);
         seen[number] = true;
@@ -147,6 +127,10 @@ bool FollowChain(OrgSurvey& survey)
             survey.changed[number] = survey.mends.links = true;
         }
         survey.chain.push_back(offset);
+        if (record.next == 0 && LinkToTailLost(survey, seen, offset)) {
+            record.next = survey.header.tail;
+            survey.changed[number] = survey.mends.links = true;
+        }
         prev = offset;
         offset = record.next;
     }
@@ -273,7 +257,7 @@ void CheckHeader(OrgSurvey& survey)
         right = {static_cast<std::uint32_t>(survey.chain.size()), survey.chain.front(), survey.chain.back()};
     }
     const OrgHeader& header = survey.header;
-    survey.mends.header = header.count != right.count || header.head != right.head || header.tail != right.tail;
+    survey.mends.header |= header.count != right.count || header.head != right.head || header.tail != right.tail;
     survey.header = right;
 }
 }  // namespace
