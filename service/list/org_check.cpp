@@ -39,8 +39,7 @@ bool MendIndex(const OrgSurvey& survey)
     WorkFile file;
     if (!file.OpenRW(IndexFileName)) return false;
     const auto size = static_cast<std::uint32_t>(survey.index.size() * sizeof(IndexItem));
-    if (size == 0) return file.Truncate(0) && file.Sync();
-    return file.WriteAt(0, survey.index.data(), size) && file.Sync();
+    return file.WriteAt(0, survey.index.data(), size) && file.Truncate(size) && file.Sync();
 }
 
 bool Mend(const OrgSurvey& survey)

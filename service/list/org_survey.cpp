@@ -149,11 +149,12 @@ bool FollowChain(OrgSurvey& survey)
 bool FindGroups(OrgSurvey& survey, GroupOrder& order)
 {
     const OrgNode* last = nullptr;
-    for (const std::uint32_t offset : survey.chain) {
+    for (std::uint32_t chained = 0; chained < survey.chain.size(); ++chained) {
+        const std::uint32_t offset = survey.chain[chained];
         const OrgNode& record = survey.records[RecordNumber(offset)];
         if (last == nullptr || !SameGroup(last->key, record.key)) {
             order.emplace_back(Identity(record.key), static_cast<std::uint32_t>(survey.groups.size()));
-            survey.groups.push_back({record.key, offset, 0});
+            survey.groups.push_back({record.key, offset, chained, 0});
         } else if (NodeCompare(last->key, record.key) != 1) {
             return Fault(survey, "a record out of order", offset);
         }
@@ -207,39 +208,59 @@ bool CheckRegions(OrgSurvey& survey)
     return true;
 }
 
-// A map that lists what its group holds. Its number of records tells: each refresh rewrites the map whole and ends with
-// the count in the index, and a group only grows. A map that is not there is as it was handed over.
-bool MapWhole(const IndexItem& item, std::uint32_t length)
+// A map that lists what its group holds. One that is not there is as it was handed over.
+bool MapWhole(const OrgSurvey& survey, const IndexItem& item, const OrgGroup& group)
 {
     char name[MapNameBytes];
     char path[PathBytes + MapNameBytes];
-    if (item.mapcount != length || !MapFileName(item, name, sizeof name)) return false;
+    if (item.mapcount != group.length || !MapFileName(item, name, sizeof name)) return false;
     std::snprintf(path, sizeof path, "%s%s", DataDir, name);
+    if (!FileExists(path)) return true;
     WorkFile file;
-    return !FileExists(path) || (file.OpenRO(path) && file.Size() == length * sizeof(MapItem));
+    std::vector<MapItem> map(group.length);
+    const auto size = static_cast<std::uint32_t>(group.length * sizeof(MapItem));
+    if (!file.OpenRO(path) || file.Size() != size || !file.ReadAt(0, map.data(), size)) return false;
+    for (std::uint32_t i = 0; i < group.length; ++i) {
+        const std::uint32_t offset = survey.chain[group.chained + i];
+        const RegKey& key = survey.records[RecordNumber(offset)].key;
+        const MapItem& entry = map[i];
+        if (entry.addr != key.addr || entry.width != key.width || entry.subaddrhi != SubaddrHigh(key) ||
+            entry.offset != offset) {
+            return false;
+        }
+    }
+    return true;
 }
 
-// Sets the index entries by the groups. An index without entries stays so: the first log-on starts it.
+// Sets the index entries by the groups. An index without entries stays so, the next log-on starts the table over; but
+// where there is one record, it is the first, whose entry was still to be written.
 bool CheckIndex(OrgSurvey& survey, const GroupOrder& order)
 {
-    if (survey.index.empty()) return true;
+    if (std::erase_if(survey.index, AllZero<IndexItem>) > 0) survey.mends.index = true;
+    if (survey.index.empty() && survey.chain.size() != 1) return true;
     if (survey.chain.empty()) {
         survey.index.clear();
         survey.mends.index = true;
         return true;
     }
     std::vector<bool> indexed(survey.groups.size());
+    std::vector<IndexItem> index;
     for (std::size_t i = 0; i < survey.index.size(); ++i) {
-        IndexItem& item = survey.index[i];
+        IndexItem item = survey.index[i];
         const OrgGroup* group = FindGroup(survey, order, Identity(item));
         if (group == nullptr) {
             return Fault(survey, "an index entry of no group", static_cast<std::uint32_t>(i * sizeof(IndexItem)));
         }
-        indexed[static_cast<std::size_t>(group - survey.groups.data())] = true;
-        if (item.first != group->first) survey.mends.index = true;
+        const auto number = static_cast<std::size_t>(group - survey.groups.data());
+        // No lookup gets as far as a group's second entry: it is another group's, damaged.
+        if (item.first != group->first || indexed[number]) survey.mends.index = true;
+        if (indexed[number]) continue;
+        indexed[number] = true;
         item.first = group->first;
-        if (!MapWhole(item, group->length)) survey.mends.maps = true;
+        if (!MapWhole(survey, item, *group)) survey.mends.maps = true;
+        index.push_back(item);
     }
+    survey.index = std::move(index);
     for (std::size_t i = 0; i < survey.groups.size(); ++i) {
         if (indexed[i]) continue;
         const RegKey& key = survey.groups[i].key;

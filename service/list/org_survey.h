@@ -13,7 +13,8 @@
 // A run of the chain.
 struct OrgGroup {
     RegKey key;
-    std::uint32_t first;
+    std::uint32_t first;    // offset of its first record
+    std::uint32_t chained;  // place of that in the chain
     std::uint32_t length;
 };
 

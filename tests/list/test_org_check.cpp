@@ -148,6 +148,17 @@ TEST_F(OrgCheckTest, MendsWhatLags)
     });
     EXPECT_EQ("12345678901" + std::string(20 + 70 - 11, '\0'), shorter["data"]);
     for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(i < 2 ? 1 : 0, shorter["org"][12 + 56 * i + 36]) << i;
+    // An index entry of which only the length reached the disk, one that has become another group's, one still to come.
+    mends(" index maps", [](Files& files) { files["index"].replace(32, 16, 16, '\0'); });
+    mends(" index maps", [](Files& files) { files["index"].replace(0, 16, files["index"], 32, 16); });
+    Store({{"org", std::string(12, '\0')}, {"data", ""}, {"index", ""}});
+    LogOn(Key(1, 0x22, 10, 2));
+    const Files first = Load();
+    Files unnamed = first;
+    unnamed["index"] = "";
+    Store(unnamed);
+    EXPECT_EQ(DatabaseState::Mended, Check());
+    EXPECT_TRUE(first == Load());
     // Without its record the list is empty, and so is its index.
     Store({{"org", std::string("\1\0\0\0\14\0\0\0\14\0\0\0", 12)},
            {"data", ""},
