@@ -1,80 +1,36 @@
 #include "list_fixture.h"
 
-#include <sys/stat.h>
-
 #include <set>
 
 WriteGate Gate;
 
-namespace
+std::size_t PassGate(const FileChange& change)
 {
-bool Pass()
-{
-    const bool open = Gate.allowed > 0;
-    --Gate.allowed;
-    ++(open ? Gate.made : Gate.lost);
-    return open;
-}
-
-void Trace(int descriptor, const std::string& what)
-{
-    if (Gate.trace == nullptr) return;
-    *Gate.trace += std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor)).filename().string();
-    *Gate.trace += what + " ";
-}
-}  // namespace
-
-extern "C" {
-ssize_t __real_pwrite(int descriptor, const void* buffer, size_t size, off_t offset);
-int __real_ftruncate(int descriptor, off_t size);
-int __real_fsync(int descriptor);
-FILE* __real_fopen(const char* path, const char* mode);
-
-ssize_t __wrap_pwrite(int descriptor, const void* buffer, size_t size, off_t offset)
-{
-    Trace(descriptor, "@" + std::to_string(offset) + "+" + std::to_string(size));
-    if (Pass()) return __real_pwrite(descriptor, buffer, size, offset);
-    struct stat info;
-    if (Gate.torn && fstat(descriptor, &info) == 0 && offset >= info.st_size) {
-        static_cast<void>(!__real_pwrite(descriptor, buffer, size / 2, offset));
+    const bool sync = change.kind == FileChange::Sync;
+    if (!sync) ++Gate.made;
+    if (Gate.trace != nullptr && change.descriptor >= 0) {
+        const auto path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(change.descriptor));
+        *Gate.trace += std::filesystem::is_directory(path) ? "." : path.filename().string();
+        *Gate.trace += sync ? "! " : "@" + std::to_string(change.offset) + "+" + std::to_string(change.size) + " ";
     }
-    Gate.torn = false;
-    return static_cast<ssize_t>(size);
+    return AllOf(change);
 }
 
-int __wrap_ftruncate(int descriptor, off_t size)
-{
-    return Pass() ? __real_ftruncate(descriptor, size) : 0;
-}
-
-int __wrap_fsync(int descriptor)
-{
-    Trace(descriptor, "!");
-    return __real_fsync(descriptor);
-}
-
-FILE* __wrap_fopen(const char* path, const char* mode)
-{
-    if (std::strcmp(mode, "wb+") != 0 || Pass()) return __real_fopen(path, mode);
-    return __real_fopen("/dev/null", "r+");
-}
-}
-
-Files ListTest::Load() const
+Files LoadFiles(const std::string& folder)
 {
     Files files;
-    for (const auto& entry : std::filesystem::directory_iterator(scratch.Folder())) {
-        files[entry.path().filename()] = FileBytes(entry.path());
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        if (entry.is_regular_file()) files[entry.path().filename()] = FileBytes(entry.path());
     }
     return files;
 }
 
-void ListTest::Store(const Files& files) const
+void StoreFiles(const std::string& folder, const Files& files)
 {
-    for (const auto& entry : std::filesystem::directory_iterator(scratch.Folder())) {
-        std::filesystem::remove(entry.path());
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        if (entry.is_regular_file() && files.count(entry.path().filename()) == 0) std::filesystem::remove(entry.path());
     }
-    for (const auto& [name, bytes] : files) std::ofstream(scratch.Folder() + name, std::ios::binary) << bytes;
+    for (const auto& [name, bytes] : files) std::ofstream(folder + name, std::ios::binary) << bytes;
 }
 
 RegKey Key(unsigned plcno, unsigned layout, std::uint32_t addr, unsigned width, std::uint32_t subaddr,

@@ -1,4 +1,4 @@
-// A register database in a folder of its own, the bytes of its files, and a hand on the service's writes.
+// A register database in a folder of its own, the bytes of its files, and what must hold between them.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,27 +8,32 @@
 
 #include "list/log_on_off.h"
 #include "support/capture.h"
+#include "support/file_tap.h"
 #include "support/scratch.h"
 
-// How many writes reached a file since the last reset, how many more may, and how many were lost, as in a power cut:
-// all behind the last allowed one. With `torn` the first of them still writes half of what it appends.
+// How many changes reached a file since the last reset, and what they were.
 struct WriteGate {
     int made = 0;
-    int allowed = 1 << 30;
-    int lost = 0;
-    bool torn = false;
-    std::string* trace = nullptr;  // takes "file@offset+bytes " for a write, "file! " for a sync
+    std::string* trace = nullptr;  // takes "file@offset+bytes " for a write, "file! " for a sync, "." for the folder
 };
 extern WriteGate Gate;
+std::size_t PassGate(const FileChange& change);
 
 using Files = std::map<std::string, std::string>;  // content by name in the database folder
+Files LoadFiles(const std::string& folder);
+// Leaves nothing else there.
+void StoreFiles(const std::string& folder, const Files& files);
 
 class ListTest : public testing::Test
 {
 protected:
-    ListTest() { Gate = {}; }
-    [[nodiscard]] Files Load() const;
-    void Store(const Files& files) const;
+    ListTest()
+    {
+        Gate = {};
+        Tap = PassGate;
+    }
+    [[nodiscard]] Files Load() const { return LoadFiles(scratch.Folder()); }
+    void Store(const Files& files) const { StoreFiles(scratch.Folder(), files); }
 
     Scratch scratch;
 };

@@ -1,4 +1,4 @@
-// The start-up check after every way of cutting an operation short, and on databases that nothing explains.
+// The start-up check on what an interrupted operation leaves, and on databases that nothing explains.
 #include <algorithm>
 #include <functional>
 
@@ -9,8 +9,6 @@
 
 namespace
 {
-using Operation = std::function<void()>;
-
 DatabaseState Check()
 {
     DatabaseState state;
@@ -22,60 +20,6 @@ DatabaseState Check()
 class OrgCheckTest : public ListTest
 {
 protected:
-    // Cuts the operation, then the check that follows, behind every number of writes.
-    void CutEverywhere(const Files& base, const Operation& operation, const RegKey& key)
-    {
-        bool cut = true;
-        for (int writes = 0; cut; ++writes) {
-            for (const bool torn : {false, true}) {
-                cut = Cut(base, operation, writes, torn);
-                const Files broken = Load();
-                bool mendCut = true;
-                for (int mends = 0; mendCut; ++mends) {
-                    mendCut = Cut(broken, Check, mends, torn);
-                    ExpectMended(base, operation, key);
-                    if (HasFailure()) FAIL() << writes << (torn ? " torn" : "") << " writes, mended " << mends;
-                }
-            }
-        }
-    }
-
-    // True when the operation had more writes to make.
-    bool Cut(const Files& files, const Operation& operation, int writes, bool torn)
-    {
-        Store(files);
-        ResetFastList();
-        Gate = {0, writes, 0, torn, nullptr};
-        operation();
-        const bool lost = Gate.lost > 0;
-        Gate = {};
-        return lost;
-    }
-
-    void ExpectMended(const Files& base, const Operation& operation, const RegKey& key)
-    {
-        EXPECT_NE(DatabaseState::Refused, Check());
-        Files files = Load();
-        EXPECT_EQ("", Unsound(files));
-        EXPECT_GE(files["data"].size(), base.at("data").size());
-        // Every registration made before is still in the chain, at its place and with its region.
-        std::vector<std::uint32_t> offsets;
-        for (std::uint32_t at = Word(files["org"], 4); at != 0; at = Word(files["org"], at + 52)) offsets.push_back(at);
-        for (std::uint32_t at = 12; at + 56 <= base.at("org").size(); at += 56) {
-            EXPECT_EQ(1, std::count(offsets.begin(), offsets.end(), at)) << at;
-            EXPECT_EQ(base.at("org").substr(at, 24), files["org"].substr(at, 24));
-            EXPECT_EQ(Word(base.at("org"), at + 44), Word(files["org"], at + 44));
-        }
-        Gate.made = 0;
-        EXPECT_EQ(DatabaseState::Sound, Check());
-        EXPECT_EQ(0, Gate.made);
-        // What was cut short can be done again.
-        operation();
-        EXPECT_NE(DatabaseState::Refused, Check());
-        EXPECT_EQ("", Unsound(Load()));
-        Output([&] { EXPECT_EQ(0u, (GetOrgOffset(key) - 12) % 56); });
-    }
-
     void Build()
     {
         for (const std::uint32_t addr : {10, 20, 30}) LogOn(Key(1, 0x22, addr, 2));
@@ -83,25 +27,6 @@ protected:
         LogOn(Key(3, 0, 7, 70));
     }
 };
-
-TEST_F(OrgCheckTest, EveryCutIsMended)
-{
-    const Files empty = Load();
-    Build();
-    const Files base = Load();
-    ASSERT_EQ("", Unsound(base));
-    const RegKey keys[] = {Key(9, 0x22, 1, 2),  Key(1, 0x22, 5, 2), Key(2, 0x22, 5, 2), Key(2, 0x22, 15, 2),
-                           Key(2, 0x22, 25, 2), Key(3, 0, 9, 5),    Key(1, 0x22, 20, 2)};
-    for (const RegKey& key : keys) {
-        SCOPED_TRACE(testing::Message() << "plcno " << int{key.plcno} << " addr " << key.addr);
-        for (const Files& start : {empty, base}) {
-            for (const OrgMode mode : {OrgMode::LogOn, OrgMode::LogOff, OrgMode::Register}) {
-                const auto operation = [&] { Request(key, mode); };
-                CutEverywhere(start, operation, key);
-            }
-        }
-    }
-}
 
 TEST_F(OrgCheckTest, MendsWhatLags)
 {
@@ -122,14 +47,9 @@ TEST_F(OrgCheckTest, MendsWhatLags)
         const char *what, *file;
         Words words;
     } restored[] = {
-        {" header", "org", {{0, 5}}},
-        {" header", "org", {{0, 7}}},
-        {" header", "org", {{8, 12}}},
-        {" links", "org", {{12 + 48, 68}}},
-        {" links", "org", {{68 + 48, 292}}},
-        {" index", "index", {{16 + 8, 12}}},
-        {" maps", "index", {{12, 2}}},
-        {" links", "org", {{236 + 52, 0}}},  // an append whose link was not written
+        {" header", "org", {{0, 5}}},       {" header", "org", {{0, 7}}},        {" header", "org", {{8, 12}}},
+        {" links", "org", {{12 + 48, 68}}}, {" links", "org", {{68 + 48, 292}}}, {" index", "index", {{16 + 8, 12}}},
+        {" maps", "index", {{12, 2}}},      {" links", "org", {{236 + 52, 0}}},  // an append whose link was not written
     };
     for (const auto& each : restored) {
         EXPECT_TRUE(base == mends(each.what,
