@@ -40,15 +40,6 @@ void BeginBuild()
     SyncDirectory(DataDir);
 }
 
-void EndBuild()
-{
-    char marker[2 * PathBytes];
-    BuildingMarker(marker);
-    if (!FileExists(marker)) return;
-    RemoveFile(marker);
-    SyncDirectory(DataDir);
-}
-
 bool CreateEmpty(const char* path)
 {
     WorkFile file;
@@ -86,11 +77,22 @@ bool CreateOrgIfMissing()
     return true;
 }
 
-// Some insertions end in a plain close: the build counts as whole only when all of it is on the disk.
 bool SyncFile(const char* path)
 {
     WorkFile file;
     return file.OpenRW(path) && file.Sync();
+}
+
+// A build counts as whole only when all of it is on the disk, names of files included.
+void EndBuild()
+{
+    char marker[2 * PathBytes];
+    BuildingMarker(marker);
+    if (!FileExists(marker)) return;
+    if (!SyncFile(OrgFileName) || !SyncFile(DataFileName) || !SyncFile(IndexFileName)) return;
+    SyncDirectory(DataDir);
+    RemoveFile(marker);
+    SyncDirectory(DataDir);
 }
 
 bool OrgListEmpty()
@@ -120,7 +122,7 @@ int BuildFromProject(const char* projectPath, bool dataExisted)
         return -1;
     }
     InitIndexMap();
-    if (SyncFile(OrgFileName) && SyncFile(DataFileName) && SyncFile(IndexFileName)) EndBuild();
+    EndBuild();
     return 0;
 }
 
@@ -133,8 +135,9 @@ int LocalBuild(const char* projectPath)
     }
     const bool orgCreated = CreateOrgIfMissing();
     const bool dataCreated = CreateIfMissing(DataFileName);
-    CreateIfMissing(IndexFileName);
+    const bool indexCreated = CreateIfMissing(IndexFileName);
     if (orgCreated) return BuildFromProject(projectPath, !dataCreated);
+    if (dataCreated || indexCreated) SyncDirectory(DataDir);
     if (dataCreated) InitIndexMap();
     return 0;
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "arch/fs.h"
 #include "arch/work_file.h"
 #include "list/org_file.h"
 #include "state/paths.h"
@@ -183,6 +184,7 @@ std::uint32_t RefrashIndexMap(IndexItem item)
         std::printf("*VOQ*open file %s error!!!\r\n", OrgFileName);
         return 0;
     }
+    const bool fresh = !FileExists(path);
     WorkFile map;
     if (!map.Create(path)) return 0;
     std::uint32_t written = 0;
@@ -196,6 +198,8 @@ std::uint32_t RefrashIndexMap(IndexItem item)
         map.Sync();
         ++written;
     }
+    // The index is about to say that the map is there.
+    if (fresh) SyncDirectory(DataDir);
     return written;
 }
 

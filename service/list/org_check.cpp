@@ -67,7 +67,9 @@ void SetAside(const char* path, const char* name)
 
 DatabaseState Refuse(const OrgSurvey& survey)
 {
+    // Alone at first: without its index the table could pass for a sound one, without the table nothing is left over.
     SetAside(OrgFileName, "org");
+    SyncDirectory(DataDir);
     SetAside(IndexFileName, "index");
     SetAside(DataFileName, "data");
     SyncDirectory(DataDir);

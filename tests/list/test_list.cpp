@@ -4,7 +4,7 @@
 #include "list_fixture.h"
 
 // Order of the writes and place of the syncs: the region before its record, the record on the disk before a link to it,
-// links towards the header, the index last.
+// links towards the header, the index last; the folder before the index tells of a new map.
 TEST_F(ListTest, WritesGoFromTheRecordToTheHeader)
 {
     for (const RegKey& key : {Key(1, 2, 5, 1), Key(2, 2, 5, 1)}) LogOn(key);
@@ -20,7 +20,7 @@ TEST_F(ListTest, WritesGoFromTheRecordToTheHeader)
         "im1_10_2_0@12+12 im1_10_2_0! index@0+16 index! ",
         trace(Key(1, 2, 7, 1), OrgMode::LogOn));
     EXPECT_EQ(
-        "data@6+2 data! org@180+56 org! org@68+56 org@0+12 org! index@32+16 index! im3_10_2_0@0+12 im3_10_2_0! "
+        "data@6+2 data! org@180+56 org! org@68+56 org@0+12 org! index@32+16 index! im3_10_2_0@0+12 im3_10_2_0! .! "
         "index@32+16 index! ",
         trace(Key(3, 2, 5, 1), OrgMode::LogOff));
     EXPECT_EQ("data@8+2 data! org@236+56 org! org@12+56 org@0+12 index@0+16 index! org! ",
