@@ -1,0 +1,66 @@
+"""The real binary ended at changes of its files, and started on damaged ones. VOQ_TORTURE=long tries more places."""
+import os
+import random
+
+from test_cadence import traced
+from voqtest import Key, com_info, log_on, wait_for
+
+PLACES = 200 if os.environ.get("VOQ_TORTURE") == "long" else 5
+RANGES = [Key(10 * i, 2, plcno=1 + i % 2) for i in range(1, 9)]
+
+
+def registered(service):
+    """Place of record and region by range, along the chain; index and maps name the same."""
+    (_, offset, _), nodes = service.org()
+    ranges, runs = {}, {}
+    while offset:
+        node = nodes[offset]
+        ranges[node.key] = (offset, node.dataoffset)
+        runs.setdefault(node.key.group, []).append((*node.key.place, offset))
+        offset = node.next
+    assert service.index() == {group: (run[0][2], len(run)) for group, run in runs.items()}
+    assert {group: service.map(group) for group in runs} == runs
+    return ranges
+
+
+def test_ended_while_clients_register(start):
+    rng = random.Random(3)
+    service, kept, mended = start(com_info(pause=0), RANGES), {}, 0
+    for _ in range(PLACES):
+        kept = registered(service) | kept
+        service.stop()
+        service = start(environment=traced() | {"VOQ_CUT_CLIENT": str(rng.randrange(1, 80))})
+        keys = [Key(rng.randrange(1000), rng.randrange(1, 99), plcno=rng.randrange(1, 6)) for _ in range(8)]
+        service.send(b"".join(log_on(key, i) for i, key in enumerate(keys)))
+        served = ("*VOQ*Find list,", "*VOQ*Same req,")
+        wait_for(lambda: service.process.poll() is not None or sum(map(service.count, served)) >= len(keys), "an end")
+        if service.process.poll() is not None:
+            assert service.process.returncode == 9
+            service.hang_up()
+            service = start()
+            mended += service.count("*VOQ*register database mended:")
+            assert service.count("*VOQ*register database ") == service.count("*VOQ*register database mended:") < 2
+        assert kept.items() <= registered(service).items()
+    assert mended
+
+
+def test_damaged_bytes(start):
+    rng = random.Random(4)
+    service = start(com_info(pause=0), RANGES)
+    registered(service)
+    service.stop()
+    whole = {name: (service / name).read_bytes() for name in ("org", "index", "data")}
+    for _ in range(PLACES):
+        for name, raw in whole.items():
+            (service / name).write_bytes(raw)
+        name = rng.choice(["org", "index"])
+        at, raw = rng.randrange(len(whole[name])), bytearray(whole[name])
+        raw[at] ^= rng.randrange(1, 256)
+        (service / name).write_bytes(raw)
+        service = start()
+        assert service.cpu() < 1, (name, at)
+        assert len(registered(service)) == len(RANGES), (name, at)
+        service.send(log_on(Key(500, 1), 1))
+        service.wait_out("*VOQ*Find list,")
+        assert Key(500, 1) in registered(service)
+        service.stop()

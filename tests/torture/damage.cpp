@@ -1,0 +1,61 @@
+// Every byte of the org file and of the index takes every other value, and either file ends at every length.
+#include "torture.h"
+
+namespace
+{
+constexpr std::size_t Records = 64;
+
+void Look(Database& database, const Files& whole, const std::string& name, const std::string& bytes)
+{
+    Files broken = whole;
+    broken[name] = bytes;
+    std::ofstream(database.Path(name), std::ios::binary) << bytes;
+    const std::size_t refusals = database.refused;
+    const std::string said = database.Start();
+    const Files after = database.changed ? database.Load() : broken;
+    std::string wrong;
+    if (broken["org"].size() < 12) {
+        if (after != broken) wrong = "changed without a header";  // which may still come
+    } else {
+        wrong = Database::LooksWrong(said, broken, after);
+        const bool kept = database.refused == refusals ||
+                          (after.at("org.bad") == broken["org"] && after.at("index.bad") == broken["index"]);
+        if (!kept) wrong = "not kept";
+        // An index that lost its entries starts the table over.
+        if (wrong.empty() && database.judged % 16 == 0 && broken["index"].size() >= 16) {
+            wrong = database.FailsToWork({});
+            database.changed = true;
+        }
+    }
+    Complain(wrong.empty() ? "" : wrong + "\n" + said);
+    ++database.judged;
+    if (database.changed) database.Set(whole);
+}
+}  // namespace
+
+void Damage(Database& database, bool thorough)
+{
+    const Files whole = Filled(database, Records);
+    const std::size_t step = thorough ? 1 : 85;
+    std::size_t least = 0;
+    for (const char* name : {"org", "index"}) {
+        const std::string& sound = whole.at(name);
+        for (std::size_t at = 0; at < sound.size(); ++at) {
+            if (at % 256 == 0 && thorough) Progress("damage: %s, byte %zu of %zu\n", name, at, sound.size());
+            for (std::size_t change = 1 + at % step; change < 256; change += step) {
+                std::string bytes = sound;
+                bytes[at] = static_cast<char>(bytes[at] + static_cast<int>(change));
+                At("%s, byte %zu, %zu more", name, at, change);
+                Look(database, whole, name, bytes);
+            }
+            At("%s, cut to %zu bytes", name, at);
+            Look(database, whole, name, sound.substr(0, at));
+            std::ofstream(database.Path(name), std::ios::binary) << sound;
+        }
+        least += sound.size() * (255 / step + 1);
+    }
+    Progress("damage: %zu starts mended, %zu refused\n", database.mended, database.refused);
+    Report("damage: files judged", database.judged, std::to_string(least), database.judged == least);
+    ReportComplaints("damage: crashes, hangs, unsound files");
+    Report("damage: slowest start in ms", database.slowest, "< 1000", database.slowest < 1000);
+}

@@ -1,0 +1,181 @@
+// Starts the service's start-up step on prepared files and judges the outcome.
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <ctime>
+
+#include "fileinit/database_files.h"
+#include "list/index.h"
+#include "list/org_check.h"
+#include "state/com_state.h"
+#include "torture.h"
+
+namespace
+{
+char* Printed;
+std::size_t PrintedBytes;
+std::string Project, Download;
+
+// What the service prints meanwhile. A second of processor time, or a minute, is a hang.
+std::string Said(const auto& action)
+{
+    const itimerval second{{}, {1, 0}}, off{};
+    std::rewind(stdout);
+    setitimer(ITIMER_PROF, &second, nullptr);
+    alarm(60);
+    action();
+    alarm(0);
+    setitimer(ITIMER_PROF, &off, nullptr);
+    std::fflush(stdout);
+    return {Printed, PrintedBytes};
+}
+
+bool Says(const std::string& text, const std::string& part)
+{
+    return text.find("*VOQ*" + part) != std::string::npos;
+}
+
+// Four ranges of two groups.
+void WriteProject()
+{
+    std::string bytes(400, '\0');
+    for (const auto& [at, value] : {std::pair{20u, 64u}, {104, 120}, {120, 200}, {200, 4}}) SetWord(bytes, at, value);
+    const RegKey keys[] = {Range(1, 20), Range(1, 10), Range(2, 5), Range(1, 30)};
+    for (std::uint32_t i = 0; i < 4; ++i) {
+        SetWord(bytes, 220 + 4 * i, 40 + 24 * i);
+        std::memcpy(&bytes[240 + 24 * i], &keys[i], sizeof keys[i]);
+    }
+    std::ofstream(Project, std::ios::binary) << bytes;
+}
+}  // namespace
+
+bool Contains(const Registered& all, const Registered& some)
+{
+    return std::includes(all.begin(), all.end(), some.begin(), some.end());
+}
+
+Registered RegisteredIn(const std::string& org)
+{
+    Registered all;
+    std::string fault;
+    for (const Run& run : ReadChain(org, fault)) {
+        for (const Row& row : run) {
+            std::string one = org.substr(row.offset, 24) + std::string(8, '\0');
+            SetWord(one, 24, row.offset);
+            SetWord(one, 28, row.dataoffset);
+            all.insert(one);
+        }
+    }
+    return all;
+}
+
+Database::Database()
+{
+    Download = Path("set/");
+    Project = Path("p/project");
+    for (const char* folder : {"set", "p"}) std::filesystem::create_directory(Path(folder));
+    stdout = open_memstream(&Printed, &PrintedBytes);
+    ComInfo.portNo = 1;
+    FakeDriver::Use();
+    WriteProject();
+}
+
+void Database::Set(const Files& files, const Files& download) const
+{
+    StoreFiles(scratch_.Folder(), files);
+    StoreFiles(Download, download);
+    ResetFastList();
+}
+
+void Database::Run(Operation& operation) const
+{
+    Set(operation.before, operation.download);
+    operation.run();
+    operation.known.merge(RegisteredIn(Load().at("org")));
+    operation.known.insert(operation.promised.begin(), operation.promised.end());
+}
+
+std::string Database::Start()
+{
+    DownloadPaths paths;
+    const std::pair<char*, const char*> names[] = {
+        {paths.directory, ""}, {paths.org, "org"}, {paths.index, "index"}, {paths.data, "data"}};
+    for (const auto& [path, name] : names) std::strcpy(path, (Download + name).c_str());
+    const FileTap outer = Tap;
+    changed = false;
+    Tap = [&](const FileChange& change) {
+        changed = true;
+        return outer ? outer(change) : AllOf(change);
+    };
+    const std::clock_t begin = std::clock();
+    const std::string said = Said([&] { PrepareDatabase(Project.c_str(), paths); });
+    slowest = std::max(slowest, static_cast<std::size_t>((std::clock() - begin) * 1000 / CLOCKS_PER_SEC));
+    Tap = outer;
+    mended += Says(said, "register database mended");
+    refused += Says(said, "register database refused");
+    return said;
+}
+
+// One line tells of every change of files that were there; a build and a copy have lines of their own.
+std::string Database::LooksWrong(const std::string& said, const Files& broken, const Files& after)
+{
+    if (after.count("org") == 0 || after.at("org").size() < 12) return "no org file";
+    const std::string wrong = Unsound(after);
+    if (!wrong.empty() || Says(said, "RegAmount=") || Says(said, "download") || Says(said, "####")) return wrong;
+    const std::size_t line = said.find("*VOQ*register database ");
+    if (line != said.rfind("*VOQ*register database ")) return "more than one line";
+    const bool kept = std::all_of(broken.begin(), broken.end(), [&](const auto& file) {
+        return after.count(file.first) != 0 && after.at(file.first) == file.second;
+    });
+    return kept == (line == std::string::npos) ? "" : kept ? "a line for no change" : "changed without a line";
+}
+
+std::string Database::StartAndJudge(const Operation& operation)
+{
+    const Files broken = Load();
+    const std::size_t refusals = refused;
+    const std::string said = Start();
+    const Files after = Load();
+    ++judged;
+    std::string wrong = LooksWrong(said, broken, after);
+    if (refused > refusals && !operation.damaged) wrong = "refused";
+    if (wrong.empty()) {
+        const Registered now = RegisteredIn(after.at("org"));
+        if (!Contains(now, operation.promised)) wrong = "a registration was lost";
+        for (const std::string& one : now) {
+            const auto known = operation.known.lower_bound(one.substr(0, 24));
+            if (operation.known.count(one) != 0) continue;
+            torn.insert(one);
+            if (known != operation.known.end() && known->compare(0, 24, one, 0, 24) == 0) wrong = "a range moved";
+        }
+        DatabaseState again{};
+        const std::string nothing = Said([&] { again = CheckDatabase(); });
+        if (again != DatabaseState::Sound || !nothing.empty() || Load() != after) wrong = "not sound at the next look";
+    }
+    if (wrong.empty()) wrong = FailsToWork(operation.promised);
+    return wrong.empty() ? "" : wrong + "\n" + said;
+}
+
+// A range in front of everything, one of a new group and a known one are registered, and nothing is lost by it.
+std::string Database::FailsToWork(const Registered& promised) const
+{
+    std::vector<RegKey> keys = {Range(1, 1), Range(8, 1)};
+    for (const std::string& one : promised) {
+        const RegKey known = Word<RegKey>(one, 0);
+        std::uint32_t found = 0;
+        Said([&] { found = GetOrgOffset(known); });
+        if (found != Word(one, 24)) return "not found";
+        keys.resize(3, known);
+    }
+    const Registered before = RegisteredIn(Load().at("org"));
+    for (const RegKey& key : keys) {
+        const RegRequest request{key, 1, 0, 7, 0};
+        int result = 0;
+        Said([&] { result = LogOnOff2OrgList(&request, OrgMode::LogOn, 7); });
+        if (result != 0) return "a log-on fails";
+    }
+    const Files after = Load();
+    const Registered now = RegisteredIn(after.at("org"));
+    if (!Contains(now, before) || now.size() > before.size() + 2) return "further log-ons lose a registration";
+    return Unsound(after);
+}

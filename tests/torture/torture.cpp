@@ -1,0 +1,79 @@
+// torture_database ITEM short|long: ends the service, cuts the power or damages its files at every place, and looks at
+// what the next start makes of it. Ends with table rows "name | figure | goal | ok"; exit status 1 on a MISS.
+#include "torture.h"
+
+#include <signal.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdarg>
+
+namespace
+{
+char Where[256];
+int Terminal;  // the service's own lines go elsewhere
+bool Missed;
+std::size_t Complaints;
+
+void Crashed(int signal)
+{
+    Progress("%s: %s\n", Where, strsignal(signal));
+    _exit(3);
+}
+}  // namespace
+
+// A clock that makes every run the same.
+extern "C" int __wrap_gettimeofday(timeval* now, void*)
+{
+    static long seconds = 1700000000;
+    *now = {++seconds, 0};
+    return 0;
+}
+
+void At(const char* format, ...)
+{
+    va_list values;
+    va_start(values, format);
+    std::vsnprintf(Where, sizeof Where, format, values);
+    va_end(values);
+}
+
+void Progress(const char* format, ...)
+{
+    va_list values;
+    va_start(values, format);
+    vdprintf(Terminal, format, values);
+    va_end(values);
+}
+
+void Complain(const std::string& what)
+{
+    if (!what.empty() && ++Complaints <= 20) Progress("%s: %s\n", Where, what.c_str());
+}
+
+void Report(const char* name, std::size_t figure, const std::string& goal, bool reached)
+{
+    Missed |= !reached;
+    Progress("%s | %zu | %s | %s\n", name, figure, goal.c_str(), reached ? "ok" : "MISS");
+}
+
+void ReportComplaints(const char* name)
+{
+    Report(name, Complaints, "0", Complaints == 0);
+}
+
+int main(int count, char** arguments)
+{
+    const std::string item = count == 3 ? arguments[1] : "", length = count == 3 ? arguments[2] : "";
+    const auto run = item == "death" ? Death : item == "powercut" ? PowerCut : item == "damage" ? Damage : nullptr;
+    if (run == nullptr || (length != "short" && length != "long")) {
+        std::fputs("usage: torture_database death|powercut|damage short|long\n", stderr);
+        return 2;
+    }
+    Terminal = dup(STDOUT_FILENO);
+    static_cast<void>(!std::freopen("/dev/null", "w", stderr));
+    for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGPROF, SIGALRM}) ::signal(signal, Crashed);
+    Database database;
+    run(database, length == "long");
+    return Missed ? 1 : 0;
+}
