@@ -61,7 +61,9 @@ void RemoveFilesByPrefix(const char* directory, const char* prefix, std::size_t 
     if (entries == nullptr) return;
     const std::size_t prefixLength = std::strlen(prefix);
     std::size_t seen = 0;
-    for (const dirent* entry = readdir(entries); entry != nullptr && seen < most; entry = readdir(entries), ++seen) {
+    // The plain readdir of a 32-bit system ends at the first file whose number or place takes more than 32 bits.
+    for (const dirent64* entry = readdir64(entries); entry != nullptr && seen < most;
+         entry = readdir64(entries), ++seen) {
         if (std::strncmp(entry->d_name, prefix, prefixLength) == 0 &&
             std::isxdigit(static_cast<unsigned char>(entry->d_name[prefixLength])) != 0)
             unlinkat(dirfd(entries), entry->d_name, 0);

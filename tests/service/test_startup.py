@@ -6,7 +6,7 @@ import struct
 import subprocess
 
 import pytest
-from voqtest import (BUILD, DRIVERS, PROJECT, RECIPE, USER, Key, Service, com_info, log_on, project,
+from voqtest import (DRIVERS, PROJECT, RECIPE, SYSTEM, USER, Key, Service, com_info, log_on, program, project,
                      voqctl, wait_for)
 
 REGISTERS = [Key(20, 2), Key(10, 4), Key(5, 3, regid=2, layout=0x00), Key(10, 4), Key(7, portno=2),
@@ -22,7 +22,7 @@ mekfifo=/u/com_1/mekfifo""".replace("|", "\n") + "\n"
 
 def run(*arguments):
     """Runs the binary to its end."""
-    return subprocess.run([BUILD / "bin/voq", *map(str, arguments)], capture_output=True, timeout=60, cwd="/")
+    return subprocess.run(program("voq", *arguments), capture_output=True, timeout=60, cwd="/")
 
 
 def refused(raw, *ending):
@@ -92,7 +92,7 @@ def test_drivers_and_link_types(start):
     service = start(com_info(link=2, port=4), REGISTERS, directory=USER / "tcp_4")
     assert service.count("*VOQ*dlopen(/d/Ethernet/drv_4) error(") == service.count("DataDir=/u/tcp_4/\n") == 1
     service.stop()
-    shutil.copy(next(pathlib.Path("/usr/lib").glob("*/libm.so.6")), DRIVERS / "Ethernet/drv_4.so")  # no driver
+    shutil.copy(next(SYSTEM.glob("lib/*/libm.so.6")), DRIVERS / "Ethernet/drv_4.so")  # no driver
     service = start(directory=USER / "tcp_4")
     assert "*VOQ*dlsym(PlcDrvCmd) error(" in service.out().decode() and ", _cmd:(nil)\r\n" in service.out().decode()
     service.stop()

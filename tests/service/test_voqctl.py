@@ -10,7 +10,7 @@ import subprocess
 import time
 
 import pytest
-from voqtest import BUILD, PROJECT, SLOW, USER, WRITE, Key, com_info, frame, project, voqctl, wait_for
+from voqtest import PROJECT, SLOW, USER, WRITE, Key, com_info, frame, program, project, voqctl, wait_for
 
 WORD = 0x331  # 16-bit integers high byte first, 32-bit values and floats high word first too
 NAMES = {"u16": "H", "s16": "h", "u32": "I", "s32": "i", "float": "f", "double": "d"}
@@ -55,8 +55,7 @@ def ctl(command, *arguments, word=WORD, status=0):
 def begin(command, *arguments):
     """The same without waiting for its end."""
     arguments = (command, "--dir", USER, "--link", "serial", "--port", 1, *arguments)
-    arguments = BUILD / "bin/voqctl", *map(str, arguments)
-    return subprocess.Popen(arguments, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    return subprocess.Popen(program("voqctl", *arguments), stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
 
 def left_over(service):
@@ -280,7 +279,7 @@ def test_prepared_set(start):
     service = start(ordered(mode=1), keys, driver=None)  # a slave does not poll: the set stays as it was built
     download = pathlib.Path("/home/Bin/map/com_1")
     download.parent.mkdir(parents=True)
-    prepare = [BUILD / "bin/voqctl", "project", "prepare", PROJECT, "--port-index"]
+    prepare = program("voqctl", "project", "prepare", PROJECT, "--port-index")
     done = subprocess.run([*prepare, "0", "-o", download], capture_output=True, text=True)
     assert done.returncode == 0 and "left out, as the service does: p1:s1:a1:u16@0*40000" in done.stderr
     assert subprocess.run([*prepare, "0", "-o", download], capture_output=True).returncode == 1  # not over what is there
@@ -296,7 +295,7 @@ def test_prepared_set(start):
     service.stop()
 
     def compare(status):
-        done = subprocess.run([BUILD / "bin/voqctl", "compare", download, USER / "com_1"], capture_output=True, text=True)
+        done = subprocess.run(program("voqctl", "compare", download, USER / "com_1"), capture_output=True, text=True)
         assert done.returncode == status, done
         return done.stdout
 

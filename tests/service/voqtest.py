@@ -23,12 +23,22 @@ from dataclasses import dataclass
 BUILD = pathlib.Path("/b")
 USER, RECIPE, DRIVERS, WORK = (pathlib.Path(p) for p in ("/u", "/r", "/d", "/w"))
 PROJECT = WORK / "ophmi.bin"
+BUILT = (BUILD / "CMakeCache.txt").read_text()
 LONG = os.environ.get("VOQ_TORTURE") == "long"
-SANITIZER = re.search("-fsanitize=([a-z]+)|$", (BUILD / "CMakeCache.txt").read_text())[1]
-SLOW = 6 if SANITIZER else 1
+SANITIZER = re.search("-fsanitize=([a-z]+)|$", BUILT)[1]
+ARM = "armhf.cmake" in BUILT
+SYSTEM = pathlib.Path("/co/build/armhf-root" if ARM else "/")
+EMULATOR = ["qemu-arm", "-L", SYSTEM] if ARM else []
+TOOLS = "arm-linux-gnueabihf-" if ARM else ""
+SLOW = 6 if SANITIZER else 2 if ARM else 1
 ALWAYS, MEDIUM, SLOWEST = 1 << 16, 3 << 16, 10 << 16  # priority values in a key's flag
 LOG_ON, LOG_OFF, READ, CHANGE, WRITE = 1, 2, 3, 6, 7
 libc = ctypes.CDLL(None)
+
+
+def program(name, *arguments):
+    """The command line that runs a program of the build."""
+    return [*EMULATOR, BUILD / "bin" / name, *map(str, arguments)]
 
 
 def wait_for(condition, what="", timeout=20):
@@ -64,7 +74,7 @@ def built(name):
     """The shared library of NAME.c in this folder, built once."""
     library = pathlib.Path(f"/{name}.so")
     if not library.exists():
-        command = ["gcc", "-O1", "-shared", "-fPIC", "-I/co/include", "-o", library, pathlib.Path(__file__).parent / f"{name}.c"]
+        command = [TOOLS + "gcc", "-O1", "-shared", "-fPIC", "-I/co/include", "-o", library, pathlib.Path(__file__).parent / f"{name}.c"]
         subprocess.run(command, check=True)
     return library
 
@@ -263,8 +273,10 @@ class Service:
             path.write_bytes(b"")
         with open(self.out_path, "ab") as out, open(self.err_path, "ab") as err:
             environment = {**os.environ, "VOQ_SIM": str(self.sim.path), **(environment or {})}
-            self.process = subprocess.Popen([BUILD / "bin/voq", *map(str, arguments)], stdout=out, stderr=err, cwd="/",
-                                            env=environment, preexec_fn=prepare)
+            if EMULATOR and "LD_PRELOAD" in environment:  # into the service, not into the emulator
+                environment["QEMU_SET_ENV"] = "LD_PRELOAD=" + environment.pop("LD_PRELOAD")
+            self.process = subprocess.Popen(program("voq", *arguments), stdout=out, stderr=err, cwd="/", env=environment,
+                                            preexec_fn=prepare)
         if ready:
             wait_for(lambda: self.process.poll() is not None or b"GlobeWatchDogAddr" in self.out(), "start-up")
             assert self.process.poll() is None, self.out() + self.err()
@@ -387,8 +399,7 @@ class Service:
 
 
 def voqctl(command, *arguments):
-    arguments = (command, "--dir", USER, "--link", "serial", "--port", 1, *arguments)
-    command = [BUILD / "bin/voqctl", *map(str, arguments)]
+    command = program("voqctl", command, "--dir", USER, "--link", "serial", "--port", 1, *arguments)
     return subprocess.run(command, capture_output=True, text=True, timeout=60 * SLOW)
 
 
