@@ -10,7 +10,7 @@ import signal
 import subprocess
 
 import pytest
-from voqtest import free_port, read_locked, wait_for
+from voqtest import free_port, programs_folder, read_locked, wait_for
 
 FENCE = re.compile(r"^```(sh|text|hex send|hex file)(?: (\S+))?\n(.*?)^```$", re.M | re.S)
 END = "-- end of the block --"
@@ -47,8 +47,9 @@ def check_file(path, block):
 def test_document(shell, name):
     text = pathlib.Path(f"/co/docs/{name}.md").read_text()
     # The build under test, its driver too, in the place of what a reader builds.
-    for written, here in (("build/release", "/b"), ("build/line/line.so", "/b/drivers/line.so"),
-                          ("build/line", "/w/line"), ("7000", str(free_port()))):
+    for written, here in (("build/release/bin", str(programs_folder())), ("build/release", "/b"),
+                          ("build/line/line.so", "/b/drivers/line.so"), ("build/line", "/w/line"),
+                          ("7000", str(free_port()))):
         text = text.replace(written, here)
     printed = None
     for kind, path, block in FENCE.findall(text):

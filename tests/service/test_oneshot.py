@@ -459,7 +459,7 @@ def test_pulses(start, failed_reads):
     assert client.service.count("*VOQ*Do Pluse Read failed\n") == failed_reads
 
     calls = sim.calls(since)
-    beats = [c.start for c in calls if c.plcno == BEAT.plcno]
+    beats = [c.start for c in sim.calls() if c.plcno == BEAT.plcno]
 
     both = [sim.RDONE, sim.WRONE]
     for key, width, each, wait in ((word, 200_000, both, failed_reads), (bit, 300_000, both[1:], 0)):

@@ -41,6 +41,18 @@ def program(name, *arguments):
     return [*EMULATOR, BUILD / "bin" / name, *map(str, arguments)]
 
 
+def programs_folder():
+    """Where a shell finds the programs of the build as it would start them."""
+    if not EMULATOR:
+        return BUILD / "bin"
+    folder = WORK / "bin"
+    folder.mkdir()
+    for name in ("voq", "voqctl"):
+        (folder / name).write_text(f'#!/bin/sh\nexec {" ".join(map(str, program(name)))} "$@"\n')
+        (folder / name).chmod(0o755)
+    return folder
+
+
 def wait_for(condition, what="", timeout=20):
     end = time.monotonic() + timeout * SLOW
     while True:
