@@ -1,21 +1,16 @@
 """After start-up the service allocates nothing but what opening a stream takes."""
-import pathlib
 import random
-import subprocess
 
 import pytest
 from test_flood import requests
-from voqtest import WORK, Key, com_info, log_on, wait_for
+from voqtest import WORK, Key, com_info, log_on, preloaded, wait_for
 
 
 @pytest.mark.parametrize("packing", [0, 1])
 def test_nothing_is_allocated(start, packing):
-    shim = WORK / "allocations.so"
-    source = pathlib.Path(__file__).parent / "allocations.c"
-    subprocess.run(["gcc", "-O1", "-shared", "-fPIC", "-o", shim, source], check=True)
     rng = random.Random(packing)
     service = start(com_info(pause=1, packing=packing), [Key(10 * i, 3, regid=3) for i in range(20)],
-                    environment={"LD_PRELOAD": str(shim)})
+                    environment=preloaded("allocations"))
     service.send(log_on(Key(0, 1), 1))
     wait_for(lambda: service.sim.reads, "polling")
     (WORK / "armed").touch()

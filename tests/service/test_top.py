@@ -11,7 +11,7 @@ import termios
 
 import pyte
 import pytest
-from voqtest import BUILD, USER, WORK, WRITE, Key, com_info, frame, log_on, voqctl, wait_for
+from voqtest import USER, WORK, WRITE, Key, com_info, frame, log_on, program, voqctl, wait_for
 
 PORTS = """port = [{link = "serial", number = 1}, {link = "ethernet", number = 2}]
 register = [{name = "level", port = 1, station = 1, area = 1, type = "u16", address = 0}]\n"""
@@ -26,7 +26,7 @@ class Terminal:
         self.master, slave = pty.openpty()
         self.modes = termios.tcgetattr(self.master)
         (WORK / "ports.toml").write_text(PORTS)
-        command = [BUILD / "bin/voqctl", "top", "--dir", USER, "--project", WORK / "ports.toml", "--interval", "200"]
+        command = program("voqctl", "top", "--dir", USER, "--project", WORK / "ports.toml", "--interval", 200)
         self.process = subprocess.Popen(command, stdin=slave, stdout=slave, stderr=slave, env={**os.environ, "TERM": kind})
 
     def resize(self, lines, columns):

@@ -86,8 +86,8 @@ def built(name):
     """The shared library of NAME.c in this folder, built once."""
     library = pathlib.Path(f"/{name}.so")
     if not library.exists():
-        command = [TOOLS + "gcc", "-O1", "-shared", "-fPIC", "-I/co/include", "-o", library, pathlib.Path(__file__).parent / f"{name}.c"]
-        subprocess.run(command, check=True)
+        source = pathlib.Path(__file__).parent / f"{name}.c"
+        subprocess.run([TOOLS + "gcc", "-O1", "-shared", "-fPIC", "-I/co/include", "-o", library, source], check=True)
     return library
 
 
