@@ -14,6 +14,7 @@ std::atomic<std::int32_t> VoqFileOpenCount{0};
 namespace
 {
 constexpr std::uint32_t DeadlockPauseMicroseconds = 2000;
+const pid_t OwnProcess = getpid();
 
 void file_lock(struct flock* lock, short type, short whence)
 {
@@ -22,7 +23,7 @@ void file_lock(struct flock* lock, short type, short whence)
     lock->l_whence = whence;
     lock->l_start = 0;
     lock->l_len = 0;
-    lock->l_pid = getpid();
+    lock->l_pid = OwnProcess;
 }
 
 // Waits until no other process holds a conflicting lock. A client that holds two files may make the kernel see a
