@@ -3,47 +3,78 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 #include "state/paths.h"
 
 namespace
 {
-// Records read since the file was opened, a page at a time: a chain follows the order of the ranges, not that of the
-// file, and comes back to each part of it many times. One org file is open at a time, under the register database lock.
-constexpr std::uint32_t PageBytes = 64 * sizeof(OrgNode);
-constexpr std::uint32_t PageCount = 128;  // 8192 records; a longer file shares the places
+// Records read since the file was opened, a page at a time. One org file is open at a time, under the register database
+// lock. The first page, and one that follows the page read last, goes to the first place and the next such page takes
+// it over: a walk in the order of the file stays within bytes that the processor has at hand. A chain follows the order
+// of the ranges, and may come back to each part of the file many times: any other page is kept in a place of its own.
+constexpr std::uint32_t PageRecords = 256;
+constexpr std::uint32_t KeptPages = 64;  // 16384 records; a longer file shares the places
 constexpr std::uint32_t NoPage = 0xFFFFFFFF;
 
 struct Page {
-    std::uint32_t start = NoPage;  // file offset
-    std::uint32_t bytes = 0;       // as many as the file had there
+    std::uint32_t number = NoPage;
+    std::uint32_t records = 0;  // whole ones, as many as the file had there
 };
 
-Page Pages[PageCount];
-unsigned char PageRecords[PageCount][PageBytes];
+Page Pages[1 + KeptPages];
+OrgNode Records[1 + KeptPages][PageRecords];
+std::uint32_t LastRead;  // number of a page, NoPage when none has been read
 
-std::uint32_t PlaceOf(std::uint32_t offset)
+std::uint32_t RecordNumber(std::uint32_t offset)
 {
-    return (offset - OrgFirstRecord) / PageBytes % PageCount;
+    return (offset - OrgFirstRecord) / sizeof(OrgNode);
 }
 
-// The bytes of a record, nullptr when they have not been read.
-unsigned char* InPage(std::uint32_t offset)
+std::uint32_t KeptPlace(std::uint32_t page)
 {
-    const std::uint32_t place = PlaceOf(offset);
+    return 1 + page % KeptPages;
+}
+
+// The record in that place, nullptr when it is not there.
+OrgNode* InPlace(std::uint32_t place, std::uint32_t record)
+{
     const Page& page = Pages[place];
-    const std::uint32_t within = (offset - OrgFirstRecord) % PageBytes;
-    if (page.start != offset - within || within + sizeof(OrgNode) > page.bytes) return nullptr;
-    return PageRecords[place] + within;
+    const bool there = page.number == record / PageRecords && record % PageRecords < page.records;
+    return there ? &Records[place][record % PageRecords] : nullptr;
 }
 
-void ReadPage(const WorkFile& file, std::uint32_t offset)
+// The record, nullptr when it has not been read.
+const OrgNode* InPage(std::uint32_t record)
 {
-    const std::uint32_t place = PlaceOf(offset);
-    Page& page = Pages[place];
-    page.start = offset - (offset - OrgFirstRecord) % PageBytes;
-    page.bytes = static_cast<std::uint32_t>(file.ReadSome(page.start, PageRecords[place], PageBytes));
+    const OrgNode* found = InPlace(0, record);
+    return found != nullptr ? found : InPlace(KeptPlace(record / PageRecords), record);
+}
+
+// Of a file of `size` bytes, which hold the record.
+void ReadPage(const WorkFile& file, std::uint32_t size, std::uint32_t record)
+{
+    const std::uint32_t number = record / PageRecords;
+    const bool inOrder = LastRead == NoPage || number == LastRead + 1;
+    const std::uint32_t place = inOrder ? 0 : KeptPlace(number);
+    LastRead = number;
+    const std::uint32_t start = OrgFirstRecord + number * std::uint32_t{sizeof Records[0]};
+    const std::size_t got =
+        file.ReadSome(start, Records[place], std::min<std::size_t>(sizeof Records[0], size - start));
+    Pages[place] = {number, static_cast<std::uint32_t>(got / sizeof(OrgNode))};
+}
+
+// What was read of the record before it was written.
+void Renew(std::uint32_t offset, const OrgNode& node)
+{
+    const std::uint32_t number = RecordNumber(offset);
+    for (const std::uint32_t place : {0u, KeptPlace(number / PageRecords)}) {
+        if (OrgNode* record = InPlace(place, number)) *record = node;
+    }
+}
+
+void Forget(std::uint32_t offset)
+{
+    for (const std::uint32_t place : {0u, KeptPlace(RecordNumber(offset) / PageRecords)}) Pages[place] = {};
 }
 }  // namespace
 
@@ -65,14 +96,16 @@ void OrgFile::Measure()
 {
     size_ = file_.Size();
     for (Page& page : Pages) page = {};
+    LastRead = NoPage;
 }
 
 bool OrgFile::ReadNode(std::uint32_t offset, OrgNode& node)
 {
     if (Holds(offset)) {
-        if (InPage(offset) == nullptr) ReadPage(file_, offset);
-        if (const unsigned char* record = InPage(offset)) {
-            std::memcpy(&node, record, sizeof node);
+        const std::uint32_t number = RecordNumber(offset);
+        if (InPage(number) == nullptr) ReadPage(file_, size_, number);
+        if (const OrgNode* record = InPage(number)) {
+            node = *record;
             return true;
         }
     }
@@ -98,14 +131,10 @@ bool OrgFile::WriteNode(std::uint32_t offset, const OrgNode& node)
 {
     if (offset > MostOrgBytes - sizeof node || !file_.WriteRecord(offset, node)) {
         std::printf("*VOQ*org file %s: record at offset %u not written\r\n", OrgFileName, offset);
-        Pages[PlaceOf(offset)] = {};
+        Forget(offset);
         return false;
     }
-    if (unsigned char* record = InPage(offset)) {
-        std::memcpy(record, &node, sizeof node);
-    } else {
-        Pages[PlaceOf(offset)] = {};
-    }
+    Renew(offset, node);
     size_ = std::max<std::uint32_t>(size_, offset + sizeof node);
     return true;
 }

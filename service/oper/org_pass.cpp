@@ -16,7 +16,7 @@ namespace
 class OrgCursor
 {
 public:
-    OrgCursor(OrgFile& file, std::uint32_t offset) : file_(file), walk_(file, offset) {}
+    OrgCursor(OrgFile& file, std::uint32_t offset) : file_(file), walk_(file, offset) { GetCurrentTime(&started_); }
 
     [[nodiscard]] bool Valid() const { return walk_.Valid(); }
     [[nodiscard]] const OrgNode& Node() { return walk_.Node(); }
@@ -26,8 +26,9 @@ public:
     [[nodiscard]] bool Due()
     {
         const OrgNode& record = walk_.Node();
-        NodeTimePassed(record.stamp.seconds, record.stamp.microseconds);  // reports a clock that went back
-        return !StationDisabled(record.key.plcno) && record.state == 0 &&
+        // Reports a clock that went back. The clock is asked once a walk, and again only for such a record.
+        if (Later(record.stamp, started_)) NodeTimePassed(record.stamp.seconds, record.stamp.microseconds);
+        return record.state == 0 && !StationDisabled(record.key.plcno) &&
                GlobeTimeout.load(std::memory_order_relaxed) == 0 && GetRegBuffLen(&record.key) <= MaxRegionBytes;
     }
 
@@ -41,6 +42,11 @@ public:
     }
 
 private:
+    static bool Later(const Stamp& one, const Stamp& other)
+    {
+        return one.seconds > other.seconds || (one.seconds == other.seconds && one.microseconds > other.microseconds);
+    }
+
     [[nodiscard]] std::uint32_t ChainHead() const
     {
         OrgHeader header{};
@@ -49,6 +55,7 @@ private:
 
     OrgFile& file_;
     OrgWalk walk_;
+    Stamp started_;
 };
 
 bool PlanOrgRead(bool packed, ReadPlan& plan)

@@ -86,3 +86,44 @@ TEST_F(ListTest, RefusalsLeaveNothingBehind)
     EXPECT_EQ(12u, Word(Load()["index"], 32 + 8));
     EXPECT_EQ(0, VoqFileOpenCount.load());
 }
+
+// Reads come from pages that were read before; what was written since, and what lies behind the pages kept, must show.
+TEST_F(ListTest, RecordsAreReadAsTheFileHoldsThem)
+{
+    std::mt19937 random(3);
+    std::vector<OrgNode> model(20000);  // more than the pages hold
+    for (OrgNode& node : model) node.dataoffset = random();
+    const auto bytes = [&model] {
+        return std::string(12, '\0') + std::string(reinterpret_cast<const char*>(model.data()), 56 * model.size());
+    };
+    Files files = Load();
+    files["org"] = bytes() + "half a record";
+    Store(files);
+    const MutexLock lock(DatabaseLock);
+    for (int opened = 0; opened < 3; ++opened) {
+        OrgFile file;
+        ASSERT_TRUE(file.OpenRW());
+        std::uint32_t at = 0, end = 0;  // random places, and some behind each
+        for (int i = 0; i < 30000; ++i) {
+            if (at == end || at == model.size()) {
+                at = static_cast<std::uint32_t>(random() % model.size());
+                end = at + 1 + random() % 700;
+            }
+            OrgNode node{};
+            ASSERT_TRUE(file.ReadNode(12 + 56 * at, node));
+            ASSERT_EQ(model[at].dataoffset, node.dataoffset) << at;
+            if (random() % 4 != 0) {
+                ++at;
+                continue;
+            }
+            if (at % 1000 == 0) {
+                at = end = static_cast<std::uint32_t>(model.size());
+                model.push_back(node);
+                ASSERT_EQ(12 + 56 * at, file.AppendOffset());
+            }
+            model[at].dataoffset = random();
+            ASSERT_TRUE(file.WriteNode(12 + 56 * at, model[at]));
+        }
+    }
+    EXPECT_EQ(bytes(), Load()["org"].substr(0, bytes().size()));
+}
