@@ -122,9 +122,33 @@ bool WriteFirstRecord(OrgFile& file, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
     return false;
 }
 
-OrgPlace FindPlace(OrgFile& file, const RegKey& key, std::uint32_t first)
+// Where the last range of a group went: ranges mostly come in ascending order, and the next one belongs right behind.
+// Only a place to look at: the record there is read and judged under the lock of the operation that goes by it.
+constexpr std::uint32_t LastPlaces = 1024;  // groups; more of them share the places
+std::uint32_t LastPlace[LastPlaces] VOQ_GUARDED_BY(DatabaseLock);
+
+std::uint32_t& LastPlaceOf(const RegKey& key) VOQ_REQUIRES(DatabaseLock)
 {
-    OrgWalk at(file, first);
+    const std::uint32_t mixed = ((key.regid * 31u + key.plcno) * 31 + key.layout) * 31 + SubaddrLow(key);
+    return LastPlace[(2 * mixed + (GroupFlag(key) ? 1 : 0)) % LastPlaces];
+}
+
+// The record from which the walk to the key's place may begin: the last place, when the record there is of the group,
+// linked into the chain and does not sort behind the key; else the group's first.
+std::uint32_t WalkStart(OrgFile& file, const RegKey& key, std::uint32_t first) VOQ_REQUIRES(DatabaseLock)
+{
+    const std::uint32_t place = LastPlaceOf(key);
+    OrgNode record;
+    OrgNode ahead;
+    const bool inGroup = file.Holds(place) && file.ReadNode(place, record) && SameGroup(record.key, key);
+    const bool linked = inGroup && file.Holds(record.prev) && file.ReadNode(record.prev, ahead) && ahead.next == place;
+    if (linked && NodeCompare(record.key, key) != 2) return place;
+    return first;
+}
+
+OrgPlace FindPlace(OrgFile& file, const RegKey& key, std::uint32_t first) VOQ_REQUIRES(DatabaseLock)
+{
+    OrgWalk at(file, WalkStart(file, key, first));
     for (; at.Valid(); at.Next()) {
         const OrgNode& record = at.Node();
         if (!SameGroup(record.key, key)) {
@@ -199,7 +223,9 @@ std::uint32_t InsertOrgNode(const RegKey& key, std::uint32_t first, OrgMode mode
     if (place.where == Where::Same) return CountRecord(file, place, mode);
 
     const bool own = place.where == Where::BeforeOwn;
+    const std::uint32_t here = file.AppendOffset();
     if (!InsertOrgBeforeNode(file, place.offset, node, own && place.offset == first)) return OrgNone;
+    LastPlaceOf(key) = here;
     if (own) file.Sync();
     file.Close();
     if (mode == OrgMode::LogOn) FindIndexAndRefresh(&key);

@@ -127,3 +127,30 @@ TEST_F(ListTest, RecordsAreReadAsTheFileHoldsThem)
     }
     EXPECT_EQ(bytes(), Load()["org"].substr(0, bytes().size()));
 }
+
+// A search that starts where the last range went must not go by a record of another group or outside the chain.
+TEST_F(ListTest, LastPlaceIsOnlyAHint)
+{
+    // The two groups share their place.
+    for (const auto& [addr, subaddr] : {std::pair{5u, 512u}, {10, 0}, {20, 0}, {30, 512}}) {
+        LogOn(Key(1, 2, addr, 1, subaddr));
+    }
+    EXPECT_EQ("", Unsound(Load()));
+
+    scratch.ResetDatabase();
+    for (const std::uint32_t addr : {10, 40}) LogOn(Key(1, 2, addr, 1));
+    const Files two = Load();
+    LogOn(Key(1, 2, 20, 1));
+    // An insertion that got no further than its record, and another one behind it.
+    Files left = two;
+    left["org"] += Load()["org"].substr(124);
+    Store(left);
+    LogOn(Key(1, 2, 30, 1));
+    left = Load();
+    Store(two);
+    LogOn(Key(1, 2, 20, 1));
+    Store(left);
+    LogOn(Key(1, 2, 25, 1));
+    EXPECT_EQ("", Unsound(Load()));
+    EXPECT_EQ(4u, Word(Load()["org"], 0));
+}
