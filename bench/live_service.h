@@ -12,7 +12,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,18 +19,13 @@
 #include <string>
 #include <vector>
 
+#include "report.h"
 #include "sim_control.h"
 #include "voq/project_file.h"
 #include "voq/request.h"
 #include "voq/rt_item.h"
 
 using Bytes = std::vector<unsigned char>;
-
-[[noreturn]] inline void Fail(const char* what)
-{
-    std::fprintf(stderr, "%s: %s\n", what, std::strerror(errno));
-    std::exit(2);
-}
 
 // Looks every millisecond until the condition holds, for ten seconds at most.
 template <typename Condition>
@@ -41,12 +35,6 @@ void Await(Condition condition, const char* what)
         if (looks == 10000) Fail(what);
         usleep(1000);
     }
-}
-
-// As the driver's log counts: microseconds of the monotonic clock.
-inline double NowUs()
-{
-    return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 inline RegKey Words(std::uint8_t plcno, std::uint16_t regid, std::uint32_t addr, std::uint16_t width = 1)

@@ -1,11 +1,9 @@
-// Driver reads of one full refresh of 2,000 ranges, against the least that the port's limit and gap allow. Fails when a
-// layout takes more.
-#include <cstdio>
-
+// Driver reads of one full refresh of 2,000 ranges, against the least that the port's limit and gap allow.
 #include "list/log_on_off.h"
 #include "oper/fast_pass.h"
 #include "oper/priority.h"
 #include "layout.h"
+#include "report.h"
 
 namespace
 {
@@ -27,12 +25,10 @@ std::size_t CallsOfOneRefresh(const std::vector<Range>& ranges)
 
 int main()
 {
+    const Report report;
     const Scratch scratch;
-    std::FILE* const report = fdopen(dup(STDOUT_FILENO), "w");
-    if (report == nullptr || std::freopen("/dev/null", "w", stdout) == nullptr) return 2;
     InitPriRange();
     Random random(1);
-    bool least = true;
     const struct {
         const char* name;
         Shape shape;
@@ -51,10 +47,7 @@ int main()
         std::vector<Range> inOrder;
         for (const Range& range : ranges) Place(inOrder, range);
         const std::size_t calls = CallsOfOneRefresh(ranges), minimum = LeastCalls(inOrder, layout.limits);
-        std::fprintf(report, "%s: %zu ranges, %zu driver reads, minimum %zu\n", layout.name, ranges.size(), calls,
-                     minimum);
-        least = least && calls == minimum;
+        report.Figure(layout.name, static_cast<long>(ranges.size()), "", {static_cast<double>(calls)},
+                      {static_cast<double>(minimum)});
     }
-    std::fclose(report);
-    return least ? 0 : 1;
 }

@@ -1,118 +1,97 @@
-// A packed refresh of 64 neighbouring one-word ranges, against a bare program that does the same driver read and the
-// same opens, locks, record writes and syncs. Both on the memory file system, with the simulator driver at zero delay,
-// in turns. Prints both medians and their ratio; fails above the limit.
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <sys/time.h>
+// A packed refresh of neighbouring one-word ranges against a bare program that makes the same reads from the PLC and
+// the same opens, locks, record writes and syncs, in turns.
+//     refresh FOLDER RANGES PASSES SAMPLES DRIVER [PORT]
+// A sample is PASSES driver reads, 0 for a whole refresh. With PORT the PLC listens there on Modbus TCP, and the bare
+// program reads it over libmodbus.
+#include <memory>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-
+#include "changes.h"
 #include "list/log_on_off.h"
 #include "oper/fast_pass.h"
 #include "oper/priority.h"
 #include "support/scratch.h"
+#include "word_sources.h"
 
 namespace
 {
-constexpr std::uint16_t Ranges = 64;
-constexpr int Samples = 25;
-constexpr int RefreshesPerSample = 100;
-constexpr double Limit = 1.5;
+constexpr std::uint16_t Limit = 64;
 
-std::FILE* OpenLocked(const char* path, const char* mode, short type)
+void SetPort(int port)
 {
-    std::FILE* stream = std::fopen(path, mode);
-    struct flock lock {
-    };
-    lock.l_type = type;
-    if (stream == nullptr || fcntl(fileno(stream), F_SETLKW, &lock) != 0) std::abort();
-    return stream;
+    ComInfo.wordLimit = Limit;
+    ComInfo.wordGap = 1;
+    if (port == 0) return;
+    ComInfo.linkType = LINK_ETHERNET;
+    ComInfo.baudOrAddress = 0x7F000001;
+    const auto tcpPort = static_cast<std::uint16_t>(port);
+    std::memcpy(ComInfo.driverPara, &tcpPort, sizeof tcpPort);
 }
 
-void Put(std::FILE* stream, const void* bytes, std::size_t size, std::size_t offset)
+void Subscribe(std::uint16_t ranges)
 {
-    if (pwrite(fileno(stream), bytes, size, static_cast<off_t>(offset)) != static_cast<ssize_t>(size)) std::abort();
-    fsync(fileno(stream));
-}
-
-OrgNode Records[Ranges];  // what the bare program writes; it reads none
-
-void BareRefresh()
-{
-    static unsigned char values[2 * Ranges];
-    std::fclose(OpenLocked(OrgFileName, "r", F_RDLCK));
-    if (DriverTransfer("RdOne", WordKey(0, Ranges), values) != PLC_DRV_OK) std::abort();
-    timeval now;
-    gettimeofday(&now, nullptr);
-    std::FILE* org = OpenLocked(OrgFileName, "r+", F_WRLCK);
-    for (std::size_t i = 0; i < Ranges; ++i) {
-        std::FILE* data = OpenLocked(DataFileName, "r+", F_WRLCK);
-        Put(data, values + 2 * i, 2, 2 * i);
-        std::fclose(data);
-        Records[i].stamp = {static_cast<std::int32_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_usec)};
-        Put(org, &Records[i], sizeof Records[i], 12 + 56 * i);
+    InitPriRange();
+    for (std::uint16_t i = 0; i < ranges; ++i) {
+        const RegKey key = BenchKey(i);
+        CheckOrgList(&key);
+        AddFastIndex(key, i, OrgFirstRecord + std::uint32_t{sizeof(OrgNode)} * i);
     }
-    std::fclose(org);
 }
 
-double MicrosecondsPer(void (*refresh)())
-{
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < RefreshesPerSample; ++i) refresh();
-    const std::chrono::duration<double, std::micro> took = std::chrono::steady_clock::now() - start;
-    return took.count() / RefreshesPerSample;
-}
-
-double Median(std::vector<double> samples)
-{
-    std::ranges::nth_element(samples, samples.begin() + Samples / 2);
-    return samples[Samples / 2];
-}
-
-bool AllRead()
+void DemandAllRead(std::uint32_t ranges)
 {
     const std::string org = FileBytes(OrgFileName);
-    for (std::uint32_t i = 0; i < Ranges; ++i) {
-        Records[i] = ReadOrgNode(org, 12 + 56 * i);
-        if (Records[i].state != 1) return false;
+    for (std::uint32_t i = 0; i < ranges; ++i) {
+        if (ReadOrgNode(org, 12 + 56 * i).state != 1) Fail("a range that was not read");
     }
-    return true;
+}
+
+template <typename Work>
+double Time(Work work)
+{
+    const double start = NowUs();
+    work();
+    return NowUs() - start;
 }
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    const Scratch scratch;
-    void* library = dlopen(argc > 1 ? argv[1] : VOQ_SIM, RTLD_NOW);
-    if (library == nullptr) {
-        std::fprintf(stderr, "%s\n", dlerror());
-        return 2;
+    if (argc < 6) return 2;
+    const Report report;
+    const Scratch scratch(argv[1]);
+    const auto ranges = static_cast<std::uint16_t>(std::atoi(argv[2]));
+    const int passes = std::atoi(argv[3]), samples = std::atoi(argv[4]);
+    const int port = argc > 6 ? std::atoi(argv[6]) : 0;
+    SetPort(port);
+    _cmd = LoadDriver(argv[5]);
+    Subscribe(ranges);
+    std::unique_ptr<WordSource> source;
+    if (port == 0) {
+        source = std::make_unique<DriverSource>(_cmd);
+    } else {
+        source = std::make_unique<ModbusSource>(port);
     }
-    _cmd = reinterpret_cast<PlcDrvCmdFn>(dlsym(library, PLC_DRV_ENTRY));
-    ComInfo.wordLimit = 120;
-    ComInfo.wordGap = 1;
-    InitPriRange();
-    for (std::uint16_t i = 0; i < Ranges; ++i) {
-        const RegKey key = WordKey(i, 1);
-        CheckOrgList(&key);
-        AddFastIndex(key, i, 12u + 56u * i);
-    }
-    OperFastList();
-    if (!AllRead() || CurrentFastList != FastHead().head) {
-        std::fprintf(stderr, "one pass does not refresh all ranges\n");
-        return 2;
-    }
+    BarePolling bare(scratch.Folder(), ranges, true);
 
-    std::vector<double> service, bare;
-    for (int i = 0; i < Samples; ++i) {
-        service.push_back(MicrosecondsPer(OperFastList));
-        bare.push_back(MicrosecondsPer(BareRefresh));
+    const auto service = [passes] {
+        int left = passes;
+        do {
+            OperFastList();
+        } while (passes == 0 ? CurrentFastList != FastHead().head : --left > 0);
+    };
+    const auto floor = [&] {
+        if (passes == 0) bare.Refresh(Limit, *source);
+        for (int i = 0; i < passes; ++i) bare.Pass(0, Limit, *source);
+    };
+    if (passes == 0) {
+        service();
+        DemandAllRead(ranges);
     }
-    const double ratio = Median(service) / Median(bare);
-    if (!AllRead()) return 2;
-    std::printf("packed refresh of %d ranges: service %.1f us, bare %.1f us, ratio %.2f (limit %.2f)\n", Ranges,
-                Median(service), Median(bare), ratio, Limit);
-    return ratio <= Limit ? 0 : 1;
+    DemandSame("refresh", ChangesOf(service), ChangesOf(floor));
+    std::vector<double> serviceUs, floorUs;
+    for (int i = 0; i < samples; ++i) {
+        serviceUs.push_back(Time(service));
+        floorUs.push_back(Time(floor));
+    }
+    report.Figure("refresh", ranges, "us", serviceUs, floorUs);
 }

@@ -1,5 +1,6 @@
-// A folder of its own on the memory file system, with the working paths of the service pointing into it, an empty
-// register database, and a driver that records what it is asked. For tests, fuzz targets and benchmarks.
+// A folder of its own, on the memory file system unless told otherwise, with the working paths of the service pointing
+// into it, an empty register database, and a driver that records what it is asked. For tests, fuzz targets and
+// benchmarks.
 #pragma once
 
 #include <unistd.h>
@@ -45,11 +46,11 @@ inline void ResetState()
 class Scratch
 {
 public:
-    Scratch()
+    explicit Scratch(const std::string& parent = "/dev/shm")
     {
-        char unique[] = "/dev/shm/voqXXXXXX";
-        if (mkdtemp(unique) == nullptr) std::abort();
-        folder_ = std::string(unique) + "/";
+        std::string unique = parent + "/voqXXXXXX";
+        if (mkdtemp(unique.data()) == nullptr) std::abort();
+        folder_ = unique + "/";
         SetWorkingPaths(folder_);
         ResetDatabase();
     }

@@ -1,0 +1,84 @@
+// Polling without the service: reads one-word registers that lie side by side and makes the file changes of the
+// service's write-back, one value and one record at a time, each forced to the disk.
+#pragma once
+
+#include <sys/time.h>
+
+#include <memory>
+#include <vector>
+
+#include "raw_file.h"
+#include "voq/org_record.h"
+
+// Reads words from a PLC, high byte first.
+class WordSource
+{
+public:
+    virtual ~WordSource() = default;
+    virtual void Read(std::uint32_t addr, std::uint16_t count, unsigned char* values) = 0;
+};
+
+class BarePolling
+{
+public:
+    // The records of the org file in the folder are taken as they lie; record i is register i. With `locks` clients are
+    // kept out as the service keeps them out: the org file is opened and locked for the plan and for the write-back of
+    // a read, the data file for each value. Else both files stay open and nobody is kept out.
+    BarePolling(const std::string& folder, std::size_t ranges, bool locks)
+        : org_(folder + "org"), data_(folder + "data"), records_(ranges)
+    {
+        RawFile(org_, O_RDONLY).Get(records_.data(), ranges * sizeof(OrgNode), OrgFirstRecord);
+        if (locks) return;
+        keptOrg_ = std::make_unique<RawFile>(org_, O_RDWR);
+        keptData_ = std::make_unique<RawFile>(data_, O_RDWR);
+    }
+
+    void Pass(std::size_t first, std::uint16_t count, WordSource& source)
+    {
+        unsigned char values[2 * 125];
+        if (keptOrg_ != nullptr) {
+            source.Read(records_[first].key.addr, count, values);
+            WriteBack(first, count, values, *keptOrg_);
+        } else {
+            static_cast<void>(RawFile(org_, O_RDONLY));
+            source.Read(records_[first].key.addr, count, values);
+            WriteBack(first, count, values, RawFile(org_, O_RDWR));
+        }
+    }
+
+    void Refresh(std::uint16_t limit, WordSource& source)
+    {
+        for (std::size_t first = 0; first < records_.size(); first += limit) {
+            Pass(first, static_cast<std::uint16_t>(std::min<std::size_t>(limit, records_.size() - first)), source);
+        }
+    }
+
+private:
+    void WriteBack(std::size_t first, std::uint16_t count, const unsigned char* values, const RawFile& org)
+    {
+        timeval now;
+        gettimeofday(&now, nullptr);
+        for (std::size_t i = first; i < first + count; ++i) {
+            OrgNode& record = records_[i];
+            if (keptData_ != nullptr) {
+                Store(*keptData_, values + 2 * (i - first), record);
+            } else {
+                Store(RawFile(data_, O_RDWR), values + 2 * (i - first), record);
+            }
+            record.stamp = {static_cast<std::int32_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_usec)};
+            record.state = 1;
+            org.Put(&record, sizeof record, OrgFirstRecord + sizeof record * i);
+            org.Sync();
+        }
+    }
+
+    static void Store(const RawFile& data, const unsigned char* value, const OrgNode& record)
+    {
+        data.Put(value, 2, record.dataoffset);
+        data.Sync();
+    }
+
+    std::string org_, data_;
+    std::vector<OrgNode> records_;
+    std::unique_ptr<RawFile> keptOrg_, keptData_;
+};
