@@ -1,8 +1,8 @@
 // Driver reads of one full refresh of 2,000 ranges, against the least that the port's limit and gap allow.
+#include "layout.h"
 #include "list/log_on_off.h"
 #include "oper/fast_pass.h"
 #include "oper/priority.h"
-#include "layout.h"
 #include "report.h"
 
 namespace

@@ -1,4 +1,6 @@
 // In which order the register database is written, and what is refused before anything is.
+#include <random>
+
 #include "arch/work_file.h"
 #include "list/index.h"
 #include "list_fixture.h"
