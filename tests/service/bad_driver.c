@@ -1,6 +1,6 @@
 /* A driver that misbehaves on demand: the file that VOQ_BAD names says "COMMAND crash", "COMMAND hang" (until it says
- * something else; a file with .in behind its name tells that it does) or "COMMAND garbage". Otherwise it reads 0x5A, and
- * 0xA5 in the last byte. */
+ * something else; a file with .in behind its name tells that it does) or "COMMAND garbage". Otherwise it reads 0x5A,
+ * and 0xA5 in the last byte. */
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,6 +1,7 @@
-/* Preloaded into the service by the fault tests: lets the system's calls fail where a test wants it. A site is a function
- * and the return addresses, within the service, that led to it. The file that VOQ_SITES names gets a line for each site
- * that is reached, or a "!" when the site that VOQ_FAULT names fails, the first VOQ_TIMES times. A second lasts 10 ms. */
+/* Preloaded into the service by the fault tests: lets the system's calls fail where a test wants it. A site is a
+ * function and the return addresses, within the service, that led to it. The file that VOQ_SITES names gets a line for
+ * each site that is reached, or a "!" when the site that VOQ_FAULT names fails, the first VOQ_TIMES times. A second
+ * lasts 10 ms. */
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <dlfcn.h>
@@ -102,7 +103,8 @@ CALL(int, unlinkat, EACCES, -1, (int directory, const char* path, int flags), (d
 CALL(int, system, ENOMEM, -1, (const char* command), (command))
 CALL(void*, dlopen, EMFILE, NULL, (const char* path, int mode), (path, mode))
 CALL(int, pthread_create, EAGAIN, EAGAIN,
-     (pthread_t * thread, const pthread_attr_t* how, void* (*body)(void*), void* argument), (thread, how, body, argument))
+     (pthread_t * thread, const pthread_attr_t* how, void* (*body)(void*), void* argument),
+     (thread, how, body, argument))
 
 /* The disk is full in the middle of it. */
 ssize_t pwrite(int file, const void* bytes, size_t size, off_t at)
