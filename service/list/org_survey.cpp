@@ -126,6 +126,8 @@ bool FollowChain(OrgSurvey& survey)
             record.prev = prev;
             survey.changed[number] = survey.mends.links = true;
         }
+        // With its links and the header mended it would pass for the first record, lost.
+        if (AllZero(record)) return Fault(survey, "a record that was never written", offset);
         survey.chain.push_back(offset);
         if (record.next == 0 && LinkToTailLost(survey, seen, offset)) {
             record.next = survey.header.tail;
