@@ -54,7 +54,11 @@ PortStatus ReadPortStatus(const PortDir& port)
     status.gui = LookAtFifo(port.GuiFifo());
     status.mek = LookAtFifo(port.MekFifo());
     CountWaiting(port.Dir(), status);
-    status.stationsOff = StationsOff(port.number);
+    try {
+        status.stationsOff = StationsOff(port.number);
+    } catch (const Error&) {
+        // The panel's own file: what cannot be read there says nothing about the service.
+    }
     if (const auto bytes = ReadLocked(port.Org())) {
         status.org = WalkChain(OrgFile{*bytes});
         for (const OrgRecord& record : status.org->records) ++status.states[record.node.state];

@@ -25,10 +25,10 @@ struct PortStatus {
     FifoState gui = FifoState::Missing, mek = FifoState::Missing;
     // One-shot writes and changes that wait; waiting reads leave no file.
     unsigned waiting = 0;
-    std::int64_t oldestWaiting = 0;  // microseconds
-    std::vector<std::uint8_t> stationsOff;
-    std::optional<Chain> org;                 // nothing when there is no org file
-    std::map<std::uint8_t, unsigned> states;  // records on the chain by state
+    std::int64_t oldestWaiting = 0;                        // microseconds
+    std::optional<std::vector<std::uint8_t>> stationsOff;  // none when the retained settings cannot be read
+    std::optional<Chain> org;                              // nothing when there is no org file
+    std::map<std::uint8_t, unsigned> states;               // records on the chain by state
 };
 
 // Throws Error when a file cannot be read.

@@ -43,6 +43,14 @@ const char* FifoText(voq::FifoState state)
                                                : "missing";
 }
 
+std::string StationsText(const std::optional<std::vector<std::uint8_t>>& off)
+{
+    if (!off) return "unknown";
+    std::string text = off->empty() ? "all on" : "off:";
+    for (const std::uint8_t station : *off) text += " " + std::to_string(station);
+    return text;
+}
+
 void Print(const voq::PortDir& port, const voq::PortStatus& status)
 {
     std::printf("directory   %s\n", port.Dir().c_str());
@@ -52,8 +60,7 @@ void Print(const voq::PortDir& port, const voq::PortStatus& status)
     std::printf("mekfifo     %s\n", FifoText(status.mek));
     const std::string oldest = status.waiting == 0 ? "" : ", the oldest for " + voq::AgeText(status.oldestWaiting);
     std::printf("one-shots   %u write(s) and change(s) waiting%s\n", status.waiting, oldest.c_str());
-    std::printf("stations    %s", status.stationsOff.empty() ? "all on" : "off:");
-    for (const std::uint8_t station : status.stationsOff) std::printf(" %u", unsigned{station});
+    std::printf("stations    %s", StationsText(status.stationsOff).c_str());
     if (!status.org) {
         std::printf("\nrecords     no org file\n");
         return;

@@ -147,7 +147,7 @@ private:
             if (yes) {
                 voq::SwitchStation(model_.ports[asked_->port].target.port.number, asked_->station, asked_->off);
                 note_ = "Switched " + StationText();
-                looked_ = {};  // to be seen at once
+                looked_ = rested_ = {};  // to be seen at once
             }
         } catch (const voq::Error& error) {
             note_ = error.what();

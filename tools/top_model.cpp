@@ -60,7 +60,8 @@ bool Before(TopSort sort, const TopRange& a, const TopRange& b)
 
 bool TopPort::StationOff(std::uint8_t station) const
 {
-    return std::find(status.stationsOff.begin(), status.stationsOff.end(), station) != status.stationsOff.end();
+    const std::vector<std::uint8_t> off = status.stationsOff.value_or(std::vector<std::uint8_t>{});
+    return std::find(off.begin(), off.end(), station) != off.end();
 }
 
 TopModel::TopModel(std::vector<Target> targets, std::chrono::milliseconds interval) : interval_(interval)

@@ -60,8 +60,9 @@ std::string RangesLine(const TopModel& model, const TopPort& port)
     if (port.status.org->badLink) text += ", CHAIN DAMAGED";
     text += Format("  subscribed %zu: slowest %s, oldest %s", subscribed, model.AgeText(slowest).c_str(),
                    model.AgeText(oldest).c_str());
-    if (!port.status.stationsOff.empty()) text += "  off:";
-    for (const std::uint8_t station : port.status.stationsOff) text += Format(" %u", unsigned{station});
+    if (!port.status.stationsOff) return text + "  stations unknown";
+    if (!port.status.stationsOff->empty()) text += "  off:";
+    for (const std::uint8_t station : *port.status.stationsOff) text += Format(" %u", unsigned{station});
     return text;
 }
 

@@ -15,8 +15,12 @@
 
 bool FileExists(const char* path)
 {
-    // A failing disk must not make an existing database look like a first start.
     return access(path, F_OK) == 0 || (errno != ENOENT && errno != ENOTDIR);
+}
+
+bool FileSurelyExists(const char* path)
+{
+    return access(path, F_OK) == 0;
 }
 
 int RemoveFile(const char* path)
@@ -31,7 +35,7 @@ void MakeDirectory(const char* path)
 
 bool MakeFifo(const char* path)
 {
-    return mkfifo(path, 0777) == 0 || errno == EEXIST;
+    return mkfifo(path, 0777) == 0;
 }
 
 bool SyncDirectory(const char* path)

@@ -3,12 +3,14 @@
 
 #include <cstddef>
 
-// False only when the system says that there is none.
+// False only when the system says that there is none: a failing disk must not make what exists look missing.
 [[nodiscard]] bool FileExists(const char* path);
+// True only when the system says that it is there: for files whose presence alone has consequences.
+[[nodiscard]] bool FileSurelyExists(const char* path);
 // 0 on success, as remove().
 int RemoveFile(const char* path);
 void MakeDirectory(const char* path);
-// Creates a FIFO with permissions 0777 where nothing is; false on failure.
+// Creates a FIFO with permissions 0777; false on failure.
 [[nodiscard]] bool MakeFifo(const char* path);
 // Makes creations and removals in a directory outlast a power cut; false when the system reports a failure.
 bool SyncDirectory(const char* path);

@@ -28,7 +28,7 @@ bool BuildWasCutShort()
 {
     char marker[2 * PathBytes];
     BuildingMarker(marker);
-    return FileExists(marker);
+    return FileSurelyExists(marker);
 }
 
 void BeginBuild()

@@ -112,7 +112,7 @@ int ReadGatewayParameters(std::uint16_t portIndex)
 
 int GetComInfo(const char* projectPath, std::uint16_t portIndex)
 {
-    if (FileExists(TarnPortIndex)) {
+    if (FileSurelyExists(TarnPortIndex)) {
         if (ReadGatewayParameters(portIndex) != 0) return -1;
     } else {
         if (ReadPanelParameters(projectPath, portIndex) != 0) return -1;

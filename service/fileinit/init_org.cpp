@@ -65,7 +65,7 @@ bool BelongsToPort(const RegKey& key)
 
 int InitOrgFromFile(const char* projectPath)
 {
-    if (FileExists(TarnPortIndex)) return 0;
+    if (FileSurelyExists(TarnPortIndex)) return 0;
     ProjectFile project;
     if (!project.Open(projectPath)) {
         std::printf("*VOQ*open project file %s error\r\n", projectPath);

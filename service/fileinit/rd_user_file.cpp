@@ -26,7 +26,7 @@ namespace
 
 void MakeClientFifo(const char* path, const char* failure)
 {
-    if (!MakeFifo(path)) std::printf(failure, path);
+    if (!FileSurelyExists(path) && !MakeFifo(path)) std::printf(failure, path);
 }
 
 void MakeClientFifos()

@@ -11,7 +11,8 @@ enum class DatabaseState {
     Refused,   // what is there cannot be trusted; the files were set aside under other names
 };
 
-// Mends only what an interrupted operation leaves: a header count or tail, back links or an index entry that disagree
-// with the forward chain, a group without an entry in a non-empty index, a record cut off at the end of the file, a
-// data file shorter than its records need (extended with zeros, the records marked never read).
+// Mends only what an interrupted operation leaves: a header count or tail, back links, an index entry or a map that
+// disagree with the forward chain, a missing link to the last record, a first record that was lost, a group without an
+// entry in an index that has or had some, a record cut off at the end of the file, a data file shorter than its records
+// need (extended with zeros, the records marked never read).
 DatabaseState CheckDatabase() VOQ_EXCLUDES(DatabaseLock);

@@ -5,7 +5,9 @@
 // leads through whole records only.
 #include "list/org_list.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 
 #include "arch/clock.h"
 #include "list/data_file.h"
@@ -178,6 +180,7 @@ std::uint32_t CountRecord(OrgFile& file, OrgPlace& place, OrgMode mode)
 std::uint32_t AddFirstItem(OrgFile& file, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
 {
     if (!WriteFirstRecord(file, node)) return OrgNone;
+    std::fill(std::begin(LastPlace), std::end(LastPlace), 0u);  // in what the file held before
     file.Sync();
     return OrgFirstRecord;
 }

@@ -1,8 +1,10 @@
 // Start-up reading and judging of the register database; main thread, writes nothing.
 //
-// Writes of the service go from the new record towards the header and the index, so an operation cut short leaves a
-// whole forward chain, with or without the new record, and behind it a header, back link, index entry or map that lags.
-// Only such differences are corrected. Whole records outside the chain are what an undone insertion leaves: sound.
+// Writes of the service go from the new record, which is on the disk before anything names it, towards the header and
+// the index. So an operation cut short leaves a chain of whole records, with or without the new one, and around it a
+// header, a link to or from the new record, an index entry or a map that lags. The first record of all follows its
+// header and may be missing alone. Only such differences are corrected. Whole records outside the chain are what an
+// undone insertion leaves: sound.
 #include "list/org_survey.h"
 
 #include <algorithm>
@@ -34,6 +36,13 @@ bool AllZero(const Record& record)
 {
     static constexpr Record Zero{};
     return std::memcmp(&record, &Zero, sizeof record) == 0;
+}
+
+// A record always has a time and a width.
+bool NeverWritten(OrgNode record)
+{
+    record.prev = record.next = 0;
+    return AllZero(record);
 }
 
 std::uint32_t RecordNumber(std::uint32_t offset)
@@ -95,7 +104,7 @@ bool FirstRecordLost(const OrgSurvey& survey)
 {
     const OrgHeader& header = survey.header;
     if (header.count != 1 || header.head != OrgFirstRecord || header.tail != OrgFirstRecord) return false;
-    return survey.records.empty() || AllZero(survey.records[0]);
+    return survey.records.empty() || NeverWritten(survey.records[0]);
 }
 
 // What an append left when a power cut took the link to its record, but not the header behind it.
@@ -126,8 +135,7 @@ bool FollowChain(OrgSurvey& survey)
             record.prev = prev;
             survey.changed[number] = survey.mends.links = true;
         }
-        // With its links and the header mended it would pass for the first record, lost.
-        if (AllZero(record)) return Fault(survey, "a record that was never written", offset);
+        if (NeverWritten(record)) return Fault(survey, "a record that was never written", offset);
         survey.chain.push_back(offset);
         if (record.next == 0 && LinkToTailLost(survey, seen, offset)) {
             record.next = survey.header.tail;
@@ -239,7 +247,7 @@ bool MapWhole(const OrgSurvey& survey, const IndexItem& item, const OrgGroup& gr
 bool CheckIndex(OrgSurvey& survey, const GroupOrder& order)
 {
     if (std::erase_if(survey.index, AllZero<IndexItem>) > 0) survey.mends.index = true;
-    if (survey.index.empty() && survey.chain.size() != 1) return true;
+    if (survey.index.empty() && !survey.mends.index && survey.chain.size() != 1) return true;
     if (survey.chain.empty()) {
         survey.index.clear();
         survey.mends.index = true;
