@@ -61,6 +61,7 @@ TEST_F(OrgCheckTest, MendsWhatLags)
     mends(" cut-off record", [](Files& files) { files["org"] += "half a record"; });
     mends(" maps", [](Files& files) { files["im2_10_22_0"].resize(20); });
     mends(" index maps", [](Files& files) { files["index"].resize(40); });
+    EXPECT_TRUE(base == mends(" index maps", [](Files& files) { files["index"].assign(48, '\0'); }));
     // A data file that lost its end: the values are read again.
     Files shorter = mends(" data file length", [](Files& files) {
         for (std::uint32_t at = 12; at < files["org"].size(); at += 56) files["org"][at + 36] = 1;
@@ -118,6 +119,10 @@ TEST_F(OrgCheckTest, RefusesWhatNothingExplains)
         EXPECT_EQ(0u, said.find(std::string("*VOQ*register database refused: ") + each.what)) << said;
         EXPECT_TRUE(expected == Load()) << each.what;
     }
+    Files lost = base;  // the last record without its content
+    lost["org"].replace(292, 48, 48, '\0');
+    Store(lost);
+    EXPECT_NE(std::string::npos, Output([] { CheckDatabase(); }).find("refused: a record that was never written"));
     // A file without a whole header waits for it; an index below one entry is empty and stays so.
     for (const auto& [name, size] : {std::pair{"org", 11}, {"index", 15}}) {
         Files files = base;
