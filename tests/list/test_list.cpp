@@ -157,10 +157,11 @@ TEST_F(ListTest, LastPlaceIsOnlyAHint)
     EXPECT_EQ(4u, Word(Load()["org"], 0));
 
     // The table starts over in a file that still holds the records behind the first.
+    LogOn(Key(1, 2, 35, 1));
     Files over = Load();
     over["index"] = "";
     Store(over);
-    for (const std::uint32_t addr : {50, 25}) LogOn(Key(1, 2, addr, 1));
+    for (const std::uint32_t addr : {50, 35}) LogOn(Key(1, 2, addr, 1));
     EXPECT_EQ("", Unsound(Load()));
     EXPECT_EQ(2u, Word(Load()["org"], 0));
 }
