@@ -73,6 +73,11 @@ bool FileExists(const char* path)
     return Existing(path) != nullptr;
 }
 
+bool FileSurelyExists(const char* path)
+{
+    return Existing(path) != nullptr;
+}
+
 int RemoveFile(const char* path)
 {
     const File* file = Existing(path);
