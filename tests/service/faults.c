@@ -71,7 +71,8 @@ __attribute__((noinline)) static int fails(const char* function, int error)
     } else {
         for (i = 0; i < SeenCount && strcmp(Seen[i], site) != 0; ++i) {
         }
-        if (i == SeenCount && i < MOST_SITES) report(strcpy(Seen[SeenCount++], site));
+        if (i == MOST_SITES) abort();
+        if (i == SeenCount) report(strcpy(Seen[SeenCount++], site));
     }
     pthread_mutex_unlock(&Lock);
     errno = hit ? error : saved;
@@ -94,7 +95,7 @@ CALL(off_t, lseek, EIO, -1, (int file, off_t offset, int whence), (file, offset,
 CALL(int, mkdir, ENOSPC, -1, (const char* path, mode_t mode), (path, mode))
 CALL(int, mkfifo, ENOSPC, -1, (const char* path, mode_t mode), (path, mode))
 CALL(DIR*, opendir, EMFILE, NULL, (const char* path), (path))
-CALL(struct dirent*, readdir, EIO, NULL, (DIR * entries), (entries))
+CALL(struct dirent64*, readdir64, EIO, NULL, (DIR * entries), (entries))
 CALL(ssize_t, pread, EIO, -1, (int file, void* bytes, size_t size, off_t at), (file, bytes, size, at))
 CALL(ssize_t, read, EIO, -1, (int file, void* bytes, size_t size), (file, bytes, size))
 CALL(int, remove, EACCES, -1, (const char* path), (path))

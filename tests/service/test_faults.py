@@ -215,36 +215,40 @@ STARTS = [first, lagging, refused, cut_short, downloaded, slave]
 
 
 def run(prepare, fault="", times=0):
-    """The sites reached, or "!" when the fault struck, and what is wrong."""
+    """The sites reached, those of the start-up among them, or "!" when the fault struck, and what is wrong."""
     empty_box()
     prepare()
     faulty = Faulty(fault, times)
+    early = sites()
     if faulty.up and prepare is slave:
         soon(lambda: faulty.sim.loops > 60)
         faulty.settled()
     elif faulty.up:
         faulty.work()
-    return (WORK / "sites").read_text().splitlines(), faulty.end(prepare)
+    return sites(), early, faulty.end(prepare)
+
+
+def sites():
+    return (WORK / "sites").read_text().splitlines()
 
 
 def test_faults(start):
-    todo = {}  # the first start that reaches a site
+    first_there, todo = {}, []  # a site of the start-up in every start that reaches it, any other in the first one
     for prepare in STARTS if LONG else STARTS[:1]:
-        sites, wrong = run(prepare)
+        reached, early, wrong = run(prepare)
         assert not wrong, (prepare, wrong)
-        for site in sites:
-            todo.setdefault(site, prepare)
+        todo += [(site, prepare) for site in reached if first_there.setdefault(site, prepare) is prepare or site in early]
     ways = (1, 1 << 30)  # once and for ever
-    chosen = [(site, times) for site in todo for times in ways]
+    chosen = [(*place, times) for place in todo for times in ways]
     if not LONG:  # one site of each function, in turns once and for ever
-        last = {site.split()[0]: site for site in todo}
-        chosen = [(site, ways[n % 2]) for n, site in enumerate(last.values())]
+        last = {site.split()[0]: (site, prepare) for site, prepare in todo}
+        chosen = [(*place, ways[n % 2]) for n, place in enumerate(last.values())]
     missed, found = 0, []
-    for site, times in chosen:
-        struck, wrong = run(todo[site], site, times)
+    for site, prepare, times in chosen:
+        struck, _, wrong = run(prepare, site, times)
         missed += "!" not in struck
         if wrong:
-            found.append((todo[site].__name__, site, times, wrong))
+            found.append((prepare.__name__, site, times, wrong))
             print(found[-1])
-    figure(f"faults: {len(todo)} call sites, once and for ever", f"{len(chosen)} runs, {missed} did not reach theirs again, "
-           f"{len(found)} wrong", "0 wrong", not found)
+    figure(f"faults: {len(first_there)} call sites, once and for ever", f"{len(chosen)} runs, {missed} did not reach theirs "
+           f"again, {len(found)} wrong", "0 wrong, a twentieth missed", not found and missed * 20 <= len(chosen))

@@ -30,7 +30,15 @@ bool DieAt(int last, const std::function<void()>& action)
 
 void DieEverywhere(Database& database, Operation operation, int step)
 {
+    bool touched = false;  // some only sync
+    Tap = [&](const FileChange& change) {
+        touched = true;
+        return AllOf(change);
+    };
+    At("%s", operation.name.c_str());
     database.Run(operation);
+    Tap = nullptr;
+    Complain(touched ? "" : "changed nothing");
     bool cut = true;
     for (int first = 1; cut; ++first) {
         At("%s, ended at call %d", operation.name.c_str(), first);

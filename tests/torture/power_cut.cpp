@@ -12,7 +12,6 @@
 namespace
 {
 constexpr std::uint32_t SectorBytes = 512;
-constexpr std::size_t MostBits = 10;  // of more pending changes than these, a sample
 
 // One change that reaches the disk or not by itself. A file is named by its identity, so that writes stay with it.
 struct Atom {
@@ -118,7 +117,11 @@ Files OnDisk(const Recording& recording, const std::vector<bool>& chosen)
 class Cutter
 {
 public:
-    Cutter(Database& database, std::size_t samples) : database_(database), samples_(samples) {}
+    // Of more pending changes than `most`, a sample.
+    Cutter(Database& database, std::size_t most, std::size_t samples)
+        : database_(database), most_(most), samples_(samples)
+    {
+    }
     [[nodiscard]] std::size_t States() const { return distinct_.size(); }
 
     // Runs the operation once and cuts the power before each of its syncs and behind its end: everything that could be
@@ -157,7 +160,7 @@ private:
             if (!chosen[i]) pending.push_back(i);
         }
         const std::size_t bits = pending.size();
-        const bool all = bits <= MostBits;
+        const bool all = bits <= most_;
         for (std::size_t subset = 0; subset < (all ? std::size_t{1} << bits : 3 * (bits + 1) + samples_); ++subset) {
             const std::size_t kind = subset / (bits + 1), one = subset % (bits + 1);
             for (std::size_t bit = 0; bit < bits; ++bit) {
@@ -192,7 +195,7 @@ private:
     }
 
     Database& database_;
-    std::size_t samples_;
+    std::size_t most_, samples_;
     std::mt19937 random_{5};
     std::unordered_set<std::size_t> distinct_, judged_;
 };
@@ -220,7 +223,7 @@ Operation RunOf(const Database& database, unsigned number)
 // The tables' lengths let the next record lie across the end of a sector at every place where it can.
 void PowerCut(Database& database, bool thorough)
 {
-    Cutter cutter(database, thorough ? 2000 : 40);
+    Cutter cutter(database, thorough ? 14 : 10, thorough ? 2000 : 40);
     const std::vector<std::size_t> tables = {8, 18, 27, 36, 45, 54, 63};
     for (std::size_t table = 0; table < (thorough ? tables.size() : 1); ++table) {
         for (const Operation& operation : Operations(database, tables[table])) cutter.Run(operation);
