@@ -12,6 +12,7 @@
 namespace
 {
 constexpr std::uint32_t SectorBytes = 512;
+constexpr std::size_t MostShown = 20;
 
 // One change that reaches the disk or not by itself. A file is named by its identity, so that writes stay with it.
 struct Atom {
@@ -234,5 +235,14 @@ void PowerCut(Database& database, bool thorough)
              cutter.States() - single, database.mended);
     Report("power cut: distinct states", cutter.States(), ">= " + std::to_string(least), cutter.States() >= least);
     ReportComplaints("power cut: faults");
+    std::size_t shown = 0;
+    for (const std::string& one : database.torn) {
+        const RegKey key = Word<RegKey>(one, 0);
+        if (++shown > MostShown) break;
+        Progress(
+            "torn: plcno %u, regid %u, layout %u, width %u, addr %u, subaddr %u, flag 0x%x, record at %u, region at "
+            "%u\n",
+            key.plcno, key.regid, key.layout, key.width, key.addr, key.subaddr, key.flag, Word(one, 24), Word(one, 28));
+    }
     Report("power cut: torn keys that look plausible", database.torn.size(), "0", database.torn.empty());
 }
