@@ -124,6 +124,8 @@ public:
     {
     }
     [[nodiscard]] std::size_t States() const { return distinct_.size(); }
+    [[nodiscard]] std::size_t Whole() const { return whole_; }
+    [[nodiscard]] std::size_t Sampled() const { return sampled_; }
 
     // Runs the operation once and cuts the power before each of its syncs and behind its end: everything that could be
     // lost earlier can be lost there.
@@ -162,6 +164,7 @@ private:
         }
         const std::size_t bits = pending.size();
         const bool all = bits <= most_;
+        ++(all ? whole_ : sampled_);
         for (std::size_t subset = 0; subset < (all ? std::size_t{1} << bits : 3 * (bits + 1) + samples_); ++subset) {
             const std::size_t kind = subset / (bits + 1), one = subset % (bits + 1);
             for (std::size_t bit = 0; bit < bits; ++bit) {
@@ -197,6 +200,7 @@ private:
 
     Database& database_;
     std::size_t most_, samples_;
+    std::size_t whole_ = 0, sampled_ = 0;  // places of a cut: every subset, a sample of them
     std::mt19937 random_{5};
     std::unordered_set<std::size_t> distinct_, judged_;
 };
@@ -229,6 +233,8 @@ void PowerCut(Database& database, bool thorough)
     for (std::size_t table = 0; table < (thorough ? tables.size() : 1); ++table) {
         for (const Operation& operation : Operations(database, tables[table])) cutter.Run(operation);
     }
+    Progress("power cut: single operations cut at %zu places, at %zu of them in a sample of the ways\n",
+             cutter.Whole() + cutter.Sampled(), cutter.Sampled());
     const std::size_t single = cutter.States(), least = thorough ? 100000 : 4000;
     for (unsigned number = 0; cutter.States() < least; ++number) cutter.Run(RunOf(database, number));
     Progress("power cut: %zu states of single operations, %zu of runs, %zu databases mended\n", single,
