@@ -233,7 +233,7 @@ void PowerCut(Database& database, bool thorough)
     for (std::size_t table = 0; table < (thorough ? tables.size() : 1); ++table) {
         for (const Operation& operation : Operations(database, tables[table])) cutter.Run(operation);
     }
-    Progress("power cut: single operations cut at %zu places, at %zu of them in a sample of the ways\n",
+    Progress("power cut: %zu cuts of single operations and of the mending behind them, %zu of them sampled\n",
              cutter.Whole() + cutter.Sampled(), cutter.Sampled());
     const std::size_t single = cutter.States(), least = thorough ? 100000 : 4000;
     for (unsigned number = 0; cutter.States() < least; ++number) cutter.Run(RunOf(database, number));
