@@ -3,6 +3,7 @@
 #include "fileinit/database_files.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "arch/box_path.h"
@@ -190,7 +191,9 @@ int PrepareDatabase(const char* projectPath, const DownloadPaths& download)
 {
     const bool downloaded = DownloadComplete(download) && TakeOverDownload(download);
     const int result = downloaded ? 0 : LocalBuild(projectPath);
-    if (CheckDatabase() != DatabaseState::Refused) return result;
+    const DatabaseState state = CheckDatabase();
+    if (state == DatabaseState::Unusable) std::exit(EXIT_FAILURE);
+    if (state != DatabaseState::Refused) return result;
     RemoveDatabase();  // what could not be set aside, and the maps
     return LocalBuild(projectPath);
 }

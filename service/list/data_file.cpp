@@ -8,29 +8,18 @@
 #include "state/paths.h"
 #include "voq/reg_range.h"
 
-namespace
-{
-std::uint32_t RegionsEnd;  // written at start-up, under the register database lock like every reading of it
-}
-
-void SetRegionsEnd(std::uint32_t end)
-{
-    RegionsEnd = end;
-}
-
 std::int32_t AddDataToFile(const void* buffer, std::uint32_t size)
 {
     WorkFile file;
     if (!file.OpenRW(DataFileName)) return NoRegion;
-    const std::uint32_t measured = file.Size();
-    const std::uint32_t end = std::max(measured, RegionsEnd);
+    const std::uint32_t end = file.Size();
     if (size > MaxRegionBytes || end > INT32_MAX - size) {
         std::printf("*VOQ*data file %s: no room for a region of %u bytes\r\n", DataFileName, size);
         return NoRegion;
     }
     if (file.WriteAt(end, buffer, size) && file.Sync()) return static_cast<std::int32_t>(end);
     std::printf("*VOQ*data file %s: region of %u bytes at offset %u not written\r\n", DataFileName, size, end);
-    static_cast<void>(file.Truncate(measured));
+    static_cast<void>(file.Truncate(end));
     return NoRegion;
 }
 

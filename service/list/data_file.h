@@ -9,10 +9,6 @@
 
 inline constexpr std::int32_t NoRegion = -1;
 
-// Where regions may begin at the earliest: behind the last region that a record owns, when the start-up check could not
-// extend a data file that is too short. 0 otherwise.
-void SetRegionsEnd(std::uint32_t end) VOQ_REQUIRES(DatabaseLock);
-
 // Appends `size` bytes (at most MaxRegionBytes) and forces them to disk. Returns the offset at which they begin, or
 // NoRegion when the file cannot be opened or written; the file is then as it was.
 std::int32_t AddDataToFile(const void* buffer, std::uint32_t size) VOQ_REQUIRES(DatabaseLock);

@@ -6,7 +6,6 @@
 
 #include "arch/fs.h"
 #include "arch/work_file.h"
-#include "list/data_file.h"
 #include "list/index.h"
 #include "list/org_survey.h"
 #include "state/paths.h"
@@ -82,12 +81,15 @@ DatabaseState CheckFiles(bool& refreshMaps) VOQ_REQUIRES(DatabaseLock)
 {
     const OrgSurvey survey = SurveyDatabase();
     if (survey.empty) return DatabaseState::Sound;
+    if (survey.unreadable) {
+        std::printf("*VOQ*register database cannot be read, to be started again\r\n");
+        return DatabaseState::Unusable;
+    }
     if (survey.fault != nullptr) return Refuse(survey);
     if (!survey.mends.Any()) return DatabaseState::Sound;
     if (!Mend(survey)) {
-        SetRegionsEnd(survey.regionsEnd);
-        std::printf("*VOQ*register database could not be mended, a file cannot be written\r\n");
-        return DatabaseState::Unmended;
+        std::printf("*VOQ*register database could not be mended, to be started again\r\n");
+        return DatabaseState::Unusable;
     }
     ReportMends(survey.mends);
     refreshMaps = survey.mends.maps || survey.mends.index || survey.mends.links || survey.mends.header;

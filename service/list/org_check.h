@@ -7,7 +7,7 @@
 enum class DatabaseState {
     Sound,     // nothing was wrong, or the org file has no whole header yet
     Mended,    // an interrupted operation was finished or undone; one message said what
-    Unmended,  // something was to be mended but a file cannot be written; a message said so, the next start tries again
+    Unusable,  // a file cannot be read, or not be written to be mended; a message said so, a later start tries again
     Refused,   // what is there cannot be trusted; the files were set aside under other names
 };
 

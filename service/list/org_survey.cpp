@@ -45,6 +45,12 @@ bool NeverWritten(OrgNode record)
     return AllZero(record);
 }
 
+bool Unreadable(OrgSurvey& survey)
+{
+    survey.unreadable = true;
+    return false;
+}
+
 std::uint32_t RecordNumber(std::uint32_t offset)
 {
     return (offset - OrgFirstRecord) / sizeof(OrgNode);
@@ -69,11 +75,11 @@ std::uint64_t Identity(const IndexItem& item)
 bool ReadOrg(OrgSurvey& survey)
 {
     WorkFile file;
-    if (!file.OpenRO(OrgFileName) || file.Size() < OrgFirstRecord || !file.ReadRecord(0, survey.header)) {
-        survey.empty = true;
-        return false;
-    }
+    if (!file.OpenRO(OrgFileName)) return Unreadable(survey);
     const std::uint32_t size = file.Size();
+    survey.empty = size < OrgFirstRecord;
+    if (survey.empty) return false;
+    if (size == UINT32_MAX || !file.ReadRecord(0, survey.header)) return Unreadable(survey);
     const std::uint32_t count = (size - OrgFirstRecord) / sizeof(OrgNode);
     if (count > MostCheckedRecords) return Fault(survey, "more records than are ever kept", size);
     survey.records.resize(count);
@@ -81,7 +87,7 @@ bool ReadOrg(OrgSurvey& survey)
     survey.wholeBytes = OrgFirstRecord + count * sizeof(OrgNode);
     survey.mends.cutRecord = survey.wholeBytes != size;
     if (count > 0 && !file.ReadAt(OrgFirstRecord, survey.records.data(), count * sizeof(OrgNode))) {
-        return Fault(survey, "records that cannot be read", OrgFirstRecord);
+        return Unreadable(survey);
     }
     return true;
 }
@@ -89,12 +95,15 @@ bool ReadOrg(OrgSurvey& survey)
 bool ReadIndex(OrgSurvey& survey)
 {
     WorkFile file;
-    if (!FileExists(IndexFileName) || !file.OpenRO(IndexFileName)) return true;
-    const std::uint32_t count = file.Size() / sizeof(IndexItem);
-    if (count > MostCheckedRecords) return Fault(survey, "more index entries than are ever kept", file.Size());
+    if (!FileExists(IndexFileName)) return true;
+    if (!file.OpenRO(IndexFileName)) return Unreadable(survey);
+    const std::uint32_t size = file.Size();
+    if (size == UINT32_MAX) return Unreadable(survey);
+    const std::uint32_t count = size / sizeof(IndexItem);
+    if (count > MostCheckedRecords) return Fault(survey, "more index entries than are ever kept", size);
     survey.index.resize(count);
     if (count > 0 && !file.ReadAt(0, survey.index.data(), count * sizeof(IndexItem))) {
-        return Fault(survey, "index entries that cannot be read", 0);
+        return Unreadable(survey);
     }
     return true;
 }
@@ -187,8 +196,10 @@ const OrgGroup* FindGroup(const OrgSurvey& survey, const GroupOrder& order, std:
 bool CheckRegions(OrgSurvey& survey)
 {
     WorkFile file;
-    if (!FileExists(DataFileName) || !file.OpenRO(DataFileName)) return true;
+    if (!FileExists(DataFileName)) return true;
+    if (!file.OpenRO(DataFileName)) return Unreadable(survey);
     const std::uint64_t have = file.Size();
+    if (have == UINT32_MAX) return Unreadable(survey);
     const std::uint64_t most = std::min<std::uint64_t>(
         INT32_MAX, std::max<std::uint64_t>(have, std::uint64_t{survey.records.size()} * MaxRegionBytes));
     std::vector<std::pair<std::uint32_t, std::uint32_t>> regions;  // where it lies, whose it is

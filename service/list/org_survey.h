@@ -30,7 +30,8 @@ struct OrgMends {
 };
 
 struct OrgSurvey {
-    bool empty = false;           // the org file has no whole header or cannot be opened; nothing else is set
+    bool empty = false;           // the org file has no whole header; nothing else is set
+    bool unreadable = false;      // a file cannot be opened or read; nothing can be said
     const char* fault = nullptr;  // what cannot be mended, in a few words
     std::uint32_t faultOffset = 0;
     OrgMends mends{};
