@@ -1,5 +1,5 @@
 // The first build of the register database, and single registrations into one that is there, against programs that
-// make the same opens, locks, writes and syncs, in turns.
+// make the same writes and syncs under the locks that these need, and search nothing, in turns.
 //     build whole|step FOLDER SAMPLES ascending|shuffled GROUPS SIZE...
 // The registers of a project are one-word ranges, dealt out to GROUPS groups in turn.
 #include <algorithm>
@@ -129,15 +129,15 @@ void MeasureWhole(const Report& report, const std::string& folder, const std::ve
         const Scratch place(folder);
         ComInfo.portNo = 1;
         Empty(place.Folder());
-        const auto service = ChangesOf([&] {
+        const auto service = FileWorkOf([&] {
             serviceUs.push_back(Time([&] {
                 if (PrepareDatabase(project.c_str(), DownloadPaths{}) != 0) Fail("first build");
             }));
         });
         if (FileBytes(OrgFileName).size() != 12 + 56 * keys.size()) Fail("a first build that is not whole");
         Empty(place.Folder());
-        const auto floor = ChangesOf([&] { floorUs.push_back(Time([&] { BuildFloor(place.Folder(), keys); })); });
-        DemandSame("first build", service, floor);
+        const auto floor = FileWorkOf([&] { floorUs.push_back(Time([&] { BuildFloor(place.Folder(), keys); })); });
+        DemandFloor("first build", service, floor);
     }
     report.Figure("build", static_cast<long>(keys.size()), "us", serviceUs, floorUs);
 }
@@ -168,9 +168,9 @@ void MeasureSteps(const Report& report, const std::string& folder, const std::ve
     for (auto key = keys.begin(); key != known; ++key) floor.Know(*key);
     std::vector<double> serviceUs, floorUs;
     for (auto key = known; key != keys.end(); ++key) {
-        const auto serviceChanges = ChangesOf([&] { serviceUs.push_back(Time([&] { CheckOrgList(&*key); })); });
-        const auto floorChanges = ChangesOf([&] { floorUs.push_back(Time([&] { floor.Register(*key); })); });
-        DemandSame("registration", serviceChanges, floorChanges);
+        const auto serviceWork = FileWorkOf([&] { serviceUs.push_back(Time([&] { CheckOrgList(&*key); })); });
+        const auto floorWork = FileWorkOf([&] { floorUs.push_back(Time([&] { floor.Register(*key); })); });
+        DemandFloor("registration", serviceWork, floorWork);
     }
     report.Figure("step", static_cast<long>(keys.size()), "us", serviceUs, floorUs);
 }

@@ -21,7 +21,7 @@ def number(value):
 
 @dataclasses.dataclass
 class Figure:
-    """One line of the table. `goal` is (what, comparison, limit): what is "ratio", "floor share" or "value", the
+    """One line of the table. `goal` is (what, comparison, limit): what is "ratio" or "value", the
     comparison "<=" or ">=". A figure without a goal is shown for what it is."""
     name: str
     unit: str

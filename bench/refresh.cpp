@@ -1,5 +1,5 @@
 // A packed refresh of neighbouring one-word ranges against a bare program that makes the same reads from the PLC and
-// the same opens, locks, record writes and syncs, in turns.
+// the same record writes and syncs under the same locks, in turns. It knows the records and reads none.
 //     refresh FOLDER RANGES PASSES SAMPLES DRIVER [PORT]
 // A sample is PASSES driver reads, 0 for a whole refresh. With PORT the PLC listens there on Modbus TCP, and the bare
 // program reads it over libmodbus.
@@ -87,7 +87,7 @@ int main(int argc, char** argv)
         service();
         DemandAllRead(ranges);
     }
-    DemandSame("refresh", ChangesOf(service), ChangesOf(floor));
+    DemandFloor("refresh", FileWorkOf(service), FileWorkOf(floor));
     std::vector<double> serviceUs, floorUs;
     for (int i = 0; i < samples; ++i) {
         serviceUs.push_back(Time(service));

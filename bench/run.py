@@ -32,6 +32,9 @@ class Bench:
         self.quick = arguments.quick
         self.disk = arguments.disk
         self.figures, self.rows, self.curves, self.notes = [], [], {}, []
+        self.missing = []  # what could not be measured
+        if not self.disk:
+            self.missing.append("everything on disk: no folder given")
 
     def samples(self, usual, quick=1):
         return quick if self.quick else usual
@@ -187,27 +190,27 @@ class Bench:
         for delay_us in (0, 5000):
             with live.Place(self.build) as place:
                 place.plc(delay_us)
-                # 32 driver reads: with the pause they come close to the target, and behind a slow PLC beyond it.
+                # 32 driver reads: with the pause they come close to the target, and behind a slow PLC beyond it. All
+                # that stands beside the service begins a refresh each time the target has passed, or late at once.
                 service = place.service(RANGES, 2 if delay_us == 0 else 0, modbus=True)
                 place.subscribe(RANGES)
                 rows.append(self.polled("the service", delay_us, place, [service]))
                 place.stop(service)
-                period = TARGET_MS if delay_us == 0 else 0
                 for name, limit, files in (("bare loop, the service's opens and locks", live.TRANSFER, "locks"),
                                            ("bare loop, files kept open, no locks", live.TRANSFER, "open"),
                                            ("bare loop, a request for each range", 1, "open")):
                     self.beside(rows, name, delay_us, place,
-                                [self.loop(place, limit, period, 0, files, place.plc_port)])
+                                [self.loop(place, limit, TARGET_MS, 0, files, place.plc_port)])
                 if modules:
                     for name, mode in (("node, same file changes, no locks", "changes"), ("node, values to a file", "values")):
                         self.beside(rows, name, delay_us, place,
                                     [place.start("node", SOURCE / "node/poll.js", modules, place.plc_port, RANGES,
-                                                 live.TRANSFER, period, place.port, mode)])
+                                                 live.TRANSFER, TARGET_MS, place.port, mode)])
                 if shutil.which("mbpoll"):
                     self.beside(rows, "mbpoll, 16 processes, text to files", delay_us, place,
-                                self.mbpoll(place, period or 11))
+                                self.mbpoll(place))
                 elif delay_us == 0:
-                    self.notes.append("mbpoll is not installed: left out")
+                    self.missing.append("mbpoll: not installed")
         self.compare(rows)
 
     def node_modules(self):
@@ -220,15 +223,15 @@ class Bench:
             try:
                 subprocess.run(install, cwd=folder, check=True, stdout=subprocess.DEVNULL, timeout=300)
             except (OSError, subprocess.SubprocessError) as error:
-                self.notes.append(f"npm gives no modbus-serial, the node client is left out: {error}")
+                self.missing.append(f"the node client: npm gives no modbus-serial: {error}")
                 return None
         return folder / "node_modules"
 
     @staticmethod
-    def mbpoll(place, period_ms):
+    def mbpoll(place):
         step = 125  # most that it reads
         return [place.start("mbpoll", "-m", "tcp", "-p", place.plc_port, "-a", 1, "-t", 4, "-r", first + 1, "-c", step,
-                            "-l", period_ms, "127.0.0.1", output=f"mbpoll{first}") for first in range(0, RANGES, step)]
+                            "-l", TARGET_MS, "127.0.0.1", output=f"mbpoll{first}") for first in range(0, RANGES, step)]
 
     def beside(self, rows, name, delay_us, place, processes):
         rows.append(self.polled(name, delay_us, place, processes))
@@ -308,10 +311,12 @@ class Bench:
                                  ["polling 2,000 registers over Modbus TCP", "PLC delay", "values/s", "CPU %",
                                   "values per CPU second"])
         text += "".join(f"\n{note}\n" for note in self.notes)
+        text += "".join(f"\n**Not measured**: {what}\n" for what in self.missing)
         print(text)
         (self.out / "table.md").write_text(text)
-        write_json(self.out / "result.json", self.figures, alternatives=rows, curves=self.curves, notes=self.notes)
-        return all(figure.reached() is not False for figure in self.figures)
+        write_json(self.out / "result.json", self.figures, alternatives=rows, curves=self.curves, notes=self.notes,
+                   missing=self.missing)
+        return not self.missing and all(figure.reached() is not False for figure in self.figures)
 
 
 def main():
@@ -329,8 +334,8 @@ def main():
         bench.notes.append("No right to a higher priority: the machine's other load shows.")
     for part in arguments.parts or PARTS:
         getattr(bench, part)()
-    bench.draw()
     reached = bench.show()
+    bench.draw()
     if arguments.docs:
         for file in bench.out.glob("*.svg"):
             shutil.copy(file, arguments.docs)
