@@ -1,5 +1,5 @@
 # The panel's processor: 32-bit ARM with hardware floating point, by Debian's cross compiler. The target's own libraries
-# lie unpacked in build/armhf-root (scripts/packages armhf); the emulator runs the tests on them.
+# lie unpacked in build/armhf-root (scripts/armhf-root); the emulator runs the tests on them.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)

@@ -1,4 +1,4 @@
-// A hand on every way in which the service changes a file: the calls are wrapped by the linker (VOQ_FILE_TAP in CMake)
+// A hand on every way in which the service changes a file: the calls are wrapped by the linker (target voq_file_tap)
 // and shown to the tap before they are made.
 #pragma once
 
