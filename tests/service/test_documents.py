@@ -1,7 +1,7 @@
 """The guides, followed to the letter: their commands are run, their frames sent, their files compared.
 
-A document's fenced blocks in order: `sh` is run by one shell; `text` is all that the last `sh` printed; `hex send` goes
-through the document's own `send`; `hex file PATH` is what the file comes to hold, "??" for any byte.
+A document's fenced blocks in order: `sh` is run by one shell, `python` from it; `text` is all that the last `sh` printed;
+`hex send` goes through the document's own `send`; `hex file PATH` is what the file comes to hold, "??" for any byte.
 """
 import os
 import pathlib
@@ -12,7 +12,8 @@ import subprocess
 import pytest
 from voqtest import free_port, programs_folder, read_locked, wait_for
 
-FENCE = re.compile(r"^```(sh|text|hex send|hex file)(?: (\S+))?\n(.*?)^```$", re.M | re.S)
+FENCE = re.compile(r"^```(sh|python|text|hex send|hex file)(?: (\S+))?\n(.*?)^```$", re.M | re.S)
+COMMANDS = {"hex send": "send", "python": "/usr/bin/python3 -"}
 END = "-- end of the block --"
 
 
@@ -43,7 +44,7 @@ def check_file(path, block):
     wait_for(lambda: path.exists() and pattern.fullmatch(read_locked(path)), f"{path}: {' '.join(wanted)}")
 
 
-@pytest.mark.parametrize("name", ["driver-guide", "client-guide", "operating"])
+@pytest.mark.parametrize("name", ["driver-guide", "client-guide", "operating", "voqctl", "sim"])
 def test_document(shell, name):
     text = pathlib.Path(f"/co/docs/{name}.md").read_text()
     # The build under test, its driver too, in the place of what a reader builds.
@@ -55,8 +56,8 @@ def test_document(shell, name):
     for kind, path, block in FENCE.findall(text):
         if kind == "sh":
             printed = shell(block)
-        elif kind == "hex send":
-            shell(f"send <<'END'\n{block}END")
+        elif kind in COMMANDS:
+            shell(f"{COMMANDS[kind]} <<'END'\n{block}END")
         elif kind == "text":
             assert printed == block
         else:
