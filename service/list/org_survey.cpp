@@ -253,8 +253,8 @@ bool MapWhole(const OrgSurvey& survey, const IndexItem& item, const OrgGroup& gr
     return true;
 }
 
-// Sets the index entries by the groups. An index without entries stays so, the next log-on starts the table over; but
-// where there is one record, it is the first, whose entry was still to be written.
+// Sets the index entries by the groups. An empty index stays so, the next log-on starts the table over; not one whose
+// entries are all zeros, nor where there is one record: that is the first, whose entry was still to be written.
 bool CheckIndex(OrgSurvey& survey, const GroupOrder& order)
 {
     if (std::erase_if(survey.index, AllZero<IndexItem>) > 0) survey.mends.index = true;
