@@ -4,6 +4,8 @@
 //         each request, and makes the service's file changes in FOLDER
 //     loop walk FOLDER PAUSE_MS
 //         opens the org file and looks at the state of every record, in the order of the file, then waits
+//     loop wait MS MS
+//         waits the one, then the other
 #include <algorithm>
 #include <cctype>
 #include <cstring>
@@ -66,11 +68,19 @@ void Walk(char** argv)
         usleep(pauseMs * 1000);
     }
 }
+
+void Wait(char** argv)
+{
+    while (true) {
+        for (int i = 0; i < 2; ++i) usleep(static_cast<useconds_t>(std::atoi(argv[i])) * 1000);
+    }
+}
 }  // namespace
 
 int main(int argc, char** argv)
 {
     if (argc == 9 && std::strcmp(argv[1], "poll") == 0) Poll(argv + 2);
     if (argc == 4 && std::strcmp(argv[1], "walk") == 0) Walk(argv + 2);
+    if (argc == 4 && std::strcmp(argv[1], "wait") == 0) Wait(argv + 2);
     return 2;
 }

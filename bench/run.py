@@ -21,6 +21,7 @@ SOURCE = pathlib.Path(__file__).resolve().parent
 MEMORY = "/dev/shm"
 RANGES = 2000
 PARTS = ["refresh", "oneshot", "logon", "first_build", "running", "alternatives"]
+EMPTY_LIST_WAIT_MS = 50  # what a turn of the service waits on top of its pause
 TARGET_MS = 100  # a refresh of all registers, for the service and what stands beside it
 
 
@@ -154,7 +155,8 @@ class Bench:
                            live.cpu_share(floor, windows, seconds), 2)
         with live.Place(self.build) as place:
             shares = live.cpu_share(place.service(0, 10), windows, seconds)
-            self.share("empty list, pause 10 ms", shares, ([], []), 0.1)
+            floor = place.start(self.build / "bin/bench_loop", "wait", 10, EMPTY_LIST_WAIT_MS)
+            self.share("empty list, pause 10 ms", shares, live.cpu_share(floor, windows, seconds), 0.1)
         with live.Place(self.build) as place:
             sim = place.sim(5000)
             service = place.service(RANGES, 1, **sim)

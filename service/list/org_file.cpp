@@ -103,8 +103,12 @@ bool OrgFile::ReadNode(std::uint32_t offset, OrgNode& node)
 {
     if (Holds(offset)) {
         const std::uint32_t number = RecordNumber(offset);
-        if (InPage(number) == nullptr) ReadPage(file_, size_, number);
-        if (const OrgNode* record = InPage(number)) {
+        const OrgNode* record = InPage(number);
+        if (record == nullptr) {
+            ReadPage(file_, size_, number);
+            record = InPage(number);
+        }
+        if (record != nullptr) {
             node = *record;
             return true;
         }
