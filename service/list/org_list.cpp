@@ -124,28 +124,49 @@ bool WriteFirstRecord(OrgFile& file, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
     return false;
 }
 
-// Where the last range of a group went: ranges mostly come in ascending order, and the next one belongs right behind.
-// Only a place to look at: the record there is read and judged under the lock of the operation that goes by it.
-constexpr std::uint32_t LastPlaces = 1024;  // groups; more of them share the places
+// Where the last range of a group went, and the last one near each address: ranges mostly come in ascending order, and
+// the next one belongs right behind; in a list without order the walk from a near one is short. Only places to look at:
+// the record there is read and judged under the lock of the operation that goes by it.
+constexpr std::uint32_t LastPlaces = 4096;  // groups and addresses beyond that share the places
+constexpr std::uint32_t NearAddresses = 8;
 std::uint32_t LastPlace[LastPlaces] VOQ_GUARDED_BY(DatabaseLock);
 
-std::uint32_t& LastPlaceOf(const RegKey& key) VOQ_REQUIRES(DatabaseLock)
+std::uint32_t& LastPlaceOf(const RegKey& key, std::uint32_t part) VOQ_REQUIRES(DatabaseLock)
 {
     const std::uint32_t mixed = ((key.regid * 31u + key.plcno) * 31 + key.layout) * 31 + SubaddrLow(key);
-    return LastPlace[(2 * mixed + (GroupFlag(key) ? 1 : 0)) % LastPlaces];
+    return LastPlace[((2 * mixed + (GroupFlag(key) ? 1 : 0)) * 31 + part) % LastPlaces];
 }
 
-// The record from which the walk to the key's place may begin: the last place, when the record there is of the group,
-// linked into the chain and does not sort behind the key; else the group's first.
-std::uint32_t WalkStart(OrgFile& file, const RegKey& key, std::uint32_t first) VOQ_REQUIRES(DatabaseLock)
+std::uint32_t& LastPlaceOfGroup(const RegKey& key) VOQ_REQUIRES(DatabaseLock)
 {
-    const std::uint32_t place = LastPlaceOf(key);
-    OrgNode record;
+    return LastPlaceOf(key, 0);
+}
+
+std::uint32_t& LastPlaceNear(const RegKey& key) VOQ_REQUIRES(DatabaseLock)
+{
+    return LastPlaceOf(key, 1 + key.addr / NearAddresses);
+}
+
+// Whether the walk to the key's place may begin there: at a record of the group, linked into the chain, that does not
+// sort behind the key.
+bool MayStart(OrgFile& file, const RegKey& key, std::uint32_t place, OrgNode& record)
+{
     OrgNode ahead;
     const bool inGroup = file.Holds(place) && file.ReadNode(place, record) && SameGroup(record.key, key);
     const bool linked = inGroup && file.Holds(record.prev) && file.ReadNode(record.prev, ahead) && ahead.next == place;
-    if (linked && NodeCompare(record.key, key) != 2) return place;
-    return first;
+    return linked && NodeCompare(record.key, key) != 2;
+}
+
+// The nearest of the places from which the walk may begin.
+std::uint32_t WalkStart(OrgFile& file, const RegKey& key, std::uint32_t first) VOQ_REQUIRES(DatabaseLock)
+{
+    const std::uint32_t near = LastPlaceNear(key);
+    const std::uint32_t last = LastPlaceOfGroup(key);
+    OrgNode atNear;
+    OrgNode atLast;
+    const bool fromNear = MayStart(file, key, near, atNear);
+    if (last == near || !MayStart(file, key, last, atLast)) return fromNear ? near : first;
+    return fromNear && NodeCompare(atLast.key, atNear.key) == 1 ? near : last;
 }
 
 OrgPlace FindPlace(OrgFile& file, const RegKey& key, std::uint32_t first) VOQ_REQUIRES(DatabaseLock)
@@ -228,7 +249,7 @@ std::uint32_t InsertOrgNode(const RegKey& key, std::uint32_t first, OrgMode mode
     const bool own = place.where == Where::BeforeOwn;
     const std::uint32_t here = file.AppendOffset();
     if (!InsertOrgBeforeNode(file, place.offset, node, own && place.offset == first)) return OrgNone;
-    LastPlaceOf(key) = here;
+    LastPlaceNear(key) = LastPlaceOfGroup(key) = here;
     if (own) file.Sync();
     file.Close();
     if (mode == OrgMode::LogOn) FindIndexAndRefresh(&key);

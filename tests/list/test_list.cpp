@@ -133,8 +133,8 @@ TEST_F(ListTest, RecordsAreReadAsTheFileHoldsThem)
 // A search that starts where the last range went must not go by a record of another group or outside the chain.
 TEST_F(ListTest, LastPlaceIsOnlyAHint)
 {
-    // The two groups share their place.
-    for (const auto& [addr, subaddr] : {std::pair{5u, 512u}, {10, 0}, {20, 0}, {30, 512}}) {
+    // The two groups share their places.
+    for (const auto& [addr, subaddr] : {std::pair{5u, 2048u}, {10, 0}, {20, 0}, {30, 2048}}) {
         LogOn(Key(1, 2, addr, 1, subaddr));
     }
     EXPECT_EQ("", Unsound(Load()));
