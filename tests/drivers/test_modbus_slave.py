@@ -1,6 +1,7 @@
 """The slave drivers with panel registers made up by the test: every function, every refusal, frames that are none."""
 import contextlib
 import ctypes
+import pathlib
 import random
 import socket
 import struct
@@ -38,6 +39,11 @@ EXCHANGES = [(bytes.fromhex(request), bytes.fromhex(answer)) for request, answer
 )]
 
 
+def waited_for_others():
+    """Seconds that this thread has waited for a processor that others had."""
+    return int(pathlib.Path("/proc/thread-self/schedstat").read_text().split()[1]) / 1e9
+
+
 class Slave:
     """A slave driver, and the panel as it sees it: {(kind, address): value}."""
 
@@ -68,11 +74,13 @@ class Slave:
         return 3 if addr == UNUSABLE else 1
 
     def turn(self, turns=1):
-        """The results of so many turns; none of them holds the service up."""
+        """The result of so many turns, the last one's; none of them holds the service up."""
+        longest, others = 0, waited_for_others()
         for _ in range(turns):
             began = time.monotonic()
             result = self.driver.loop(self.oper)
-            assert time.monotonic() - began < 0.15
+            longest = max(longest, time.monotonic() - began)
+        assert longest < 0.15 or longest - (waited_for_others() - others) < 0.15
         return result
 
     def noise(self, longest):
