@@ -67,7 +67,8 @@ class Faulty:
     def send(self, data, client="gui"):
         path = self.service / f"{client}fifo"
         if client not in self.service.fifos:
-            descriptor = soon(lambda: path.exists() and Service._open(path), 0.5)
+            descriptor = self.process.poll() is None and soon(lambda: path.exists() and Service._open(path),
+                                                              0.5 if self.deaf else 15)
             if not descriptor:
                 return
             self.service.fifos[client] = descriptor
