@@ -25,7 +25,8 @@ struct OneShot {
 };
 
 // Sends the request and takes its answer; nothing when there is none in time. The request is then still with the
-// service, which may carry it out: RemoveLater sees to its answer. Throws ServiceNotRunning or Error.
+// service, which may carry it out: RemoveLater sees to its answer. Throws ServiceNotRunning or Error; nothing is sent
+// when the caller may not remove files from the port's directory.
 std::optional<ResultFile> Ask(const PortDir& port, const OneShot& request);
 
 // Leaves a process behind that removes the answer when it comes. It ends then, when the service does, or when the time
