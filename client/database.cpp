@@ -22,11 +22,6 @@ std::vector<Record> ParseRecords(const Bytes& bytes)
     return records;
 }
 
-bool SameRange(const OrgNode& node, const RegKey& key)
-{
-    return SameGroup(node.key, key) && NodeCompare(node.key, key) == 0;
-}
-
 std::optional<IndexItem> FindIndexItem(const PortDir& port, const RegKey& key)
 {
     const auto bytes = ReadLocked(port.Index());
@@ -51,7 +46,7 @@ std::uint32_t FindInMap(const PortDir& port, const IndexItem& item, const RegKey
     for (const MapItem& entry : ParseMap(*bytes)) {
         if (entry.addr != key.addr || entry.width != key.width) continue;
         const auto node = ReadRecord(port, entry.offset);
-        if (node && SameRange(*node, key)) return entry.offset;
+        if (node && SameRange(node->key, key)) return entry.offset;
     }
     return 0;
 }
@@ -65,7 +60,7 @@ std::uint32_t FindInGroup(const PortDir& port, const IndexItem& item, const RegK
     for (std::uint32_t step = 0; step < org.RecordsInFile() && offset != 0; ++step) {
         const auto node = org.Record(offset);
         if (!node || !SameGroup(node->key, key)) return 0;
-        if (SameRange(*node, key)) return offset;
+        if (SameRange(node->key, key)) return offset;
         offset = node->next;
     }
     return 0;
@@ -151,7 +146,7 @@ std::optional<Reading> ReadRange(const PortDir& port, const RegKey& key, std::ui
     // The record and the value lie in two files and the service may refresh both in between. A record that still reads
     // the same behind the value belongs to it; a record refreshed faster than that is taken as it is at the end.
     for (int attempt = 0; attempt < 5; ++attempt) {
-        if (!node || !SameRange(*node, key)) return std::nullopt;
+        if (!node || !SameRange(node->key, key)) return std::nullopt;
         auto value = ReadLockedRange(port.Data(), node->dataoffset, length);
         if (!value || value->size() != length) return std::nullopt;
         const auto again = ReadRecord(port, offset);

@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -14,11 +15,14 @@
 #include "client/value_text.h"
 #include "tools/commands.h"
 #include "tools/stop.h"
+#include "voq/reg_range.h"
 
 namespace
 {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr std::int64_t MostAsleep = 200'000'000;  // nanoseconds
 
 // What is shown of a range.
 struct Shown {
@@ -51,6 +55,12 @@ std::vector<Watched> ResolveRanges(const Target& target, const std::vector<std::
         range.name = text;
         range.reg = ResolveRegister(target, text);
         range.coding = voq::CodingOf(range.reg, ByteOrderOf(target, range.reg.key));
+        // The service would keep one entry for both, and the second log-off would not find it.
+        for (const Watched& other : ranges) {
+            if (SameRange(other.reg.key, range.reg.key)) {
+                throw UsageError(other.name + " and " + text + " are the same range");
+            }
+        }
         ranges.push_back(range);
     }
     return ranges;
@@ -75,18 +85,39 @@ public:
     Subscriptions(const Subscriptions&) = delete;
     Subscriptions& operator=(const Subscriptions&) = delete;
 
-    void LogOn(voq::FileNumberRange numbers)
+    void Begin(voq::FileNumberRange numbers)
     {
         voq::FileNumbers filenos(target_.port, numbers);
+        for (Watched& range : ranges_) range.fileno = filenos.Next();
+        LogOn();
+    }
+
+    // A service that has ended forgot its subscriptions: they are made again when it is back. False while it is away.
+    bool Keep()
+    {
+        if (!voq::FifoHasReader(target_.fifo)) {
+            for (Watched& range : ranges_) range.loggedOnAt = 0;
+            return false;
+        }
+        try {
+            LogOn();
+            return true;
+        } catch (const voq::ServiceNotRunning&) {
+            return false;
+        }
+    }
+
+private:
+    void LogOn()
+    {
         for (Watched& range : ranges_) {
-            range.fileno = filenos.Next();
+            if (range.loggedOnAt != 0) continue;
             const std::int64_t now = voq::NowMicroseconds();
             voq::SendFrame(target_.fifo, voq::LogOnFrame(range.reg.key, range.fileno));
             range.loggedOnAt = now;
         }
     }
 
-private:
     const Target& target_;
     std::vector<Watched>& ranges_;
 };
@@ -163,21 +194,32 @@ bool AllCounted(const std::vector<Watched>& ranges, unsigned count)
     return count != 0;
 }
 
-void Sleep(unsigned milliseconds)
+// Sleeps until the next reading, the end or a signal, and keeps the subscriptions meanwhile: a service can be started
+// again between two readings. False when it was away.
+bool Sleep(Subscriptions& subscriptions, Clock::time_point until)
 {
-    const timespec time = {static_cast<std::time_t>(milliseconds / 1000),
-                           static_cast<long>(milliseconds % 1000) * 1000000};
-    nanosleep(&time, nullptr);
+    bool served = true;
+    while (Stopped == 0) {
+        if (!subscriptions.Keep()) served = false;
+        const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(until - Clock::now()).count();
+        if (left <= 0) break;
+        const timespec time = {0, static_cast<long>(std::min<std::int64_t>(left, MostAsleep))};
+        nanosleep(&time, nullptr);
+    }
+    return served;
 }
 
-void ShowUntilDone(const voq::PortDir& port, const WatchOptions& watch, std::vector<Watched>& ranges)
+void ShowUntilDone(const voq::PortDir& port, const WatchOptions& watch, Subscriptions& subscriptions,
+                   std::vector<Watched>& ranges)
 {
+    bool served = true;
     const bool terminal = isatty(STDOUT_FILENO) == 1;
     const auto limit = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(watch.forSeconds));
     const auto end = Clock::now() + limit;
     while (Stopped == 0) {
         std::vector<Shown> readings;
-        for (Watched& range : ranges) readings.push_back(ReadShown(port, range));
+        for (Watched& range : ranges)
+            readings.push_back(served ? ReadShown(port, range) : Shown{.state = "no service"});
         if (terminal) {
             Redraw(ranges, readings);
         } else {
@@ -186,7 +228,7 @@ void ShowUntilDone(const voq::PortDir& port, const WatchOptions& watch, std::vec
         if (std::fflush(stdout) != 0) break;
         if (AllCounted(ranges, watch.count)) break;
         if (watch.forSeconds > 0 && Clock::now() >= end) break;
-        Sleep(watch.intervalMs);
+        served = Sleep(subscriptions, Clock::now() + std::chrono::milliseconds(watch.intervalMs));
     }
 }
 
@@ -199,8 +241,8 @@ int Watch(const PortOptions& options, const WatchOptions& watch)
     CatchSignals();
     {
         Subscriptions subscriptions(target, ranges);
-        subscriptions.LogOn(options.numbers);
-        ShowUntilDone(target.port, watch, ranges);
+        subscriptions.Begin(options.numbers);
+        ShowUntilDone(target.port, watch, subscriptions, ranges);
     }
     for (const Watched& range : ranges) {
         if (range.liveCount != 0) return ExitOk;

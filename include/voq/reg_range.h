@@ -69,3 +69,9 @@ constexpr int NodeCompare(const RegKey& a, const RegKey& b)
     if (a.width != b.width) return a.width < b.width ? 1 : 2;
     return 0;
 }
+
+// What one record of the register table stands for.
+constexpr bool SameRange(const RegKey& a, const RegKey& b)
+{
+    return SameGroup(a, b) && NodeCompare(a, b) == 0;
+}
