@@ -12,6 +12,7 @@
 #include <toml.hpp>
 
 #include "client/error.h"
+#include "client/locked_file.h"
 #include "client/value_text.h"
 #include "voq/reg_range.h"
 
@@ -345,15 +346,17 @@ ProjectText ReadProject(const toml::value& value, const std::string& file)
         }
         text.project.ports.push_back(record);
     }
+    if (text.project.ports.empty()) throw Error(file + ": there is no [[port]]");
     for (const toml::value* reg : Tables(root, file, "register")) ReadRegister(*reg, file, text);
     root.Finish();
     return text;
 }
 
-// The first line of a parser's message, without its mark.
+// The first line of a parser's message, without its mark and the name of the function that found the error.
 std::string FirstLine(const std::string& message)
 {
-    const std::size_t begin = message.starts_with("[error] ") ? 8 : 0;
+    std::size_t begin = message.starts_with("[error] ") ? 8 : 0;
+    if (message.compare(begin, 6, "toml::") == 0) begin = message.find(": ", begin) + 2;
     return message.substr(begin, message.find('\n') - begin);
 }
 
@@ -480,9 +483,13 @@ ProjectText ParseProjectToml(const std::string& text, const std::string& file)
 ProjectText LoadProjectToml(const std::string& file)
 {
     std::ifstream stream(file, std::ios::binary);
-    std::ostringstream text;
-    if (!stream || !(text << stream.rdbuf())) throw Error(file + ": cannot be read");
-    return ParseProjectToml(text.str(), file);
+    std::string text;
+    for (char block[16384]; stream.read(block, sizeof block), stream.gcount() > 0;) {
+        text.append(block, static_cast<std::size_t>(stream.gcount()));
+        if (text.size() > voq::MaxFileBytes) throw Error(file + ": too long for a project's description");
+    }
+    if (!stream.eof()) throw Error(file + ": cannot be read");
+    return ParseProjectToml(text, file);
 }
 
 std::string WriteProjectToml(const voq::Project& project, std::size_t& skipped)
