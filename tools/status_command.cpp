@@ -78,8 +78,12 @@ int Status(const PortOptions& options, double waitSeconds)
     if (!status.directory) throw voq::Error(target.port.Dir() + ": no such directory");
     Print(target.port, status);
     const bool moves = WatchdogMoves(target, waitSeconds);
-    const bool runs =
-        waitSeconds > 0 ? moves : status.gui == voq::FifoState::Read || status.mek == voq::FifoState::Read;
-    std::printf("service     %s\n", runs ? "running" : "not running");
+    const bool read = status.gui == voq::FifoState::Read || status.mek == voq::FifoState::Read;
+    const bool unread = status.gui == voq::FifoState::NoReader && status.mek == voq::FifoState::NoReader;
+    // The counter may be another port's.
+    const bool doubtful = moves && unread && !target.indexKnown;
+    const bool runs = waitSeconds > 0 ? moves && !doubtful : read;
+    std::printf("service     %s%s\n", runs ? "running" : "not running",
+                doubtful ? ": nobody reads its FIFOs; is the counter that of --index 0?" : "");
     return runs ? ExitOk : ExitNegative;
 }

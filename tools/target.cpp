@@ -1,31 +1,79 @@
 // Resolves the port options. Main thread; reads the project's description.
 #include "tools/target.h"
 
+#include <algorithm>
+
 #include "voq/reg_range.h"
 
 using voq::LinkFromByte;
 using voq::LinkFromName;
+using voq::LinkName;
+
+namespace
+{
+
+bool Is(const ComInfoRecord& record, const voq::PortDir& port)
+{
+    return record.portNo == port.number && LinkFromByte(record.linkType) == port.link;
+}
+
+ProjectText Load(const std::string& file)
+{
+    try {
+        return LoadProjectToml(file);
+    } catch (const voq::Error& error) {
+        throw UsageError(error.what());
+    }
+}
+
+// The port that number and link name, and its place in the project.
+void ResolveNumber(const PortOptions& options, Target& target)
+{
+    const auto link = LinkFromName(options.link.value_or("ethernet"));
+    if (!link) throw UsageError("--link: \"" + *options.link + "\" is none of ethernet, serial, can");
+    target.port.link = *link;
+    target.port.number = *options.number;
+    target.index = options.index.value_or(0);
+    target.indexKnown = options.index || target.project;
+    if (!target.project) return;
+    const auto& ports = target.project->project.ports;
+    const auto found =
+        std::find_if(ports.begin(), ports.end(), [&](const ComInfoRecord& port) { return Is(port, target.port); });
+    const std::string name = std::string(LinkName(*link)) + " port " + std::to_string(target.port.number);
+    if (found == ports.end()) throw UsageError("--port: " + options.project + " has no " + name);
+    target.index = static_cast<std::uint16_t>(found - ports.begin());
+    if (options.index.value_or(target.index) != target.index) {
+        throw UsageError("--index: " + options.project + " has " + name + " at index " + std::to_string(target.index));
+    }
+}
+
+// The port at a place in the project.
+void ResolveIndex(const PortOptions& options, Target& target)
+{
+    const auto& ports = target.project->project.ports;
+    target.index = options.index.value_or(0);
+    target.indexKnown = true;
+    if (target.index >= ports.size()) {
+        throw UsageError("--index: " + options.project + " has " + std::to_string(ports.size()) +
+                         " port(s), the first is 0");
+    }
+    target.port.link = LinkFromByte(ports[target.index].linkType).value_or(voq::LinkType::Ethernet);
+    target.port.number = ports[target.index].portNo;
+}
+
+}  // namespace
 
 Target Resolve(const PortOptions& options)
 {
     Target target;
     target.port.user = options.dir;
-    target.index = options.index;
     target.byteOrder = options.byteOrder;
-    if (!options.project.empty()) target.project = LoadProjectToml(options.project);
+    if (!options.project.empty()) target.project = Load(options.project);
+    if (!options.number && options.link) throw UsageError("--link goes with --port");
     if (options.number) {
-        const auto link = LinkFromName(options.link);
-        if (!link) throw UsageError("--link: \"" + options.link + "\" is none of ethernet, serial, can");
-        target.port.link = *link;
-        target.port.number = *options.number;
+        ResolveNumber(options, target);
     } else if (target.project) {
-        const auto& ports = target.project->project.ports;
-        if (options.index >= ports.size()) {
-            throw UsageError("--index: " + options.project + " has " + std::to_string(ports.size()) +
-                             " port(s), the first is 0");
-        }
-        target.port.link = LinkFromByte(ports[options.index].linkType).value_or(voq::LinkType::Ethernet);
-        target.port.number = ports[options.index].portNo;
+        ResolveIndex(options, target);
     } else {
         throw UsageError("which port? Give --port with --link, or --project with --index");
     }
@@ -33,6 +81,10 @@ Target Resolve(const PortOptions& options)
         throw UsageError("--fifo: \"" + options.fifo + "\" is neither gui nor mek");
     }
     target.fifo = options.fifo == "gui" ? target.port.GuiFifo() : target.port.MekFifo();
+    if (options.numbers.first > options.numbers.last) {
+        throw UsageError("--first-number: " + std::to_string(options.numbers.first) + " is above --last-number " +
+                         std::to_string(options.numbers.last));
+    }
     return target;
 }
 
@@ -42,8 +94,8 @@ std::vector<Target> ResolveAll(PortOptions options)
     options.index = 0;
     do {
         targets.push_back(Resolve(options));
-        ++options.index;
-    } while (options.index < targets[0].project->project.ports.size());
+        ++*options.index;
+    } while (*options.index < targets[0].project->project.ports.size());
     return targets;
 }
 
@@ -52,7 +104,7 @@ Described Describe(const Target& target, const RegKey& key)
     const std::size_t known = target.project ? target.project->project.registers.size() : 0;
     for (std::size_t i = 0; i < known; ++i) {
         const RegKey& other = target.project->project.registers[i];
-        if (other.portno == key.portno && SameGroup(other, key) && NodeCompare(other, key) == 0) {
+        if (other.portno == key.portno && SameRange(other, key)) {
             return {{key, target.project->types[i]}, target.project->names[i]};
         }
     }
@@ -87,8 +139,7 @@ std::uint16_t ByteOrderOf(const Target& target, const RegKey& key)
     const voq::Project& project = target.project->project;
     if (key.portno == REG_PORT_LOCAL) return project.byteOrder;
     for (const ComInfoRecord& port : project.ports) {
-        const bool same = port.portNo == target.port.number && LinkFromByte(port.linkType) == target.port.link;
-        if (same) return port.byteOrder;
+        if (Is(port, target.port)) return port.byteOrder;
     }
     return 0;
 }

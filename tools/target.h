@@ -20,10 +20,10 @@ public:
 
 struct PortOptions {
     std::string dir;                      // user data directory
-    std::string link = "ethernet";        // with number
+    std::optional<std::string> link;      // with number; ethernet without it
     std::optional<std::uint16_t> number;  // port number
     std::string project;                  // TOML description
-    std::uint16_t index = 0;              // place of the port in the project
+    std::optional<std::uint16_t> index;   // place of the port in the project
     std::string fifo = "mek";
     voq::FileNumberRange numbers;
     std::optional<std::uint16_t> byteOrder;  // in place of the project's words
@@ -32,7 +32,8 @@ struct PortOptions {
 struct Target {
     voq::PortDir port;
     std::string fifo;
-    std::uint16_t index = 0;
+    std::uint16_t index = 0;  // of its watchdog counter
+    bool indexKnown = false;  // false: nobody said it
     std::optional<ProjectText> project;
     std::optional<std::uint16_t> byteOrder;
 };

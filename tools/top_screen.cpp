@@ -24,6 +24,7 @@ std::string Format(const char* format, Args... args)
 
 const char* LinkText(const voq::PortStatus& status)
 {
+    if (!status.directory) return "-";
     if (status.timeout && status.comerror) return "TIME-OUT, ERROR";
     return status.timeout ? "TIME-OUT" : status.comerror ? "ERROR" : "ok";
 }
@@ -38,7 +39,8 @@ std::string PortLine(const TopModel& model, const TopPort& port)
 {
     static constexpr const char* Watchdogs[] = {"none", "%u waiting", "%u moving", "%u NOT MOVING"};
     const voq::PortStatus& status = port.status;
-    std::string text = Format("%-7s link %s  one-shots %u", port.name.c_str(), LinkText(status), status.waiting);
+    const std::string waiting = status.directory ? std::to_string(status.waiting) : "-";
+    std::string text = Format("%-7s link %s  one-shots %s", port.name.c_str(), LinkText(status), waiting.c_str());
     if (status.waiting != 0) text += ", " + model.AgeText(std::max<std::int64_t>(status.oldestWaiting, 1));
     text += "  watchdog " + Format(Watchdogs[static_cast<int>(port.watchdog)], port.counter);
     return text + "  fifos " + FifosText(status);

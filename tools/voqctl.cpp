@@ -1,8 +1,12 @@
 // voqctl: builds project files, reads, changes and watches registers, looks into a port's register database. The
 // command line only; the commands have files of their own.
 #include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 
 #include "tools/commands.h"
@@ -29,14 +33,26 @@ struct Options {
     double wait = 11;
 };
 
+const CLI::Validator NotEmpty{[](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); },
+                              ""};
+
+// CLI::Range alone lets "nan" pass.
+CLI::Validator Seconds(double most)
+{
+    const auto check = [](std::string& text) {
+        return std::isnan(std::strtod(text.c_str(), nullptr)) ? text + " is no number" : std::string();
+    };
+    return CLI::Range(0.0, most) & CLI::Validator{check, ""};
+}
+
 void AddPortOptions(CLI::App& command, Options& options)
 {
     PortOptions& port = options.port;
-    command.add_option("--dir", port.dir, "User data directory")->required();
-    command.add_option("--link", port.link, "Link type of --port: ethernet, serial or can")->capture_default_str();
+    command.add_option("--dir", port.dir, "User data directory")->required()->check(NotEmpty);
+    command.add_option("--link", port.link, "Link type of --port: ethernet (the default), serial or can");
     command.add_option("--port", port.number, "Port number");
     command.add_option("--project", port.project, "Project description (TOML): port and register names");
-    command.add_option("--index", port.index, "Index of the port in the project")->capture_default_str();
+    command.add_option("--index", port.index, "Index of the port in the project, 0 when nothing tells");
 }
 
 void AddByteOrder(CLI::App& command, Options& options)
@@ -57,7 +73,7 @@ void AddProject(CLI::App& app, Options& options, Chosen& chosen)
     CLI::App& project = *app.add_subcommand("project", "Project files")->require_subcommand(1);
     CLI::App& build = *project.add_subcommand("build", "Build ophmi.bin from a TOML description");
     build.add_option("toml", options.toml, "Description")->required();
-    build.add_option("-o,--output", options.file, "File to write")->required();
+    build.add_option("-o,--output", options.file, "File to write")->required()->check(NotEmpty);
     build.callback([&] { chosen = {[&] { return ProjectBuild(options.toml, options.file); }, ExitNegative}; });
     CLI::App& show = *project.add_subcommand("show", "Print a project file as TOML");
     show.add_option("file", options.file, "ophmi.bin")->required();
@@ -65,9 +81,11 @@ void AddProject(CLI::App& app, Options& options, Chosen& chosen)
     CLI::App& prepare = *project.add_subcommand("prepare", "Build a port's register database without the service");
     prepare.add_option("file", options.file, "ophmi.bin")->required();
     prepare.add_option("--port-index", options.port.index, "Index of the port in the project")->required();
-    prepare.add_option("-o,--output", options.other, "Directory to make; it must be new or empty")->required();
+    prepare.add_option("-o,--output", options.other, "Directory to make; it must be new or empty")
+        ->required()
+        ->check(NotEmpty);
     prepare.callback([&] {
-        chosen = {[&] { return ProjectPrepare(options.file, options.port.index, options.other); }, ExitNegative};
+        chosen = {[&] { return ProjectPrepare(options.file, *options.port.index, options.other); }, ExitNegative};
     });
 }
 
@@ -78,10 +96,10 @@ CLI::App& AddOneShot(CLI::App& app, Options& options, const char* name, const ch
     AddByteOrder(command, options);
     AddFifoOptions(command, options);
     command.add_option("--timeout", options.oneShot.timeoutSeconds, "Seconds to wait for the answer")
-        ->check(CLI::Range(0.0, 86400.0))
+        ->check(Seconds(86400))
         ->capture_default_str();
     command.add_option("--grace", options.oneShot.graceSeconds, "Seconds within which a later answer is still removed")
-        ->check(CLI::Range(0.0, 86400.0))
+        ->check(Seconds(86400))
         ->capture_default_str();
     command.add_option("what", options.oneShot.what, "Register name or expression")->required();
     return command;
@@ -137,8 +155,11 @@ void AddWatch(CLI::App& app, Options& options, Chosen& chosen)
     watch.add_option("--interval", options.watch.intervalMs, "Milliseconds between readings")
         ->check(CLI::Range(10u, 3600000u))
         ->capture_default_str();
-    watch.add_option("--for", options.watch.forSeconds, "End after so many seconds")->check(CLI::Range(0.0, 1e9));
-    watch.add_option("--count", options.watch.count, "End after so many live values of every range");
+    watch.add_option("--for", options.watch.forSeconds, "End after so many seconds; 0: no limit")
+        ->check(Seconds(1e9))
+        ->capture_default_str();
+    watch.add_option("--count", options.watch.count, "End after so many live values of every range; 0: no limit")
+        ->capture_default_str();
     watch.add_option("what", options.watch.what, "Register names or expressions")->required();
     watch.callback([&] { chosen = {[&] { return Watch(options.port, options.watch); }, ExitNegative}; });
 }
@@ -171,16 +192,25 @@ void AddLookers(CLI::App& app, Options& options, Chosen& chosen)
     check.callback([&] { chosen = {[&] { return Check(options.port, options.quiet); }, ExitUsage}; });
 
     CLI::App& compare = *app.add_subcommand("compare", "Compare two register databases");
-    compare.add_option("a", options.file, "Directory of the first")->required();
-    compare.add_option("b", options.other, "Directory of the second")->required();
+    compare.add_option("a", options.file, "Directory of the first")->required()->check(NotEmpty);
+    compare.add_option("b", options.other, "Directory of the second")->required()->check(NotEmpty);
     compare.callback([&] { chosen = {[&] { return Compare(options.file, options.other); }, ExitUsage}; });
 
     CLI::App& status = *app.add_subcommand("status", "Show whether the service runs");
     AddPortOptions(status, options);
     status.add_option("--wait", options.wait, "Seconds to wait for the watchdog, 0 to go by the FIFOs")
-        ->check(CLI::Range(0.0, 11.0))
+        ->check(Seconds(11))
         ->capture_default_str();
     status.callback([&] { chosen = {[&] { return Status(options.port, options.wait); }, ExitUsage}; });
+}
+
+// Output that could not be written is a failure, but for that of a reader who wanted no more, as "head".
+int Finished(int status, int failure)
+{
+    errno = 0;
+    if ((std::fflush(stdout) == 0 && std::ferror(stdout) == 0) || errno == EPIPE) return status;
+    std::fprintf(stderr, "voqctl: standard output: %s\n", errno != 0 ? std::strerror(errno) : "not all was written");
+    return status == ExitOk ? failure : status;
 }
 
 }  // namespace
@@ -190,6 +220,8 @@ int main(int argc, char** argv)
     std::signal(SIGPIPE, SIG_IGN);
     CLI::App app{"voqctl: project files, registers and the register database of voq"};
     app.require_subcommand(1);
+    app.failure_message(
+        [](const CLI::App*, const CLI::Error& error) { return "voqctl: " + std::string(error.what()) + "\n"; });
     Options options;
     Chosen chosen;
     AddProject(app, options, chosen);
@@ -204,7 +236,7 @@ int main(int argc, char** argv)
         return app.exit(error) == 0 ? ExitOk : ExitUsage;
     }
     try {
-        return chosen.run();
+        return Finished(chosen.run(), chosen.failure);
     } catch (const UsageError& error) {
         std::fprintf(stderr, "voqctl: %s\n", error.what());
         return ExitUsage;

@@ -1,5 +1,6 @@
 """voqctl's one-shot requests and prepared sets against the real service."""
 import fcntl
+import itertools
 import os
 import pathlib
 import random
@@ -7,6 +8,7 @@ import shutil
 import signal
 import struct
 import subprocess
+import threading
 import time
 
 import pytest
@@ -177,6 +179,7 @@ def test_refused_before_anything_is_sent(start):
             (("change", one, "field", 0, 4, 16), "does not fit 4 bits"),
             (("change", "s1:a1:double@1,big_endian", "add", 1), "byte-order word"),
             (("pulse", "s1:a1:bit@1", "--ms", 150), "steps of 100"), (("pulse", one, "--ms", 100), "which bit"),
+            (("watch", one, "s1:a1:u16@0x1"), "are the same range"),
             (("read", "counter"), "no expression"), (("read", "p2:" + one), "of port 2")):
         assert text in ctl(*arguments, status=2), arguments
     assert "the limit is 4096" in ctl("write", "s1:a1:u16@1*2040", *range(2040), status=1)
@@ -200,6 +203,65 @@ def test_watch(start):
     service.sim.fail(service.sim.ERROR)
     done = voqctl("watch", "--interval", 10, "--for", 0.3, "s1:a1:u16@0")
     assert done.returncode == 1 and "\terror\t" in done.stdout
+
+
+def test_watch_goes_on_with_the_next_service(start):
+    service = start(ordered(pause=1), [Key(0, 1)])
+    service.send(b"", "mek")
+    watch = begin("watch", "--interval", 10, "--for", 60 * SLOW, "s1:a1:u16@0")
+    assert any(b"\tok\t" in line for line in watch.stdout)
+    service.stop()
+    assert any(b"\tno service\t" in line for line in watch.stdout)
+    service = start(ordered(pause=1))
+    wait_for(lambda: service.node(Key(0, 1)).logtimes == 2, "the second log-on")  # the first one's count stays
+    assert any(b"\tok\t" in line for line in watch.stdout)
+    watch.send_signal(signal.SIGINT)
+    watch.communicate()
+    wait_for(lambda: service.node(Key(0, 1)).logtimes == 1, "log-off")
+    assert watch.returncode == 0
+
+
+def test_which_port_and_where_its_counter_is():
+    """Two ports; the counter of the first one moves, nobody reads the second one's FIFOs."""
+    toml, counter = USER / "two.toml", USER / "srw0.dat"
+    toml.write_text('[[port]]\nlink = "serial"\nnumber = 1\n[[port]]\nlink = "ethernet"\nnumber = 2\n')
+    (USER / "tcp_2").mkdir()
+    for name in ("guififo", "mekfifo"):
+        os.mkfifo(USER / "tcp_2" / name)
+    counter.write_bytes(bytes(20000))
+    ended = threading.Event()
+
+    def count():
+        with open(counter, "r+b", buffering=0) as file:
+            for number in itertools.count(1):
+                os.pwrite(file.fileno(), struct.pack("<I", number), 515 * 4)
+                if ended.wait(0.05):
+                    return
+
+    thread = threading.Thread(target=count)
+    thread.start()
+
+    def status(*arguments):
+        done = subprocess.run(program("voqctl", "status", "--dir", USER, *arguments), capture_output=True, text=True)
+        return done.returncode, (done.stdout.splitlines() or done.stderr.splitlines())[-1]
+
+    try:
+        described = ("--wait", 1, "--project", toml)
+        assert status(*described, "--port", 2) == status(*described, "--index", 1) == (1, "service     not running")
+        assert status("--port", 2)[0] == 1 and status("--port", 2)[1].endswith("is the counter that of --index 0?")
+        assert status("--port", 2, "--index", 0) == (0, "service     running")  # whoever says so knows
+        for arguments, text in ((("--port", 2, "--index", 0), "has ethernet port 2 at index 1"),
+                                (("--port", 1), "has no ethernet port 1"), (("--link", "serial"), "--link goes with"),
+                                (("--index", 2), "has 2 port(s)"), (("--wait", "nan"), "nan is no number")):
+            code, error = status(*described, *arguments)
+            assert code == 2 and error.startswith("voqctl: ") and text in error, error
+        with open("/dev/full", "w") as full:
+            command = program("voqctl", "status", "--dir", USER, "--port", 2, "--index", 0)
+            done = subprocess.run(command, stdout=full, stderr=subprocess.PIPE, text=True)
+            assert (done.returncode, done.stderr) == (2, "voqctl: standard output: No space left on device\n")
+    finally:
+        ended.set()
+        thread.join()
 
 
 def test_readers_wait_for_the_service(start):
