@@ -207,9 +207,8 @@ def test_watch(start):
 
 def test_watch_goes_on_with_the_next_service(start):
     service = start(ordered(pause=1), [Key(0, 1)])
-    service.send(b"", "mek")
     watch = begin("watch", "--interval", 10, "--for", 60 * SLOW, "s1:a1:u16@0")
-    assert any(b"\tok\t" in line for line in watch.stdout)
+    wait_for(lambda: service.node(Key(0, 1)).logtimes == 1, "the first log-on")
     service.stop()
     assert any(b"\tno service\t" in line for line in watch.stdout)
     service = start(ordered(pause=1))
@@ -296,6 +295,7 @@ def test_failures_and_late_answers(start):
     sim.fail(0)
     wait_for(lambda: sim.value(Key(1)) == b"\x09\0", "the write carried out")
     wait_for(lambda: left_over(service) == [], "no file left")
+    wait_for(sim.quiet, "the end of the first read's attempts")
 
     sim.fail(sim.HANG)
     one = "--first-number", 700, "--last-number", 700
