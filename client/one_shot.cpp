@@ -42,7 +42,7 @@ void RemoveWhenThere(const PortDir& port, const OneShot& request, Clock::time_po
 std::optional<ResultFile> Ask(const PortDir& port, const OneShot& request)
 {
     if (access(port.Dir().c_str(), W_OK | X_OK) != 0 && errno != ENOENT) {
-        throw Error(port.Dir() + ": the answer could not be removed: " + std::strerror(errno));
+        throw SystemError(port.Dir() + ": the answer could not be removed", errno);
     }
     SendFrame(request.fifo, request.frame, request.writers);
     std::optional<ResultFile> result;

@@ -1,5 +1,8 @@
 // voqctl: builds project files, reads, changes and watches registers, looks into a port's register database. The
 // command line only; the commands have files of their own.
+#include <poll.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cmath>
@@ -204,11 +207,18 @@ void AddLookers(CLI::App& app, Options& options, Chosen& chosen)
     status.callback([&] { chosen = {[&] { return Status(options.port, options.wait); }, ExitUsage}; });
 }
 
+// True for a pipe or a socket whose other end is closed.
+bool OutputHasNoReader()
+{
+    pollfd output = {STDOUT_FILENO, 0, 0};
+    return poll(&output, 1, 0) == 1 && (output.revents & POLLERR) != 0;
+}
+
 // Output that could not be written is a failure, but for that of a reader who wanted no more, as "head".
 int Finished(int status, int failure)
 {
     errno = 0;
-    if ((std::fflush(stdout) == 0 && std::ferror(stdout) == 0) || errno == EPIPE) return status;
+    if ((std::fflush(stdout) == 0 && std::ferror(stdout) == 0) || OutputHasNoReader()) return status;
     std::fprintf(stderr, "voqctl: standard output: %s\n", errno != 0 ? std::strerror(errno) : "not all was written");
     return status == ExitOk ? failure : status;
 }

@@ -218,8 +218,9 @@ void ShowUntilDone(const voq::PortDir& port, const WatchOptions& watch, Subscrip
     const auto end = Clock::now() + limit;
     while (Stopped == 0) {
         std::vector<Shown> readings;
-        for (Watched& range : ranges)
+        for (Watched& range : ranges) {
             readings.push_back(served ? ReadShown(port, range) : Shown{.state = "no service"});
+        }
         if (terminal) {
             Redraw(ranges, readings);
         } else {
@@ -228,7 +229,8 @@ void ShowUntilDone(const voq::PortDir& port, const WatchOptions& watch, Subscrip
         if (std::fflush(stdout) != 0) break;
         if (AllCounted(ranges, watch.count)) break;
         if (watch.forSeconds > 0 && Clock::now() >= end) break;
-        served = Sleep(subscriptions, Clock::now() + std::chrono::milliseconds(watch.intervalMs));
+        const auto next = Clock::now() + std::chrono::milliseconds(watch.intervalMs);
+        served = Sleep(subscriptions, watch.forSeconds > 0 ? std::min(next, end) : next);
     }
 }
 

@@ -258,6 +258,15 @@ def test_which_port_and_where_its_counter_is():
             command = program("voqctl", "status", "--dir", USER, "--port", 2, "--index", 0)
             done = subprocess.run(command, stdout=full, stderr=subprocess.PIPE, text=True)
             assert (done.returncode, done.stderr) == (2, "voqctl: standard output: No space left on device\n")
+            show = program("voqctl", "project", "show", PROJECT)
+            PROJECT.write_bytes(project([com_info()], [Key(n) for n in range(1000)]))  # several buffers of text
+            done = subprocess.run(show, stdout=full, stderr=subprocess.PIPE, text=True)
+            assert (done.returncode, done.stderr) == (1, "voqctl: standard output: not all was written\n")
+        reader, writer = os.pipe()
+        os.close(reader)
+        done = subprocess.run(show, stdout=writer, stderr=subprocess.PIPE, text=True)
+        os.close(writer)
+        assert (done.returncode, done.stderr) == (0, "")  # who left wanted no more
     finally:
         ended.set()
         thread.join()
