@@ -6,7 +6,7 @@
 
 #include "client/error.h"
 #include "client/value_image.h"
-#include "rdchgwr/decimal.h"
+#include "value/decimal.h"
 #include "voq/chg_desc.h"
 #include "voq/reg_range.h"
 

@@ -9,8 +9,8 @@
 #include <optional>
 
 #include "client/error.h"
-#include "rdchgwr/decimal.h"
-#include "rdchgwr/shuffle.h"
+#include "value/decimal.h"
+#include "value/shuffle.h"
 #include "voq/reg_range.h"
 
 namespace voq

@@ -21,7 +21,7 @@ namespace voq
 // How the elements of a range lie in its image.
 struct ValueCoding {
     ValueType type;
-    int order = 0;  // an order of rdchgwr/shuffle.h, applied to every element
+    int order = 0;  // an order of value/shuffle.h, applied to every element
     bool bcd = false;
 
     std::size_t ElemBytes() const { return type.elemSize == 0 ? 1 : type.elemSize; }

@@ -5,7 +5,7 @@
 #include <bit>
 #include <cstdio>
 
-#include "rdchgwr/decimal.h"
+#include "value/decimal.h"
 
 namespace voq
 {

@@ -8,7 +8,7 @@
 #include "arch/clock.h"
 #include "comm/marker.h"
 #include "comm/plc_driver.h"
-#include "list/org_list.h"
+#include "database/org_list.h"
 #include "state/com_state.h"
 #include "state/counters.h"
 #include "voq/reg_range.h"

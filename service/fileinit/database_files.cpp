@@ -10,10 +10,10 @@
 #include "arch/clock.h"
 #include "arch/fs.h"
 #include "arch/work_file.h"
+#include "database/index.h"
+#include "database/org_check.h"
+#include "database/org_file.h"
 #include "fileinit/init_org.h"
-#include "list/index.h"
-#include "list/org_check.h"
-#include "list/org_file.h"
 
 namespace
 {

@@ -6,8 +6,8 @@
 #include "arch/box_path.h"
 #include "arch/fs.h"
 #include "arch/work_file.h"
+#include "comm/retained.h"
 #include "fileinit/project_file.h"
-#include "list/retained.h"
 #include "state/com_state.h"
 #include "voq/project_file.h"
 

@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "list/index.h"
+#include "database/index.h"
 
 RwLock fast_rwlock;
 FastItem OrgFastList[FastSlots];

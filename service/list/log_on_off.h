@@ -3,9 +3,9 @@
 
 #include <cstdint>
 
-#include "list/database_lock.h"
+#include "database/database_lock.h"
+#include "database/org_list.h"
 #include "list/fast_list.h"
-#include "list/org_list.h"
 #include "voq/request.h"
 
 // Finds or creates the range's record and counts it, then changes the fast list. Service threads. Returns 0, or -1 when

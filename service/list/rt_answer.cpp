@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "arch/work_file.h"
+#include "database/org_list.h"
 #include "list/fast_list.h"
-#include "list/org_list.h"
 #include "list/rt_file.h"
 #include "list/rt_list.h"
 #include "state/com_state.h"

@@ -4,7 +4,7 @@
 #include <algorithm>
 
 #include "arch/clock.h"
-#include "list/data_file.h"
+#include "database/data_file.h"
 #include "voq/reg_range.h"
 #include "voq/rt_item.h"
 

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "list/org_file.h"
+#include "database/org_file.h"
 #include "state/com_state.h"
 #include "voq/org_record.h"
 #include "voq/reg_range.h"

@@ -2,8 +2,8 @@
 #include "rdchgwr/byte_order.h"
 
 #include "rdchgwr/geometry.h"
-#include "rdchgwr/shuffle.h"
 #include "state/com_state.h"
+#include "value/shuffle.h"
 #include "voq/chg_desc.h"
 
 namespace

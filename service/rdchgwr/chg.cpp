@@ -6,8 +6,8 @@
 #include <type_traits>
 
 #include "rdchgwr/byte_order.h"
-#include "rdchgwr/decimal.h"
 #include "rdchgwr/geometry.h"
+#include "value/decimal.h"
 
 namespace
 {

@@ -1,8 +1,9 @@
 // Set bit and timed pulse, on the main thread. A pulse takes several calls: it keeps nothing but its start time.
+#include "rdchgwr/pulse.h"
+
 #include <cstdio>
 #include <cstring>
 
-#include "rdchgwr/rd_chg_wr.h"
 #include "rdchgwr/write_image.h"
 #include "voq/chg_desc.h"
 #include "voq/reg_range.h"

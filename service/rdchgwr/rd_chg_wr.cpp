@@ -5,6 +5,7 @@
 
 #include "rdchgwr/chg.h"
 #include "rdchgwr/geometry.h"
+#include "rdchgwr/pulse.h"
 #include "rdchgwr/write_image.h"
 #include "voq/rt_item.h"
 

@@ -1,17 +1,12 @@
-// Read-change-write and timed pulses of one register. The device is reached only through the functions handed in.
+// Read-change-write of one register. The device is reached only through the functions handed in.
 // Main thread; takes no lock. Waits as long as the device does.
 #pragma once
 
 #include <cstdint>
 #include <span>
 
+#include "rdchgwr/drv_ops.h"
 #include "voq/reg_key.h"
-
-// Read or write a register's whole value image. 1 on success, else the failure code.
-struct DrvOps {
-    int (*read)(RegKey key, void* buf);
-    int (*write)(RegKey key, void* data);
-};
 
 // Serves one request by the CMD_ flags of chg_desc.h: a pulse, a change, or else a write of `data` as it is. `data`:
 // change descriptor or value image. `pulseTime`: the request's own, 0 when no pulse runs. Returns PLC_SUCCESS,
@@ -20,10 +15,6 @@ struct DrvOps {
 // added when that is the direction of the next one.
 int DoRdChgWr(RegKey key, std::uint32_t cmdFlags, std::span<unsigned char> data, std::uint32_t* pulseTime,
               std::uint32_t nowMs, const DrvOps& ops);
-
-// Sets a bit (SetBit), or sets it and turns it back after the descriptor's time (Pulse).
-int DoPulse(RegKey key, std::span<const unsigned char> desc, std::uint32_t* pulseTime, std::uint32_t nowMs,
-            const DrvOps& ops);
 
 // Reads what a change does not overwrite: the whole register, or of a bit field's elements the first and the last.
 // `buf` holds MaxRegionBytes, cleared; the register takes at most MaxChangeBytes.

@@ -2,8 +2,8 @@
 #include "voq/main_loop.h"
 
 #include "arch/clock.h"
+#include "comm/com_monitor.h"
 #include "comm/plc_driver.h"
-#include "list/com_monitor.h"
 #include "list/fast_list.h"
 #include "list/rt_list.h"
 #include "oper/fast_pass.h"

@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "list/index.h"
+#include "database/index.h"
+#include "database/org_check.h"
 #include "list/log_on_off.h"
-#include "list/org_check.h"
 #include "memory_files.h"
 #include "state/paths.h"
 

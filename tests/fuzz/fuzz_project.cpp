@@ -4,10 +4,10 @@
 #include <cstring>
 #include <string>
 
+#include "database/index.h"
+#include "database/org_check.h"
 #include "fileinit/get_com_info.h"
 #include "fileinit/init_org.h"
-#include "list/index.h"
-#include "list/org_check.h"
 #include "memory_files.h"
 #include "state/com_state.h"
 

@@ -2,7 +2,7 @@
 #include <random>
 
 #include "arch/work_file.h"
-#include "list/index.h"
+#include "database/index.h"
 #include "list_fixture.h"
 
 // Order of the writes and place of the syncs: the region before its record, the record on the disk before a link to it,

@@ -7,7 +7,7 @@
 
 #include "rdchgwr/byte_order.h"
 #include "rdchgwr/rd_chg_wr.h"
-#include "rdchgwr/shuffle.h"
+#include "value/shuffle.h"
 #include "voq/rt_item.h"
 
 namespace

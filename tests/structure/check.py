@@ -1,21 +1,23 @@
 #!/usr/bin/env python3
-"""Walks the #include edges of the tree and fails on one that points up or out of its row.
+"""Walks the #include edges of the tree and fails on one that points up or out of its row, and on a circle of files.
 
 Usage: check.py TREE. In service/ a layer includes only itself and what lies below; operating system headers are arch's
-alone. Clients, tools and drivers stand beside the service and include no more of it than the row below names.
+alone. Clients, tools and drivers stand beside the service and include nothing of it. A header and its source count as
+one file: what a source includes, its header needs to work.
 """
 import pathlib
 import re
 import sys
 
-LAYERS = ["arch", "state", "rdchgwr", "list", "comm", "oper", "fileinit", "voq"]  # from the bottom
+LAYERS = ["value", "arch", "state", "rdchgwr", "database", "list", "comm", "oper", "fileinit", "voq"]  # from the bottom
 BESIDE = {  # folder: the rows it may include
-    "client": {"include", "client", "rdchgwr"},
-    "tools": {"include", "client", "tools", "rdchgwr"},
+    "include": {"include"},
+    "value": {"include", "value"},
+    "client": {"include", "value", "client"},
+    "tools": {"include", "value", "client", "tools"},
     "drivers/sim": {"include", "drivers/sim"},
     "drivers/modbus": {"include", "drivers/modbus"},
     "examples/driver": {"include"},
-    "include": {"include"},
 }
 OS_HEADERS = {"thread", "mutex", "shared_mutex", "condition_variable", "future", "filesystem", "fstream", "iostream",
               "csignal"}
@@ -40,37 +42,56 @@ def resolve(tree, source, name):
     return found[0].resolve() if found else None
 
 
-def check(tree):
-    wrong, edges = [], 0
-    folders = [tree / "service"] + [tree / row for row in BESIDE]
-    files = [p for folder in folders if folder.is_dir() for p in sorted(folder.rglob("*"))]
-    sources = [p for p in files if p.suffix in (".h", ".c", ".cpp")]
+def check_rows(tree, sources):
+    """What is wrong with the edges, and the edges between files without their endings."""
+    wrong, edges = [], {}
     for source in sources:
         row = row_of(tree, source)
+        allowed = BESIDE.get(row) or set(LAYERS[: LAYERS.index(row) + 1]) | {"include"}
         for bracket, name in INCLUDE.findall(source.read_text()):
             where = f"{source.relative_to(tree)} includes {name}"
             target = resolve(tree, source, name)
             if target is None:
                 if bracket == '"':
                     wrong.append(f"{where}: no such file in the tree")
-                elif row in LAYERS and row != "arch" and (name.endswith(".h") or name in OS_HEADERS):
+                elif row not in BESIDE and row != "arch" and (name.endswith(".h") or name in OS_HEADERS):
                     wrong.append(f"{where}: operating system headers belong to arch")
                 continue
-            edges += 1
             to = row_of(tree, target)
-            allowed = set(LAYERS[: LAYERS.index(row) + 1]) | {"include"} if row in LAYERS else BESIDE[row]
             if to not in allowed:
                 wrong.append(f"{where}: {row} must not reach {to}")
+            edges.setdefault(source.with_suffix(""), set()).add(target.with_suffix(""))
     return wrong, edges
+
+
+def circles(edges):
+    """Every way that leads back to a file it came from."""
+    done = set()
+
+    def follow(file, way):
+        if file in way:
+            yield way[way.index(file):] + [file]
+        elif file not in done:
+            for target in sorted(edges.get(file, set()) - {file}):
+                yield from follow(target, way + [file])
+            done.add(file)
+
+    for file in sorted(edges):
+        yield from follow(file, [])
 
 
 def main():
     tree = pathlib.Path(sys.argv[1]).resolve()
-    wrong, edges = check(tree)
+    folders = [tree / "service", *(tree / row for row in BESIDE)]
+    sources = [p for folder in folders for p in sorted(folder.rglob("*")) if p.suffix in (".h", ".c", ".cpp")]
+    wrong, edges = check_rows(tree, sources)
+    for way in circles(edges):
+        wrong.append("a circle: " + " > ".join(str(file.relative_to(tree)) for file in way))
     for line in wrong:
         print(line)
-    print(f"{edges} edges, {len(wrong)} wrong")
-    return 1 if wrong or edges == 0 else 0
+    count = sum(map(len, edges.values()))
+    print(f"{count} edges, {len(wrong)} wrong")
+    return 1 if wrong or count == 0 else 0
 
 
 if __name__ == "__main__":

@@ -4,9 +4,9 @@
 
 #include <ctime>
 
+#include "database/index.h"
+#include "database/org_check.h"
 #include "fileinit/database_files.h"
-#include "list/index.h"
-#include "list/org_check.h"
 #include "state/com_state.h"
 #include "torture.h"
 

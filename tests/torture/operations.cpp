@@ -1,5 +1,5 @@
 // Everything the service does to the files of its register database, by name.
-#include "list/index.h"
+#include "database/index.h"
 #include "oper/fast_pass.h"
 #include "torture.h"
 

@@ -1,5 +1,5 @@
 // Retained serial settings, on the main thread. The file is read without a lock.
-#include "list/retained.h"
+#include "comm/retained.h"
 
 #include <atomic>
 #include <cstdio>

@@ -5,7 +5,7 @@
 // header, a link to or from the new record, an index entry or a map that lags. The first record of all follows its
 // header and may be missing alone. Only such differences are corrected. Whole records outside the chain are what an
 // undone insertion leaves: sound.
-#include "list/org_survey.h"
+#include "database/org_survey.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,5 +1,5 @@
 // Operator changes, on the main thread.
-#include "list/com_monitor.h"
+#include "comm/com_monitor.h"
 
 #include <cstdio>
 
@@ -7,7 +7,7 @@
 #include "arch/fs.h"
 #include "arch/misc_device.h"
 #include "arch/work_file.h"
-#include "list/retained.h"
+#include "comm/retained.h"
 #include "state/counters.h"
 #include "state/paths.h"
 

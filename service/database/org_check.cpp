@@ -1,13 +1,13 @@
 // The start-up check: mends the files as the survey says, or sets them aside. Main thread, before any other.
 // The mending may be cut short like any other operation: whatever part of it was written, the next start finishes it.
-#include "list/org_check.h"
+#include "database/org_check.h"
 
 #include <cstdio>
 
 #include "arch/fs.h"
 #include "arch/work_file.h"
-#include "list/index.h"
-#include "list/org_survey.h"
+#include "database/index.h"
+#include "database/org_survey.h"
 #include "state/paths.h"
 
 namespace

@@ -3,15 +3,15 @@
 // the new record towards the header, so that one cut short leaves a chain that is whole (the first record of all
 // follows its header). A new record is on the disk before anything names it: whatever else a power cut takes, the chain
 // leads through whole records only.
-#include "list/org_list.h"
+#include "database/org_list.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
 
 #include "arch/clock.h"
-#include "list/data_file.h"
-#include "list/index.h"
+#include "database/data_file.h"
+#include "database/index.h"
 #include "state/paths.h"
 #include "voq/reg_range.h"
 #include "voq/rt_item.h"

@@ -1,13 +1,13 @@
 // The index file and the index map files, on any thread under the register database lock.
 // May wait for a client's file lock and for the disk; never allocates beyond the streams themselves.
-#include "list/index.h"
+#include "database/index.h"
 
 #include <algorithm>
 #include <cstdio>
 
 #include "arch/fs.h"
 #include "arch/work_file.h"
-#include "list/org_file.h"
+#include "database/org_file.h"
 #include "state/paths.h"
 
 namespace

@@ -1,4 +1,4 @@
 // Storage of the register database lock.
-#include "list/database_lock.h"
+#include "database/database_lock.h"
 
 Mutex DatabaseLock;

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "list/database_lock.h"
+#include "database/database_lock.h"
 #include "voq/org_record.h"
 
 inline constexpr std::int32_t NoRegion = -1;

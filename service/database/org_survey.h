@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "list/database_lock.h"
+#include "database/database_lock.h"
 #include "voq/index_record.h"
 #include "voq/org_record.h"
 

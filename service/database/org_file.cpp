@@ -1,5 +1,5 @@
 // The org file of one operation, on any thread under the register database lock.
-#include "list/org_file.h"
+#include "database/org_file.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,5 +1,5 @@
 // Exchanges of bytes, words and units, on any thread; fixed temporaries only.
-#include "rdchgwr/shuffle.h"
+#include "value/shuffle.h"
 
 #include <cstring>
 

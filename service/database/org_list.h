@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-#include "list/database_lock.h"
-#include "list/org_file.h"
+#include "database/database_lock.h"
+#include "database/org_file.h"
 #include "voq/org_record.h"
 
 // What a registration does to a record's log-on count.

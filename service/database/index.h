@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "list/database_lock.h"
+#include "database/database_lock.h"
 #include "voq/index_record.h"
 #include "voq/reg_key.h"
 

@@ -2,7 +2,7 @@
 // Main thread, before any other thread exists. Writes nothing when the files are sound.
 #pragma once
 
-#include "list/database_lock.h"
+#include "database/database_lock.h"
 
 enum class DatabaseState {
     Sound,     // nothing was wrong, or the org file has no whole header yet

@@ -1,5 +1,5 @@
 // The value regions, on any thread under the register database lock.
-#include "list/data_file.h"
+#include "database/data_file.h"
 
 #include <algorithm>
 #include <cstdio>

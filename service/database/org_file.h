@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "arch/work_file.h"
-#include "list/database_lock.h"
+#include "database/database_lock.h"
 #include "voq/org_record.h"
 
 class OrgFile

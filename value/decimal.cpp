@@ -1,5 +1,5 @@
 // Packed BCD and decimal digits, on any thread; computes in the caller's buffer.
-#include "rdchgwr/decimal.h"
+#include "value/decimal.h"
 
 #include <algorithm>
 #include <cstring>
