@@ -118,11 +118,10 @@ Bytes ReadChangeWriteFrame(const RegKey& key, std::uint8_t subcmd, std::uint16_t
 {
     RegRequest request = MakeRequest(key, RequestCommand::ReadChangeWrite, fileno);
     request.subcmd = subcmd;
-    // The operand's length, two bytes that carry nothing, the operand.
-    Bytes payload(4 + operand.size());
+    Bytes payload(ChangeHeadBytes + operand.size());
     payload[0] = static_cast<std::uint8_t>(operand.size());
     payload[1] = static_cast<std::uint8_t>(operand.size() >> 8);
-    std::copy(operand.begin(), operand.end(), payload.begin() + 4);
+    std::copy(operand.begin(), operand.end(), payload.begin() + ChangeHeadBytes);
     return BuildFrame(request, payload);
 }
 

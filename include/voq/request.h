@@ -38,3 +38,5 @@ inline constexpr std::uint8_t ReloadMarker = 0xFD;
 inline constexpr std::size_t FrameHeaderBytes = 3;
 inline constexpr std::size_t FrameMinBytes = FrameHeaderBytes + sizeof(RegRequest);
 inline constexpr std::size_t ReloadFrameBytes = FrameHeaderBytes + sizeof(ComInfoRecord);
+// Heads the payload of a read-change-write: u16 length of the operand, which follows, and two bytes that carry nothing.
+inline constexpr std::size_t ChangeHeadBytes = 4;

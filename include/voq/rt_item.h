@@ -21,6 +21,7 @@
 #include <type_traits>
 
 #include "voq/reg_key.h"
+#include "voq/request.h"
 
 struct RtItem {
     RegKey key;
@@ -38,6 +39,24 @@ static_assert(sizeof(RtItem) == 40 && std::is_trivially_copyable_v<RtItem>);
 static_assert(offsetof(RtItem, key) == 0 && offsetof(RtItem, command) == 24 && offsetof(RtItem, result) == 26);
 static_assert(offsetof(RtItem, inuse) == 27 && offsetof(RtItem, prev) == 28 && offsetof(RtItem, next) == 30);
 static_assert(offsetof(RtItem, fileno) == 32 && offsetof(RtItem, reserved) == 34 && offsetof(RtItem, pulsetime) == 36);
+
+// The command of a listed request; the high byte of `listcmd` is the subcmd of a change.
+constexpr RequestCommand CommandOf(std::uint16_t listcmd)
+{
+    return static_cast<RequestCommand>(listcmd & 0xFF);
+}
+constexpr bool IsRead(const RtItem& item)
+{
+    return CommandOf(item.command) == RequestCommand::Read;
+}
+constexpr bool IsWrite(const RtItem& item)
+{
+    return CommandOf(item.command) == RequestCommand::Write;
+}
+constexpr bool IsChange(const RtItem& item)
+{
+    return CommandOf(item.command) == RequestCommand::ReadChangeWrite;
+}
 
 // Results of a PLC access, in the state of an OrgNode and in result files.
 inline constexpr int PLC_SUCCESS = 1;

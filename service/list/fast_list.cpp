@@ -8,7 +8,7 @@
 
 RwLock fast_rwlock;
 FastItem OrgFastList[FastSlots];
-FastListHead OrgFastListHead{0, 1, 0, 0};
+SlotListHead OrgFastListHead = EmptySlotList;
 std::uint16_t CurrentFastList;
 
 namespace
@@ -56,57 +56,34 @@ Place FindFastPlace(const RegKey& key) VOQ_REQUIRES_SHARED(fast_rwlock)
     return {FastEnd, false};
 }
 
-// Links a free slot in front of `before`, at the end for FastEnd.
-void LinkSlot(std::uint16_t slot, std::uint16_t before) VOQ_REQUIRES(fast_rwlock)
+SlotList<FastItem, FastSlots> Entries() VOQ_REQUIRES(fast_rwlock)
 {
-    FastListHead& head = OrgFastListHead;
-    FastItem& item = OrgFastList[slot];
-    item.next = before;
-    item.prev = before == FastEnd ? head.tail : OrgFastList[before].prev;
-    if (head.count == 0) CurrentFastList = slot;
-    (item.prev == 0 ? head.head : OrgFastList[item.prev].next) = slot;
-    (before == FastEnd ? head.tail : OrgFastList[before].prev) = slot;
-    ++head.count;
+    return {OrgFastList, OrgFastListHead};
 }
 
-void UnlinkSlot(std::uint16_t slot) VOQ_REQUIRES(fast_rwlock)
+// The pass goes on at the entry behind a removed one, at the head behind the last.
+void RemoveEntry(std::uint16_t slot) VOQ_REQUIRES(fast_rwlock)
 {
-    FastListHead& head = OrgFastListHead;
-    FastItem& item = OrgFastList[slot];
-    const bool first = item.prev == 0;
-    const bool last = item.next == FastEnd;
-    (first ? head.head : OrgFastList[item.prev].next) = item.next;
-    (last ? head.tail : OrgFastList[item.next].prev) = item.prev;
-    --head.count;
-    if (first && last) {
-        head.head = 0;
+    const std::uint16_t next = OrgFastList[slot].next;
+    Entries().Unlink(slot);
+    if (OrgFastListHead.count == 0) {
         CurrentFastList = 0;
     } else if (CurrentFastList == slot) {
-        CurrentFastList = last ? head.head : item.next;
+        CurrentFastList = next == FastEnd ? OrgFastListHead.head : next;
     }
-    item.inuse = 0;
 }
 }  // namespace
 
 void ResetFastList()
 {
     const WriteLock lock(fast_rwlock);
-    for (FastItem& item : OrgFastList) item = {};
-    OrgFastListHead = {0, 1, 0, 0};
+    Entries().Reset();
     CurrentFastList = 0;
 }
 
 std::uint16_t FindValidFastIndex()
 {
-    std::uint16_t slot = OrgFastListHead.hint;
-    for (int tries = 1; tries < FastSlots; ++tries) {
-        if (OrgFastList[slot].inuse == 0) {
-            OrgFastListHead.hint = slot;
-            return slot;
-        }
-        slot = slot == FastSlots - 1 ? 1 : static_cast<std::uint16_t>(slot + 1);
-    }
-    return FastEnd;
+    return Entries().FindFree();
 }
 
 std::uint16_t AddFastIndex(RegKey key, std::uint16_t fileno, std::uint32_t orgoffset)
@@ -123,7 +100,8 @@ std::uint16_t AddFastIndex(RegKey key, std::uint16_t fileno, std::uint32_t orgof
         std::printf("*VOQ*fast list full, log-on refused,FILENO=%d\r\n", fileno);
         return FastEnd;
     }
-    LinkSlot(slot, place.slot);
+    if (OrgFastListHead.count == 0) CurrentFastList = slot;
+    Entries().LinkBefore(slot, place.slot);
     FastItem& item = OrgFastList[slot];
     item.logtimes = 1;
     item.key = key;
@@ -141,7 +119,7 @@ std::uint16_t DelFastIndex(std::uint16_t fileno)
         std::printf("*VOQ*del fast fileno=%d error!!!\r\n", fileno);
         return FastEnd;
     }
-    if (--OrgFastList[slot].logtimes == 0) UnlinkSlot(slot);
+    if (--OrgFastList[slot].logtimes == 0) RemoveEntry(slot);
     return 0;
 }
 

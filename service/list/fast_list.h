@@ -6,11 +6,12 @@
 #include <cstdint>
 
 #include "arch/lock.h"
+#include "list/slot_list.h"
 #include "voq/reg_key.h"
 #include "voq/reg_range.h"
 
-inline constexpr std::uint16_t FastSlots = 2048;  // slot 0 is never handed out
-inline constexpr std::uint16_t FastEnd = 0xFFFF;  // no next entry; no such entry
+inline constexpr std::uint16_t FastSlots = 2048;
+inline constexpr std::uint16_t FastEnd = SlotEnd;
 
 struct FastItem {
     RegKey key;
@@ -22,16 +23,9 @@ struct FastItem {
     std::uint16_t logtimes;  // log-ons not yet matched by a log-off
 };
 
-struct FastListHead {
-    std::uint16_t count;
-    std::uint16_t hint;  // where the search for a free slot starts: the slot handed out last
-    std::uint16_t head;
-    std::uint16_t tail;
-};
-
 extern RwLock fast_rwlock;
 extern FastItem OrgFastList[FastSlots] VOQ_GUARDED_BY(fast_rwlock);
-extern FastListHead OrgFastListHead VOQ_GUARDED_BY(fast_rwlock);
+extern SlotListHead OrgFastListHead VOQ_GUARDED_BY(fast_rwlock);
 
 // Entry at which the next fast-list pass starts. The service threads touch it under the write lock; the main thread
 // moves it under the read lock, which keeps them out.

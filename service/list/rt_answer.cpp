@@ -1,5 +1,6 @@
-// Answers of one-shot requests: result files, the subscribed ranges that a fresh value reaches, and the other waiting
-// requests that one driver access has satisfied. Main thread, refusals also on the service threads.
+// Answers of one-shot requests, on the main thread.
+#include "list/rt_answer.h"
+
 #include <cstdio>
 #include <cstring>
 
@@ -7,7 +8,6 @@
 #include "database/org_list.h"
 #include "list/fast_list.h"
 #include "list/rt_file.h"
-#include "list/rt_list.h"
 #include "state/com_state.h"
 #include "voq/reg_range.h"
 
@@ -17,36 +17,11 @@ constexpr std::uint32_t LooksPerAnswer = 10;  // entries that a gateway box look
 
 unsigned char EqualWrite[MaxRegionBytes];  // value of the write being compared; main thread
 
-bool IsRead(const RtItem& item)
-{
-    return item.command == static_cast<int>(RequestCommand::Read);
-}
-bool IsWrite(const RtItem& item)
-{
-    return item.command == static_cast<int>(RequestCommand::Write);
-}
-bool IsChange(const RtItem& item)
-{
-    return (item.command & 0xFF) == static_cast<int>(RequestCommand::ReadChangeWrite);
-}
-
 // The slot as it stands; its links change under the lock while the request is listed.
 RtItem CopyOfSlot(std::uint16_t slot)
 {
     const ReadLock lock(rt_rwlock);
     return GuiRtList[slot];
-}
-
-void WriteResultFile(const RtItem& item, const void* tail, std::uint32_t tailBytes)
-{
-    const RtPath path = RtPath::Result(item.fileno);
-    WorkFile file;
-    if (!file.Create(path.Text())) return;
-    if (!file.WriteRecord(0, item) || !file.WriteAt(sizeof item, tail, tailBytes)) {
-        std::printf("*VOQ*result file %s not written\r\n", path.Text());
-        static_cast<void>(file.Truncate(0));  // half an answer would be taken for a whole one
-    }
-    file.Sync();
 }
 
 std::uint32_t AnswerBytes(const RtItem& item)
@@ -137,17 +112,6 @@ bool Covers(const RegKey& key, const RtItem& item)
     return skip + GetRegBuffLen(&wanted) <= GetRegBuffLen(&key);
 }
 }  // namespace
-
-void WriteBackRtDataWhenError(std::uint16_t fileno, int code, const RegRequest& request, std::uint16_t listcmd)
-{
-    RtItem item{};
-    item.key = request.key;
-    item.command = listcmd;
-    item.result = static_cast<std::uint8_t>(code);
-    item.inuse = 1;
-    item.fileno = fileno;
-    WriteResultFile(item, nullptr, 0);
-}
 
 void WriteBackRtData(std::uint16_t slot, const void* buffer)
 {

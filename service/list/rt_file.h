@@ -1,9 +1,12 @@
-// Names of a request's two files in the data directory, and the payload file. Any thread; may wait for the disk.
+// A request's two files in the data directory: the payload that the client sent, and the result file that answers it.
+// Any thread; may wait for the disk.
 #pragma once
 
 #include <cstdint>
 
 #include "state/paths.h"
+#include "voq/request.h"
+#include "voq/rt_item.h"
 
 // Path of a file named after a request number.
 class RtPath
@@ -21,3 +24,9 @@ private:
 
 // Stores a payload in its file and forces it to disk; false after a message when that fails, and the file is gone.
 [[nodiscard]] bool StorePayload(std::uint16_t fileno, const unsigned char* payload, std::uint32_t length);
+
+// Writes the result file: the item, then `tailBytes` bytes of `tail`; empty after a message when that fails.
+void WriteResultFile(const RtItem& item, const void* tail, std::uint32_t tailBytes);
+
+// Answers a request that is not listed. Any thread.
+void WriteBackRtDataWhenError(std::uint16_t fileno, int code, const RegRequest& request, std::uint16_t listcmd);

@@ -13,21 +13,15 @@
 
 RwLock rt_rwlock;
 RtItem GuiRtList[RtSlots];
-RtListHead GuiListHead{0, 1, 0, 0};
+SlotListHead GuiListHead = EmptySlotList;
 std::atomic<std::int32_t> rtDataFileCount{0};
 
 namespace
 {
-constexpr std::int32_t MostListed = 1000;      // one more is listed before requests are refused
-constexpr std::int32_t MostWhileFailing = 2;   // the same while the port fails
-constexpr std::uint32_t CountedHeadBytes = 4;  // of a change's payload: u16 count, then two bytes more
+constexpr std::int32_t MostListed = 1000;     // one more is listed before requests are refused
+constexpr std::int32_t MostWhileFailing = 2;  // the same while the port fails
 constexpr std::uint16_t NoSlot = 0;
 constexpr int Admitted = 0;
-
-bool IsCommand(std::uint16_t listcmd, RequestCommand command)
-{
-    return (listcmd & 0x0F) == static_cast<int>(command);
-}
 
 std::uint16_t LoadWord(const unsigned char* bytes)
 {
@@ -39,16 +33,16 @@ std::uint16_t LoadWord(const unsigned char* bytes)
 // Bytes that the command stores; more than there are when even the count is cut short.
 std::uint32_t PayloadNeeds(const RegKey& key, std::uint16_t listcmd, const unsigned char* payload, std::uint32_t bytes)
 {
-    if (IsCommand(listcmd, RequestCommand::Write)) return GetRegBuffLen(&key);
-    if (!IsCommand(listcmd, RequestCommand::ReadChangeWrite)) return 0;
-    return bytes < CountedHeadBytes ? CountedHeadBytes : LoadWord(payload) + CountedHeadBytes;
+    if (CommandOf(listcmd) == RequestCommand::Write) return GetRegBuffLen(&key);
+    if (CommandOf(listcmd) != RequestCommand::ReadChangeWrite) return 0;
+    return bytes < ChangeHeadBytes ? ChangeHeadBytes : LoadWord(payload) + ChangeHeadBytes;
 }
 
 // Setting a bit is let in even while the port fails.
 bool SetsBit(std::uint16_t listcmd, const unsigned char* payload, std::uint32_t bytes)
 {
-    return IsCommand(listcmd, RequestCommand::ReadChangeWrite) && bytes >= CountedHeadBytes + sizeof(std::uint16_t) &&
-           LoadWord(payload + CountedHeadBytes) == static_cast<std::uint16_t>(ChangeOp::SetBit);
+    return CommandOf(listcmd) == RequestCommand::ReadChangeWrite && bytes >= ChangeHeadBytes + sizeof(std::uint16_t) &&
+           LoadWord(payload + ChangeHeadBytes) == static_cast<std::uint16_t>(ChangeOp::SetBit);
 }
 
 // The code of a refusal, or Admitted.
@@ -66,47 +60,23 @@ int Admission(bool evenWhileFailing)
     return PLC_ERROR;
 }
 
-// A free slot, also stored as the hint; NoSlot when all are taken.
-std::uint16_t FindFreeSlot() VOQ_REQUIRES(rt_rwlock)
+SlotList<RtItem, RtSlots> Requests() VOQ_REQUIRES(rt_rwlock)
 {
-    std::uint16_t slot = GuiListHead.hint;
-    for (int tries = 1; tries < RtSlots; ++tries) {
-        if (GuiRtList[slot].inuse == 0) {
-            GuiListHead.hint = slot;
-            return slot;
-        }
-        slot = slot == RtSlots - 1 ? 1 : static_cast<std::uint16_t>(slot + 1);
-    }
-    return NoSlot;
+    return {GuiRtList, GuiListHead};
 }
 
-void LinkSlot(std::uint16_t slot, bool urgent) VOQ_REQUIRES(rt_rwlock)
+std::uint16_t FirstSlot() VOQ_REQUIRES_SHARED(rt_rwlock)
 {
-    RtListHead& head = GuiListHead;
-    RtItem& item = GuiRtList[slot];
-    item.prev = 0;
-    item.next = RtEnd;
-    if (head.count == 0) {
-        head.head = head.tail = slot;
-    } else if (urgent) {
-        item.next = head.head;
-        GuiRtList[head.head].prev = slot;
-        head.head = slot;
-    } else {
-        item.prev = head.tail;
-        GuiRtList[head.tail].next = slot;
-        head.tail = slot;
-    }
-    ++head.count;
+    return GuiListHead.count == 0 ? RtEnd : GuiListHead.head;
 }
 
 std::uint16_t LinkRequest(const RegKey& key, std::uint16_t listcmd, std::uint16_t fileno) VOQ_EXCLUDES(rt_rwlock)
 {
     const WriteLock lock(rt_rwlock);
-    const std::uint16_t slot = FindFreeSlot();
-    if (slot == NoSlot) return NoSlot;
+    const std::uint16_t slot = Requests().FindFree();
+    if (slot == RtEnd) return NoSlot;
     rtDataFileCount.fetch_add(1, std::memory_order_relaxed);
-    LinkSlot(slot, (key.flag & REG_FLAG_URGENT) != 0);
+    Requests().LinkBefore(slot, (key.flag & REG_FLAG_URGENT) != 0 ? FirstSlot() : RtEnd);
     RtItem& item = GuiRtList[slot];
     item.key = key;
     item.command = listcmd;
@@ -122,8 +92,7 @@ std::uint16_t LinkRequest(const RegKey& key, std::uint16_t listcmd, std::uint16_
 void ResetRtList()
 {
     const WriteLock lock(rt_rwlock);
-    for (RtItem& item : GuiRtList) item = {};
-    GuiListHead = {0, 1, 0, 0};
+    Requests().Reset();
     rtDataFileCount.store(0, std::memory_order_relaxed);
 }
 
@@ -134,7 +103,7 @@ std::uint16_t AddRtList(const RegRequest& request, std::uint16_t listcmd, std::u
     const bool fits = needed <= payloadBytes && GetRegBuffLen(&request.key) <= MaxRegionBytes;
     int code = fits ? Admission(SetsBit(listcmd, payload, payloadBytes)) : PLC_ERROR;
     std::uint16_t slot = NoSlot;
-    if (code == Admitted && !IsCommand(listcmd, RequestCommand::Read) && !StorePayload(fileno, payload, needed))
+    if (code == Admitted && CommandOf(listcmd) != RequestCommand::Read && !StorePayload(fileno, payload, needed))
         code = PLC_ERROR;
     if (code == Admitted) {
         slot = LinkRequest(request.key, listcmd, fileno);
@@ -150,7 +119,7 @@ std::uint16_t AddRtList(const RegRequest& request, std::uint16_t listcmd, std::u
 std::uint16_t FirstRt()
 {
     const ReadLock lock(rt_rwlock);
-    return GuiListHead.count == 0 ? RtEnd : GuiListHead.head;
+    return FirstSlot();
 }
 
 std::uint16_t NextRt(std::uint16_t slot)
@@ -161,19 +130,8 @@ std::uint16_t NextRt(std::uint16_t slot)
 
 void DelRtList(std::uint16_t slot)
 {
-    RtItem& item = GuiRtList[slot];
-    RemoveFile(RtPath::Payload(item.fileno).Text());
+    RemoveFile(RtPath::Payload(GuiRtList[slot].fileno).Text());
     const WriteLock lock(rt_rwlock);
-    RtListHead& head = GuiListHead;
-    const bool first = item.prev == 0;
-    const bool last = item.next == RtEnd;
     rtDataFileCount.fetch_sub(1, std::memory_order_relaxed);
-    if (first && last) {
-        head.head = head.tail = head.count = 0;
-    } else {
-        (first ? head.head : GuiRtList[item.prev].next) = item.next;
-        (last ? head.tail : GuiRtList[item.next].prev) = item.prev;
-        --head.count;
-    }
-    item.inuse = 0;
+    Requests().Unlink(slot);
 }

@@ -1,5 +1,4 @@
-// The real-time list: one-shot requests of both clients, waiting for the main loop. Admission, payload files, result
-// files, and the answers that one driver access gives to several waiting requests.
+// The real-time list: one-shot requests of both clients, waiting for the main loop. Admission, links and removal.
 // AddRtList runs on the service threads, everything else on the main thread. rt_rwlock guards links and count only:
 // slot contents belong to the main thread while the slot is in use, and to the adding thread while it is free.
 #pragma once
@@ -8,22 +7,16 @@
 #include <cstdint>
 
 #include "arch/lock.h"
+#include "list/slot_list.h"
 #include "voq/request.h"
 #include "voq/rt_item.h"
 
-inline constexpr std::uint16_t RtSlots = 1024;  // slot 0 is never used
-inline constexpr std::uint16_t RtEnd = 0xFFFF;  // no next entry
-
-struct RtListHead {
-    std::uint16_t count;
-    std::uint16_t hint;  // where the search for a free slot starts
-    std::uint16_t head;  // meaningful while count is not 0
-    std::uint16_t tail;
-};
+inline constexpr std::uint16_t RtSlots = 1024;
+inline constexpr std::uint16_t RtEnd = SlotEnd;
 
 extern RwLock rt_rwlock;
 extern RtItem GuiRtList[RtSlots];
-extern RtListHead GuiListHead VOQ_GUARDED_BY(rt_rwlock);
+extern SlotListHead GuiListHead VOQ_GUARDED_BY(rt_rwlock);
 extern std::atomic<std::int32_t> rtDataFileCount;  // listed requests; written under rt_rwlock, read without it
 
 // Empties the list; main thread, before either service thread can list a request.
@@ -47,19 +40,3 @@ inline bool RtIdle(const RtItem& item)
 
 // Removes the request's rtData file and its entry.
 void DelRtList(std::uint16_t slot) VOQ_EXCLUDES(rt_rwlock);
-
-// Writes the request's result file by the result in its slot. A read or write that succeeded also reaches the
-// subscribed ranges inside it. `buffer`: the value read or written, GetRegBuffLen bytes of the slot's key; for a change
-// its u16 result.
-void WriteBackRtData(std::uint16_t slot, const void* buffer) VOQ_EXCLUDES(rt_rwlock);
-
-// Answers and removes a write whose result is in its slot; one that succeeded also answers the equal writes behind it,
-// as far as no different write of the same register comes first.
-void WriteBackRtData_Wr(std::uint16_t slot, const void* buffer) VOQ_EXCLUDES(rt_rwlock);
-
-// Answers and removes a read whose result is in its slot. `key` is what was read into `buffer`, the slot's key or a
-// wider one; a read that succeeded also answers every waiting read that it covered.
-void WriteBackRtData_Rd(std::uint16_t slot, const RegKey& key, const void* buffer) VOQ_EXCLUDES(rt_rwlock);
-
-// Answers a request that is not listed. Any thread.
-void WriteBackRtDataWhenError(std::uint16_t fileno, int code, const RegRequest& request, std::uint16_t listcmd);

@@ -10,6 +10,7 @@
 #include "arch/clock.h"
 #include "arch/work_file.h"
 #include "comm/plc_oper.h"
+#include "list/rt_answer.h"
 #include "list/rt_file.h"
 #include "list/rt_list.h"
 #include "oper/read_plan.h"
@@ -21,30 +22,12 @@ std::uint32_t MaxRtList = 3;
 
 namespace
 {
-constexpr std::uint32_t OperandAt = 4;  // in a change's payload, behind the u16 count and two bytes
 constexpr std::uint32_t SubcmdMask = 0xFF00;
 constexpr DrvOps PlcOps = {PlcDrvReadPack, PlcDrvWritePack};
 
 // Changes that were tried and stayed. A round of turns ends when every pending one has had its turn, so that none waits
 // for ever behind more of them than a pass may try.
 std::bitset<RtSlots> HadTurn;
-
-int CommandOf(const RtItem& item)
-{
-    return item.command & 0x0F;
-}
-bool IsRead(const RtItem& item)
-{
-    return CommandOf(item) == static_cast<int>(RequestCommand::Read);
-}
-bool IsWrite(const RtItem& item)
-{
-    return CommandOf(item) == static_cast<int>(RequestCommand::Write);
-}
-bool IsChange(const RtItem& item)
-{
-    return CommandOf(item) == static_cast<int>(RequestCommand::ReadChangeWrite);
-}
 
 // First entry that is wanted, or RtEnd.
 std::uint16_t FindRt(bool (*wanted)(std::uint16_t slot))
@@ -79,11 +62,11 @@ std::span<unsigned char> LoadChange(const RtItem& item)
         std::printf("*VOQ*rdwr read %s ret=0\r\n", path.Text());
         return {};
     }
-    if (!file.ReadAt(0, ReadBuffer, OperandAt + count)) {
+    if (!file.ReadAt(0, ReadBuffer, ChangeHeadBytes + count)) {
         std::printf("*VOQ*wdwr read %s 2 ret=0\r\n", path.Text());
         return {};
     }
-    return {ReadBuffer + OperandAt, count};
+    return {ReadBuffer + ChangeHeadBytes, count};
 }
 
 // Reads a write's value into ReadBuffer; false after a message.

@@ -73,7 +73,7 @@ private:
     std::string folder_;
 };
 
-inline FastListHead FastHead()
+inline SlotListHead FastHead()
 {
     const ReadLock lock(fast_rwlock);
     return OrgFastListHead;
