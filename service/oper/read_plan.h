@@ -40,14 +40,31 @@ private:
     PackLimits limits_;
 };
 
+// Lets a read grow over the due records of its group, the starting one again first. The record that ends it is where
+// the next pass starts, and the starting record never is: when it ends the widening by itself, the next pass starts
+// behind it.
+template <typename Cursor>
+void Widen(Cursor& at, Widening& read)
+{
+    for (bool starting = true; at.Valid() && read.SameGroupAs(at.Node()); at.Next(), starting = false) {
+        if (!at.Due() || read.Take(at.Node())) continue;
+        if (starting) at.Next();
+        at.StopHere();
+        return;
+    }
+    if (at.Valid()) {
+        at.StopHere();
+    } else {
+        at.WalkEnded();
+    }
+}
+
 // Plans one read from where the cursor stands. False when there is nothing to read. A cursor gives:
 //     bool Valid()              a record is at hand (Node, Offset); false at the end of what it walks
 //     const OrgNode& Node(), std::uint32_t Offset(), bool Due(), void Next()
 //     void SearchEnded()        the walk ended without a due record
 //     void StopHere()           the next pass starts at the cursor's place
 //     void WalkEnded()          the widening ran into the end
-// The starting record is looked at again when the read grows; when it ends the widening by itself, the cursor still
-// moves on behind it.
 template <typename Cursor>
 bool PlanRead(Cursor& at, bool packed, ReadPlan& plan)
 {
@@ -56,27 +73,14 @@ bool PlanRead(Cursor& at, bool packed, ReadPlan& plan)
         at.SearchEnded();
         return false;
     }
-    const std::uint32_t start = at.Offset();
-    Widening widening(at.Node(), start, packed ? PortPackLimits(at.Node().key) : UnpackedLimits);
-    if (!widening.CanGrow()) {
+    Widening read(at.Node(), at.Offset(), packed ? PortPackLimits(at.Node().key) : UnpackedLimits);
+    if (read.CanGrow()) {
+        Widen(at, read);
+    } else {
         at.Next();
         at.StopHere();
-    } else {
-        bool first = true;
-        bool more = true;
-        while (more && at.Valid()) {
-            if (!widening.SameGroupAs(at.Node())) break;
-            more = !at.Due() || widening.Take(at.Node());
-            if (more || first) at.Next();
-            first = false;
-        }
-        if (at.Valid() || !more) {
-            at.StopHere();
-        } else {
-            at.WalkEnded();
-        }
     }
-    plan = widening.Plan();
+    plan = read.Plan();
     return true;
 }
 

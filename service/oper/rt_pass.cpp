@@ -129,29 +129,41 @@ bool WantedPending(std::uint16_t slot)
     return WantedWrite(slot) && GuiRtList[slot].result == RT_PENDING;
 }
 
+// What the writes and changes of one pass came to.
+struct WritesServed {
+    bool pendingTried = false;
+    bool otherServed = false;  // urgent ones do not count: clients that keep sending them would hold up the others
+};
+
+void ServeWriteOrChange(std::uint16_t slot, std::uint32_t served, WritesServed& pass)
+{
+    const bool urgent = (GuiRtList[slot].key.flag & REG_FLAG_URGENT) != 0;
+    if (IsWrite(GuiRtList[slot])) {
+        ServeWrite(slot, served);
+    } else if (ServeChange(slot)) {
+        HadTurn.reset(slot);
+    } else {
+        HadTurn.set(slot);
+        pass.pendingTried = true;
+        return;
+    }
+    pass.otherServed |= !urgent;
+}
+
 void ServeWrites()
 {
     if (FindRt(WantedPending) == RtEnd) HadTurn.reset();
-    // An urgent request does not count for the extra turn: clients that keep sending them would hold up the others.
-    bool pendingTried = false;
-    bool otherServed = false;
-    for (std::uint32_t served = 0; served <= MaxRtList || (pendingTried && !otherServed); ++served) {
-        const bool beyondBudget = served > MaxRtList;
-        const std::uint16_t slot = FindRt(beyondBudget ? WantedWaiting : WantedWrite);
+    WritesServed pass;
+    std::uint32_t served = 0;
+    for (; served <= MaxRtList; ++served) {
+        const std::uint16_t slot = FindRt(WantedWrite);
         if (slot == RtEnd) return;
-        const bool urgent = (GuiRtList[slot].key.flag & REG_FLAG_URGENT) != 0;
-        if (IsWrite(GuiRtList[slot])) {
-            ServeWrite(slot, served);
-            otherServed |= !urgent;
-        } else if (ServeChange(slot)) {
-            HadTurn.reset(slot);
-            otherServed |= !urgent;
-        } else {
-            HadTurn.set(slot);
-            pendingTried = true;
-        }
-        if (beyondBudget) return;
+        ServeWriteOrChange(slot, served, pass);
     }
+    if (!pass.pendingTried || pass.otherServed) return;
+    // Pending changes took the whole budget: one other write goes beyond it.
+    const std::uint16_t slot = FindRt(WantedWaiting);
+    if (slot != RtEnd) ServeWriteOrChange(slot, served, pass);
 }
 
 bool WantedRead(std::uint16_t slot)
