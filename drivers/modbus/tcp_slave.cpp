@@ -1,7 +1,7 @@
 // The slave on TCP. Runs inside "Loop". Waits for at most IdleMs and never for a master: a connection whose master
-// sends half a request, or takes no answer, holds up nobody. Allocates only when the port has changed.
+// sends half a request, or takes no answer, holds up nobody. Allocates nothing.
+#include <arpa/inet.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -28,6 +28,7 @@ constexpr std::size_t PrefixBytes = 6;         // transaction, protocol, length
 constexpr std::size_t MinLength = 2;           // unit, function
 constexpr std::size_t MaxLength = 254;         // unit and the longest request
 constexpr std::uint8_t AnyUnits[] = {0, 255};  // the box itself, whatever its number
+constexpr std::uint32_t FirstMulticast = 0xE0000000;
 
 struct Master {
     int fd;  // -1 for a free place
@@ -39,8 +40,9 @@ struct Master {
 }  // namespace
 
 struct Slave {
-    modbus_t* context;  // null while nothing is listening
-    int listener;
+    modbus_t* context;  // for answers; it owns no socket
+    int listener;       // -1 while nothing is listening
+    std::uint32_t address;
     std::uint16_t port;
     Reporter reporter;
     Master masters[MaxMasters];
@@ -61,20 +63,50 @@ void StopListening(Slave& slave)
     for (Master& master : slave.masters) Drop(master);
     if (slave.listener >= 0) close(slave.listener);
     slave.listener = -1;
-    if (slave.context != nullptr) modbus_free(slave.context);
-    slave.context = nullptr;
 }
 
-bool StartListening(Slave& slave, std::uint16_t port)
+void NameListener(Slave& slave, std::uint32_t address, std::uint16_t port)
 {
-    if (slave.context != nullptr && slave.port == port) return true;
-    StopListening(slave);
+    slave.address = address;
     slave.port = port;
-    std::snprintf(slave.reporter.name, sizeof slave.reporter.name, "port %u", port);
-    slave.context = modbus_new_tcp("0.0.0.0", port);
-    if (slave.context != nullptr) slave.listener = modbus_tcp_listen(slave.context, static_cast<int>(MaxMasters));
-    if (slave.listener >= 0 && fcntl(slave.listener, F_SETFL, O_NONBLOCK) == 0) return true;
-    Report(slave.reporter, "cannot listen", errno);
+    Reporter& reporter = slave.reporter;
+    if (address == INADDR_ANY)
+        std::snprintf(reporter.name, sizeof reporter.name, "port %u", port);
+    else
+        std::snprintf(reporter.name, sizeof reporter.name, "%u.%u.%u.%u:%u", address >> 24, address >> 16 & 0xFF,
+                      address >> 8 & 0xFF, address & 0xFF, port);
+}
+
+// The system would bind to multicast addresses and to 255.255.255.255, where no connection ever arrives.
+bool Bind(int fd, std::uint32_t address, std::uint16_t port)
+{
+    if (address >= FirstMulticast) {
+        errno = EADDRNOTAVAIL;
+        return false;
+    }
+    const int yes = 1;
+    sockaddr_in place = {};
+    place.sin_family = AF_INET;
+    place.sin_addr.s_addr = htonl(address);
+    place.sin_port = htons(port);
+    return setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) == 0 &&
+           bind(fd, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0;
+}
+
+// libmodbus would listen on all addresses for one that begins with 0.
+bool StartListening(Slave& slave, const Endpoint& endpoint)
+{
+    if (slave.listener >= 0 && slave.address == endpoint.address && slave.port == endpoint.port) return true;
+    StopListening(slave);
+    NameListener(slave, endpoint.address, endpoint.port);
+    slave.listener = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (slave.listener >= 0 && Bind(slave.listener, endpoint.address, endpoint.port) &&
+        listen(slave.listener, static_cast<int>(MaxMasters)) == 0)
+        return true;
+    const int error = errno;
+    const bool foreign = error == EADDRNOTAVAIL;
+    Report(slave.reporter, foreign ? "cannot listen, give the port an address of this machine or 0" : "cannot listen",
+           error);
     StopListening(slave);
     return false;
 }
@@ -146,18 +178,22 @@ Slave* NewSlave()
     if (slave == nullptr) return nullptr;
     slave->listener = -1;
     for (Master& master : slave->masters) master.fd = -1;
-    return slave;
+    slave->context = modbus_new_tcp("0.0.0.0", 0);
+    if (slave->context != nullptr) return slave;
+    std::free(slave);
+    return nullptr;
 }
 
 void FreeSlave(Slave* slave)
 {
     StopListening(*slave);
+    modbus_free(slave->context);
     std::free(slave);
 }
 
 int SlaveTurn(Slave& slave, const ComInfoRecord& info, const UserOper& oper)
 {
-    if (!StartListening(slave, EndpointOf(info).port)) {
+    if (!StartListening(slave, EndpointOf(info))) {
         poll(nullptr, 0, IdleMs);
         return PLC_DRV_ERROR;
     }

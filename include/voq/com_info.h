@@ -9,7 +9,7 @@
  * 12     2    byteOrder        PLC byte-order word
  * 14     1    dataBits         serial: 7 or 8; Ethernet: the port byte of a reload frame
  * 15     1    parity           serial: 0 none, 1 odd, 2 even
- * 16     4    baudOrAddress    serial: bits per second; Ethernet: IPv4 address of the PLC
+ * 16     4    baudOrAddress    serial: bits per second; Ethernet: IPv4 address of the PLC, of a slave its own
  * 20     1    stopBits         serial: 1 or 2
  * 21     1    masterSlaveMode  1 slave, else master
  * 22     14   driverPara       not read by the service; drivers say what they read here

@@ -131,29 +131,66 @@ def test_rtu_slave_serves_refuses_and_outlasts_noise():
     assert time.monotonic() - began >= 0.015  # an idle turn does not spin
 
 
-def test_tcp_slave_refuses_and_lets_no_master_hold_up_another():
-    port = free_port()
-    slave = Slave("modbus_tcp_slave", link=2, para=struct.pack("<H", port))
-    assert slave.turn() == 0
-    masters = []
+class TcpSlave(Slave):
+    """A slave that listens at 127.0.0.1, and its masters."""
 
-    def connect():
-        masters.append(socket.create_connection(("127.0.0.1", port)))
-        slave.turn()
-        return masters[-1]
+    def __init__(self):
+        self.port, self.masters = free_port(), []
+        super().__init__("modbus_tcp_slave", link=2, address=0x7F000001, para=struct.pack("<H", self.port))
+        assert self.turn() == 0
 
-    def ask(master, raw):
+    def connect(self, place="127.0.0.1"):
+        self.masters.append(socket.create_connection((place, self.port)))
+        self.turn()
+        return self.masters[-1]
+
+    def ask(self, master, raw):
         """What comes back, None for a connection that is closed."""
         try:
             master.sendall(raw)
-            slave.turn(2)
+            self.turn(2)
             return master.recv(1000, socket.MSG_DONTWAIT) or None
         except BlockingIOError:
             return b""
         except OSError:
             return None
 
-    request, answer = adu(b"\xff\4" + b"\x27\x10\0\1"), adu(b"\xff\4\2\xab\xcd")
+
+@pytest.fixture
+def slave():
+    slave = TcpSlave()
+    yield slave
+    slave.driver.on_slot("Destroy")
+    for master in slave.masters:
+        master.close()
+
+
+REQUEST, ANSWER = adu(b"\xff\4" + b"\x27\x10\0\1"), adu(b"\xff\4\2\xab\xcd")
+
+
+def test_tcp_slave_listens_at_its_address_only(slave, capfd):
+    def at(address, result):
+        slave.driver.info.address = address
+        assert slave.turn() == result
+
+    at(0x7F000002, 0)
+    with pytest.raises(ConnectionRefusedError):
+        slave.connect("127.0.0.1")
+    master = slave.connect("127.0.0.2")
+    assert slave.ask(master, REQUEST) == ANSWER
+    for foreign in (0xCB007105, 0xE0000001, 0x00000105):  # of nobody, of a group, of no network
+        at(foreign, 3)
+    assert slave.ask(master, REQUEST) is None
+    ctypes.CDLL(None).fflush(None)
+    notice = (f"*MODBUS*203.0.113.5:{slave.port} cannot listen, give the port an address of this machine or 0: "
+              "Cannot assign requested address (0 more since the last message)\r\n")
+    assert notice in capfd.readouterr().out
+    at(0, 0)
+    assert [slave.ask(slave.connect(place), REQUEST) for place in ("127.0.0.1", "127.0.0.2")] == [ANSWER] * 2
+
+
+def test_tcp_slave_refuses_and_lets_no_master_hold_up_another(slave):
+    connect, ask, request, answer = slave.connect, slave.ask, REQUEST, ANSWER
     eight = [connect() for _ in range(8)]
     assert [ask(master, request + request) for master in eight[1:]] == [answer + answer] * 7
     time.sleep(0.002)
@@ -170,7 +207,7 @@ def test_tcp_slave_refuses_and_lets_no_master_hold_up_another():
 
     deaf = socket.socket()  # asks on and on and takes no answer
     deaf.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-    deaf.connect(("127.0.0.1", port))
+    deaf.connect(("127.0.0.1", slave.port))
     slave.turn()
     with pytest.raises(ConnectionError):
         for _ in range(500):
@@ -184,5 +221,3 @@ def test_tcp_slave_refuses_and_lets_no_master_hold_up_another():
     with socket.create_server(("127.0.0.1", 0)) as occupied:
         slave.driver.info.port = occupied.getsockname()[1]
         assert slave.turn() == 3
-    for master in masters:
-        master.close()

@@ -182,7 +182,7 @@ def test_outside_master_and_another_process(start, processes, kind):
     if kind == "tcp":
         port = free_port()
         install_driver("Service/Ethernet", "modbus_tcp_slave")
-        service = start(com_info(link=2, mode=1, para=struct.pack("<H", port)), directory=USER / "tcp_1")
+        service = start(com_info(link=2, mode=1, address=0, para=struct.pack("<H", port)), directory=USER / "tcp_1")
         master = ModbusTcpClient("127.0.0.1", port=port)
     else:
         ours, theirs, _ = processes.line()
