@@ -12,8 +12,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
+#include <tuple>
 
-#include "clock.h"
 #include "mapping.h"
 #include "report.h"
 #include "slave.h"
@@ -23,7 +23,7 @@
 namespace
 {
 
-constexpr std::size_t MaxMasters = 8;          // a panel has few; the one that has been quiet for longest makes room
+constexpr std::size_t MaxMasters = 8;          // a panel has few
 constexpr std::size_t PrefixBytes = 6;         // transaction, protocol, length
 constexpr std::size_t MinLength = 2;           // unit, function
 constexpr std::size_t MaxLength = 254;         // unit and the longest request
@@ -31,8 +31,9 @@ constexpr std::uint8_t AnyUnits[] = {0, 255};  // the box itself, whatever its n
 constexpr std::uint32_t FirstMulticast = 0xE0000000;
 
 struct Master {
-    int fd;  // -1 for a free place
-    std::uint64_t lastMs;
+    int fd;              // -1 for a free place
+    bool hasAsked;       // a whole request has come
+    std::uint64_t last;  // event: its last whole request, before the first its arrival
     std::size_t have;
     std::uint8_t adu[PrefixBytes + MaxLength];
 };
@@ -45,6 +46,7 @@ struct Slave {
     std::uint32_t address;
     std::uint16_t port;
     Reporter reporter;
+    std::uint64_t events;  // arrivals and whole requests so far
     Master masters[MaxMasters];
 };
 
@@ -111,11 +113,13 @@ bool StartListening(Slave& slave, const Endpoint& endpoint)
     return false;
 }
 
+// A free place; else of those that have sent no whole request the one that came first, so that a flood of connections
+// and bytes that trickle in push out each other; else the one whose last request is the oldest.
 Master& PlaceForOne(Slave& slave)
 {
-    const auto since = [](const Master& master) { return master.fd < 0 ? 0 : master.lastMs; };
+    const auto rank = [](const Master& master) { return std::tuple(master.fd >= 0, master.hasAsked, master.last); };
     return *std::min_element(std::begin(slave.masters), std::end(slave.masters),
-                             [&](const Master& a, const Master& b) { return since(a) < since(b); });
+                             [&](const Master& a, const Master& b) { return rank(a) < rank(b); });
 }
 
 void Accept(Slave& slave)
@@ -127,7 +131,8 @@ void Accept(Slave& slave)
     Master& master = PlaceForOne(slave);
     Drop(master);
     master.fd = fd;
-    master.lastMs = NowMs();
+    master.hasAsked = false;
+    master.last = ++slave.events;
 }
 
 bool ServesUnit(const ComInfoRecord& info, std::uint8_t unit)
@@ -140,6 +145,8 @@ bool ServeWhole(Slave& slave, Master& master, const ComInfoRecord& info, const U
 {
     const Indication indication = {master.adu, static_cast<int>(master.have), PrefixBytes + 1, 0};
     master.have = 0;
+    master.hasAsked = true;
+    master.last = ++slave.events;
     modbus_set_socket(slave.context, master.fd);
     if (ServesUnit(info, master.adu[PrefixBytes])) return ServeRequest(slave.context, indication, oper, false);
     return modbus_reply_exception(slave.context, master.adu, static_cast<unsigned>(Refusal::Gateway)) > 0;
@@ -162,7 +169,6 @@ bool ServeMaster(Slave& slave, Master& master, const ComInfoRecord& info, const 
         const ssize_t got = recv(master.fd, master.adu + master.have, Wanted(master) - master.have, 0);
         if (got <= 0) return got < 0 && (errno == EAGAIN || errno == EINTR);
         master.have += static_cast<std::size_t>(got);
-        master.lastMs = NowMs();
         const std::size_t wanted = Wanted(master);
         if (wanted == 0) return false;
         if (master.have == wanted) return ServeWhole(slave, master, info, oper);
