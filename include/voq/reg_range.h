@@ -1,6 +1,5 @@
-// Which keys name the same group of ranges, how the ranges of a group are ordered, and how many bytes and addresses a
-// range takes. Pure functions on RegKey; the register table, the subscriptions and every pass rely on these and no
-// others.
+// Which keys belong together, how the ranges of a group are ordered, how many bytes a range takes and where it ends.
+// Pure functions on RegKey; the register database, the subscriptions and every pass rely on these and no others.
 #pragma once
 
 #include <cstdint>
@@ -30,16 +29,10 @@ constexpr std::uint32_t GetRegBuffLen(const RegKey* key)
     return key->width * ElemBytes(*key);
 }
 
-// PLC address units that `elements` elements of the key's kind span; integer division.
-constexpr std::uint64_t AddressSpan(std::uint64_t elements, const RegKey& key)
+// Bytes of `block`'s value that lie before address `addr`, which is not before the block.
+constexpr std::uint64_t BytesBefore(const RegKey& block, std::uint32_t addr)
 {
-    return elements * ElemBytes(key) / UnitBytes(key);
-}
-
-// Elements of the key's kind that cover `span` address units, rounded up.
-constexpr std::uint64_t ElementsOfSpan(std::uint64_t span, const RegKey& key)
-{
-    return (span * UnitBytes(key) + ElemBytes(key) - 1) / ElemBytes(key);
+    return std::uint64_t{addr - block.addr} * UnitBytes(block);
 }
 
 constexpr std::uint16_t SubaddrLow(const RegKey& key)
@@ -55,11 +48,80 @@ constexpr bool GroupFlag(const RegKey& key)
     return (key.flag & REG_FLAG_GROUP) != 0;
 }
 
-// The group key: plcno, regid, layout, the low half of subaddr and the group bit of flag.
+// Where a range ends: the first address behind it. Each operation counts that in its own way, and they differ where an
+// element is no whole number of address units.
+
+// PLC address units that `elements` elements of the key's kind span: rounded down once, over all of them, since a
+// packed read counts whole units only.
+constexpr std::uint64_t AddressSpan(std::uint64_t elements, const RegKey& key)
+{
+    return elements * ElemBytes(key) / UnitBytes(key);
+}
+
+// Elements of the key's kind that cover `span` address units: rounded up, since a widened read holds all of them.
+constexpr std::uint64_t ElementsOfSpan(std::uint64_t span, const RegKey& key)
+{
+    return (span * UnitBytes(key) + ElemBytes(key) - 1) / ElemBytes(key);
+}
+
+// Planning, polling and widening a read: where the key's range would end with a width of `elements`. 64 bits, so that a
+// range at the last address does not wrap.
+constexpr std::uint64_t PollEnd(const RegKey& key, std::uint64_t elements)
+{
+    return key.addr + AddressSpan(elements, key);
+}
+constexpr std::uint64_t PollEnd(const RegKey& key)
+{
+    return PollEnd(key, key.width);
+}
+
+// Answers of one-shots: rounded down for each element, since an answer is cut out of a read at whole elements; an
+// element smaller than a unit counts as none. 64 bits, as above.
+constexpr std::uint64_t AnswerEnd(const RegKey& key)
+{
+    return key.addr + std::uint64_t{ElemBytes(key) / UnitBytes(key)} * key.width;
+}
+
+// A write carried into the database: one address for each element, whatever its size, so there is nothing to round.
+// Wraps at 32 bits.
+constexpr std::uint32_t WriteEnd(const RegKey& key)
+{
+    return key.addr + key.width;
+}
+
+// Changes (read-change-write): one address for each bit of a bit register, whatever its unit; else rounded down once,
+// over all bytes, since only a whole address is read again. Element sizes 9 to 15 cover nothing. Wraps at 32 bits.
+constexpr std::uint32_t ChangeEnd(const RegKey& key)
+{
+    const std::uint32_t size = key.layout & 0x0Fu;
+    if (size == 0) return key.addr + key.width;
+    return size > 8 ? key.addr : key.addr + size * key.width / UnitBytes(key);
+}
+
+// Which keys belong together, from the widest kinship to the narrowest.
+
+// Station, register area and layout: the lookup of a record's offset searches through all of these.
+constexpr bool SameStationArea(const RegKey& a, const RegKey& b)
+{
+    return a.plcno == b.plcno && a.regid == b.regid && a.layout == b.layout;
+}
+
+// What one driver read may join: the group bit is the service's own.
+constexpr bool SameReadArea(const RegKey& a, const RegKey& b)
+{
+    return SameStationArea(a, b) && SubaddrLow(a) == SubaddrLow(b);
+}
+
+// One group of the register database: plcno, regid, layout, the low half of subaddr and the group bit of flag.
 constexpr bool SameGroup(const RegKey& a, const RegKey& b)
 {
-    return a.plcno == b.plcno && a.regid == b.regid && a.layout == b.layout && SubaddrLow(a) == SubaddrLow(b) &&
-           GroupFlag(a) == GroupFlag(b);
+    return SameReadArea(a, b) && GroupFlag(a) == GroupFlag(b);
+}
+
+// The group with all of the second address word: what a subscription or a one-shot write is looked up by.
+constexpr bool SameGroupAndSubaddr(const RegKey& a, const RegKey& b)
+{
+    return SameGroup(a, b) && a.subaddr == b.subaddr;
 }
 
 // Order inside a group: 1 when a sorts before b, 2 when after, 0 when both name the same range.
@@ -70,8 +132,14 @@ constexpr int NodeCompare(const RegKey& a, const RegKey& b)
     return 0;
 }
 
-// What one record of the register table stands for.
+// What one record of the register database stands for.
 constexpr bool SameRange(const RegKey& a, const RegKey& b)
 {
     return SameGroup(a, b) && NodeCompare(a, b) == 0;
+}
+
+// The range with all of the second address word: two one-shot writes of it may share one access.
+constexpr bool SameRangeAndSubaddr(const RegKey& a, const RegKey& b)
+{
+    return SameGroupAndSubaddr(a, b) && NodeCompare(a, b) == 0;
 }
