@@ -13,12 +13,6 @@ std::uint16_t CurrentFastList;
 
 namespace
 {
-// Of one group, with all of the second address word equal.
-bool SameRegister(const RegKey& a, const RegKey& b)
-{
-    return SameGroup(a, b) && a.subaddr == b.subaddr;
-}
-
 // Slot of the first entry, or FastEnd: the head of an empty list is 0, not FastEnd.
 std::uint16_t FirstSlot() VOQ_REQUIRES_SHARED(fast_rwlock)
 {
@@ -138,7 +132,7 @@ std::uint16_t FindFastIndex(RegKey key, std::uint32_t orgoffset)
             std::printf("*VOQ*--->Same offset request!!!index=%d\r\n", slot);
             return slot;
         }
-        if (orgoffset == 0 && SameRegister(item.key, key) && NodeCompare(item.key, key) == 0) {
+        if (orgoffset == 0 && SameRangeAndSubaddr(item.key, key)) {
             std::printf("*VOQ*--->Same reg request!!!index=%d\r\n", slot);
             return slot;
         }
@@ -150,7 +144,7 @@ std::uint16_t FindFastIndexUseStrart(RegKey key)
 {
     for (std::uint16_t slot = FirstSlot(); slot != FastEnd; slot = OrgFastList[slot].next) {
         const RegKey& range = OrgFastList[slot].key;
-        if (SameRegister(range, key) && range.addr == key.addr) return slot;
+        if (SameGroupAndSubaddr(range, key) && range.addr == key.addr) return slot;
     }
     return FastEnd;
 }

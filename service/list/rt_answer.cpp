@@ -38,26 +38,19 @@ std::uint32_t SubscribedOffset(const RegKey& key)
     return slot == FastEnd ? 0 : OrgFastList[slot].orgoffset;
 }
 
-// Address units per element, rounded down before it is multiplied: 0 when an element is smaller than a unit.
-std::uint64_t UnitsPerElement(const RegKey& key)
-{
-    return ElemBytes(key) / UnitBytes(key);
-}
-
 // Carries a value of the whole range `key` into the org records inside it, from the subscribed one on.
 void UpdateSubscribed(const RegKey& key, const void* buffer)
 {
     const std::uint32_t first = SubscribedOffset(key);
     if (first == 0 || first == OrgNone) return;
-    const std::uint64_t each = UnitsPerElement(key);
-    const std::uint64_t end = key.addr + each * key.width;
+    const std::uint64_t end = AnswerEnd(key);
 
     const MutexLock lock(DatabaseLock);
     OrgFile file;
     if (!file.OpenRW()) return;
     for (OrgWalk at(file, first); at.Valid() && SameGroup(at.Node().key, key); at.Next()) {
         const RegKey& range = at.Node().key;
-        const bool inside = range.addr >= key.addr && range.addr + each * range.width <= end;
+        const bool inside = range.addr >= key.addr && AnswerEnd(range) <= end;
         if (inside) StoreValue(file, at, key, buffer, GetRegBuffLen(&key));
         if (!inside && range.addr >= end) return;
     }
@@ -72,12 +65,6 @@ void AnswerAndRemove(std::uint16_t slot, const void* buffer)
 bool LookedFarEnough(std::uint32_t seen, std::uint32_t done)
 {
     return isHmi == 0 && seen > done * LooksPerAnswer;
-}
-
-bool WritesSameRange(const RtItem& a, const RtItem& b)
-{
-    return SameGroup(a.key, b.key) && a.key.subaddr == b.key.subaddr && a.key.addr == b.key.addr &&
-           a.key.width == b.key.width;
 }
 
 enum class Compared { Equal, Different, NotOpened, NotRead };
@@ -104,10 +91,9 @@ Compared CompareWrite(const RtItem& item, const void* written)
 // True when the read of `key` holds the whole value of the waiting read `item`.
 bool Covers(const RegKey& key, const RtItem& item)
 {
-    const std::uint64_t each = UnitsPerElement(key);
     const RegKey& wanted = item.key;
     if (!IsRead(item) || !SameGroup(wanted, key) || wanted.addr < key.addr) return false;
-    if (wanted.addr + each * wanted.width > key.addr + each * key.width) return false;
+    if (AnswerEnd(wanted) > AnswerEnd(key)) return false;
     const std::uint64_t skip = std::uint64_t{wanted.addr - key.addr} * UnitBytes(key);
     return skip + GetRegBuffLen(&wanted) <= GetRegBuffLen(&key);
 }
@@ -129,7 +115,7 @@ void WriteBackRtData_Wr(std::uint16_t slot, const void* buffer)
         const std::uint16_t at = next;
         RtItem& item = GuiRtList[at];
         next = NextRt(at);
-        if (RtIdle(item) && IsWrite(item) && WritesSameRange(item, served)) {
+        if (RtIdle(item) && IsWrite(item) && SameRangeAndSubaddr(item.key, served.key)) {
             const Compared compared = CompareWrite(item, buffer);
             if (compared == Compared::Different || compared == Compared::NotRead) break;
             if (compared == Compared::Equal) {

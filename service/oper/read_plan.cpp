@@ -10,14 +10,6 @@
 
 unsigned char ReadBuffer[MaxRegionBytes];
 
-namespace
-{
-std::uint64_t EndOf(const RegKey& key, std::uint64_t width)
-{
-    return key.addr + AddressSpan(width, key);
-}
-}  // namespace
-
 Widening::Widening(const OrgNode& start, std::uint32_t orgOffset, PackLimits limits)
     : plan_{start.key, orgOffset}, limits_(limits)
 {
@@ -27,9 +19,9 @@ bool Widening::Take(const OrgNode& record)
 {
     const RegKey& read = plan_.key;
     const std::uint64_t addr = record.key.addr;
-    const std::uint64_t maxEnd = EndOf(read, limits_.length);
-    const std::uint64_t packEnd = EndOf(read, read.width);
-    const std::uint64_t recordEnd = addr + AddressSpan(record.key.width, read);
+    const std::uint64_t maxEnd = PollEnd(read, limits_.length);
+    const std::uint64_t packEnd = PollEnd(read);
+    const std::uint64_t recordEnd = PollEnd(record.key);
     if (addr >= maxEnd || addr >= packEnd + AddressSpan(limits_.gap, read) || record.key.width >= limits_.length ||
         recordEnd > maxEnd) {
         return false;
@@ -45,7 +37,7 @@ void WriteBackRead(const ReadPlan& plan, int result, StampRule rule)
     Stamp now;
     GetCurrentTime(&now);
     const RegKey& read = plan.key;
-    const std::uint64_t packEnd = EndOf(read, read.width);
+    const std::uint64_t packEnd = PollEnd(read);
 
     const MutexLock lock(DatabaseLock);
     OrgFile file;
@@ -53,7 +45,7 @@ void WriteBackRead(const ReadPlan& plan, int result, StampRule rule)
     for (OrgWalk at(file, plan.orgOffset); at.Valid(); at.Next()) {
         OrgNode& record = at.Node();
         if (!SameGroup(record.key, read)) break;
-        const bool inside = record.key.addr >= read.addr && EndOf(record.key, record.key.width) <= packEnd;
+        const bool inside = record.key.addr >= read.addr && PollEnd(record.key) <= packEnd;
         if (inside) {
             const bool lost = result == PLC_SUCCESS &&
                               Copy2DataFile(record, read, ReadBuffer, GetRegBuffLen(&read)) == Copied::Failed;

@@ -193,9 +193,9 @@ public:
     void Take(const RegKey& other)
     {
         const std::uint64_t start = key_.addr;
-        const std::uint64_t end = start + AddressSpan(key_.width, key_);
+        const std::uint64_t end = PollEnd(key_);
         const std::uint64_t otherStart = other.addr;
-        const std::uint64_t otherEnd = otherStart + AddressSpan(other.width, key_);
+        const std::uint64_t otherEnd = PollEnd(other);
         const bool upwards = otherStart >= start;
         if (upwards ? otherEnd > start + reach_ : otherStart + reach_ < end) return;
         const std::uint64_t newStart = std::min(start, otherStart);
@@ -210,10 +210,6 @@ private:
     std::uint64_t reach_;  // address units from the start that the limit covers
 };
 
-bool SameArea(const RegKey& a, const RegKey& b)
-{
-    return a.plcno == b.plcno && a.regid == b.regid && a.layout == b.layout && SubaddrLow(a) == SubaddrLow(b);
-}
 }  // namespace
 
 void OperRtList()
@@ -232,7 +228,7 @@ void GetRtRdPack(RegKey& key, std::uint16_t slot)
     std::uint16_t at = NextRt(slot);
     for (int steps = 0; at != RtEnd && steps < RtSlots; ++steps, at = NextRt(at)) {
         const RtItem& item = GuiRtList[at];
-        if (!RtIdle(item) || !IsRead(item) || !SameArea(item.key, key)) continue;
+        if (!RtIdle(item) || !IsRead(item) || !SameReadArea(item.key, key)) continue;
         widening.Take(item.key);
         if (key.width == limit) return;
     }

@@ -44,12 +44,6 @@ constexpr std::uint32_t nBytes(RegKey key)
     return (uBits(key) * key.width + 7) / 8;
 }
 
-// Address units that the register covers: one per bit, else its bytes by the unit, rounded down.
-constexpr std::uint32_t AddressUnits(RegKey key)
-{
-    return (key.layout & 0x0Fu) == 0 ? key.width : nBytes(key) / UnitBytes(key);
-}
-
 // Makes the register cover the addresses `first` to `last`; counts of addresses and elements wrap at 16 bits.
 constexpr void setAddrs(RegKey& key, std::uint32_t first, std::uint32_t last)
 {
@@ -62,7 +56,7 @@ constexpr void setAddrs(RegKey& key, std::uint32_t first, std::uint32_t last)
 // The register's last address; one before its first when it covers none.
 constexpr std::uint32_t lastAddr(RegKey key)
 {
-    return key.addr + AddressUnits(key) - 1;
+    return ChangeEnd(key) - 1;
 }
 
 // 1 when `a` covers every address of `b`, else 0.
@@ -70,3 +64,7 @@ constexpr int contain(RegKey a, RegKey b)
 {
     return a.addr <= b.addr && lastAddr(a) >= lastAddr(b) ? 1 : 0;
 }
+
+static_assert(nBytes(RegKey{0, 0, 0, 0, 0x00, 0, 10, 0, 0}) == 10);
+static_assert(nBytes(RegKey{0, 0, 0, 0, 0x22, 0, 3, 0, 0}) == 6);
+static_assert(nBytes(RegKey{0, 0, 0, 0, 0x29, 0, 3, 0, 0}) == 0);

@@ -69,7 +69,7 @@ int DoRead(unsigned char* buf, std::span<const unsigned char> desc, RegKey key, 
     RegKey before = key;  // all elements but the last
     before.width = static_cast<std::uint16_t>(key.width - 1);
     RegKey last = key;
-    setAddrs(last, key.addr + AddressUnits(before), lastAddr(key));
+    setAddrs(last, ChangeEnd(before), lastAddr(key));
     if (contain(start, last) != 0) return PLC_SUCCESS;
     return ops.read(last, buf + before.width * size);
 }

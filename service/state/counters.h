@@ -8,14 +8,14 @@
 
 // Consecutive driver time-outs and communication errors since the last success. Written by the main thread, read by the
 // service threads when they admit a request.
-extern std::atomic<std::int32_t> GlobeTimeout;
-extern std::atomic<std::int32_t> GlobeComError;
+inline std::atomic<std::int32_t> GlobeTimeout{0};
+inline std::atomic<std::int32_t> GlobeComError{0};
 
 // GUI log-ons minus GUI log-offs. Written by the GUI service thread, read by the main thread.
-extern std::atomic<std::int32_t> LogOnAmount;
+inline std::atomic<std::int32_t> LogOnAmount{0};
 
 // Disabled PLC stations, one bit each. Main thread only.
-extern StationWords StationDisable;
+inline StationWords StationDisable;
 
 // True when PLC station `plcno` is switched off.
 inline bool StationDisabled(std::uint8_t plcno)

@@ -3,20 +3,20 @@
 
 inline constexpr int PathBytes = 64;
 
-extern char DataDir[PathBytes];  // the port's directory, ends with "/"
-extern char LBName[PathBytes];
-extern char LWName[PathBytes];
-extern char SRWName[PathBytes];
-extern char SRBName[PathBytes];
-extern char RWName[PathBytes];
-extern char vSRWName[PathBytes];
-extern char vSRBName[PathBytes];
-extern char OrgFileName[PathBytes];
-extern char DataFileName[PathBytes];
-extern char IndexFileName[PathBytes];
-extern char TimeoutName[PathBytes];
-extern char ComErrorName[PathBytes];
-extern char GuiFifo[PathBytes];
-extern char MekFifo[PathBytes];
-extern char SlaveNoName[PathBytes];
-extern char RcpDataDir[PathBytes];
+inline char DataDir[PathBytes];  // the port's directory, ends with "/"
+inline char LBName[PathBytes];
+inline char LWName[PathBytes];
+inline char SRWName[PathBytes];
+inline char SRBName[PathBytes];
+inline char RWName[PathBytes];
+inline char vSRWName[PathBytes];
+inline char vSRBName[PathBytes];
+inline char OrgFileName[PathBytes];
+inline char DataFileName[PathBytes];
+inline char IndexFileName[PathBytes];
+inline char TimeoutName[PathBytes];
+inline char ComErrorName[PathBytes];
+inline char GuiFifo[PathBytes];
+inline char MekFifo[PathBytes];
+inline char SlaveNoName[PathBytes];
+inline char RcpDataDir[PathBytes];
