@@ -98,6 +98,18 @@ constexpr std::uint32_t ChangeEnd(const RegKey& key)
     return size > 8 ? key.addr : key.addr + size * key.width / UnitBytes(key);
 }
 
+// Byte of a source block at which the value of a range begins that starts inside it. Both are of one layout.
+constexpr std::uint64_t ValueOffset(const RegKey& source, const RegKey& range)
+{
+    return std::uint64_t{range.addr - source.addr} * UnitBytes(range);
+}
+
+// True when the range's whole value lies inside the `length` bytes of a source block.
+constexpr bool ValueWithin(const RegKey& source, std::uint64_t length, const RegKey& range)
+{
+    return range.addr >= source.addr && ValueOffset(source, range) + GetRegBuffLen(&range) <= length;
+}
+
 // Which keys belong together, from the widest kinship to the narrowest.
 
 // Station, register area and layout: the lookup of a record's offset searches through all of these.

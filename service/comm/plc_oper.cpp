@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <numeric>
 
 #include "arch/clock.h"
 #include "comm/marker.h"
@@ -23,16 +24,26 @@ constexpr int FailureCountAgain = 10;
 
 using ChunkOper = int (*)(RegKey key, void* buffer);
 
+// Elements of the range in one driver request: all of it, or as many as the port's limit allows and end on an address
+// unit, since the next chunk begins there; 0 when no number does. A bit register has an address for each element.
+std::uint32_t ChunkWidth(const RegKey& key)
+{
+    const std::uint32_t limit = PortPackLimits(key).length;
+    if (limit == 0 || key.width <= limit) return key.width;
+    if (RegElemSize(&key) == 0) return limit;
+    const std::uint32_t whole = UnitBytes(key) / std::gcd(ElemBytes(key), UnitBytes(key));
+    return limit - limit % whole;
+}
+
 // Hands the range to `oper` in pieces of at most the port's request limit, in ascending order; ends at the first
 // failure. A limit of 0 is no limit.
 int ForEachChunk(const RegKey& key, void* buffer, ChunkOper oper)
 {
     const bool bits = RegElemSize(&key) == 0;
-    const std::uint32_t portLimit = bits ? ComInfo.bitLimit : ComInfo.wordLimit;
-    const std::uint32_t limit = portLimit == 0 ? key.width : portLimit;
+    const std::uint32_t limit = ChunkWidth(key);
+    if (key.width > 0 && limit == 0) return PLC_ERROR;
     const std::uint32_t bufferStep = limit * ElemBytes(key);
     const std::uint32_t addressStep = bits ? limit : bufferStep / UnitBytes(key);
-    if (key.width > limit && addressStep == 0) return PLC_ERROR;
 
     RegKey chunk = key;
     auto* at = static_cast<unsigned char*>(buffer);

@@ -11,6 +11,7 @@
 #include "fileinit/get_com_info.h"
 #include "fileinit/working_paths.h"
 #include "list/fast_list.h"
+#include "list/rt_file.h"
 #include "list/rt_list.h"
 #include "oper/org_pass.h"
 #include "state/com_state.h"
@@ -18,6 +19,8 @@
 
 namespace
 {
+constexpr std::size_t MostPayloads = 100000;  // names looked at
+
 [[noreturn]] void ConfigurationFailed()
 {
     std::puts("Get cominfo failed. Need relanch. exit...");
@@ -33,6 +36,12 @@ void MakeClientFifos()
 {
     MakeClientFifo(GuiFifo, "*VOQ*Could not create gui fifo %s\n\r\n");
     MakeClientFifo(MekFifo, "*VOQ*Could not create mek fifo %s\n\r\n");
+}
+
+// What an earlier run had listed is forgotten.
+void RemovePayloads()
+{
+    RemoveFilesByPrefix(DataDir, PayloadPrefix, MostPayloads);
 }
 
 void ResetSharedState()
@@ -66,6 +75,7 @@ int RdUserFile(const char* projectPath, const char* userDir, std::uint16_t portI
     } else {
         MakeClientFifos();
     }
+    RemovePayloads();
     ResetSharedState();
     return PrepareDatabase(projectPath, download);
 }

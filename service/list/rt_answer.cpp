@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "arch/fs.h"
 #include "arch/work_file.h"
 #include "database/org_list.h"
 #include "list/fast_list.h"
@@ -94,14 +95,15 @@ bool Covers(const RegKey& key, const RtItem& item)
     const RegKey& wanted = item.key;
     if (!IsRead(item) || !SameGroup(wanted, key) || wanted.addr < key.addr) return false;
     if (AnswerEnd(wanted) > AnswerEnd(key)) return false;
-    const std::uint64_t skip = std::uint64_t{wanted.addr - key.addr} * UnitBytes(key);
-    return skip + GetRegBuffLen(&wanted) <= GetRegBuffLen(&key);
+    return ValueWithin(key, GetRegBuffLen(&key), wanted);
 }
 }  // namespace
 
 void WriteBackRtData(std::uint16_t slot, const void* buffer)
 {
     const RtItem item = CopyOfSlot(slot);
+    // The answer frees the number: a payload that follows it is another request's.
+    if (!IsRead(item)) RemoveFile(RtPath::Payload(item.fileno).Text());
     WriteResultFile(item, buffer, AnswerBytes(item));
     if (item.result == PLC_SUCCESS && (IsRead(item) || IsWrite(item))) UpdateSubscribed(item.key, buffer);
 }
@@ -147,7 +149,7 @@ void WriteBackRtData_Rd(std::uint16_t slot, const RegKey& key, const void* buffe
         if (at == slot || (RtIdle(item) && Covers(key, item))) {
             item.result = PLC_SUCCESS;
             ++done;
-            AnswerAndRemove(at, bytes + (item.key.addr - key.addr) * UnitBytes(key));
+            AnswerAndRemove(at, bytes + ValueOffset(key, item.key));
         }
         if (LookedFarEnough(seen, done)) return;
     }

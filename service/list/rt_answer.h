@@ -7,9 +7,9 @@
 #include "list/rt_list.h"
 #include "voq/reg_key.h"
 
-// Writes the request's result file by the result in its slot. A read or write that succeeded also reaches the
-// subscribed ranges inside it. `buffer`: the value read or written, GetRegBuffLen bytes of the slot's key; for a change
-// its u16 result.
+// Removes the request's rtData file, then writes its result file by the result in its slot. A read or write that
+// succeeded also reaches the subscribed ranges inside it. `buffer`: the value read or written, GetRegBuffLen bytes of
+// the slot's key; for a change its u16 result.
 void WriteBackRtData(std::uint16_t slot, const void* buffer) VOQ_EXCLUDES(rt_rwlock);
 
 // Answers and removes a write whose result is in its slot; one that succeeded also answers the equal writes behind it,

@@ -18,7 +18,7 @@ RtPath RtPath::Result(std::uint16_t fileno)
 
 RtPath RtPath::Payload(std::uint16_t fileno)
 {
-    return {"rtData", fileno};
+    return {PayloadPrefix, fileno};
 }
 
 bool StorePayload(std::uint16_t fileno, const unsigned char* payload, std::uint32_t length)

@@ -8,6 +8,8 @@
 #include "voq/request.h"
 #include "voq/rt_item.h"
 
+inline constexpr char PayloadPrefix[] = "rtData";
+
 // Path of a file named after a request number.
 class RtPath
 {

@@ -130,7 +130,6 @@ std::uint16_t NextRt(std::uint16_t slot)
 
 void DelRtList(std::uint16_t slot)
 {
-    RemoveFile(RtPath::Payload(GuiRtList[slot].fileno).Text());
     const WriteLock lock(rt_rwlock);
     rtDataFileCount.fetch_sub(1, std::memory_order_relaxed);
     Requests().Unlink(slot);

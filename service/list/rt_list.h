@@ -38,5 +38,6 @@ inline bool RtIdle(const RtItem& item)
     return item.result == 0 || item.result == RT_PENDING;
 }
 
-// Removes the request's rtData file and its entry.
+// Removes an answered request's entry. Its rtData file went before the answer appeared: the client may use the number
+// for another request by now.
 void DelRtList(std::uint16_t slot) VOQ_EXCLUDES(rt_rwlock);

@@ -26,8 +26,11 @@ bool Widening::Take(const OrgNode& record)
         recordEnd > maxEnd) {
         return false;
     }
-    const std::uint64_t width = ElementsOfSpan(std::max(packEnd, recordEnd) - read.addr, read);
-    if (width * ElemBytes(read) > MaxRegionBytes) return false;
+    const std::uint64_t span = ElementsOfSpan(std::max(packEnd, recordEnd) - read.addr, read);
+    const std::uint64_t width = std::max<std::uint64_t>(span, read.width);
+    const std::uint64_t bytes = width * ElemBytes(read);
+    // Where elements are smaller than an address unit, a value can reach past the span.
+    if (bytes > MaxRegionBytes || !ValueWithin(read, bytes, record.key)) return false;
     plan_.key.width = static_cast<std::uint16_t>(width);
     return true;
 }
@@ -45,10 +48,10 @@ void WriteBackRead(const ReadPlan& plan, int result, StampRule rule)
     for (OrgWalk at(file, plan.orgOffset); at.Valid(); at.Next()) {
         OrgNode& record = at.Node();
         if (!SameGroup(record.key, read)) break;
-        const bool inside = record.key.addr >= read.addr && PollEnd(record.key) <= packEnd;
+        const bool inside = PollEnd(record.key) <= packEnd && ValueWithin(read, GetRegBuffLen(&read), record.key);
         if (inside) {
             const bool lost = result == PLC_SUCCESS &&
-                              Copy2DataFile(record, read, ReadBuffer, GetRegBuffLen(&read)) == Copied::Failed;
+                              Copy2DataFile(record, read, ReadBuffer, GetRegBuffLen(&read)) != Copied::Stored;
             if (rule == StampRule::PerRecord) GetCurrentTime(&now);
             record.stamp = now;
             // State 1 would promise the value.

@@ -10,7 +10,7 @@ from collections import Counter
 from dataclasses import dataclass, replace
 
 import pytest
-from voqtest import (ALWAYS, CHANGE, READ, SLOWEST, WRITE, Key, com_info, frame, libc, log_off, log_on,
+from voqtest import (ALWAYS, CHANGE, READ, SLOWEST, USER, WRITE, Key, com_info, frame, libc, log_off, log_on,
                      read_locked, wait_for)
 
 URGENT, GROUP = ALWAYS | 1 << 23, ALWAYS | 1 << 9
@@ -18,7 +18,7 @@ PULSE, CHANGED, PLAIN = 0x20, 0x80, 0  # sub-codes of a change
 ADD, XOR, SET_BIT, TIMED, BIT_FIELD = 1, 5, 11, 12, 0x1001
 BEAT = Key(0, 1, regid=2, plcno=7)  # polled once a turn: marks the turns in the driver's log
 TURNS = 3  # from one real-time pass to the next
-IN_MODIFY, IN_CLOSE_WRITE = 2, 8
+IN_MODIFY, IN_CLOSE_WRITE, IN_CREATE, IN_DELETE = 2, 8, 0x100, 0x200
 
 
 @dataclass(frozen=True)
@@ -88,8 +88,9 @@ class Client:
         self.service, self.sim = service, service.sim
         self.numbers, self.fences = itertools.count(100), itertools.count(60000)
         self.posted, self.answers, self.written = {}, {}, Counter()
+        self.gone, self.early = set(), set()  # payload files removed; answers that appeared before that
         self.watch = libc.inotify_init1(os.O_NONBLOCK)
-        libc.inotify_add_watch(self.watch, bytes(service.dir), IN_MODIFY | IN_CLOSE_WRITE)
+        libc.inotify_add_watch(self.watch, bytes(service.dir), IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE)
         if beat:
             service.send(log_on(BEAT, 1))
             wait_for(lambda: service.value(BEAT), "polling")
@@ -123,6 +124,10 @@ class Client:
                 while events:
                     mask, length = struct.unpack_from("<4xI4xI", events)
                     name, events = events[16: 16 + length].rstrip(b"\0"), events[16 + length:]
+                    if mask & IN_DELETE and name.startswith(b"rtData"):
+                        self.gone.add(int(name[6:]))
+                    if mask & IN_CREATE and name.isdigit() and int(name) not in self.gone:
+                        self.early.add(int(name))
                     if mask & IN_CLOSE_WRITE and name.isdigit():
                         self.written[int(name)] += 1
                         self.take(int(name))
@@ -131,9 +136,11 @@ class Client:
         request, path = self.posted[fileno], self.service / str(fileno)
         raw = read_locked(path)
         path.unlink()
-        key, command, code, used, fileno_there, reserved, start = struct.unpack_from("<24sHBB4xHHI", raw)
+        key, command, code, used, after, fileno_there, reserved, start = struct.unpack_from("<24sHBB2xHHHI", raw)
         expected = (request.key.pack(), request.cmd + request.subcmd * 256, 1, fileno, 0, 0)
         assert (key, command, used, fileno_there, reserved, start) == expected, (fileno, request)
+        listed = code == 1 or after  # a number is free with its answer: the payload went before
+        assert request.cmd == READ or not listed or fileno not in self.early, (fileno, request)
         value = raw[40:]
         assert len(value) == ({READ: request.key.size, CHANGE: 2, WRITE: 0}[request.cmd] if code == 1 else 0)
         assert request.cmd != CHANGE or code != 1 or value in (b"\1\0", b"\1\x40")
@@ -198,6 +205,10 @@ CASES = {  # settings of the port, requests listed at once, driver calls of each
                                           read(20, 5, layout=0x21), read(20, 2, layout=0x21), read(50, 3, layout=0x20),
                                           read(90, 6, layout=0x41), read(70, 7, layout=0xF1, code=3)],
         ["r1000x6 r1012x4 r20x3 r20x5 r50x2 r52x1", "r90x6"]),
+    "chunks end on an address": (
+        dict(word_limit=125), [read(100, 200, layout=0x21), Request(WRITE, Key(500, 200, layout=0x21), bytes(range(200))),
+                               read(900, 126, layout=0x81), read(950, 130, layout=0xF2)],
+        ["w500x124 w562x76 r100x124 r162x76 r900x120 r915x6 r950x120 r966x10"]),
     "other areas": ({}, [read(0), read(1, regid=2), read(1, plcno=2), read(1, subaddr=1), read(1, layout=0x12),
                          read(2, subaddr=0x10000)], ["r0x3 r1x1 r1x1 r1x1", "r1x1"]),
     "group bit": ({}, [read(10), read(12, flag=GROUP), write(20, 7, flag=GROUP)], ["w20x1 r10x3"]),
@@ -271,6 +282,17 @@ def test_gateway(start):
     assert passes(write(5, 1), *far, write(5, 1)) == ["w5x1 w5x1 r200x11"]
     assert passes(read(5), *[stays] * 19, read(5), listed=[stays]) == ["r5x1"]
     assert passes(read(5), *[stays] * 20, read(5), listed=[stays]) == ["r5x1 r5x1"]
+
+
+def test_a_number_belongs_to_one_request(start):
+    """A start removes the payloads of an earlier run, and a read no payload at all."""
+    directory = USER / "com_1"
+    directory.mkdir()
+    (directory / "rtData9").write_bytes(b"old")
+    client = Client(start(com_info(pause=1)))
+    assert client.left() == set()
+    (directory / f"rtData{100}").write_bytes(b"of a write to come")
+    assert client.served(read(1))[0][0] == 1 and client.left() == {"rtData100"}
 
 
 def test_pulses_and_writes_take_turns(start):
