@@ -111,10 +111,10 @@ ValueType BitType(const ValueType& type)
 
 int FormatType(const ValueCoding& coding)
 {
-    if (coding.type.kind == ValueKind::Float) return static_cast<int>(::ValueType::Float);
-    if (coding.type.kind == ValueKind::Double) return static_cast<int>(::ValueType::Double);
+    if (coding.type.kind == ValueKind::Float) return static_cast<int>(OperandType::Float);
+    if (coding.type.kind == ValueKind::Double) return static_cast<int>(OperandType::Double);
     const bool sign = !coding.bcd && (coding.type.kind == ValueKind::S16 || coding.type.kind == ValueKind::S32);
-    return static_cast<int>(sign ? ::ValueType::Signed : ::ValueType::Unsigned);
+    return static_cast<int>(sign ? OperandType::Signed : OperandType::Unsigned);
 }
 
 ChangeRequest Changed(const RegKey& key, std::uint32_t cmdFlags, Bytes operand)
@@ -148,7 +148,7 @@ ChangeRequest Arithmetic(const Subject& on, ChangeOp operation)
 ChangeRequest Digit(const Subject& on, ChangeOp operation)
 {
     RequireNumber(on, false);
-    if (FormatType(on.coding) != static_cast<int>(::ValueType::Unsigned)) {
+    if (FormatType(on.coding) != static_cast<int>(OperandType::Unsigned)) {
         throw Error("digits are those of an unsigned number, not of " + TypeName(on.coding.type));
     }
     const std::uint32_t size = on.coding.type.elemSize;
@@ -157,7 +157,7 @@ ChangeRequest Digit(const Subject& on, ChangeOp operation)
     if (position < 1 || position > digits) {
         throw Error("position " + Str(position) + " is not within 1 to " + Str(digits));
     }
-    Bytes operand = Descriptor(operation, 0, static_cast<std::uint32_t>(::ValueType::Unsigned), size);
+    Bytes operand = Descriptor(operation, 0, static_cast<std::uint32_t>(OperandType::Unsigned), size);
     for (std::uint32_t i = 0; i < size; ++i, position >>= 8) operand.push_back(static_cast<std::uint8_t>(position));
     return Changed(on.reg.key, CMD_CHANGE, std::move(operand));
 }
@@ -169,7 +169,7 @@ ChangeRequest Masked(const Subject& on, ChangeOp operation, const std::string& m
     const ValueCoding bits{BitType(on.coding.type), on.coding.order, false};
     const std::vector<std::string> all(on.reg.key.width, mask);
     const Bytes image = EncodeValues(bits, all);
-    Bytes operand = Descriptor(operation, 0, static_cast<std::uint32_t>(::ValueType::Unsigned),
+    Bytes operand = Descriptor(operation, 0, static_cast<std::uint32_t>(OperandType::Unsigned),
                                static_cast<std::uint32_t>(image.size()));
     Append(operand, image);
     return Changed(on.reg.key, CMD_CHANGE, std::move(operand));
@@ -181,7 +181,7 @@ ChangeRequest Inverted(const Subject& on)
     // All eight bits of a bit register's byte would turn.
     if (on.coding.type.kind == ValueKind::Bit) return Masked(on, ChangeOp::Xor, "1");
     return Changed(on.reg.key, CMD_CHANGE,
-                   Descriptor(ChangeOp::Not, 0, static_cast<std::uint32_t>(::ValueType::Unsigned),
+                   Descriptor(ChangeOp::Not, 0, static_cast<std::uint32_t>(OperandType::Unsigned),
                               static_cast<std::uint32_t>(on.coding.ElemBytes())));
 }
 
@@ -257,7 +257,7 @@ ChangeRequest Field(const Subject& on)
     const std::uint32_t elements = (first + count - 1) / on.ElementBits() - element + 1;
     std::uint32_t begin = 0;
     const std::vector<bool> run = FieldRun(on, first - element * on.ElementBits(), count, value, begin);
-    Bytes operand = Descriptor(ChangeOp::BitField, 0, static_cast<std::uint32_t>(::ValueType::Unsigned),
+    Bytes operand = Descriptor(ChangeOp::BitField, 0, static_cast<std::uint32_t>(OperandType::Unsigned),
                                static_cast<std::uint32_t>(on.coding.ElemBytes()));
     PutRecord(operand, operand.size(), static_cast<std::uint16_t>(begin));
     PutRecord(operand, operand.size(), static_cast<std::uint16_t>(count));

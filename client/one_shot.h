@@ -8,7 +8,7 @@
 #include <string>
 
 #include "client/bytes.h"
-#include "client/frame.h"
+#include "client/fifo.h"
 #include "client/port_dir.h"
 #include "client/result_file.h"
 

@@ -8,7 +8,7 @@
 #include <filesystem>
 
 #include "client/clock.h"
-#include "client/frame.h"
+#include "client/fifo.h"
 #include "client/locked_file.h"
 #include "client/station_off.h"
 

@@ -5,6 +5,7 @@
 #include <functional>
 #include <limits>
 
+#include "client/frame.h"
 #include "client/one_shot.h"
 #include "client/value_text.h"
 #include "tools/commands.h"

@@ -11,6 +11,7 @@
 
 #include "client/clock.h"
 #include "client/database.h"
+#include "client/fifo.h"
 #include "client/frame.h"
 #include "client/value_text.h"
 #include "tools/commands.h"

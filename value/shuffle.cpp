@@ -1,23 +1,19 @@
-// Exchanges of bytes, words and units, on any thread; fixed temporaries only.
+// Exchanges of bytes, words and units, on any thread.
 #include "value/shuffle.h"
 
-#include <cstring>
+#include <algorithm>
+#include <utility>
 
 void VSwap(unsigned char& a, unsigned char& b)
 {
-    const unsigned char kept = a;
-    a = b;
-    b = kept;
+    std::swap(a, b);
 }
 
 void SwapMem(void* a, void* b, int n)
 {
     if (n <= 0 || n > MaxUnitBytes || a == b) return;
-    unsigned char kept[MaxUnitBytes];
-    const auto size = static_cast<std::size_t>(n);
-    std::memcpy(kept, a, size);
-    std::memcpy(a, b, size);
-    std::memcpy(b, kept, size);
+    auto* bytes = static_cast<unsigned char*>(a);
+    std::swap_ranges(bytes, bytes + n, static_cast<unsigned char*>(b));
 }
 
 void Reverse(void* buf, int len, int unit)
@@ -31,7 +27,7 @@ void Reverse(void* buf, int len, int unit)
 void ReverseBytes(void* buf, int len)
 {
     auto* bytes = static_cast<unsigned char*>(buf);
-    for (int i = 0; i < len / 2; ++i) VSwap(bytes[i], bytes[len - 1 - i]);
+    if (len > 0) std::reverse(bytes, bytes + len);
 }
 
 void DoByteOrder(void* buf, int code, int len)

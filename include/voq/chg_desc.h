@@ -5,7 +5,7 @@
 //  0     2    operation  see ChangeOp
 //  2     1    bit        bit number: ToggleBit, SetBit, Pulse
 //  3     1    reserved   not read
-//  4     2    format     bits 0-3: value type (see ValueType), of SetBit and Pulse the bit value; bit 14: bounce at a
+//  4     2    format     bits 0-3: value type (see OperandType), of SetBit and Pulse the bit value; bit 14: bounce at a
 //                        limit; bit 15: wrap around at a limit
 //  6     2    size       bytes of one operand; of a Pulse its length in units of 100 ms
 //
@@ -48,7 +48,7 @@ enum class ChangeOp : std::uint16_t {
     BitField = 0x1001,
 };
 
-enum class ValueType : std::uint8_t { Signed = 1, Unsigned = 2, Float = 3, Double = 4 };
+enum class OperandType : std::uint8_t { Signed = 1, Unsigned = 2, Float = 3, Double = 4 };
 
 inline constexpr std::uint16_t CHG_TYPE_MASK = 0x000F;
 inline constexpr std::uint16_t CHG_BOUNCE = 0x4000;

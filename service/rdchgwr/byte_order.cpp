@@ -32,7 +32,7 @@ void operByteOrder(void* buf, int len, int type, int size, RegKey key)
     if (type == 0 || size <= 0) return;
     int codes[3];
     loadByteOrders(codes, key);
-    if (type == static_cast<int>(ValueType::Float)) {
+    if (type == static_cast<int>(OperandType::Float)) {
         if (codes[CLASS_FLOAT] != ORDER_KEEP) OrderGroups(buf, len, codes[CLASS_FLOAT], size);
     } else if (size == 4) {
         OrderGroups(buf, len, codes[CLASS_32_BIT], size);

@@ -8,7 +8,7 @@
 // port's.
 void loadByteOrders(int out[3], RegKey key);
 
-// Reorders the `len` bytes at `buf`, which hold values of a type (ValueType) and an operand size, group by group. The
+// Reorders the `len` bytes at `buf`, which hold values of a type (OperandType) and an operand size, group by group. The
 // last group may reach past `len`: the buffer must hold whole groups. Doubles and single bytes stay as they are.
 void operByteOrder(void* buf, int len, int type, int size, RegKey key);
 

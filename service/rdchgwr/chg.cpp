@@ -39,7 +39,7 @@ struct Change {
     explicit Change(std::span<const unsigned char> desc)
         : head(Load<ChgDesc>(desc.data())),
           operation(static_cast<ChangeOp>(head.operation)),
-          type(static_cast<ValueType>(head.format & CHG_TYPE_MASK)),
+          type(static_cast<OperandType>(head.format & CHG_TYPE_MASK)),
           operands(desc.data() + sizeof(ChgDesc))
     {
     }
@@ -48,14 +48,14 @@ struct Change {
 
     ChgDesc head;
     ChangeOp operation;
-    ValueType type;
+    OperandType type;
     const unsigned char* operands;
 };
 
 bool KnownType(std::uint16_t format)
 {
     const int type = format & CHG_TYPE_MASK;
-    return type >= static_cast<int>(ValueType::Signed) && type <= static_cast<int>(ValueType::Double);
+    return type >= static_cast<int>(OperandType::Signed) && type <= static_cast<int>(OperandType::Double);
 }
 
 bool IsArithmetic(ChangeOp operation)
@@ -174,13 +174,13 @@ bool StepValue(unsigned char* work, const Change& change, const Step<T>& at, boo
 bool DoArithmetic(unsigned char* work, const Change& change, bool add)
 {
     switch (change.type) {
-        case ValueType::Signed:
+        case OperandType::Signed:
             return StepValue(work, change, LoadSignedStep(work, change), add);
-        case ValueType::Unsigned:
+        case OperandType::Unsigned:
             return StepValue(work, change, LoadStep<std::uint32_t>(work, change), add);
-        case ValueType::Float:
+        case OperandType::Float:
             return StepValue(work, change, LoadStep<float>(work, change), add);
-        case ValueType::Double:
+        case OperandType::Double:
             return StepValue(work, change, LoadStep<double>(work, change), add);
     }
     return false;
