@@ -6,8 +6,12 @@
 #include <fstream>
 #include <map>
 #include <set>
-#include <sstream>
-#include <toml.hpp>
+#include <string_view>
+
+// The only file that sees the parser: compiled in as a whole, so that nothing is to be linked.
+#define TOML_HEADER_ONLY 1
+#define TOML_ENABLE_FORMATTERS 0
+#include <toml++/toml.h>
 
 #include "client/error.h"
 #include "client/locked_file.h"
@@ -21,34 +25,42 @@ namespace
 
 constexpr const char* LinkNames[] = {"serial", "can", "ethernet"};  // in the order of the link type's values
 
-[[noreturn]] void Fail(const std::string& file, const toml::value& at, const std::string& text)
+[[noreturn]] void FailAtLine(const std::string& file, std::size_t line, const std::string& text)
 {
-    throw Error(file + ":" + std::to_string(at.location().line()) + ": " + text);
+    throw Error(file + ":" + std::to_string(line) + ": " + text);
+}
+
+std::size_t LineOf(const toml::node& node)
+{
+    return node.source().begin.line;
+}
+
+[[noreturn]] void Fail(const std::string& file, const toml::node& at, const std::string& text)
+{
+    FailAtLine(file, LineOf(at), text);
 }
 
 // One table of the file. Takes its keys one by one; Finish refuses those that nobody took.
 class Table
 {
 public:
-    Table(const toml::value& value, const std::string& file, const char* what) : value_(value), file_(file)
+    Table(const toml::node& node, const std::string& file, const char* what) : table_(node.as_table()), file_(file)
     {
-        if (!value.is_table()) Fail(file, value, std::string(what) + " must be a table");
+        if (table_ == nullptr) Fail(file, node, std::string(what) + " must be a table");
     }
 
-    const toml::value* Take(const char* key)
+    const toml::node* Take(const char* key)
     {
         taken_.insert(key);
-        const auto& table = value_.as_table();
-        const auto found = table.find(key);
-        return found == table.end() ? nullptr : &found->second;
+        return table_->get(key);
     }
 
     std::optional<std::uint32_t> Number(const char* key, std::uint32_t low, std::uint32_t high)
     {
-        const toml::value* value = Take(key);
+        const toml::node* value = Take(key);
         if (value == nullptr) return std::nullopt;
         if (!value->is_integer()) Fail(file_, *value, std::string(key) + " must be an integer");
-        const std::int64_t number = value->as_integer();
+        const std::int64_t number = value->as_integer()->get();
         if (number < low || number > high) {
             Fail(file_, *value,
                  std::string(key) + " " + std::to_string(number) + " is not within " + std::to_string(low) + " to " +
@@ -59,18 +71,18 @@ public:
 
     std::optional<std::string> Text(const char* key)
     {
-        const toml::value* value = Take(key);
+        const toml::node* value = Take(key);
         if (value == nullptr) return std::nullopt;
         if (!value->is_string()) Fail(file_, *value, std::string(key) + " must be a string");
-        return value->as_string().str;
+        return value->as_string()->get();
     }
 
     std::optional<bool> Bool(const char* key)
     {
-        const toml::value* value = Take(key);
+        const toml::node* value = Take(key);
         if (value == nullptr) return std::nullopt;
         if (!value->is_boolean()) Fail(file_, *value, std::string(key) + " must be true or false");
-        return value->as_boolean();
+        return value->as_boolean()->get();
     }
 
     // The place of a string key's value in a list of names.
@@ -89,36 +101,35 @@ public:
 
     [[noreturn]] void FailAt(const char* key, const std::string& text)
     {
-        const toml::value* value = Take(key);
-        Fail(file_, value == nullptr ? value_ : *value, std::string(key) + ": " + text);
+        const toml::node* value = Take(key);
+        Fail(file_, value == nullptr ? *table_ : *value, std::string(key) + ": " + text);
     }
-    [[noreturn]] void FailHere(const std::string& text) const { Fail(file_, value_, text); }
+    [[noreturn]] void FailHere(const std::string& text) const { Fail(file_, *table_, text); }
 
     void Finish() const
     {
         std::map<std::size_t, std::string> unknown;  // by line: the first one is reported
-        for (const auto& [key, value] : value_.as_table()) {
-            if (!taken_.contains(key)) unknown.emplace(value.location().line(), key);
+        for (const auto& [key, value] : *table_) {
+            if (!taken_.contains(key.str())) unknown.emplace(LineOf(value), key.str());
         }
         if (unknown.empty()) return;
-        throw Error(file_ + ":" + std::to_string(unknown.begin()->first) + ": unknown key \"" +
-                    unknown.begin()->second + "\"");
+        FailAtLine(file_, unknown.begin()->first, "unknown key \"" + unknown.begin()->second + "\"");
     }
 
 private:
-    const toml::value& value_;
+    const toml::table* table_;
     const std::string& file_;
-    std::set<std::string> taken_;
+    std::set<std::string_view> taken_;  // of constant texts
 };
 
 // The elements of an array of tables; none when the key is absent.
-std::vector<const toml::value*> Tables(Table& root, const std::string& file, const char* key)
+std::vector<const toml::node*> Tables(Table& root, const std::string& file, const char* key)
 {
-    std::vector<const toml::value*> tables;
-    const toml::value* value = root.Take(key);
+    std::vector<const toml::node*> tables;
+    const toml::node* value = root.Take(key);
     if (value == nullptr) return tables;
     if (!value->is_array()) Fail(file, *value, std::string(key) + " must be written as [[" + key + "]]");
-    for (const toml::value& element : value->as_array()) tables.push_back(&element);
+    for (const toml::node& element : *value->as_array()) tables.push_back(&element);
     return tables;
 }
 
@@ -190,9 +201,9 @@ void ReadLine(Table& table, ComInfoRecord& port)
     if (const auto value = table.Number("tcp_port", 0, 0xFFFF)) SetParaWord(port, 0, *value);
 }
 
-ComInfoRecord ReadPort(const toml::value& value, const std::string& file)
+ComInfoRecord ReadPort(const toml::node& node, const std::string& file)
 {
-    Table table(value, file, "port");
+    Table table(node, file, "port");
     const auto record = table.Text("record");
     const auto link = table.Choice("link", LinkNames);
     if (!link && !record) table.FailHere("link is missing");
@@ -240,7 +251,7 @@ voq::RegisterFields ReadFields(Table& table)
     fields.convpara = table.Number("convpara", 0, 0xFFFFFFFF).value_or(0);
     fields.bigEndian = table.Bool("big_endian").value_or(false);
     fields.bcd = table.Bool("bcd").value_or(false);
-    const toml::value* priority = table.Take("priority");
+    const toml::node* priority = table.Take("priority");
     if (priority != nullptr && priority->is_string()) {
         if (table.Text("priority") != "each") table.FailAt("priority", "must be \"each\", 0, 1, 3 or 10");
         fields.priority = 0;
@@ -260,9 +271,9 @@ voq::RegisterFields ReadFields(Table& table)
     return fields;
 }
 
-void ReadRegister(const toml::value& value, const std::string& file, ProjectText& text)
+void ReadRegister(const toml::node& node, const std::string& file, ProjectText& text)
 {
-    Table table(value, file, "register");
+    Table table(node, file, "register");
     const auto name = table.Text("name");
     if (name && !ValidName(*name)) {
         table.FailAt("name",
@@ -289,12 +300,12 @@ void ReadRegister(const toml::value& value, const std::string& file, ProjectText
     text.types.push_back(reg.type);
 }
 
-ProjectText ReadProject(const toml::value& value, const std::string& file)
+ProjectText ReadProject(const toml::node& node, const std::string& file)
 {
     ProjectText text;
-    Table root(value, file, "the file");
+    Table root(node, file, "the file");
     text.project.byteOrder = static_cast<std::uint16_t>(root.Number("byte_order", 0, 0xFFFF).value_or(0));
-    for (const toml::value* port : Tables(root, file, "port")) {
+    for (const toml::node* port : Tables(root, file, "port")) {
         const ComInfoRecord record = ReadPort(*port, file);
         for (const ComInfoRecord& other : text.project.ports) {
             if (other.portNo == record.portNo && other.linkType == record.linkType) {
@@ -304,17 +315,9 @@ ProjectText ReadProject(const toml::value& value, const std::string& file)
         text.project.ports.push_back(record);
     }
     if (text.project.ports.empty()) throw Error(file + ": there is no [[port]]");
-    for (const toml::value* reg : Tables(root, file, "register")) ReadRegister(*reg, file, text);
+    for (const toml::node* reg : Tables(root, file, "register")) ReadRegister(*reg, file, text);
     root.Finish();
     return text;
-}
-
-// The first line of a parser's message, without its mark and the name of the function that found the error.
-std::string FirstLine(const std::string& message)
-{
-    std::size_t begin = message.starts_with("[error] ") ? 8 : 0;
-    if (message.compare(begin, 6, "toml::") == 0) begin = message.find(": ", begin) + 2;
-    return message.substr(begin, message.find('\n') - begin);
 }
 
 }  // namespace
@@ -329,15 +332,9 @@ std::optional<std::size_t> ProjectText::Find(std::string_view name) const
 ProjectText ParseProjectToml(const std::string& text, const std::string& file)
 {
     try {
-        std::istringstream stream(text);
-        const toml::value root = toml::parse(stream, file);
-        return ReadProject(root, file);
-    } catch (const toml::exception& error) {
-        throw Error(file + ":" + std::to_string(error.location().line()) + ": " + FirstLine(error.what()));
-    } catch (const Error&) {
-        throw;
-    } catch (const std::exception& error) {
-        throw Error(file + ": " + FirstLine(error.what()));
+        return ReadProject(toml::parse(text, file), file);
+    } catch (const toml::parse_error& error) {
+        FailAtLine(file, error.source().begin.line, error.what());
     }
 }
 
