@@ -7,6 +7,7 @@
 #include <map>
 #include <set>
 #include <string_view>
+#include <utility>
 
 // The only file that sees the parser: compiled in as a whole, so that nothing is to be linked.
 #define TOML_HEADER_ONLY 1
@@ -14,8 +15,8 @@
 #include <toml++/toml.h>
 
 #include "client/error.h"
-#include "client/locked_file.h"
 #include "tools/project_fields.h"
+#include "tools/project_limits.h"
 
 using voq::Bytes;
 using voq::Error;
@@ -201,6 +202,14 @@ void ReadLine(Table& table, ComInfoRecord& port)
     if (const auto value = table.Number("tcp_port", 0, 0xFFFF)) SetParaWord(port, 0, *value);
 }
 
+// A project in the making, and what of it must not come twice.
+struct Reading {
+    ProjectText text;
+    std::set<std::string, std::less<>> names;
+    std::set<std::uint32_t> numbers;                         // of ports
+    std::set<std::pair<std::uint8_t, std::uint16_t>> ports;  // link and number
+};
+
 ComInfoRecord ReadPort(const toml::node& node, const std::string& file)
 {
     Table table(node, file, "port");
@@ -271,7 +280,7 @@ voq::RegisterFields ReadFields(Table& table)
     return fields;
 }
 
-void ReadRegister(const toml::node& node, const std::string& file, ProjectText& text)
+void ReadRegister(const toml::node& node, const std::string& file, Reading& reading)
 {
     Table table(node, file, "register");
     const auto name = table.Text("name");
@@ -279,11 +288,12 @@ void ReadRegister(const toml::node& node, const std::string& file, ProjectText& 
         table.FailAt("name",
                      "\"" + *name + "\" must begin with a letter and hold letters, digits, \"_\", \".\", \"-\"");
     }
-    if (name && text.Find(*name)) table.FailAt("name", "there is a register \"" + *name + "\" already");
+    if (name && !name->empty() && !reading.names.insert(*name).second)
+        table.FailAt("name", "there is a register \"" + *name + "\" already");
     const voq::RegisterFields fields = ReadFields(table);
     table.Finish();
-    const auto& ports = text.project.ports;
-    if (fields.port && !KnownPort(ports, *fields.port)) {
+    const auto& ports = reading.text.project.ports;
+    if (fields.port && *fields.port != REG_PORT_LOCAL && !reading.numbers.contains(*fields.port)) {
         table.FailAt("port", "no port has the number " + std::to_string(*fields.port));
     }
     if (!fields.addr) table.FailHere("address is missing");
@@ -295,29 +305,29 @@ void ReadRegister(const toml::node& node, const std::string& file, ProjectText& 
     } catch (const Error& error) {
         table.FailHere(error.what());
     }
-    text.project.registers.push_back(reg.key);
-    text.names.push_back(name.value_or(""));
-    text.types.push_back(reg.type);
+    reading.text.project.registers.push_back(reg.key);
+    reading.text.names.push_back(name.value_or(""));
+    reading.text.types.push_back(reg.type);
 }
 
 ProjectText ReadProject(const toml::node& node, const std::string& file)
 {
-    ProjectText text;
+    Reading reading;
+    voq::Project& project = reading.text.project;
     Table root(node, file, "the file");
-    text.project.byteOrder = static_cast<std::uint16_t>(root.Number("byte_order", 0, 0xFFFF).value_or(0));
+    project.byteOrder = static_cast<std::uint16_t>(root.Number("byte_order", 0, 0xFFFF).value_or(0));
     for (const toml::node* port : Tables(root, file, "port")) {
         const ComInfoRecord record = ReadPort(*port, file);
-        for (const ComInfoRecord& other : text.project.ports) {
-            if (other.portNo == record.portNo && other.linkType == record.linkType) {
-                Fail(file, *port, "there is a port of this link and number already");
-            }
+        if (!reading.ports.emplace(record.linkType, record.portNo).second) {
+            Fail(file, *port, "there is a port of this link and number already");
         }
-        text.project.ports.push_back(record);
+        reading.numbers.insert(record.portNo);
+        project.ports.push_back(record);
     }
-    if (text.project.ports.empty()) throw Error(file + ": there is no [[port]]");
-    for (const toml::node* reg : Tables(root, file, "register")) ReadRegister(*reg, file, text);
+    if (project.ports.empty()) throw Error(file + ": there is no [[port]]");
+    for (const toml::node* reg : Tables(root, file, "register")) ReadRegister(*reg, file, reading);
     root.Finish();
-    return text;
+    return std::move(reading.text);
 }
 
 }  // namespace
@@ -331,6 +341,7 @@ std::optional<std::size_t> ProjectText::Find(std::string_view name) const
 
 ProjectText ParseProjectToml(const std::string& text, const std::string& file)
 {
+    CheckProjectLimits(text, file);
     try {
         return ReadProject(toml::parse(text, file), file);
     } catch (const toml::parse_error& error) {
@@ -344,8 +355,8 @@ ProjectText LoadProjectToml(const std::string& file)
     std::string text;
     for (char block[16384]; stream.read(block, sizeof block), stream.gcount() > 0;) {
         text.append(block, static_cast<std::size_t>(stream.gcount()));
-        if (text.size() > voq::MaxFileBytes) throw Error(file + ": too long for a project's description");
+        if (text.size() > MaxDescriptionBytes) break;
     }
-    if (!stream.eof()) throw Error(file + ": cannot be read");
+    if (!stream.eof() && text.size() <= MaxDescriptionBytes) throw Error(file + ": cannot be read");
     return ParseProjectToml(text, file);
 }

@@ -2,7 +2,10 @@
 // of registers and projects.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <ctime>
+#include <limits>
 #include <random>
 
 #include "client/db_check.h"
@@ -11,6 +14,7 @@
 #include "client/prepare.h"
 #include "client/value_text.h"
 #include "tools/commands.h"
+#include "tools/project_limits.h"
 #include "voq/rt_item.h"
 
 using voq::Bytes;
@@ -256,6 +260,60 @@ TEST(Project, ErrorsNameFileAndLine)
         const std::string error = ErrorOf([&] { ParseProjectToml(each.first, "t"); });
         EXPECT_TRUE(error.starts_with(each.second)) << each.first << "\n" << error;
     }
+}
+
+std::string Repeated(std::size_t times, const char* text)
+{
+    std::string result;
+    while (times-- > 0) result += text;
+    return result;
+}
+
+TEST(Project, ForeignDescriptionsAreBounded)
+{
+    const std::pair<std::string, const char*> bad[] = {
+        {"\nx = " + std::string(20000, '['), "t:2: more than 8 brackets"},
+        {"x = " + Repeated(20000, "{a="), "t:1: more than 8 brackets"},
+        {Repeated(200000, "a.") + "a = 1", "t:1: a dotted key"},
+        {"[" + Repeated(200000, "a.") + "a]", "t:1: a text of "},
+        {"[[a.b]]", "t:1: [a.b] is unknown"},
+        {std::string(300, 'a') + " = 1", "t:1: a text of 300 bytes"},
+        {"x = \"" + std::string(300, 'a') + '"', "t:1: a text of 300 bytes"},
+        {Repeated(MaxDescriptionBytes / 2, "#\n") + "\n", "t: longer than "},
+        // Where strings end decides what is a key.
+        {"x = \"\"\"a\n\"\"\"\"\"\na.b = 1", "t:3: a dotted key"},
+        {"x = '\\'\na.b = 1", "t:2: a dotted key"},
+        {"x = \"\\\"\"\na.b = 1", "t:2: a dotted key"},
+        {"x = [ 1.5, {a = '.', b.c = 1} ]", "t:1: a dotted key"},
+    };
+    for (const auto& each : bad) {
+        const std::string error = ErrorOf([&] { ParseProjectToml(each.first, "t"); });
+        EXPECT_TRUE(error.starts_with(each.second)) << each.first.substr(0, 80) << "\n" << error;
+    }
+    const std::string odd =
+        "# \"[[[[[[[[[ ' a.b\nport = [{link = 'can', number = 1}]\n [[ register ]] # ]\nname = \"\"\"a.b\"\"\"\n"
+        "station = 1\narea = 1\ntype = \"u16\"\naddress = 1\n";
+    EXPECT_EQ(ParseProjectToml(odd, "t").Find("a.b"), 0u);
+}
+
+// Ten times the registers may take 25 times the time, far from the hundred of a search for each.
+TEST(Project, ManyNamesAreNoQuadraticSearch)
+{
+    const auto clocksFor = [](int registers) {
+        std::string text = "[[port]]\nlink = \"can\"\nnumber = 1\n";
+        for (int i = 0; i < registers; ++i) {
+            text += "[[register]]\nname = \"r" + std::to_string(i) +
+                    "\"\nstation = 1\narea = 4\ntype = \"u16\"\naddress = 1\n";
+        }
+        std::clock_t least = std::numeric_limits<std::clock_t>::max();
+        for (int i = 0; i < 3; ++i) {
+            const std::clock_t begin = std::clock();
+            ParseProjectToml(text, "t");
+            least = std::min(least, std::clock() - begin);
+        }
+        return least;
+    };
+    EXPECT_LT(clocksFor(50000), 25 * clocksFor(5000));
 }
 
 }  // namespace
