@@ -5,6 +5,7 @@
 
 #include "client/db_check.h"
 #include "tools/commands.h"
+#include "tools/printable.h"
 
 int Check(const PortOptions& options, bool quiet)
 {
@@ -19,17 +20,18 @@ int Check(const PortOptions& options, bool quiet)
         findings = voq::CheckSnapshot(snapshot);
         if (!voq::HasViolation(findings)) break;
     }
+    const std::string dir = Printable(target.port.Dir());
     const bool broken = voq::HasViolation(findings);
     for (const voq::Finding& finding : findings) {
         const bool violation = finding.severity == voq::Severity::Violation;
         if (quiet && !violation) continue;
-        std::printf("%s %s%s offset %llu: %s\n", violation ? "broken" : "note  ", target.port.Dir().c_str(),
-                    finding.file.c_str(), static_cast<unsigned long long>(finding.offset), finding.text.c_str());
+        std::printf("%s %s%s offset %llu: %s\n", violation ? "broken" : "note  ", dir.c_str(), finding.file.c_str(),
+                    static_cast<unsigned long long>(finding.offset), finding.text.c_str());
     }
     if (!quiet || broken) {
-        std::printf("%s: %u record(s), %zu group(s), %llu data bytes: %s\n", target.port.Dir().c_str(),
-                    snapshot.org.RecordsInFile(), voq::ParseIndex(snapshot.index).size(),
-                    static_cast<unsigned long long>(snapshot.dataSize), broken ? "broken" : "sound");
+        std::printf("%s: %u record(s), %zu group(s), %llu data bytes: %s\n", dir.c_str(), snapshot.org.RecordsInFile(),
+                    voq::ParseIndex(snapshot.index).size(), static_cast<unsigned long long>(snapshot.dataSize),
+                    broken ? "broken" : "sound");
     }
     return broken ? ExitNegative : ExitOk;
 }

@@ -11,6 +11,7 @@
 #include "client/prepare.h"
 #include "client/register.h"
 #include "tools/commands.h"
+#include "tools/printable.h"
 #include "tools/write_file.h"
 #include "voq/reg_range.h"
 
@@ -72,12 +73,12 @@ int ProjectPrepare(const std::string& file, std::uint16_t index, std::string dir
         throw voq::Error(file + ": " + error.what());
     }
     for (const RegKey& key : prepared.refused) {
-        std::fprintf(stderr, "voqctl: left out, as the service does: %s takes %u bytes, more than %u\n",
-                     voq::Expression({key, voq::TypeOfSize(RegElemSize(&key))}).c_str(), GetRegBuffLen(&key),
-                     MaxRegionBytes);
+        Complain("left out, as the service does: " + voq::Expression({key, voq::TypeOfSize(RegElemSize(&key))}) +
+                 " takes " + std::to_string(GetRegBuffLen(&key)) + " bytes, more than " +
+                 std::to_string(MaxRegionBytes));
     }
     WriteSet(directory, prepared.files);
-    std::printf("%s: port %u, %u record(s), %zu group(s), %llu data bytes\n", directory.c_str(),
+    std::printf("%s: port %u, %u record(s), %zu group(s), %llu data bytes\n", Printable(directory).c_str(),
                 unsigned{project.ports[index].portNo}, prepared.files.org.RecordsInFile(), prepared.files.maps.size(),
                 static_cast<unsigned long long>(prepared.files.dataSize));
     return ExitOk;

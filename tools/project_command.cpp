@@ -4,6 +4,7 @@
 #include "client/locked_file.h"
 #include "client/project.h"
 #include "tools/commands.h"
+#include "tools/printable.h"
 #include "tools/write_file.h"
 
 int ProjectBuild(const std::string& toml, const std::string& output)
@@ -11,7 +12,7 @@ int ProjectBuild(const std::string& toml, const std::string& output)
     const ProjectText text = LoadProjectToml(toml);
     const voq::Bytes bytes = voq::BuildProject(text.project);
     ReplaceFile(output, bytes);
-    std::printf("%s: %zu bytes, %zu port(s), %zu register(s)\n", output.c_str(), bytes.size(),
+    std::printf("%s: %zu bytes, %zu port(s), %zu register(s)\n", Printable(output).c_str(), bytes.size(),
                 text.project.ports.size(), text.project.registers.size());
     return ExitOk;
 }
@@ -32,6 +33,6 @@ int ProjectShow(const std::string& file)
     const voq::Project project = LoadProjectFile(file);
     std::size_t skipped = 0;
     std::fputs(WriteProjectToml(project, skipped).c_str(), stdout);
-    if (skipped != 0) std::fprintf(stderr, "voqctl: %zu register(s) cannot be built and are comments\n", skipped);
+    if (skipped != 0) Complain(std::to_string(skipped) + " register(s) cannot be built and are comments");
     return ExitOk;
 }

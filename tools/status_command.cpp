@@ -6,6 +6,7 @@
 #include "client/port_status.h"
 #include "client/value_text.h"
 #include "tools/commands.h"
+#include "tools/printable.h"
 
 namespace
 {
@@ -18,7 +19,7 @@ bool WatchdogMoves(const Target& target, double seconds)
     const auto first = voq::ReadWatchdog(target.port, target.index);
     std::printf("watchdog    ");
     if (!first) {
-        std::printf("no counter in %s\n", target.port.Srw().c_str());
+        std::printf("no counter in %s\n", Printable(target.port.Srw()).c_str());
         return false;
     }
     std::printf("%u", *first);
@@ -53,7 +54,7 @@ std::string StationsText(const std::optional<std::vector<std::uint8_t>>& off)
 
 void Print(const voq::PortDir& port, const voq::PortStatus& status)
 {
-    std::printf("directory   %s\n", port.Dir().c_str());
+    std::printf("directory   %s\n", Printable(port.Dir()).c_str());
     std::printf("timeout     %s\n", status.timeout ? "set" : "not set");
     std::printf("comerror    %s\n", status.comerror ? "set" : "not set");
     std::printf("guififo     %s\n", FifoText(status.gui));

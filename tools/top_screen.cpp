@@ -10,6 +10,7 @@
 #include <ctime>
 
 #include "client/value_text.h"
+#include "tools/printable.h"
 
 namespace
 {
@@ -101,7 +102,7 @@ std::string RangeLine(const TopModel& model, const TopRange& range, bool selecte
 
 void PutLine(int row, const std::string& text)
 {
-    if (row < LINES) mvaddnstr(row, 0, text.c_str(), COLS);
+    if (row < LINES) mvaddnstr(row, 0, Printable(text).c_str(), COLS);
 }
 
 }  // namespace

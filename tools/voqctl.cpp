@@ -13,6 +13,7 @@
 #include <functional>
 
 #include "tools/commands.h"
+#include "tools/printable.h"
 
 namespace
 {
@@ -219,7 +220,7 @@ int Finished(int status, int failure)
 {
     errno = 0;
     if ((std::fflush(stdout) == 0 && std::ferror(stdout) == 0) || OutputHasNoReader()) return status;
-    std::fprintf(stderr, "voqctl: standard output: %s\n", errno != 0 ? std::strerror(errno) : "not all was written");
+    Complain(std::string("standard output: ") + (errno != 0 ? std::strerror(errno) : "not all was written"));
     return status == ExitOk ? failure : status;
 }
 
@@ -231,7 +232,7 @@ int main(int argc, char** argv)
     CLI::App app{"voqctl: project files, registers and the register database of voq"};
     app.require_subcommand(1);
     app.failure_message(
-        [](const CLI::App*, const CLI::Error& error) { return "voqctl: " + std::string(error.what()) + "\n"; });
+        [](const CLI::App*, const CLI::Error& error) { return "voqctl: " + Printable(error.what()) + "\n"; });
     Options options;
     Chosen chosen;
     AddProject(app, options, chosen);
@@ -248,10 +249,10 @@ int main(int argc, char** argv)
     try {
         return Finished(chosen.run(), chosen.failure);
     } catch (const UsageError& error) {
-        std::fprintf(stderr, "voqctl: %s\n", error.what());
+        Complain(error.what());
         return ExitUsage;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "voqctl: %s\n", error.what());
+        Complain(error.what());
         return chosen.failure;
     }
 }
