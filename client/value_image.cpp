@@ -138,6 +138,12 @@ constexpr Float Largest = std::numeric_limits<Float>::max();
 
 }  // namespace
 
+bool NeedsByteOrder(const Register& reg)
+{
+    return reg.type.kind != ValueKind::Bit && reg.type.kind != ValueKind::Raw &&
+           (reg.key.flag & REG_FLAG_BIG_ENDIAN) == 0;
+}
+
 ValueCoding CodingOf(const Register& reg, std::uint16_t byteOrder)
 {
     ValueCoding coding{reg.type, OrderOfWord(reg.type.kind, byteOrder), false};

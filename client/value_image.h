@@ -27,6 +27,10 @@ struct ValueCoding {
     std::size_t ElemBytes() const { return type.elemSize == 0 ? 1 : type.elemSize; }
 };
 
+// True when the bytes of an element mean nothing before it is known how the PLC lays them out: a number of more than
+// one byte without the big-endian flag.
+bool NeedsByteOrder(const Register& reg);
+
 ValueCoding CodingOf(const Register& reg, std::uint16_t byteOrder);
 
 // True when the service, computing with an element, takes its bytes as the coding does.

@@ -9,6 +9,7 @@
 #include "client/one_shot.h"
 #include "client/value_text.h"
 #include "tools/commands.h"
+#include "tools/printable.h"
 #include "tools/stop.h"
 #include "voq/chg_desc.h"
 #include "voq/reg_range.h"
@@ -37,7 +38,7 @@ auto Checked(const std::string& what, Build build)
 
 int Failed(int status, const std::string& what, const std::string& sentence)
 {
-    std::fprintf(stderr, "voqctl: %s: %s\n", what.c_str(), sentence.c_str());
+    Complain(what + ": " + sentence);
     return status;
 }
 
@@ -108,6 +109,7 @@ int Read(const PortOptions& port, const OneShotOptions& options)
 {
     const Target target = Resolve(port);
     const voq::Register reg = ResolveRegister(target, options.what);
+    if (ByteOrderMissing(target, reg)) NoteByteOrder();
     const voq::ValueCoding coding = voq::CodingOf(reg, ByteOrderOf(target, reg.key));
     return AskService(
         target, port, options, 0, [&](std::uint16_t fileno) { return voq::ReadFrame(reg.key, fileno); },
@@ -125,6 +127,7 @@ int Write(const PortOptions& port, const OneShotOptions& options, const std::vec
 {
     const Target target = Resolve(port);
     const voq::Register reg = ResolveRegister(target, options.what);
+    RequireByteOrder(target, reg, options.what);
     const Bytes image = Checked(options.what, [&] {
         if (values.size() != reg.key.width) {
             throw voq::Error("the range has " + std::to_string(reg.key.width) + " element(s), " +
@@ -141,6 +144,7 @@ int Change(const PortOptions& port, const OneShotOptions& options, const voq::Ch
 {
     const Target target = Resolve(port);
     const voq::Register reg = ResolveRegister(target, options.what);
+    RequireByteOrder(target, reg, options.what);
     const voq::ChangeRequest request =
         Checked(options.what, [&] { return voq::BuildChange(reg, ByteOrderOf(target, reg.key), change); });
     return AskChange(target, port, options, 0, request, [&](const Bytes& value) {
@@ -155,6 +159,7 @@ int Pulse(const PortOptions& port, const OneShotOptions& options, const PulseOpt
 {
     const Target target = Resolve(port);
     const voq::Register reg = ResolveRegister(target, options.what);
+    RequireByteOrder(target, reg, options.what);
     const voq::ChangeRequest request = Checked(options.what, [&] {
         return voq::BuildPulse(reg, ByteOrderOf(target, reg.key), pulse.bit, pulse.value != 0, pulse.milliseconds);
     });

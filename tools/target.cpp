@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "client/value_image.h"
+#include "tools/printable.h"
 #include "voq/reg_range.h"
 
 using voq::LinkFromByte;
@@ -142,4 +144,22 @@ std::uint16_t ByteOrderOf(const Target& target, const RegKey& key)
         if (Is(port, target.port)) return port.byteOrder;
     }
     return 0;
+}
+
+bool ByteOrderMissing(const Target& target, const voq::Register& reg)
+{
+    return !target.byteOrder && !target.project && voq::NeedsByteOrder(reg);
+}
+
+void RequireByteOrder(const Target& target, const voq::Register& reg, const std::string& what)
+{
+    if (!ByteOrderMissing(target, reg)) return;
+    throw UsageError(what + ": nothing says how the PLC lays out the bytes of a " + voq::TypeName(reg.type) +
+                     ": give --project or --byte-order (0: lowest byte first), big_endian in the expression, or take " +
+                     "raw:" + std::to_string(reg.type.elemSize));
+}
+
+void NoteByteOrder()
+{
+    Complain("nothing says how the PLC lays out bytes (--project, --byte-order): values are shown lowest byte first");
 }

@@ -56,3 +56,10 @@ Described Describe(const Target& target, const RegKey& key);
 
 // The byte-order word for a range: the panel's for its own registers, else the port's; 0 where nothing tells.
 std::uint16_t ByteOrderOf(const Target& target, const RegKey& key);
+
+// True when a range's values hang on a byte-order word and neither the project nor an option gives one.
+bool ByteOrderMissing(const Target& target, const voq::Register& reg);
+// For what changes a value: throws UsageError when the word is missing.
+void RequireByteOrder(const Target& target, const voq::Register& reg, const std::string& what);
+// For what shows a value: says on standard error that the word is missing.
+void NoteByteOrder();

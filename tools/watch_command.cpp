@@ -15,6 +15,7 @@
 #include "client/frame.h"
 #include "client/value_text.h"
 #include "tools/commands.h"
+#include "tools/printable.h"
 #include "tools/stop.h"
 #include "voq/reg_range.h"
 
@@ -79,7 +80,7 @@ public:
             try {
                 voq::SendFrame(target_.fifo, voq::LogOffFrame(range.reg.key, range.fileno));
             } catch (const std::exception& error) {
-                std::fprintf(stderr, "voqctl: %s is still logged on: %s\n", range.name.c_str(), error.what());
+                Complain(range.name + " is still logged on: " + error.what());
             }
         }
     }
@@ -241,6 +242,8 @@ int Watch(const PortOptions& options, const WatchOptions& watch)
 {
     const Target target = Resolve(options);
     std::vector<Watched> ranges = ResolveRanges(target, watch.what);
+    const auto missing = [&](const Watched& range) { return ByteOrderMissing(target, range.reg); };
+    if (std::any_of(ranges.begin(), ranges.end(), missing)) NoteByteOrder();
     CatchSignals();
     {
         Subscriptions subscriptions(target, ranges);

@@ -80,7 +80,7 @@ def test_bad_driver(what):
             polled(service)
         ORDERS.write_text(f"{command} " + {crashed: "crash", hung: "hang", talked_nonsense: "garbage"}[what])
         if command == "WrOne":
-            status = voqctl("write", "s1:a1:u16@7", 5, "--timeout", 0.3).returncode
+            status = voqctl("write", "--byte-order", 0, "s1:a1:u16@7", 5, "--timeout", 0.3).returncode
             assert status == {crashed: 6, hung: 6, talked_nonsense: 4}[what]
         elif command in ("Init", "Destroy"):
             service.send(b"\xfd\0\0" + com_info(pause=1))

@@ -188,6 +188,40 @@ def test_refused_before_anything_is_sent(start):
     assert {c.command for c in calls} == {service.sim.WRONE} and {c.addr for c in calls} == set(range(1, 2041, 64))
 
 
+def test_without_a_byte_order_word(start):
+    """A number of several bytes is not sent while nothing says how the PLC lays it out; what needs no word is."""
+    service = start(ordered())
+    wait_for(service.sim.quiet, "the first reads")
+    logged, one = service.sim.logged, "s1:a1:u16@1"
+    for arguments in (("write", one, 5), ("write", "s1:a1:double@1", 5), ("change", one, "add", 1),
+                      ("pulse", one, "--bit", 0, "--ms", 100)):
+        done = voqctl(*arguments)
+        assert (done.returncode, done.stdout) == (2, "") and "give --project or --byte-order" in done.stderr, done
+    assert service.sim.logged == logged
+    described = USER / "one.toml"
+    described.write_text(f'[[port]]\nlink = "serial"\nnumber = 1\nbyte_order = {WORD}\n')
+    for what, arguments in ((one, ("--byte-order", WORD)), (one, ("--project", described)),
+                            (one + ",big_endian", ()), ("s1:a1:raw:2@1", ())):
+        service.sim.set(Key(1), b"\7\7")
+        assert voqctl("write", *arguments, what, "0001").stdout == "written\n"
+        assert service.sim.value(Key(1)) == b"\0\1", what
+    assert voqctl("write", "s1:a1:bit@1", 1).stdout == "written\n"
+    done = voqctl("read", one)
+    assert done.stdout == "256\n" and "values are shown lowest byte first" in done.stderr
+    assert voqctl("read", "--byte-order", WORD, one).stderr == voqctl("read", one + ",big_endian").stderr == ""
+
+
+def test_control_characters_do_not_reach_the_terminal():
+    foreign = USER / "foreign\x1b[2J.toml"
+    foreign.write_text('[[port]]\nlink = "grüß\\u001b[31m\\u009b\\n"\nnumber = 1\n')
+    described = r'foreign\x1b[2J.toml:2: link: "grüß\x1b[31m\xc2\x9b\x0a" is none of'
+    for command, text in ((("project", "build", foreign, "-o", USER / "x"), described),
+                          (("status", "--dir", USER, "--project", foreign), described),
+                          (("status", "--dir", USER, "more\x1b"), r"more\x1b")):
+        done = subprocess.run(program("voqctl", *command), capture_output=True, text=True)
+        assert done.returncode != 0 and text in done.stderr and done.stderr[:-1].isprintable(), done.stderr
+
+
 def test_watch(start):
     service = start(ordered(pause=1), [Key(0, 2), Key(0, 1)])
     wait_for(lambda: all(n.state == 1 for n in service.chain()), "first values")
@@ -297,7 +331,7 @@ def test_failures_and_late_answers(start):
     sim.fail(sim.HANG)
     assert "no answer within 300 ms; the service may still carry" in ctl("read", "--timeout", 0.3, what, status=6)
     wait_for(lambda: sim.hanging, "the driver in the read")
-    process = begin("write", what, 9)
+    process = begin("write", "--byte-order", 0, what, 9)
     wait_for(lambda: any(name.startswith("rtData") for name in left_over(service)), "a listed write")
     process.send_signal(signal.SIGINT)
     assert b"interrupted" in process.communicate(timeout=20 * SLOW)[1] and process.returncode == 128 + signal.SIGINT
