@@ -22,7 +22,7 @@ def own_memory(pid):
             if found := re.match(r"([0-9a-f]+)-\S+ (\S)(\S)\S+ \S+ \S+ \d+ *(.*)", line):
                 address, readable, writable, name = int(found[1], 16), *found.groups()[1:]
                 behind = not name and kind == "data and heap"  # uninitialised data, and under the emulator the heap
-                kind = ("data and heap" if name in (f"{BUILD}/bin/voq", "[heap]") or behind else
+                kind = ("data and heap" if name.endswith("/bin/voq") or name == "[heap]" or behind else
                         "libraries" if name.startswith("/") else "stacks")
                 counted = GUEST <= address < GUEST + SPACE and readable == "r"
             elif counted and line.startswith("Size:" if kind == "data and heap" and writable == "w" else "Anonymous:"):
