@@ -76,8 +76,7 @@ std::optional<OrgNode> OrgFile::Record(std::uint32_t offset) const
 
 std::uint32_t OrgFile::RecordsInFile() const
 {
-    if (bytes.size() < sizeof(OrgHeader)) return 0;
-    return static_cast<std::uint32_t>((bytes.size() - sizeof(OrgHeader)) / sizeof(OrgNode));
+    return OrgRecordsIn(bytes.size());
 }
 
 Chain WalkChain(const OrgFile& org)
@@ -112,23 +111,6 @@ std::vector<IndexItem> ParseIndex(const Bytes& bytes)
 std::vector<MapItem> ParseMap(const Bytes& bytes)
 {
     return ParseRecords<MapItem>(bytes);
-}
-
-std::uint64_t GroupId(const IndexItem& item)
-{
-    return std::uint64_t{item.plcno} | std::uint64_t{item.regid} << 16 | std::uint64_t{item.subaddr} << 32 |
-           std::uint64_t{item.layout} << 48 | std::uint64_t{item.flagbit} << 56;
-}
-
-std::uint64_t GroupId(const RegKey& key)
-{
-    IndexItem item = {};
-    item.plcno = key.plcno;
-    item.regid = key.regid;
-    item.subaddr = SubaddrLow(key);
-    item.layout = key.layout;
-    item.flagbit = GroupFlag(key) ? 1 : 0;
-    return GroupId(item);
 }
 
 std::uint32_t FindRange(const PortDir& port, const RegKey& key)

@@ -45,10 +45,6 @@ Chain WalkChain(const OrgFile& org);
 std::vector<IndexItem> ParseIndex(const Bytes& bytes);
 std::vector<MapItem> ParseMap(const Bytes& bytes);
 
-// The group as one number, equal for equal groups.
-std::uint64_t GroupId(const RegKey& key);
-std::uint64_t GroupId(const IndexItem& item);
-
 // Org file offset of the range's record: through the index and the group's map file, or along the group when the map
 // does not list the range yet. 0 when the range has no record.
 std::uint32_t FindRange(const PortDir& port, const RegKey& key);

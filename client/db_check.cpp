@@ -69,13 +69,7 @@ std::string GroupText(const IndexItem& item)
 
 std::string GroupText(const RegKey& key)
 {
-    IndexItem item = {};
-    item.plcno = key.plcno;
-    item.regid = key.regid;
-    item.layout = key.layout;
-    item.subaddr = SubaddrLow(key);
-    item.flagbit = GroupFlag(key) ? 1 : 0;
-    return GroupText(item);
+    return GroupText(IndexEntryOf(key, 0));
 }
 
 void Checker::CheckHeader()
@@ -116,7 +110,7 @@ void Checker::CheckLinks()
     }
     // An insertion that could not be finished leaves its record behind, and the bytes of its value.
     for (std::uint32_t i = 0; i < files.org.RecordsInFile(); ++i) {
-        const std::uint32_t offset = OrgFirstRecord + i * static_cast<std::uint32_t>(sizeof(OrgNode));
+        const std::uint32_t offset = OrgRecordOffset(i);
         if (!place.contains(offset)) Note("org", offset, "the record is not on the chain");
     }
 }
@@ -126,12 +120,12 @@ void Checker::CheckGroups()
     for (std::size_t i = 0; i < chain.records.size(); ++i) {
         const auto& [offset, node] = chain.records[i];
         if (i == 0 || !SameGroup(chain.records[i - 1].node.key, node.key)) {
-            if (!runs.emplace(GroupId(node.key), Run{i, 1}).second) {
+            if (!runs.emplace(GroupNumber(node.key), Run{i, 1}).second) {
                 Bad("org", offset, "the group is not one run of the chain: " + GroupText(node.key));
             }
             continue;
         }
-        ++runs[GroupId(node.key)].count;
+        ++runs[GroupNumber(node.key)].count;
         const RegKey& before = chain.records[i - 1].node.key;
         const int order = NodeCompare(before, node.key);
         if (order == 0) Bad("org", offset, "the range is there twice: " + RangeText(node.key));
@@ -187,11 +181,11 @@ void Checker::CheckIndex()
     for (std::size_t i = 0; i < items.size(); ++i) {
         const IndexItem& item = items[i];
         const std::uint64_t offset = i * sizeof(IndexItem);
-        if (!seen.emplace(GroupId(item), i).second) {
+        if (!seen.emplace(GroupNumber(item), i).second) {
             Bad("index", offset, "a second entry for the group: " + GroupText(item));
             continue;
         }
-        const auto run = runs.find(GroupId(item));
+        const auto run = runs.find(GroupNumber(item));
         if (run == runs.end()) {
             Bad("index", offset, "no record is of the entry's group: " + GroupText(item));
             continue;
@@ -247,7 +241,7 @@ void Checker::CheckMapEntries(const std::string& name, const std::vector<MapItem
             continue;
         }
         const RegKey& key = chain.records[at->second].node.key;
-        if (entry.addr != key.addr || entry.width != key.width || entry.subaddrhi != SubaddrHigh(key)) {
+        if (entry != MapEntryOf(key, entry.offset)) {
             Bad(name, offset, "does not name the range of record " + Str(entry.offset) + ": " + RangeText(key));
         }
         if (at->second < next) Bad(name, offset, "record " + Str(entry.offset) + " is not in chain order");
@@ -262,7 +256,7 @@ bool SameStructure(const OrgFile& a, const OrgFile& b)
     const OrgHeader ha = a.Header(), hb = b.Header();
     if (std::memcmp(&ha, &hb, sizeof ha) != 0) return false;
     for (std::uint32_t i = 0; i < a.RecordsInFile(); ++i) {
-        const std::uint32_t offset = OrgFirstRecord + i * static_cast<std::uint32_t>(sizeof(OrgNode));
+        const std::uint32_t offset = OrgRecordOffset(i);
         const OrgNode x = *a.Record(offset), y = *b.Record(offset);
         if (std::memcmp(&x.key, &y.key, sizeof x.key) != 0) return false;
         if (x.dataoffset != y.dataoffset || x.prev != y.prev || x.next != y.next) return false;

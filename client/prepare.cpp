@@ -22,11 +22,8 @@ struct Table {
     std::vector<IndexItem> index;
     std::uint64_t dataSize = 0;
 
-    OrgNode& At(std::uint32_t offset) { return nodes[(offset - OrgFirstRecord) / sizeof(OrgNode)]; }
-    std::uint32_t NextOffset() const
-    {
-        return static_cast<std::uint32_t>(OrgFirstRecord + nodes.size() * sizeof(OrgNode));
-    }
+    OrgNode& At(std::uint32_t offset) { return nodes[OrgRecordNumber(offset)]; }
+    std::uint32_t NextOffset() const { return OrgRecordOffset(static_cast<std::uint32_t>(nodes.size())); }
 };
 
 IndexItem* FindGroup(Table& table, const RegKey& key)
@@ -68,8 +65,7 @@ void Register(Table& table, const RegKey& key, const Stamp& stamp)
     if (group != nullptr && !FindPlace(table, *group, key, before)) return;
     const std::uint32_t here = table.NextOffset();
     if (group == nullptr) {
-        table.index.push_back({key.plcno, key.regid, SubaddrLow(key), key.layout,
-                               static_cast<std::uint8_t>(GroupFlag(key) ? 1 : 0), here, 0});
+        table.index.push_back(IndexEntryOf(key, here));
     } else if (before == group->first) {
         group->first = here;
     }
@@ -89,8 +85,7 @@ Bytes MapOf(Table& table, IndexItem& group)
     Bytes map;
     group.mapcount = 0;
     for (std::uint32_t at = group.first; at != 0 && IndexMatches(group, table.At(at).key); at = table.At(at).next) {
-        const RegKey& key = table.At(at).key;
-        PutRecord(map, map.size(), MapItem{key.addr, key.width, SubaddrHigh(key), at});
+        PutRecord(map, map.size(), MapEntryOf(table.At(at).key, at));
         ++group.mapcount;
     }
     return map;

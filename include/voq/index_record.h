@@ -46,17 +46,42 @@ struct MapItem {
     std::uint16_t width;
     std::uint16_t subaddrhi;
     std::uint32_t offset;
+
+    bool operator==(const MapItem&) const = default;
 };
 
 static_assert(sizeof(MapItem) == 12 && std::is_trivially_copyable_v<MapItem>);
 static_assert(offsetof(MapItem, addr) == 0 && offsetof(MapItem, width) == 4);
 static_assert(offsetof(MapItem, subaddrhi) == 6 && offsetof(MapItem, offset) == 8);
 
+// The entry of the key's group, whose first record lies at `first`; nothing written to its map yet.
+constexpr IndexItem IndexEntryOf(const RegKey& key, std::uint32_t first)
+{
+    const std::uint8_t flagbit = GroupFlag(key) ? 1 : 0;
+    return {key.plcno, key.regid, SubaddrLow(key), key.layout, flagbit, first, 0};
+}
+
+// The map record of a range whose record lies at `offset`.
+constexpr MapItem MapEntryOf(const RegKey& key, std::uint32_t offset)
+{
+    return {key.addr, key.width, SubaddrHigh(key), offset};
+}
+
+// A group as one number: equal for equal groups, and for no others.
+constexpr std::uint64_t GroupNumber(const IndexItem& item)
+{
+    return std::uint64_t{item.plcno} << 48 | std::uint64_t{item.regid} << 32 | std::uint64_t{item.subaddr} << 16 |
+           std::uint64_t{item.layout} << 8 | item.flagbit;
+}
+constexpr std::uint64_t GroupNumber(const RegKey& key)
+{
+    return GroupNumber(IndexEntryOf(key, 0));
+}
+
 // True when the entry is the key's group.
 constexpr bool IndexMatches(const IndexItem& item, const RegKey& key)
 {
-    return item.plcno == key.plcno && item.regid == key.regid && item.subaddr == SubaddrLow(key) &&
-           item.layout == key.layout && item.flagbit == (GroupFlag(key) ? 1 : 0);
+    return GroupNumber(item) == GroupNumber(key);
 }
 
 inline constexpr std::size_t MapNameBytes = 32;

@@ -60,6 +60,22 @@ static_assert(offsetof(OrgNode, prev) == 48 && offsetof(OrgNode, next) == 52);
 inline constexpr std::uint32_t OrgFirstRecord = sizeof(OrgHeader);
 inline constexpr std::uint32_t OrgNone = 0xFFFFFFFF;
 
+// Records are numbered from 0, in the order of the file. A number and the offset at which the record lies:
+constexpr std::uint32_t OrgRecordNumber(std::uint32_t offset)
+{
+    return (offset - OrgFirstRecord) / sizeof(OrgNode);
+}
+constexpr std::uint32_t OrgRecordOffset(std::uint32_t number)
+{
+    return OrgFirstRecord + number * std::uint32_t{sizeof(OrgNode)};
+}
+
+// Whole records in an org file of `fileSize` bytes.
+constexpr std::uint32_t OrgRecordsIn(std::uint64_t fileSize)
+{
+    return fileSize < OrgFirstRecord ? 0 : static_cast<std::uint32_t>((fileSize - OrgFirstRecord) / sizeof(OrgNode));
+}
+
 // True when an offset is that of a whole record in an org file of `fileSize` bytes.
 constexpr bool OrgOffsetValid(std::uint32_t offset, std::uint64_t fileSize)
 {

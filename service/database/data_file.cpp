@@ -26,7 +26,7 @@ std::int32_t AddDataToFile(const void* buffer, std::uint32_t size)
 Copied Copy2DataFile(const OrgNode& node, const RegKey& sourceKey, const void* source, std::uint32_t length)
 {
     const std::uint32_t size = GetRegBuffLen(&node.key);
-    const std::uint64_t skip = std::uint64_t{node.key.addr - sourceKey.addr} * UnitBytes(node.key);
+    const std::uint64_t skip = BytesBefore(sourceKey, node.key.addr);
     if (node.key.addr < sourceKey.addr || skip + size > length) return Copied::Outside;
     WorkFile file;
     if (!file.OpenRW(DataFileName)) return Copied::Failed;

@@ -58,11 +58,6 @@ bool OpenIndexRW(WorkFile& file)
     std::puts("open index error");
     return false;
 }
-
-bool OfGroup(const OrgNode& node, const IndexItem& item)
-{
-    return IndexMatches(item, node.key);
-}
 }  // namespace
 
 int FindIndex(const RegKey* key, std::uint32_t* first)
@@ -107,18 +102,11 @@ bool AddIndexItem(const RegKey* key, std::uint32_t first)
 {
     WorkFile file;
     if (!file.OpenRW(IndexFileName)) return false;
-    IndexItem item{};
-    item.plcno = key->plcno;
-    item.regid = key->regid;
-    item.subaddr = SubaddrLow(*key);
-    item.layout = key->layout;
-    item.flagbit = GroupFlag(*key) ? 1 : 0;
-    item.first = first;
     const std::uint32_t size = file.Size();
     if (size == UINT32_MAX) return false;  // an entry at that place would leave a gap of 4 GB to be searched
     // Behind the last whole entry: a remainder is no entry, and one written behind it would never be read.
     const std::uint32_t end = size / EntryBytes * EntryBytes;
-    if (WriteEntry(file, end, item)) return true;
+    if (WriteEntry(file, end, IndexEntryOf(*key, first))) return true;
     static_cast<void>(file.Truncate(end));
     return false;
 }
@@ -155,13 +143,13 @@ std::uint32_t GetOrgOffset(RegKey key)
     OrgWalk at(file, first);
     for (; at.Valid(); at.Next()) {
         const RegKey& range = at.Node().key;
-        // Narrower than the group: another second address word or group bit is passed over.
-        if (range.plcno != key.plcno || range.regid != key.regid || range.layout != key.layout) {
+        // Not the group: records with another second address word or group bit are passed over.
+        if (!SameStationArea(range, key)) {
             std::printf("*VOQ*ORG LIST NOT FIND, plcno=%d, regid=%d, addr=%d,width=%d\r\n", key.plcno, key.regid,
                         static_cast<int>(key.addr), key.width);
             return 0;
         }
-        if (NodeCompare(range, key) == 0 && range.subaddr == key.subaddr && GroupFlag(range) == GroupFlag(key)) {
+        if (SameRangeAndSubaddr(range, key)) {
             std::printf("*VOQ*Find list,Offset=%x\r\n", at.Offset());
             return at.Offset();
         }
@@ -188,9 +176,8 @@ std::uint32_t RefrashIndexMap(IndexItem item)
     WorkFile map;
     if (!map.Create(path)) return 0;
     std::uint32_t written = 0;
-    for (OrgWalk at(org, item.first); at.Valid() && OfGroup(at.Node(), item); at.Next()) {
-        const RegKey& range = at.Node().key;
-        const MapItem entry{range.addr, range.width, SubaddrHigh(range), at.Offset()};
+    for (OrgWalk at(org, item.first); at.Valid() && IndexMatches(item, at.Node().key); at.Next()) {
+        const MapItem entry = MapEntryOf(at.Node().key, at.Offset());
         if (!map.WriteRecord(written * sizeof entry, entry)) {
             std::printf("*VOQ*index map %s: record %u not written\r\n", path, written);
             return 0;

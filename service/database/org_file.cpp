@@ -25,11 +25,6 @@ Page Pages[1 + KeptPages];
 OrgNode Records[1 + KeptPages][PageRecords];
 std::uint32_t LastRead;  // number of a page, NoPage when none has been read
 
-std::uint32_t RecordNumber(std::uint32_t offset)
-{
-    return (offset - OrgFirstRecord) / sizeof(OrgNode);
-}
-
 std::uint32_t KeptPlace(std::uint32_t page)
 {
     return 1 + page % KeptPages;
@@ -57,7 +52,7 @@ void ReadPage(const WorkFile& file, std::uint32_t size, std::uint32_t record)
     const bool inOrder = LastRead == NoPage || number == LastRead + 1;
     const std::uint32_t place = inOrder ? 0 : KeptPlace(number);
     LastRead = number;
-    const std::uint32_t start = OrgFirstRecord + number * std::uint32_t{sizeof Records[0]};
+    const std::uint32_t start = OrgRecordOffset(number * PageRecords);
     const std::size_t got =
         file.ReadSome(start, Records[place], std::min<std::size_t>(sizeof Records[0], size - start));
     Pages[place] = {number, static_cast<std::uint32_t>(got / sizeof(OrgNode))};
@@ -66,7 +61,7 @@ void ReadPage(const WorkFile& file, std::uint32_t size, std::uint32_t record)
 // What was read of the record before it was written.
 void Renew(std::uint32_t offset, const OrgNode& node)
 {
-    const std::uint32_t number = RecordNumber(offset);
+    const std::uint32_t number = OrgRecordNumber(offset);
     for (const std::uint32_t place : {0u, KeptPlace(number / PageRecords)}) {
         if (OrgNode* record = InPlace(place, number)) *record = node;
     }
@@ -74,7 +69,7 @@ void Renew(std::uint32_t offset, const OrgNode& node)
 
 void Forget(std::uint32_t offset)
 {
-    for (const std::uint32_t place : {0u, KeptPlace(RecordNumber(offset) / PageRecords)}) Pages[place] = {};
+    for (const std::uint32_t place : {0u, KeptPlace(OrgRecordNumber(offset) / PageRecords)}) Pages[place] = {};
 }
 }  // namespace
 
@@ -102,7 +97,7 @@ void OrgFile::Measure()
 bool OrgFile::ReadNode(std::uint32_t offset, OrgNode& node)
 {
     if (Holds(offset)) {
-        const std::uint32_t number = RecordNumber(offset);
+        const std::uint32_t number = OrgRecordNumber(offset);
         const OrgNode* record = InPage(number);
         if (record == nullptr) {
             ReadPage(file_, size_, number);
@@ -145,8 +140,7 @@ bool OrgFile::WriteNode(std::uint32_t offset, const OrgNode& node)
 
 std::uint32_t OrgFile::AppendOffset() const
 {
-    if (size_ < OrgFirstRecord) return OrgFirstRecord;
-    return size_ - (size_ - OrgFirstRecord) % sizeof(OrgNode);
+    return OrgRecordOffset(OrgRecordsIn(size_));
 }
 
 OrgWalk::OrgWalk(OrgFile& file, std::uint32_t first) : file_(file), stepsLeft_(file.MostRecords())

@@ -307,10 +307,10 @@ void UpdateOrgAfterWrite(const RegKey& key, std::uint32_t length, const void* da
     if (FindIndex(&key, &first) != 0 || first == 0 || first == OrgNone) return;
     OrgFile file;
     if (!file.OpenRW()) return;
-    const std::uint32_t end = key.addr + key.width;
+    const std::uint32_t end = WriteEnd(key);
     for (OrgWalk at(file, first); at.Valid() && SameGroup(at.Node().key, key); at.Next()) {
         const RegKey& range = at.Node().key;
-        if (range.addr >= key.addr && range.addr + range.width <= end) StoreValue(file, at, key, data, length);
+        if (range.addr >= key.addr && WriteEnd(range) <= end) StoreValue(file, at, key, data, length);
         if (end <= range.addr) return;
     }
 }

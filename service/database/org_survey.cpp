@@ -51,27 +51,6 @@ bool Unreadable(OrgSurvey& survey)
     return false;
 }
 
-std::uint32_t RecordNumber(std::uint32_t offset)
-{
-    return (offset - OrgFirstRecord) / sizeof(OrgNode);
-}
-
-std::uint64_t GroupIdentity(std::uint64_t plcno, std::uint64_t regid, std::uint64_t layout, std::uint64_t subaddr,
-                            std::uint64_t flagbit)
-{
-    return plcno << 48 | regid << 32 | subaddr << 16 | layout << 8 | flagbit;
-}
-
-std::uint64_t Identity(const RegKey& key)
-{
-    return GroupIdentity(key.plcno, key.regid, key.layout, SubaddrLow(key), GroupFlag(key) ? 1 : 0);
-}
-
-std::uint64_t Identity(const IndexItem& item)
-{
-    return GroupIdentity(item.plcno, item.regid, item.layout, item.subaddr, item.flagbit);
-}
-
 bool ReadOrg(OrgSurvey& survey)
 {
     WorkFile file;
@@ -80,11 +59,11 @@ bool ReadOrg(OrgSurvey& survey)
     survey.empty = size < OrgFirstRecord;
     if (survey.empty) return false;
     if (size == UINT32_MAX || !file.ReadRecord(0, survey.header)) return Unreadable(survey);
-    const std::uint32_t count = (size - OrgFirstRecord) / sizeof(OrgNode);
+    const std::uint32_t count = OrgRecordsIn(size);
     if (count > MostCheckedRecords) return Fault(survey, "more records than are ever kept", size);
     survey.records.resize(count);
     survey.changed.resize(count);
-    survey.wholeBytes = OrgFirstRecord + count * sizeof(OrgNode);
+    survey.wholeBytes = OrgRecordOffset(count);
     survey.mends.cutRecord = survey.wholeBytes != size;
     if (count > 0 && !file.ReadAt(OrgFirstRecord, survey.records.data(), count * sizeof(OrgNode))) {
         return Unreadable(survey);
@@ -120,8 +99,8 @@ bool FirstRecordLost(const OrgSurvey& survey)
 bool LinkToTailLost(const OrgSurvey& survey, const std::vector<bool>& seen, std::uint32_t end)
 {
     const std::uint32_t tail = survey.header.tail;
-    if (!OrgOffsetValid(tail, survey.wholeBytes) || seen[RecordNumber(tail)]) return false;
-    const OrgNode& record = survey.records[RecordNumber(tail)];
+    if (!OrgOffsetValid(tail, survey.wholeBytes) || seen[OrgRecordNumber(tail)]) return false;
+    const OrgNode& record = survey.records[OrgRecordNumber(tail)];
     return record.prev == end && record.next == 0;
 }
 
@@ -136,7 +115,7 @@ bool FollowChain(OrgSurvey& survey)
     }
     for (std::uint32_t offset = survey.header.head; offset != 0;) {
         if (!OrgOffsetValid(offset, survey.wholeBytes)) return Fault(survey, "a link to no record", offset);
-        const std::uint32_t number = RecordNumber(offset);
+        const std::uint32_t number = OrgRecordNumber(offset);
         if (seen[number]) return Fault(survey, "a link back into the chain", offset);
         seen[number] = true;
         OrgNode& record = survey.records[number];
@@ -158,7 +137,7 @@ bool FollowChain(OrgSurvey& survey)
     }
     const std::uint32_t tail = survey.header.tail;
     if (survey.header.count > survey.chain.size() && OrgOffsetValid(tail, survey.wholeBytes) &&
-        !seen[RecordNumber(tail)]) {
+        !seen[OrgRecordNumber(tail)]) {
         return Fault(survey, "a chain that ends before its tail", prev);
     }
     return true;
@@ -170,9 +149,9 @@ bool FindGroups(OrgSurvey& survey, GroupOrder& order)
     const OrgNode* last = nullptr;
     for (std::uint32_t chained = 0; chained < survey.chain.size(); ++chained) {
         const std::uint32_t offset = survey.chain[chained];
-        const OrgNode& record = survey.records[RecordNumber(offset)];
+        const OrgNode& record = survey.records[OrgRecordNumber(offset)];
         if (last == nullptr || !SameGroup(last->key, record.key)) {
-            order.emplace_back(Identity(record.key), static_cast<std::uint32_t>(survey.groups.size()));
+            order.emplace_back(GroupNumber(record.key), static_cast<std::uint32_t>(survey.groups.size()));
             survey.groups.push_back({record.key, offset, chained, 0});
         } else if (NodeCompare(last->key, record.key) != 1) {
             return Fault(survey, "a record out of order", offset);
@@ -205,7 +184,7 @@ bool CheckRegions(OrgSurvey& survey)
     std::vector<std::pair<std::uint32_t, std::uint32_t>> regions;  // where it lies, whose it is
     std::uint64_t need = have;
     for (const std::uint32_t offset : survey.chain) {
-        OrgNode& record = survey.records[RecordNumber(offset)];
+        OrgNode& record = survey.records[OrgRecordNumber(offset)];
         const std::uint32_t size = GetRegBuffLen(&record.key);
         const std::uint64_t end = std::uint64_t{record.dataoffset} + size;
         if (size == 0) continue;
@@ -213,7 +192,7 @@ bool CheckRegions(OrgSurvey& survey)
         regions.emplace_back(record.dataoffset, offset);
         if (end > have && record.state != 0) {
             record.state = 0;
-            survey.changed[RecordNumber(offset)] = true;
+            survey.changed[OrgRecordNumber(offset)] = true;
         }
         need = std::max(need, end);
     }
@@ -221,7 +200,7 @@ bool CheckRegions(OrgSurvey& survey)
     survey.mends.regions = need > have;
     std::sort(regions.begin(), regions.end());
     for (std::size_t i = 1; i < regions.size(); ++i) {
-        const OrgNode& before = survey.records[RecordNumber(regions[i - 1].second)];
+        const OrgNode& before = survey.records[OrgRecordNumber(regions[i - 1].second)];
         if (std::uint64_t{before.dataoffset} + GetRegBuffLen(&before.key) > regions[i].first) {
             return Fault(survey, "a region inside another", regions[i].second);
         }
@@ -243,12 +222,7 @@ bool MapWhole(const OrgSurvey& survey, const IndexItem& item, const OrgGroup& gr
     if (!file.OpenRO(path) || file.Size() != size || !file.ReadAt(0, map.data(), size)) return false;
     for (std::uint32_t i = 0; i < group.length; ++i) {
         const std::uint32_t offset = survey.chain[group.chained + i];
-        const RegKey& key = survey.records[RecordNumber(offset)].key;
-        const MapItem& entry = map[i];
-        if (entry.addr != key.addr || entry.width != key.width || entry.subaddrhi != SubaddrHigh(key) ||
-            entry.offset != offset) {
-            return false;
-        }
+        if (map[i] != MapEntryOf(survey.records[OrgRecordNumber(offset)].key, offset)) return false;
     }
     return true;
 }
@@ -268,7 +242,7 @@ bool CheckIndex(OrgSurvey& survey, const GroupOrder& order)
     std::vector<IndexItem> index;
     for (std::size_t i = 0; i < survey.index.size(); ++i) {
         IndexItem item = survey.index[i];
-        const OrgGroup* group = FindGroup(survey, order, Identity(item));
+        const OrgGroup* group = FindGroup(survey, order, GroupNumber(item));
         if (group == nullptr) {
             return Fault(survey, "an index entry of no group", static_cast<std::uint32_t>(i * sizeof(IndexItem)));
         }
@@ -284,9 +258,7 @@ bool CheckIndex(OrgSurvey& survey, const GroupOrder& order)
     survey.index = std::move(index);
     for (std::size_t i = 0; i < survey.groups.size(); ++i) {
         if (indexed[i]) continue;
-        const RegKey& key = survey.groups[i].key;
-        survey.index.push_back({key.plcno, key.regid, SubaddrLow(key), key.layout,
-                                static_cast<std::uint8_t>(GroupFlag(key) ? 1 : 0), survey.groups[i].first, 0});
+        survey.index.push_back(IndexEntryOf(survey.groups[i].key, survey.groups[i].first));
         survey.mends.index = survey.mends.maps = true;
     }
     return true;
