@@ -9,7 +9,7 @@
 #include "arch/clock.h"
 #include "comm/marker.h"
 #include "comm/plc_driver.h"
-#include "database/org_list.h"
+#include "database/write_through.h"
 #include "state/com_state.h"
 #include "state/counters.h"
 #include "voq/reg_range.h"

@@ -4,4 +4,4 @@
 
 #include "arch/lock.h"
 
-extern Mutex DatabaseLock;
+inline Mutex DatabaseLock;

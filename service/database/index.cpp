@@ -1,12 +1,12 @@
-// The index file and the index map files, on any thread under the register database lock.
+// The index file, on any thread under the register database lock.
 // May wait for a client's file lock and for the disk; never allocates beyond the streams themselves.
 #include "database/index.h"
 
 #include <algorithm>
 #include <cstdio>
 
-#include "arch/fs.h"
 #include "arch/work_file.h"
+#include "database/index_map.h"
 #include "database/org_file.h"
 #include "state/paths.h"
 
@@ -78,7 +78,7 @@ int FindIndex(const RegKey* key, std::uint32_t* first)
         case Search::Found:
             break;
     }
-    // Handed on, these would read as "empty index" and "new group", and the database would be written over.
+    // The two values tell the caller "empty index" and "new group": it would write over the database.
     if (item.first == 0 || item.first == OrgNone) {
         std::printf("*VOQ*index file %s damaged: entry at offset %u names no record\r\n", IndexFileName, position);
         return -1;
@@ -104,7 +104,7 @@ bool AddIndexItem(const RegKey* key, std::uint32_t first)
     if (!file.OpenRW(IndexFileName)) return false;
     const std::uint32_t size = file.Size();
     if (size == UINT32_MAX) return false;  // an entry at that place would leave a gap of 4 GB to be searched
-    // Behind the last whole entry: a remainder is no entry, and one written behind it would never be read.
+    // The new entry begins where the last whole one ends: behind half an entry no lookup would find it.
     const std::uint32_t end = size / EntryBytes * EntryBytes;
     if (WriteEntry(file, end, IndexEntryOf(*key, first))) return true;
     static_cast<void>(file.Truncate(end));
@@ -159,35 +159,6 @@ std::uint32_t GetOrgOffset(RegKey key)
                     static_cast<int>(key.addr), key.regid);
     }
     return OrgNone;
-}
-
-std::uint32_t RefrashIndexMap(IndexItem item)
-{
-    char name[MapNameBytes];
-    char path[PathBytes + MapNameBytes];
-    if (!MapFileName(item, name, sizeof name)) return 0;
-    std::snprintf(path, sizeof path, "%s%s", DataDir, name);
-    OrgFile org;
-    if (!org.OpenRO()) {
-        std::printf("*VOQ*open file %s error!!!\r\n", OrgFileName);
-        return 0;
-    }
-    const bool fresh = !FileExists(path);
-    WorkFile map;
-    if (!map.Create(path)) return 0;
-    std::uint32_t written = 0;
-    for (OrgWalk at(org, item.first); at.Valid() && IndexMatches(item, at.Node().key); at.Next()) {
-        const MapItem entry = MapEntryOf(at.Node().key, at.Offset());
-        if (!map.WriteRecord(written * sizeof entry, entry)) {
-            std::printf("*VOQ*index map %s: record %u not written\r\n", path, written);
-            return 0;
-        }
-        map.Sync();
-        ++written;
-    }
-    // The index is about to say that the map is there.
-    if (fresh) SyncDirectory(DataDir);
-    return written;
 }
 
 int FindIndexAndRefresh(const RegKey* key)

@@ -1,4 +1,4 @@
-// The index file (one entry per group) and the index map files (a group's ranges for the clients).
+// The index file: one entry per group.
 // Any thread; the register database lock is held, or taken by GetOrgOffset and InitIndexMap.
 #pragma once
 
@@ -25,11 +25,8 @@ void DropLastIndexItem() VOQ_REQUIRES(DatabaseLock);
 // file error, a damaged chain, or when the chain ends first.
 std::uint32_t GetOrgOffset(RegKey key) VOQ_EXCLUDES(DatabaseLock);
 
-// Rewrites one group's map file. Returns the number of map records, 0 on failure.
-std::uint32_t RefrashIndexMap(IndexItem item) VOQ_REQUIRES(DatabaseLock);
-
-// Rewrites the map file of the key's group and its mapcount. 1 when the entry was found, else 0.
+// Rewrites the map file of the key's group and the mapcount of its entry. 1 when the entry was found, else 0.
 int FindIndexAndRefresh(const RegKey* key) VOQ_REQUIRES(DatabaseLock);
 
-// Rewrites every map file; start-up.
+// Rewrites every map file and every mapcount; start-up.
 void InitIndexMap() VOQ_EXCLUDES(DatabaseLock);

@@ -8,12 +8,13 @@
 
 namespace
 {
-// Records read since the file was opened, a page at a time. One org file is open at a time, under the register database
-// lock. The first page, and one that follows the page read last, goes to the first place and the next such page takes
-// it over: a walk in the order of the file stays within bytes that the processor has at hand. A chain follows the order
-// of the ranges, and may come back to each part of the file many times: any other page is kept in a place of its own.
+// The records read since the file was opened, in pages of records that lie side by side in the file. One org file is
+// open at a time, under the register database lock, so one set of pages serves all.
+// Place 0 holds the page read first, then each page that follows the page read last: a walk in the order of the file
+// uses this place alone, and stays within bytes that the processor has at hand. Every other page is kept in a place
+// that its number gives: a chain in the order of the ranges may come back to each part of the file many times.
 constexpr std::uint32_t PageRecords = 256;
-constexpr std::uint32_t KeptPages = 64;  // 16384 records; a longer file shares the places
+constexpr std::uint32_t KeptPages = 64;  // for 16384 records; the pages of a longer file share the places
 constexpr std::uint32_t NoPage = 0xFFFFFFFF;
 
 struct Page {
@@ -30,7 +31,7 @@ std::uint32_t KeptPlace(std::uint32_t page)
     return 1 + page % KeptPages;
 }
 
-// The record in that place, nullptr when it is not there.
+// The record as the page in `place` holds it; nullptr when another page is there.
 OrgNode* InPlace(std::uint32_t place, std::uint32_t record)
 {
     const Page& page = Pages[place];
@@ -38,14 +39,14 @@ OrgNode* InPlace(std::uint32_t place, std::uint32_t record)
     return there ? &Records[place][record % PageRecords] : nullptr;
 }
 
-// The record, nullptr when it has not been read.
+// The record as it was read; nullptr when no page holds it.
 const OrgNode* InPage(std::uint32_t record)
 {
     const OrgNode* found = InPlace(0, record);
     return found != nullptr ? found : InPlace(KeptPlace(record / PageRecords), record);
 }
 
-// Of a file of `size` bytes, which hold the record.
+// Reads the page that holds the record. `size`: bytes in the file, the record among them.
 void ReadPage(const WorkFile& file, std::uint32_t size, std::uint32_t record)
 {
     const std::uint32_t number = record / PageRecords;
@@ -58,7 +59,7 @@ void ReadPage(const WorkFile& file, std::uint32_t size, std::uint32_t record)
     Pages[place] = {number, static_cast<std::uint32_t>(got / sizeof(OrgNode))};
 }
 
-// What was read of the record before it was written.
+// Brings the pages that hold the record up to what has just been written to the file.
 void Renew(std::uint32_t offset, const OrgNode& node)
 {
     const std::uint32_t number = OrgRecordNumber(offset);
@@ -67,6 +68,7 @@ void Renew(std::uint32_t offset, const OrgNode& node)
     }
 }
 
+// Drops the pages that hold the record: after a failed write nobody knows what the file holds there.
 void Forget(std::uint32_t offset)
 {
     for (const std::uint32_t place : {0u, KeptPlace(OrgRecordNumber(offset) / PageRecords)}) Pages[place] = {};

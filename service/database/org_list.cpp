@@ -1,31 +1,36 @@
 // The org list, on the service threads and the main thread, under the register database lock.
-// Every record that an operation is going to change is read and checked before its first write; the writes then go from
-// the new record towards the header, so that one cut short leaves a chain that is whole (the first record of all
-// follows its header). A new record is on the disk before anything names it: whatever else a power cut takes, the chain
-// leads through whole records only.
+// An operation reads and checks every record that it is going to change before its first write. It writes the new
+// record first, then the links to that record, then the header: an operation cut short leaves a whole chain. Only the
+// first record of all is written after its header. A new record is on the disk before a link names it, so that the
+// chain leads through whole records whatever else a power cut takes.
 #include "database/org_list.h"
 
-#include <algorithm>
 #include <cstdio>
-#include <iterator>
 
 #include "arch/clock.h"
 #include "database/data_file.h"
 #include "database/index.h"
+#include "database/place_hint.h"
 #include "state/paths.h"
 #include "voq/reg_range.h"
-#include "voq/rt_item.h"
 
 namespace
 {
 unsigned char ZeroBlock[MaxRegionBytes];  // source of every new region; never written
 
-enum class Where { Same, BeforeOwn, BeforeOther, AtEnd, Nowhere };
+// Where a range belongs in the chain.
+enum class Where {
+    Same,         // the range has its record
+    BeforeOwn,    // in front of a record of its group
+    BeforeOther,  // at the end of its group, in front of the next one
+    AtEnd,        // at the end of the chain
+    Nowhere,      // not to be told: the chain is damaged
+};
 
 struct OrgPlace {
     Where where;
-    std::uint32_t offset;  // of the record found or inserted in front of
-    OrgNode record;        // the record there
+    std::uint32_t offset;  // of the range's record, or of the one to insert in front of; 0 for neither
+    OrgNode record;        // the record at `offset`
 };
 
 std::uint16_t FirstLogtimes(OrgMode mode)
@@ -64,56 +69,75 @@ bool ReadLinked(OrgFile& file, std::uint32_t offset, std::uint32_t next, OrgNode
     return node.next == next || Damaged("wrong next link in the record", offset);
 }
 
-bool AppendNode(OrgFile& file, OrgHeader header, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
+// A new record's place in the chain: the records on both sides of it, read and checked before the first write. A link
+// of 0 in the new record means that there is none on that side.
+struct Neighbours {
+    OrgNode ahead{};
+    OrgNode behind{};
+};
+
+// Appends the value region and writes the new record, which nothing names yet, to the disk.
+bool WriteNewRecord(OrgFile& file, std::uint32_t here, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
+{
+    return AddRegion(node) && file.WriteNode(here, node) && file.Sync();
+}
+
+// Makes the neighbours and the header name the new record at `here`. `header`: as it was before.
+bool WriteLinks(OrgFile& file, const OrgHeader& header, std::uint32_t here, const OrgNode& node, Neighbours around)
+{
+    around.behind.prev = around.ahead.next = here;
+    const std::uint32_t head = node.prev == 0 ? here : header.head;
+    const std::uint32_t tail = node.next == 0 ? here : header.tail;
+    return (node.next == 0 || file.WriteNode(node.next, around.behind)) &&
+           (node.prev == 0 || file.WriteNode(node.prev, around.ahead)) &&
+           file.WriteHeader({header.count + 1, head, tail});
+}
+
+bool AppendNode(OrgFile& file, const OrgHeader& header, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
 {
     const std::uint32_t here = file.AppendOffset();
-    OrgNode last;
+    Neighbours around;
     node.prev = header.tail;
     node.next = 0;
-    if (!ReadLinked(file, header.tail, 0, last) || !AddRegion(node)) return false;
-    if (!file.WriteNode(here, node) || !file.Sync()) return false;
-    OrgNode linked = last;
-    linked.next = here;
-    if (file.WriteNode(node.prev, linked) && file.WriteHeader({header.count + 1, header.head, here})) return true;
-    // Left half done, it would keep every later range out until the next start.
-    static_cast<void>(file.WriteNode(node.prev, last));
+    if (!ReadLinked(file, node.prev, 0, around.ahead) || !WriteNewRecord(file, here, node)) return false;
+    if (WriteLinks(file, header, here, node, around)) return true;
+    // A record that is linked by half would keep every later range out until the next start.
+    static_cast<void>(file.WriteNode(node.prev, around.ahead));
     static_cast<void>(file.WriteHeader(header));
     return false;
 }
 
-bool InsertInFront(OrgFile& file, OrgHeader header, std::uint32_t before, OrgNode& node, bool updateIndex)
+// Reads the records on both sides of the place in front of `before`, and sets the new record's links.
+bool ReadNeighbours(OrgFile& file, const OrgHeader& header, std::uint32_t before, OrgNode& node, Neighbours& around)
+{
+    if (!file.ReadNode(before, around.behind)) return false;
+    node.prev = around.behind.prev;
+    node.next = before;
+    if (node.prev != 0) return ReadLinked(file, node.prev, before, around.ahead);
+    return header.head == before || Damaged("wrong previous link in the record", before);
+}
+
+bool InsertInFront(OrgFile& file, const OrgHeader& header, std::uint32_t before, OrgNode& node, bool updateIndex)
     VOQ_REQUIRES(DatabaseLock)
 {
     const std::uint32_t here = file.AppendOffset();
-    OrgNode behind;
-    OrgNode ahead{};
-    if (!file.ReadNode(before, behind)) return false;
-    node.prev = behind.prev;
-    node.next = before;
-    if (node.prev == 0 && header.head != before) return Damaged("wrong previous link in the record", before);
-    if (node.prev != 0 && !ReadLinked(file, node.prev, before, ahead)) return false;
-    // An index entry that lags behind the chain would let a range in a second time.
-    const bool insideGroup = node.prev != 0 && SameGroup(ahead.key, node.key);
-    if (insideGroup && (updateIndex || NodeCompare(ahead.key, node.key) != 1)) {
+    Neighbours around;
+    if (!ReadNeighbours(file, header, before, node, around)) return false;
+    // An index entry that names a later record than its group's first would let a range in a second time.
+    const bool insideGroup = node.prev != 0 && SameGroup(around.ahead.key, node.key);
+    if (insideGroup && (updateIndex || NodeCompare(around.ahead.key, node.key) != 1)) {
         return Damaged("index entry behind the start of its group", before);
     }
-    if (!AddRegion(node) || !file.WriteNode(here, node) || !file.Sync()) return false;
-    OrgNode linkedBehind = behind;
-    OrgNode linkedAhead = ahead;
-    linkedBehind.prev = linkedAhead.next = here;
-    const std::uint32_t head = node.prev == 0 ? here : header.head;
-    if (file.WriteNode(before, linkedBehind) && (node.prev == 0 || file.WriteNode(node.prev, linkedAhead)) &&
-        file.WriteHeader({header.count + 1, head, header.tail}) &&
-        (!updateIndex || UpdateIndex(&node.key, here) == 0)) {
-        return true;
-    }
+    if (!WriteNewRecord(file, here, node)) return false;
+    const bool linked = WriteLinks(file, header, here, node, around);
+    if (linked && (!updateIndex || UpdateIndex(&node.key, here) == 0)) return true;
     static_cast<void>(file.WriteHeader(header));
-    if (node.prev != 0) static_cast<void>(file.WriteNode(node.prev, ahead));
-    static_cast<void>(file.WriteNode(before, behind));
+    if (node.prev != 0) static_cast<void>(file.WriteNode(node.prev, around.ahead));
+    static_cast<void>(file.WriteNode(before, around.behind));
     return false;
 }
 
-// The first record of an empty list, over whatever the file holds in its place.
+// Writes the first record of an empty list, over whatever the file holds where the first record belongs.
 bool WriteFirstRecord(OrgFile& file, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
 {
     if (!AddRegion(node)) return false;
@@ -122,51 +146,6 @@ bool WriteFirstRecord(OrgFile& file, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
     if (file.WriteNode(OrgFirstRecord, node)) return true;
     static_cast<void>(file.WriteHeader({}));
     return false;
-}
-
-// Where the last range of a group went, and the last one near each address: ranges mostly come in ascending order, and
-// the next one belongs right behind; in a list without order the walk from a near one is short. Only places to look at:
-// the record there is read and judged under the lock of the operation that goes by it.
-constexpr std::uint32_t LastPlaces = 4096;  // groups and addresses beyond that share the places
-constexpr std::uint32_t NearAddresses = 8;
-std::uint32_t LastPlace[LastPlaces] VOQ_GUARDED_BY(DatabaseLock);
-
-std::uint32_t& LastPlaceOf(const RegKey& key, std::uint32_t part) VOQ_REQUIRES(DatabaseLock)
-{
-    const std::uint32_t mixed = ((key.regid * 31u + key.plcno) * 31 + key.layout) * 31 + SubaddrLow(key);
-    return LastPlace[((2 * mixed + (GroupFlag(key) ? 1 : 0)) * 31 + part) % LastPlaces];
-}
-
-std::uint32_t& LastPlaceOfGroup(const RegKey& key) VOQ_REQUIRES(DatabaseLock)
-{
-    return LastPlaceOf(key, 0);
-}
-
-std::uint32_t& LastPlaceNear(const RegKey& key) VOQ_REQUIRES(DatabaseLock)
-{
-    return LastPlaceOf(key, 1 + key.addr / NearAddresses);
-}
-
-// Whether the walk to the key's place may begin there: at a record of the group, linked into the chain, that does not
-// sort behind the key.
-bool MayStart(OrgFile& file, const RegKey& key, std::uint32_t place, OrgNode& record)
-{
-    OrgNode ahead;
-    const bool inGroup = file.Holds(place) && file.ReadNode(place, record) && SameGroup(record.key, key);
-    const bool linked = inGroup && file.Holds(record.prev) && file.ReadNode(record.prev, ahead) && ahead.next == place;
-    return linked && NodeCompare(record.key, key) != 2;
-}
-
-// The nearest of the places from which the walk may begin.
-std::uint32_t WalkStart(OrgFile& file, const RegKey& key, std::uint32_t first) VOQ_REQUIRES(DatabaseLock)
-{
-    const std::uint32_t near = LastPlaceNear(key);
-    const std::uint32_t last = LastPlaceOfGroup(key);
-    OrgNode atNear;
-    OrgNode atLast;
-    const bool fromNear = MayStart(file, key, near, atNear);
-    if (last == near || !MayStart(file, key, last, atLast)) return fromNear ? near : first;
-    return fromNear && NodeCompare(atLast.key, atNear.key) == 1 ? near : last;
 }
 
 OrgPlace FindPlace(OrgFile& file, const RegKey& key, std::uint32_t first) VOQ_REQUIRES(DatabaseLock)
@@ -201,7 +180,7 @@ std::uint32_t CountRecord(OrgFile& file, OrgPlace& place, OrgMode mode)
 std::uint32_t AddFirstItem(OrgFile& file, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
 {
     if (!WriteFirstRecord(file, node)) return OrgNone;
-    std::fill(std::begin(LastPlace), std::end(LastPlace), 0u);  // in what the file held before
+    ForgetPlaces();  // the hints are places in the list that the file held before
     file.Sync();
     return OrgFirstRecord;
 }
@@ -210,7 +189,7 @@ std::uint32_t AddNewGroup(OrgFile& file, OrgNode& node) VOQ_REQUIRES(DatabaseLoc
 {
     OrgHeader header;
     if (!file.ReadHeader(header)) return OrgNone;
-    // Index entries, but no record: the entries of an index that outlived its org list.
+    // No record, though the index has entries: it outlived its org list.
     if (header.tail == 0) return AddFirstItem(file, node);
     const std::uint32_t here = file.AppendOffset();
     if (!AppendNode(file, header, node)) return OrgNone;
@@ -249,7 +228,7 @@ std::uint32_t InsertOrgNode(const RegKey& key, std::uint32_t first, OrgMode mode
     const bool own = place.where == Where::BeforeOwn;
     const std::uint32_t here = file.AppendOffset();
     if (!InsertOrgBeforeNode(file, place.offset, node, own && place.offset == first)) return OrgNone;
-    LastPlaceNear(key) = LastPlaceOfGroup(key) = here;
+    NotePlace(key, here);
     if (own) file.Sync();
     file.Close();
     if (mode == OrgMode::LogOn) FindIndexAndRefresh(&key);
@@ -286,31 +265,4 @@ void DropLastOrgItem(std::uint32_t offset)
     }
     static_cast<void>(file.WriteHeader(header));
     file.Sync();
-}
-
-void StoreValue(OrgFile& file, OrgWalk& at, const RegKey& sourceKey, const void* source, std::uint32_t length)
-{
-    OrgNode& record = at.Node();
-    const Copied copied = Copy2DataFile(record, sourceKey, source, length);
-    if (copied == Copied::Outside) return;
-    // State 1 would promise the value.
-    record.state = copied == Copied::Stored ? PLC_SUCCESS : PLC_ERROR;
-    GetCurrentTime(&record.stamp);
-    static_cast<void>(file.WriteNode(at.Offset(), record));
-    file.Sync();
-}
-
-void UpdateOrgAfterWrite(const RegKey& key, std::uint32_t length, const void* data)
-{
-    const MutexLock lock(DatabaseLock);
-    std::uint32_t first = 0;
-    if (FindIndex(&key, &first) != 0 || first == 0 || first == OrgNone) return;
-    OrgFile file;
-    if (!file.OpenRW()) return;
-    const std::uint32_t end = WriteEnd(key);
-    for (OrgWalk at(file, first); at.Valid() && SameGroup(at.Node().key, key); at.Next()) {
-        const RegKey& range = at.Node().key;
-        if (range.addr >= key.addr && WriteEnd(range) <= end) StoreValue(file, at, key, data, length);
-        if (end <= range.addr) return;
-    }
 }

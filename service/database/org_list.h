@@ -1,5 +1,5 @@
 // The org list: the port's persistent register table, and the value region of each range.
-// Runs on the service threads (log-on, log-off) and on the main thread (start-up, write-through, polling write-back).
+// Runs on the service threads (log-on, log-off) and on the main thread (start-up).
 // Every operation holds the register database lock from open to close; clients are kept out by the whole-file lock.
 // May wait for a client's file lock and for the disk; never allocates beyond the streams themselves.
 #pragma once
@@ -33,12 +33,3 @@ std::uint32_t AddItem2OrgList(const RegKey& key, std::uint32_t first, OrgMode mo
 // Takes the record at the end of the chain out again, when its group could not be entered in the index. Its bytes and
 // its region stay in the files, named by nothing.
 void DropLastOrgItem(std::uint32_t offset) VOQ_REQUIRES(DatabaseLock);
-
-// Stores a fresh value in the region of the record that the walk stands on, and stamps the record: state 1, or 3 when
-// the value could not be stored. A record that does not lie inside the `length` bytes at `source` is left alone.
-void StoreValue(OrgFile& file, OrgWalk& at, const RegKey& sourceKey, const void* source, std::uint32_t length)
-    VOQ_REQUIRES(DatabaseLock);
-
-// Carries a value just written to the PLC into every record that lies inside the written range; here a range ends at
-// addr + width, whatever its element size. `length`: bytes at `data`; a value that would reach past them is not copied.
-void UpdateOrgAfterWrite(const RegKey& key, std::uint32_t length, const void* data) VOQ_EXCLUDES(DatabaseLock);

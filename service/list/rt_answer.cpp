@@ -6,7 +6,7 @@
 
 #include "arch/fs.h"
 #include "arch/work_file.h"
-#include "database/org_list.h"
+#include "database/write_through.h"
 #include "list/fast_list.h"
 #include "list/rt_file.h"
 #include "state/com_state.h"

@@ -5,6 +5,7 @@
 
 #include "database/index.h"
 #include "database/org_check.h"
+#include "database/write_through.h"
 #include "list/log_on_off.h"
 #include "memory_files.h"
 #include "state/paths.h"

@@ -1,5 +1,6 @@
 // Everything the service does to the files of its register database, by name.
 #include "database/index.h"
+#include "database/write_through.h"
 #include "oper/fast_pass.h"
 #include "torture.h"
 
