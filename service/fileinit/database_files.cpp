@@ -10,8 +10,8 @@
 #include "arch/clock.h"
 #include "arch/fs.h"
 #include "arch/work_file.h"
+#include "database/check.h"
 #include "database/index.h"
-#include "database/org_check.h"
 #include "database/org_file.h"
 #include "fileinit/init_org.h"
 

@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "database/check.h"
 #include "database/index.h"
-#include "database/org_check.h"
 #include "database/write_through.h"
 #include "list/log_on_off.h"
 #include "memory_files.h"

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "../support/scratch.h"
+#include "database/check.h"
 #include "database/index.h"
-#include "database/org_check.h"
 #include "list/rt_list.h"
 #include "memory_files.h"
 #include "oper/fast_pass.h"

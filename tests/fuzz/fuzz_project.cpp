@@ -4,8 +4,8 @@
 #include <cstring>
 #include <string>
 
+#include "database/check.h"
 #include "database/index.h"
-#include "database/org_check.h"
 #include "fileinit/get_com_info.h"
 #include "fileinit/init_org.h"
 #include "memory_files.h"

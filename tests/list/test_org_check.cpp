@@ -3,8 +3,8 @@
 #include <functional>
 
 #include "arch/work_file.h"
+#include "database/check.h"
 #include "database/index.h"
-#include "database/org_check.h"
 #include "list_fixture.h"
 
 namespace

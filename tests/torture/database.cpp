@@ -4,8 +4,8 @@
 
 #include <ctime>
 
+#include "database/check.h"
 #include "database/index.h"
-#include "database/org_check.h"
 #include "fileinit/database_files.h"
 #include "state/com_state.h"
 #include "torture.h"

@@ -1,11 +1,11 @@
 // Start-up reading and judging of the register database; main thread, writes nothing.
 //
-// Writes of the service go from the new record, which is on the disk before anything names it, towards the header and
-// the index. So an operation cut short leaves a chain of whole records, with or without the new one, and around it a
-// header, a link to or from the new record, an index entry or a map that lags. The first record of all follows its
-// header and may be missing alone. Only such differences are corrected. Whole records outside the chain are what an
-// undone insertion leaves: sound.
-#include "database/org_survey.h"
+// The service writes a new record, which is on the disk before a link names it, then the links, the header and the
+// index entry. An operation cut short therefore leaves a chain of whole records, with or without the new one; a header,
+// a link to or from the new record, an index entry or a map may be as they were before the operation. The first record
+// of all is written after its header, so that record alone may be missing. Only these differences are corrected. Whole
+// records outside the chain are left by insertions that were undone, and are sound.
+#include "database/survey.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -14,6 +14,7 @@
 
 #include "arch/fs.h"
 #include "arch/work_file.h"
+#include "database/index_map.h"
 #include "state/paths.h"
 
 namespace
@@ -21,7 +22,8 @@ namespace
 // Bound of what start-up holds in memory: an org file of 14 MB, and an index entry for each of its records.
 constexpr std::uint32_t MostCheckedRecords = 0x40000;
 
-using GroupOrder = std::vector<std::pair<std::uint64_t, std::uint32_t>>;  // group number by group identity
+// The groups sorted by GroupNumber: that number, and the group's place in the survey.
+using GroupOrder = std::vector<std::pair<std::uint64_t, std::uint32_t>>;
 
 bool Fault(OrgSurvey& survey, const char* what, std::uint32_t offset)
 {
@@ -30,7 +32,7 @@ bool Fault(OrgSurvey& survey, const char* what, std::uint32_t offset)
     return false;
 }
 
-// What a file holds that a power cut left longer than what was written to it.
+// True for a record of zeros: a power cut can leave a file longer than what was written to it, filled with zeros.
 template <typename Record>
 bool AllZero(const Record& record)
 {
@@ -38,7 +40,7 @@ bool AllZero(const Record& record)
     return std::memcmp(&record, &Zero, sizeof record) == 0;
 }
 
-// A record always has a time and a width.
+// True when at most the links of the record were written: each record has a time and a width otherwise.
 bool NeverWritten(OrgNode record)
 {
     record.prev = record.next = 0;
@@ -87,7 +89,7 @@ bool ReadIndex(OrgSurvey& survey)
     return true;
 }
 
-// The first record of all follows its header: a power cut may take the record alone.
+// True when a power cut took the first record of all, which is written after its header.
 bool FirstRecordLost(const OrgSurvey& survey)
 {
     const OrgHeader& header = survey.header;
@@ -95,55 +97,68 @@ bool FirstRecordLost(const OrgSurvey& survey)
     return survey.records.empty() || NeverWritten(survey.records[0]);
 }
 
-// What an append left when a power cut took the link to its record, but not the header behind it.
-bool LinkToTailLost(const OrgSurvey& survey, const std::vector<bool>& seen, std::uint32_t end)
+// True when the header's tail is a record that the chain has not led to.
+bool TailUnseen(const OrgSurvey& survey, const std::vector<bool>& seen)
 {
     const std::uint32_t tail = survey.header.tail;
-    if (!OrgOffsetValid(tail, survey.wholeBytes) || seen[OrgRecordNumber(tail)]) return false;
-    const OrgNode& record = survey.records[OrgRecordNumber(tail)];
+    return OrgOffsetValid(tail, survey.wholeBytes) && !seen[OrgRecordNumber(tail)];
+}
+
+// True when a power cut took the link from the chain's end to an appended record, but not the header behind that link.
+bool LinkToTailLost(const OrgSurvey& survey, const std::vector<bool>& seen, std::uint32_t end)
+{
+    if (!TailUnseen(survey, seen)) return false;
+    const OrgNode& record = survey.records[OrgRecordNumber(survey.header.tail)];
     return record.prev == end && record.next == 0;
 }
 
-// Follows the chain from the head and sets the back links by it.
-bool FollowChain(OrgSurvey& survey)
+void SetLink(OrgSurvey& survey, std::uint32_t offset, std::uint32_t OrgNode::*link, std::uint32_t to)
 {
-    std::vector<bool> seen(survey.records.size());
-    std::uint32_t prev = 0;
-    if (FirstRecordLost(survey)) {
-        survey.header = {};
-        survey.mends.header = true;
-    }
-    for (std::uint32_t offset = survey.header.head; offset != 0;) {
-        if (!OrgOffsetValid(offset, survey.wholeBytes)) return Fault(survey, "a link to no record", offset);
-        const std::uint32_t number = OrgRecordNumber(offset);
-        if (seen[number]) return Fault(survey, "a link back into the chain", offset);
-        seen[number] = true;
-        OrgNode& record = survey.records[number];
-        if (record.prev != prev) {
-            record.prev = prev;
-            survey.changed[number] = survey.mends.links = true;
-        }
-        if (NeverWritten(record)) return Fault(survey, "a record that was never written", offset);
-        survey.chain.push_back(offset);
-        if (record.next == 0 && LinkToTailLost(survey, seen, offset)) {
-            record.next = survey.header.tail;
-            survey.changed[number] = survey.mends.links = true;
-        }
-        prev = offset;
-        offset = record.next;
-    }
-    if (survey.chain.empty() && !survey.records.empty() && !survey.index.empty()) {
-        return Fault(survey, "an index, but no chain", 0);
-    }
-    const std::uint32_t tail = survey.header.tail;
-    if (survey.header.count > survey.chain.size() && OrgOffsetValid(tail, survey.wholeBytes) &&
-        !seen[OrgRecordNumber(tail)]) {
-        return Fault(survey, "a chain that ends before its tail", prev);
+    const std::uint32_t number = OrgRecordNumber(offset);
+    if (survey.records[number].*link == to) return;
+    survey.records[number].*link = to;
+    survey.changed[number] = survey.mends.links = true;
+}
+
+// Puts the record at `offset` behind the last one of the chain, and mends the links between these two and to a lost
+// tail.
+bool AddToChain(OrgSurvey& survey, std::vector<bool>& seen, std::uint32_t offset)
+{
+    if (!OrgOffsetValid(offset, survey.wholeBytes)) return Fault(survey, "a link to no record", offset);
+    const std::uint32_t number = OrgRecordNumber(offset);
+    if (seen[number]) return Fault(survey, "a link back into the chain", offset);
+    if (NeverWritten(survey.records[number])) return Fault(survey, "a record that was never written", offset);
+    seen[number] = true;
+    SetLink(survey, offset, &OrgNode::prev, survey.chain.empty() ? 0 : survey.chain.back());
+    survey.chain.push_back(offset);
+    if (survey.records[number].next == 0 && LinkToTailLost(survey, seen, offset)) {
+        SetLink(survey, offset, &OrgNode::next, survey.header.tail);
     }
     return true;
 }
 
-// Cuts the chain into groups: each one run, ascending.
+// Follows the chain from the head to its end.
+bool FollowChain(OrgSurvey& survey)
+{
+    if (FirstRecordLost(survey)) {
+        survey.header = {};
+        survey.mends.header = true;
+    }
+    std::vector<bool> seen(survey.records.size());
+    for (std::uint32_t offset = survey.header.head; offset != 0;) {
+        if (!AddToChain(survey, seen, offset)) return false;
+        offset = survey.records[OrgRecordNumber(offset)].next;
+    }
+    if (survey.chain.empty() && !survey.records.empty() && !survey.index.empty()) {
+        return Fault(survey, "an index, but no chain", 0);
+    }
+    if (survey.header.count > survey.chain.size() && TailUnseen(survey, seen)) {
+        return Fault(survey, "a chain that ends before its tail", survey.chain.empty() ? 0 : survey.chain.back());
+    }
+    return true;
+}
+
+// Cuts the chain into groups. Each group must be one run of it, in ascending order.
 bool FindGroups(OrgSurvey& survey, GroupOrder& order)
 {
     const OrgNode* last = nullptr;
@@ -171,7 +186,7 @@ const OrgGroup* FindGroup(const OrgSurvey& survey, const GroupOrder& order, std:
     return at != order.end() && at->first == identity ? &survey.groups[at->second] : nullptr;
 }
 
-// No two regions share a byte, and all of them lie where regions can lie.
+// Checks that no two regions share a byte, and that each lies where a region can lie.
 bool CheckRegions(OrgSurvey& survey)
 {
     WorkFile file;
@@ -181,7 +196,7 @@ bool CheckRegions(OrgSurvey& survey)
     if (have == UINT32_MAX) return Unreadable(survey);
     const std::uint64_t most = std::min<std::uint64_t>(
         INT32_MAX, std::max<std::uint64_t>(have, std::uint64_t{survey.records.size()} * MaxRegionBytes));
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> regions;  // where it lies, whose it is
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> regions;  // offset of a region, and of its record
     std::uint64_t need = have;
     for (const std::uint32_t offset : survey.chain) {
         OrgNode& record = survey.records[OrgRecordNumber(offset)];
@@ -208,18 +223,17 @@ bool CheckRegions(OrgSurvey& survey)
     return true;
 }
 
-// A map that lists what its group holds. One that is not there is as it was handed over.
+// True when the map file lists what its group holds. A set that was handed over may come without map files: a missing
+// one is no fault.
 bool MapWhole(const OrgSurvey& survey, const IndexItem& item, const OrgGroup& group)
 {
-    char name[MapNameBytes];
-    char path[PathBytes + MapNameBytes];
-    if (item.mapcount != group.length || !MapFileName(item, name, sizeof name)) return false;
-    std::snprintf(path, sizeof path, "%s%s", DataDir, name);
-    if (!FileExists(path)) return true;
+    const MapPath path(item);
+    if (item.mapcount != group.length || !path.Fits()) return false;
+    if (!FileExists(path.Text())) return true;
     WorkFile file;
     std::vector<MapItem> map(group.length);
     const auto size = static_cast<std::uint32_t>(group.length * sizeof(MapItem));
-    if (!file.OpenRO(path) || file.Size() != size || !file.ReadAt(0, map.data(), size)) return false;
+    if (!file.OpenRO(path.Text()) || file.Size() != size || !file.ReadAt(0, map.data(), size)) return false;
     for (std::uint32_t i = 0; i < group.length; ++i) {
         const std::uint32_t offset = survey.chain[group.chained + i];
         if (map[i] != MapEntryOf(survey.records[OrgRecordNumber(offset)].key, offset)) return false;
@@ -227,8 +241,42 @@ bool MapWhole(const OrgSurvey& survey, const IndexItem& item, const OrgGroup& gr
     return true;
 }
 
-// Sets the index entries by the groups. An empty index stays so, the next log-on starts the table over; not one whose
-// entries are all zeros, nor where there is one record: that is the first, whose entry was still to be written.
+// Sets the entries that are there by the groups: each names its group's first record, and a group has one entry. Marks
+// the groups that have one in `indexed`.
+bool CheckEntries(OrgSurvey& survey, const GroupOrder& order, std::vector<bool>& indexed)
+{
+    std::vector<IndexItem> kept;
+    for (std::size_t i = 0; i < survey.index.size(); ++i) {
+        IndexItem item = survey.index[i];
+        const OrgGroup* group = FindGroup(survey, order, GroupNumber(item));
+        if (group == nullptr) {
+            return Fault(survey, "an index entry of no group", static_cast<std::uint32_t>(i * sizeof(IndexItem)));
+        }
+        const auto number = static_cast<std::size_t>(group - survey.groups.data());
+        if (item.first != group->first || indexed[number]) survey.mends.index = true;
+        // No lookup gets as far as a group's second entry, so none made it: it is a damaged entry of another group.
+        if (indexed[number]) continue;
+        indexed[number] = true;
+        item.first = group->first;
+        if (!MapWhole(survey, item, *group)) survey.mends.maps = true;
+        kept.push_back(item);
+    }
+    survey.index = std::move(kept);
+    return true;
+}
+
+void AddMissingEntries(OrgSurvey& survey, const std::vector<bool>& indexed)
+{
+    for (std::size_t i = 0; i < survey.groups.size(); ++i) {
+        if (indexed[i]) continue;
+        survey.index.push_back(IndexEntryOf(survey.groups[i].key, survey.groups[i].first));
+        survey.mends.index = survey.mends.maps = true;
+    }
+}
+
+// Sets the index entries by the groups. An empty index stays empty, and the next log-on starts the table over, but for
+// two cases: its entries were all zeros, or there is one record only, the first of all, whose entry was still to be
+// written.
 bool CheckIndex(OrgSurvey& survey, const GroupOrder& order)
 {
     if (std::erase_if(survey.index, AllZero<IndexItem>) > 0) survey.mends.index = true;
@@ -239,28 +287,8 @@ bool CheckIndex(OrgSurvey& survey, const GroupOrder& order)
         return true;
     }
     std::vector<bool> indexed(survey.groups.size());
-    std::vector<IndexItem> index;
-    for (std::size_t i = 0; i < survey.index.size(); ++i) {
-        IndexItem item = survey.index[i];
-        const OrgGroup* group = FindGroup(survey, order, GroupNumber(item));
-        if (group == nullptr) {
-            return Fault(survey, "an index entry of no group", static_cast<std::uint32_t>(i * sizeof(IndexItem)));
-        }
-        const auto number = static_cast<std::size_t>(group - survey.groups.data());
-        // No lookup gets as far as a group's second entry: it is another group's, damaged.
-        if (item.first != group->first || indexed[number]) survey.mends.index = true;
-        if (indexed[number]) continue;
-        indexed[number] = true;
-        item.first = group->first;
-        if (!MapWhole(survey, item, *group)) survey.mends.maps = true;
-        index.push_back(item);
-    }
-    survey.index = std::move(index);
-    for (std::size_t i = 0; i < survey.groups.size(); ++i) {
-        if (indexed[i]) continue;
-        survey.index.push_back(IndexEntryOf(survey.groups[i].key, survey.groups[i].first));
-        survey.mends.index = survey.mends.maps = true;
-    }
+    if (!CheckEntries(survey, order, indexed)) return false;
+    AddMissingEntries(survey, indexed);
     return true;
 }
 

@@ -10,15 +10,15 @@
 #include "voq/index_record.h"
 #include "voq/org_record.h"
 
-// A run of the chain.
+// A group of ranges: one run of the chain.
 struct OrgGroup {
     RegKey key;
     std::uint32_t first;    // offset of its first record
-    std::uint32_t chained;  // place of that in the chain
-    std::uint32_t length;
+    std::uint32_t chained;  // number of that record in the chain, from 0
+    std::uint32_t length;   // records
 };
 
-// What differs from the files, for the mending and its message.
+// In what the survey differs from the files, for the mending and its message.
 struct OrgMends {
     bool header;
     bool links;

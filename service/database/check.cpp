@@ -1,13 +1,13 @@
 // The start-up check: mends the files as the survey says, or sets them aside. Main thread, before any other.
-// The mending may be cut short like any other operation: whatever part of it was written, the next start finishes it.
-#include "database/org_check.h"
+// The mending may be cut short like any other operation: the next start finishes it, whatever part was written.
+#include "database/check.h"
 
 #include <cstdio>
 
 #include "arch/fs.h"
 #include "arch/work_file.h"
 #include "database/index.h"
-#include "database/org_survey.h"
+#include "database/survey.h"
 #include "state/paths.h"
 
 namespace
@@ -16,20 +16,19 @@ bool MendOrg(const OrgSurvey& survey)
 {
     WorkFile file;
     if (!file.OpenRW(OrgFileName)) return false;
-    std::uint32_t offset = OrgFirstRecord;
-    for (std::size_t i = 0; i < survey.records.size(); ++i, offset += sizeof(OrgNode)) {
-        if (survey.changed[i] && !file.WriteRecord(offset, survey.records[i])) return false;
+    for (std::uint32_t i = 0; i < survey.records.size(); ++i) {
+        if (survey.changed[i] && !file.WriteRecord(OrgRecordOffset(i), survey.records[i])) return false;
     }
     if (survey.mends.cutRecord && !file.Truncate(survey.wholeBytes)) return false;
     if (survey.mends.header && !file.WriteRecord(0, survey.header)) return false;
     return file.Sync();
 }
 
-// After the org file, where the records without a value have been marked so.
+// Lengthens the data file. Its records without a value have been marked so in the org file before.
 bool MendData(const OrgSurvey& survey)
 {
     WorkFile file;
-    // Lengthening a file takes no room on the disk.
+    // Lengthening a file takes no room on the disk, so it succeeds on a full one too.
     return file.OpenRW(DataFileName) && file.Truncate(survey.regionsEnd) && file.Sync();
 }
 
@@ -56,7 +55,7 @@ void ReportMends(const OrgMends& mends)
                 mends.regions ? " data file length" : "", mends.index ? " index" : "", mends.maps ? " maps" : "");
 }
 
-// A rename needs no room on the disk and cannot leave half a file.
+// Renames a file to `name`.bad: a rename needs no room on the disk and cannot leave half a file.
 void SetAside(const char* path, const char* name)
 {
     char kept[PathBytes + 16];
@@ -66,7 +65,9 @@ void SetAside(const char* path, const char* name)
 
 DatabaseState Refuse(const OrgSurvey& survey)
 {
-    // Alone at first: without its index the table could pass for a sound one, without the table nothing is left over.
+    // The org file goes first, and its going is on the disk before the others follow. Cut short in between, the index
+    // and the data file remain, which no start takes for a database; an org file without an index could pass for a
+    // sound one.
     SetAside(OrgFileName, "org");
     SyncDirectory(DataDir);
     SetAside(IndexFileName, "index");
