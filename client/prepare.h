@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "client/db_check.h"
 #include "client/project.h"
+#include "client/snapshot.h"
 #include "voq/stamp.h"
 
 namespace voq
