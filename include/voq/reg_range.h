@@ -29,12 +29,6 @@ constexpr std::uint32_t GetRegBuffLen(const RegKey* key)
     return key->width * ElemBytes(*key);
 }
 
-// Bytes of `block`'s value that lie before address `addr`, which is not before the block.
-constexpr std::uint64_t BytesBefore(const RegKey& block, std::uint32_t addr)
-{
-    return std::uint64_t{addr - block.addr} * UnitBytes(block);
-}
-
 constexpr std::uint16_t SubaddrLow(const RegKey& key)
 {
     return static_cast<std::uint16_t>(key.subaddr);

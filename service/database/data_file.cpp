@@ -26,12 +26,11 @@ std::int32_t AddDataToFile(const void* buffer, std::uint32_t size)
 Copied Copy2DataFile(const OrgNode& node, const RegKey& sourceKey, const void* source, std::uint32_t length)
 {
     const std::uint32_t size = GetRegBuffLen(&node.key);
-    const std::uint64_t skip = BytesBefore(sourceKey, node.key.addr);
-    if (node.key.addr < sourceKey.addr || skip + size > length) return Copied::Outside;
+    if (!ValueWithin(sourceKey, length, node.key)) return Copied::Outside;
     WorkFile file;
     if (!file.OpenRW(DataFileName)) return Copied::Failed;
-    const bool stored = node.dataoffset <= INT32_MAX - size &&
-                        file.WriteAt(node.dataoffset, static_cast<const unsigned char*>(source) + skip, size);
+    const auto* value = static_cast<const unsigned char*>(source) + ValueOffset(sourceKey, node.key);
+    const bool stored = node.dataoffset <= INT32_MAX - size && file.WriteAt(node.dataoffset, value, size);
     if (!stored) {
         std::printf("*VOQ*data file %s: %u bytes at offset %u not written\r\n", DataFileName, size, node.dataoffset);
     }
