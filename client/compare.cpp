@@ -35,7 +35,7 @@ std::string RangeText(const RegKey& key)
     return Expression({key, TypeOfSize(RegElemSize(&key))});
 }
 
-void CompareHeaders(const OrgFile& a, const OrgFile& b, Differences& found)
+void CompareHeaders(const OrgImage& a, const OrgImage& b, Differences& found)
 {
     found.Number("org", "bytes", a.bytes.size(), b.bytes.size());
     found.Number("org", "count", a.Header().count, b.Header().count);
@@ -43,11 +43,11 @@ void CompareHeaders(const OrgFile& a, const OrgFile& b, Differences& found)
     found.Number("org", "tail", a.Header().tail, b.Header().tail);
 }
 
-void CompareRecords(const OrgFile& a, const OrgFile& b, Differences& found)
+void CompareRecords(const OrgImage& a, const OrgImage& b, Differences& found)
 {
     const std::uint32_t records = std::min(a.RecordsInFile(), b.RecordsInFile());
     for (std::uint32_t i = 0; i < records; ++i) {
-        const std::uint32_t offset = OrgFirstRecord + i * static_cast<std::uint32_t>(sizeof(OrgNode));
+        const std::uint32_t offset = OrgRecordOffset(i);
         const OrgNode x = *a.Record(offset), y = *b.Record(offset);
         const std::string where = "org " + std::to_string(offset);
         found.Expect(std::memcmp(&x.key, &y.key, sizeof x.key) == 0, where, "range", RangeText(x.key),

@@ -55,7 +55,7 @@ std::uint32_t FindInGroup(const PortDir& port, const IndexItem& item, const RegK
 {
     const auto bytes = ReadLocked(port.Org());
     if (!bytes) return 0;
-    const OrgFile org{*bytes};
+    const OrgImage org{*bytes};
     std::uint32_t offset = item.first;
     for (std::uint32_t step = 0; step < org.RecordsInFile() && offset != 0; ++step) {
         const auto node = org.Record(offset);
@@ -68,18 +68,18 @@ std::uint32_t FindInGroup(const PortDir& port, const IndexItem& item, const RegK
 
 }  // namespace
 
-std::optional<OrgNode> OrgFile::Record(std::uint32_t offset) const
+std::optional<OrgNode> OrgImage::Record(std::uint32_t offset) const
 {
     if (!OrgOffsetValid(offset, bytes.size())) return std::nullopt;
     return RecordAt<OrgNode>(bytes, offset);
 }
 
-std::uint32_t OrgFile::RecordsInFile() const
+std::uint32_t OrgImage::RecordsInFile() const
 {
     return OrgRecordsIn(bytes.size());
 }
 
-Chain WalkChain(const OrgFile& org)
+Chain WalkChain(const OrgImage& org)
 {
     Chain chain;
     std::unordered_set<std::uint32_t> seen;

@@ -16,7 +16,7 @@ namespace voq
 {
 
 // A copy of an org file.
-struct OrgFile {
+struct OrgImage {
     Bytes bytes;
 
     // Zeros when the file is shorter than its header.
@@ -39,7 +39,7 @@ struct Chain {
     bool cycle = false;
 };
 inline constexpr std::uint32_t HeadLink = offsetof(OrgHeader, head);
-Chain WalkChain(const OrgFile& org);
+Chain WalkChain(const OrgImage& org);
 
 // Whole entries only; a remainder is ignored.
 std::vector<IndexItem> ParseIndex(const Bytes& bytes);

@@ -60,7 +60,7 @@ PortStatus ReadPortStatus(const PortDir& port)
         // The panel's own file: what cannot be read there says nothing about the service.
     }
     if (const auto bytes = ReadLocked(port.Org())) {
-        status.org = WalkChain(OrgFile{*bytes});
+        status.org = WalkChain(OrgImage{*bytes});
         for (const OrgRecord& record : status.org->records) ++status.states[record.node.state];
     }
     return status;

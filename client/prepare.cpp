@@ -16,7 +16,7 @@ namespace voq
 namespace
 {
 
-struct Table {
+struct PreparedTable {
     OrgHeader header = {};
     std::vector<OrgNode> nodes;  // in order of creation
     std::vector<IndexItem> index;
@@ -26,7 +26,7 @@ struct Table {
     std::uint32_t NextOffset() const { return OrgRecordOffset(static_cast<std::uint32_t>(nodes.size())); }
 };
 
-IndexItem* FindGroup(Table& table, const RegKey& key)
+IndexItem* FindGroup(PreparedTable& table, const RegKey& key)
 {
     for (IndexItem& item : table.index) {
         if (IndexMatches(item, key)) return &item;
@@ -35,7 +35,7 @@ IndexItem* FindGroup(Table& table, const RegKey& key)
 }
 
 // The record of the group before which the range belongs; 0 for the end of the chain. False when it is there already.
-bool FindPlace(Table& table, const IndexItem& group, const RegKey& key, std::uint32_t& before)
+bool FindPlace(PreparedTable& table, const IndexItem& group, const RegKey& key, std::uint32_t& before)
 {
     for (before = group.first; before != 0; before = table.At(before).next) {
         const RegKey& other = table.At(before).key;
@@ -47,18 +47,26 @@ bool FindPlace(Table& table, const IndexItem& group, const RegKey& key, std::uin
     return true;
 }
 
-void Link(Table& table, OrgNode node, std::uint32_t before)
+void Link(PreparedTable& table, OrgNode node, std::uint32_t before)
 {
     const std::uint32_t here = table.NextOffset();
     node.next = before;
     node.prev = before == 0 ? table.header.tail : table.At(before).prev;
-    (node.prev == 0 ? table.header.head : table.At(node.prev).next) = here;
-    (before == 0 ? table.header.tail : table.At(before).prev) = here;
+    if (node.prev == 0) {
+        table.header.head = here;
+    } else {
+        table.At(node.prev).next = here;
+    }
+    if (before == 0) {
+        table.header.tail = here;
+    } else {
+        table.At(before).prev = here;
+    }
     ++table.header.count;
     table.nodes.push_back(node);
 }
 
-void Register(Table& table, const RegKey& key, const Stamp& stamp)
+void Register(PreparedTable& table, const RegKey& key, const Stamp& stamp)
 {
     IndexItem* group = FindGroup(table, key);
     std::uint32_t before = 0;
@@ -80,7 +88,7 @@ void Register(Table& table, const RegKey& key, const Stamp& stamp)
     }
 }
 
-Bytes MapOf(Table& table, IndexItem& group)
+Bytes MapOf(PreparedTable& table, IndexItem& group)
 {
     Bytes map;
     group.mapcount = 0;
@@ -91,7 +99,7 @@ Bytes MapOf(Table& table, IndexItem& group)
     return map;
 }
 
-Snapshot FilesOf(Table& table)
+Snapshot FilesOf(PreparedTable& table)
 {
     Snapshot files;
     files.dataSize = table.dataSize;
@@ -115,7 +123,7 @@ Prepared PrepareDatabase(const Project& project, std::size_t index, const Stamp&
                     std::to_string(project.ports.size()) + ", the first is 0");
     }
     Prepared prepared;
-    Table table;
+    PreparedTable table;
     for (const RegKey& key : project.registers) {
         if (key.portno != project.ports[index].portNo || key.convpara >> 16 != 0) continue;
         if (GetRegBuffLen(&key) > MaxRegionBytes) {

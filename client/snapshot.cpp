@@ -16,7 +16,7 @@ namespace
 {
 
 // Everything but stamps, log-on counts and states, which change all the time.
-bool SameStructure(const OrgFile& a, const OrgFile& b)
+bool SameStructure(const OrgImage& a, const OrgImage& b)
 {
     if (a.bytes.size() != b.bytes.size()) return false;
     const OrgHeader ha = a.Header(), hb = b.Header();
@@ -30,11 +30,11 @@ bool SameStructure(const OrgFile& a, const OrgFile& b)
     return true;
 }
 
-OrgFile ReadOrg(const PortDir& port)
+OrgImage ReadOrg(const PortDir& port)
 {
     auto bytes = ReadLocked(port.Org());
     if (!bytes) throw Error(port.Org() + ": no such file");
-    return OrgFile{std::move(*bytes)};
+    return OrgImage{std::move(*bytes)};
 }
 
 void ReadRest(const PortDir& port, Snapshot& snapshot)

@@ -15,7 +15,7 @@ namespace voq
 
 // `maps` is keyed by file name and holds nothing for a missing file.
 struct Snapshot {
-    OrgFile org;
+    OrgImage org;
     Bytes index;
     std::map<std::string, std::optional<Bytes>> maps;
     std::uint64_t dataSize = 0;

@@ -50,7 +50,7 @@ void PrintRecord(const Target& target, const voq::OrgRecord& record, const voq::
     std::printf("      value %s\n", voq::ValueText(coding, value, full ? length : ShortElements).c_str());
 }
 
-bool PrintOrg(const Target& target, const voq::OrgFile& org, const voq::Bytes& data, bool full)
+bool PrintOrg(const Target& target, const voq::OrgImage& org, const voq::Bytes& data, bool full)
 {
     const OrgHeader header = org.Header();
     const voq::Chain chain = voq::WalkChain(org);
@@ -67,7 +67,7 @@ bool PrintOrg(const Target& target, const voq::OrgFile& org, const voq::Bytes& d
     }
     if (visited.size() < org.RecordsInFile()) std::printf("  records that are not on the chain:\n");
     for (std::uint32_t i = 0; i < org.RecordsInFile(); ++i) {
-        const std::uint32_t offset = OrgFirstRecord + i * static_cast<std::uint32_t>(sizeof(OrgNode));
+        const std::uint32_t offset = OrgRecordOffset(i);
         if (!visited.contains(offset)) PrintRecord(target, {offset, *org.Record(offset)}, data, full);
     }
     return !chain.badLink && visited.size() == org.RecordsInFile() && org.bytes.size() >= sizeof(OrgHeader);
@@ -112,7 +112,7 @@ int Dump(const PortOptions& options, bool full)
     const auto org = voq::ReadLocked(port.Org());
     if (!org) throw voq::Error(port.Org() + ": no such file");
     const auto data = voq::ReadLocked(port.Data());
-    const bool sound = PrintOrg(target, voq::OrgFile{*org}, data.value_or(voq::Bytes{}), full);
+    const bool sound = PrintOrg(target, voq::OrgImage{*org}, data.value_or(voq::Bytes{}), full);
     if (!data) std::printf("data: no such file\n");
     const auto index = voq::ReadLocked(port.Index());
     if (index) PrintIndex(port, *index);

@@ -28,12 +28,12 @@ std::uint16_t FindFileno(std::uint16_t fileno) VOQ_REQUIRES_SHARED(fast_rwlock)
 }
 
 // Where a range belongs: the slot that holds it already, or the slot to insert in front of, FastEnd for the end.
-struct Place {
+struct FastPlace {
     std::uint16_t slot;
     bool same;
 };
 
-Place FindFastPlace(const RegKey& key) VOQ_REQUIRES_SHARED(fast_rwlock)
+FastPlace FindFastPlace(const RegKey& key) VOQ_REQUIRES_SHARED(fast_rwlock)
 {
     bool groupPassed = false;
     for (std::uint16_t slot = FirstSlot(); slot != FastEnd; slot = OrgFastList[slot].next) {
@@ -83,7 +83,7 @@ std::uint16_t FindValidFastIndex()
 std::uint16_t AddFastIndex(RegKey key, std::uint16_t fileno, std::uint32_t orgoffset)
 {
     const WriteLock lock(fast_rwlock);
-    const Place place = FindFastPlace(key);
+    const FastPlace place = FindFastPlace(key);
     if (place.same) {
         const std::uint16_t times = ++OrgFastList[place.slot].logtimes;
         std::printf("*VOQ*Same req, LOGTIMES++ =%d\r\n", times);
