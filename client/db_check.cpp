@@ -142,7 +142,9 @@ void Checker::CheckRegions()
         const std::uint64_t end = std::uint64_t{node.dataoffset} + size;
         const std::uint64_t field = offset + offsetof(OrgNode, dataoffset);
         if (size > MaxRegionBytes) {
-            Bad("org", offset, "a region of " + Str(size) + " bytes, more than " + Str(MaxRegionBytes));
+            Note("org", offset,
+                 "a region of " + Str(size) + " bytes, more than " + Str(MaxRegionBytes) + ": never read");
+            continue;
         }
         if (end > files.dataSize) {
             Bad("org", field, "the region ends at " + Str(end) + ", the data file at " + Str(files.dataSize));
@@ -207,7 +209,7 @@ void Checker::CheckMap(const IndexItem& item, std::uint64_t entryOffset, const R
     const auto found = files.maps.find(name);
     if (found == files.maps.end() || !found->second) {
         if (item.mapcount != 0) {
-            return Bad("index", countOffset, "mapcount is " + Str(item.mapcount) + ", there is no file " + name);
+            return Note("index", countOffset, "mapcount is " + Str(item.mapcount) + ", there is no file " + name);
         }
         return Note("index", countOffset, std::string("no map file ") + name + " yet");
     }

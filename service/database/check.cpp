@@ -77,10 +77,12 @@ DatabaseState Refuse(const OrgSurvey& survey)
                 survey.fault, survey.faultOffset, DataDir);
     return DatabaseState::Refused;
 }
+}  // namespace
 
-DatabaseState CheckFiles(bool& refreshMaps) VOQ_REQUIRES(DatabaseLock)
+DatabaseState CheckDatabase(MapCare care)
 {
-    const OrgSurvey survey = SurveyDatabase();
+    const MutexLock lock(DatabaseLock);
+    const OrgSurvey survey = SurveyDatabase(care);
     if (survey.empty) return DatabaseState::Sound;
     if (survey.unreadable) {
         std::printf("*VOQ*register database cannot be read, to be started again\r\n");
@@ -93,19 +95,6 @@ DatabaseState CheckFiles(bool& refreshMaps) VOQ_REQUIRES(DatabaseLock)
         return DatabaseState::Unusable;
     }
     ReportMends(survey.mends);
-    refreshMaps = survey.mends.maps || survey.mends.index || survey.mends.links || survey.mends.header;
+    RefreshIndexMaps(survey.staleMaps);
     return DatabaseState::Mended;
-}
-}  // namespace
-
-DatabaseState CheckDatabase()
-{
-    bool refreshMaps = false;
-    DatabaseState state;
-    {
-        const MutexLock lock(DatabaseLock);
-        state = CheckFiles(refreshMaps);
-    }
-    if (refreshMaps) InitIndexMap();
-    return state;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "database/database_lock.h"
+#include "database/survey.h"
 
 enum class DatabaseState {
     Sound,     // nothing was wrong, or the org file has no whole header yet
@@ -15,4 +16,4 @@ enum class DatabaseState {
 // disagree with the forward chain, a missing link to the last record, a first record that was lost, a group without an
 // entry in an index that has or had some, a record cut off at the end of the file, a data file shorter than its records
 // need (extended with zeros, the records marked never read).
-DatabaseState CheckDatabase() VOQ_EXCLUDES(DatabaseLock);
+DatabaseState CheckDatabase(MapCare care) VOQ_EXCLUDES(DatabaseLock);

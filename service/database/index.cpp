@@ -58,6 +58,19 @@ bool OpenIndexRW(WorkFile& file)
     std::puts("open index error");
     return false;
 }
+
+// Rewrites the map of the entry with this number, and the entry's mapcount. False when the entry cannot be read.
+bool RefreshEntry(const WorkFile& file, std::uint32_t number, IndexItem& item) VOQ_REQUIRES(DatabaseLock)
+{
+    const std::uint32_t position = number * EntryBytes;
+    if (!file.ReadRecord(position, item)) {
+        std::printf("*VOQ*index file %s damaged: no entry at offset %u\r\n", IndexFileName, position);
+        return false;
+    }
+    item.mapcount = RefrashIndexMap(item);
+    WriteEntry(file, position, item);
+    return true;
+}
 }  // namespace
 
 int FindIndex(const RegKey* key, std::uint32_t* first)
@@ -172,6 +185,16 @@ int FindIndexAndRefresh(const RegKey* key)
     return WriteEntry(file, position, item) ? 1 : 0;
 }
 
+void RefreshIndexMaps(std::span<const std::uint32_t> entries)
+{
+    WorkFile file;
+    if (entries.empty() || !OpenIndexRW(file)) return;
+    for (const std::uint32_t number : entries) {
+        IndexItem item;
+        if (!RefreshEntry(file, number, item)) return;
+    }
+}
+
 void InitIndexMap()
 {
     const MutexLock lock(DatabaseLock);
@@ -183,12 +206,7 @@ void InitIndexMap()
     const std::uint32_t count = EntryCount(file);
     for (std::uint32_t i = 0; i < count; ++i) {
         IndexItem item;
-        if (!file.ReadRecord(i * EntryBytes, item)) {
-            std::printf("*VOQ*index file %s damaged: no entry at offset %u\r\n", IndexFileName, i * EntryBytes);
-            return;
-        }
-        item.mapcount = RefrashIndexMap(item);
+        if (!RefreshEntry(file, i, item)) return;
         std::printf("*VOQ*############i=%d,mapPcs=%d\r\n", static_cast<int>(i), static_cast<int>(item.mapcount));
-        WriteEntry(file, i * EntryBytes, item);
     }
 }

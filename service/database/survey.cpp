@@ -186,7 +186,8 @@ const OrgGroup* FindGroup(const OrgSurvey& survey, const GroupOrder& order, std:
     return at != order.end() && at->first == identity ? &survey.groups[at->second] : nullptr;
 }
 
-// Checks that no two regions share a byte, and that each lies where a region can lie.
+// Checks that no two regions share a byte, and that each lies where a region can lie. A record whose region is larger
+// than any can be is passed over, as polling does.
 bool CheckRegions(OrgSurvey& survey)
 {
     WorkFile file;
@@ -202,8 +203,8 @@ bool CheckRegions(OrgSurvey& survey)
         OrgNode& record = survey.records[OrgRecordNumber(offset)];
         const std::uint32_t size = GetRegBuffLen(&record.key);
         const std::uint64_t end = std::uint64_t{record.dataoffset} + size;
-        if (size == 0) continue;
-        if (size > MaxRegionBytes || end > most) return Fault(survey, "a region outside the data file", offset);
+        if (size == 0 || size > MaxRegionBytes) continue;
+        if (end > most) return Fault(survey, "a region outside the data file", offset);
         regions.emplace_back(record.dataoffset, offset);
         if (end > have && record.state != 0) {
             record.state = 0;
@@ -223,22 +224,23 @@ bool CheckRegions(OrgSurvey& survey)
     return true;
 }
 
-// True when the map file lists what its group holds. A set that was handed over may come without map files: a missing
-// one is no fault.
-bool MapWhole(const OrgSurvey& survey, const IndexItem& item, const OrgGroup& group)
+// True when the map file lists records of its group in chain order, in whole entries, as many as mapcount says. It need
+// not list all: a log-off that made a record left the map as it was. A missing file is no fault.
+bool MapSound(const OrgSurvey& survey, const IndexItem& item, const OrgGroup& group)
 {
     const MapPath path(item);
-    if (item.mapcount != group.length || !path.Fits()) return false;
-    if (!FileExists(path.Text())) return true;
+    if (!path.Fits() || !FileExists(path.Text())) return true;
+    if (item.mapcount > group.length) return false;
     WorkFile file;
-    std::vector<MapItem> map(group.length);
-    const auto size = static_cast<std::uint32_t>(group.length * sizeof(MapItem));
+    std::vector<MapItem> map(item.mapcount);
+    const auto size = static_cast<std::uint32_t>(map.size() * sizeof(MapItem));
     if (!file.OpenRO(path.Text()) || file.Size() != size || !file.ReadAt(0, map.data(), size)) return false;
-    for (std::uint32_t i = 0; i < group.length; ++i) {
+    auto entry = map.begin();
+    for (std::uint32_t i = 0; i < group.length && entry != map.end(); ++i) {
         const std::uint32_t offset = survey.chain[group.chained + i];
-        if (map[i] != MapEntryOf(survey.records[OrgRecordNumber(offset)].key, offset)) return false;
+        if (*entry == MapEntryOf(survey.records[OrgRecordNumber(offset)].key, offset)) ++entry;
     }
-    return true;
+    return entry == map.end();
 }
 
 // Sets the entries that are there by the groups: each names its group's first record, and a group has one entry. Marks
@@ -258,7 +260,6 @@ bool CheckEntries(OrgSurvey& survey, const GroupOrder& order, std::vector<bool>&
         if (indexed[number]) continue;
         indexed[number] = true;
         item.first = group->first;
-        if (!MapWhole(survey, item, *group)) survey.mends.maps = true;
         kept.push_back(item);
     }
     survey.index = std::move(kept);
@@ -270,8 +271,18 @@ void AddMissingEntries(OrgSurvey& survey, const std::vector<bool>& indexed)
     for (std::size_t i = 0; i < survey.groups.size(); ++i) {
         if (indexed[i]) continue;
         survey.index.push_back(IndexEntryOf(survey.groups[i].key, survey.groups[i].first));
-        survey.mends.index = survey.mends.maps = true;
+        survey.mends.index = true;
     }
+}
+
+// Notes the entries whose maps are not sound.
+void CheckMaps(OrgSurvey& survey, const GroupOrder& order)
+{
+    for (std::uint32_t i = 0; i < survey.index.size(); ++i) {
+        const OrgGroup* group = FindGroup(survey, order, GroupNumber(survey.index[i]));
+        if (group != nullptr && !MapSound(survey, survey.index[i], *group)) survey.staleMaps.push_back(i);
+    }
+    survey.mends.maps = !survey.staleMaps.empty();
 }
 
 // Sets the index entries by the groups. An empty index stays empty, and the next log-on starts the table over, but for
@@ -304,13 +315,14 @@ void CheckHeader(OrgSurvey& survey)
 }
 }  // namespace
 
-OrgSurvey SurveyDatabase()
+OrgSurvey SurveyDatabase(MapCare care)
 {
     OrgSurvey survey;
     GroupOrder order;
     if (ReadOrg(survey) && ReadIndex(survey) && FollowChain(survey) && FindGroups(survey, order) &&
         CheckRegions(survey) && CheckIndex(survey, order)) {
         CheckHeader(survey);
+        if (care == MapCare::Judge) CheckMaps(survey, order);
     }
     return survey;
 }

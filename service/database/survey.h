@@ -36,15 +36,22 @@ struct OrgSurvey {
     std::uint32_t faultOffset = 0;
     OrgMends mends{};
 
-    OrgHeader header{};                // as the chain says
-    std::vector<OrgNode> records;      // in file order; the links of chained records as the chain says
-    std::vector<bool> changed;         // records that differ from the file
-    std::vector<std::uint32_t> chain;  // offsets in chain order
-    std::vector<OrgGroup> groups;      // in chain order
-    std::vector<IndexItem> index;      // empty when the index file is to be empty
-    std::uint32_t wholeBytes = 0;      // length of the org file up to its last whole record
-    std::uint32_t regionsEnd = 0;      // length that the data file needs
+    OrgHeader header{};                    // as the chain says
+    std::vector<OrgNode> records;          // in file order; the links of chained records as the chain says
+    std::vector<bool> changed;             // records that differ from the file
+    std::vector<std::uint32_t> chain;      // offsets in chain order
+    std::vector<OrgGroup> groups;          // in chain order
+    std::vector<IndexItem> index;          // empty when the index file is to be empty
+    std::vector<std::uint32_t> staleMaps;  // numbers of the index entries whose map and mapcount are to be made anew
+    std::uint32_t wholeBytes = 0;          // length of the org file up to its last whole record
+    std::uint32_t regionsEnd = 0;          // length that the data file needs
+};
+
+// What to do about maps that do not list what they should.
+enum class MapCare {
+    Judge,  // note the stale ones
+    Leave,  // a set that was handed over keeps its maps and mapcounts
 };
 
 // Reads and judges the database. Stops at the first fault.
-OrgSurvey SurveyDatabase() VOQ_REQUIRES(DatabaseLock);
+OrgSurvey SurveyDatabase(MapCare care) VOQ_REQUIRES(DatabaseLock);

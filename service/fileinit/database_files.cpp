@@ -191,7 +191,7 @@ int PrepareDatabase(const char* projectPath, const DownloadPaths& download)
 {
     const bool downloaded = DownloadComplete(download) && TakeOverDownload(download);
     const int result = downloaded ? 0 : LocalBuild(projectPath);
-    const DatabaseState state = CheckDatabase();
+    const DatabaseState state = CheckDatabase(downloaded ? MapCare::Leave : MapCare::Judge);
     if (state == DatabaseState::Unusable) std::exit(EXIT_FAILURE);
     if (state != DatabaseState::Refused) return result;
     RemoveDatabase();  // what could not be set aside, and the maps

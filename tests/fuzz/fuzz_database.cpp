@@ -43,12 +43,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     take(IndexFileName, data[sizeof request + 1] * std::size_t{4});
     take(DataFileName, left);
     Use(request);
-    const DatabaseState first = CheckDatabase();
+    const DatabaseState first = CheckDatabase(MapCare::Judge);
     if (first != DatabaseState::Refused) {
         // Once mended, it is sound, and stays sound through use.
-        if (first == DatabaseState::Mended && CheckDatabase() != DatabaseState::Sound) std::abort();
+        if (first == DatabaseState::Mended && CheckDatabase(MapCare::Judge) != DatabaseState::Sound) std::abort();
         Use(request);
-        if (CheckDatabase() == DatabaseState::Refused) std::abort();
+        if (CheckDatabase(MapCare::Judge) == DatabaseState::Refused) std::abort();
     }
     return 0;
 }

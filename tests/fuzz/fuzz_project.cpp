@@ -49,6 +49,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     GetComInfo(ProjectPath, data[0] >> 1);
     InitOrgFromFile(ProjectPath);
     InitIndexMap();
-    if (CheckDatabase() != DatabaseState::Sound) abort();
+    if (CheckDatabase(MapCare::Judge) != DatabaseState::Sound) abort();
     return 0;
 }

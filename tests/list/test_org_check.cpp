@@ -12,7 +12,7 @@ namespace
 DatabaseState Check()
 {
     DatabaseState state;
-    Output([&] { state = CheckDatabase(); });
+    Output([&] { state = CheckDatabase(MapCare::Judge); });
     return state;
 }
 }  // namespace
@@ -36,7 +36,7 @@ TEST_F(OrgCheckTest, MendsWhatLags)
         Files files = base;
         damage(files);
         Store(files);
-        const std::string said = Output([] { EXPECT_EQ(DatabaseState::Mended, CheckDatabase()); });
+        const std::string said = Output([] { EXPECT_EQ(DatabaseState::Mended, CheckDatabase(MapCare::Judge)); });
         EXPECT_EQ(0u, said.find(std::string("*VOQ*register database mended:") + what + "\r\n")) << said;
         EXPECT_EQ("", Unsound(Load())) << what;
         EXPECT_EQ(DatabaseState::Sound, Check());
@@ -107,7 +107,6 @@ TEST_F(OrgCheckTest, RefusesWhatNothingExplains)
         {"a group in two runs", "org", 292 + 8, 0x22010001},
         {"a region inside another", "org", 68 + 44, 3},
         {"a region outside the data file", "org", 68 + 44, 0x7FFFFFF0},
-        {"a region outside the data file", "org", 68 + 12, 0xFFFF0010},
         {"an index entry of no group, offset 16", "index", 16, 0x00110002},
     };
     for (const auto& each : cases) {
@@ -115,14 +114,15 @@ TEST_F(OrgCheckTest, RefusesWhatNothingExplains)
         SetWord(files[each.file], each.at, each.value);
         Store(files);
         for (const auto& [file, bytes] : files) expected[file.compare(0, 2, "im") == 0 ? file : file + ".bad"] = bytes;
-        const std::string said = Output([] { EXPECT_EQ(DatabaseState::Refused, CheckDatabase()); });
+        const std::string said = Output([] { EXPECT_EQ(DatabaseState::Refused, CheckDatabase(MapCare::Judge)); });
         EXPECT_EQ(0u, said.find(std::string("*VOQ*register database refused: ") + each.what)) << said;
         EXPECT_TRUE(expected == Load()) << each.what;
     }
     Files lost = base;  // the last record without its content
     lost["org"].replace(292, 48, 48, '\0');
     Store(lost);
-    EXPECT_NE(std::string::npos, Output([] { CheckDatabase(); }).find("refused: a record that was never written"));
+    EXPECT_NE(std::string::npos,
+              Output([] { CheckDatabase(MapCare::Judge); }).find("refused: a record that was never written"));
     // A file without a whole header waits for it; an index below one entry is empty and stays so.
     for (const auto& [name, size] : {std::pair{"org", 11}, {"index", 15}}) {
         Files files = base;
@@ -131,4 +131,32 @@ TEST_F(OrgCheckTest, RefusesWhatNothingExplains)
         EXPECT_EQ(DatabaseState::Sound, Check());
         EXPECT_TRUE(files == Load());
     }
+}
+
+TEST_F(OrgCheckTest, LeavesWhatTheServiceItselfLeaves)
+{
+    Build();
+    Request(Key(1, 0x22, 15, 2), OrgMode::LogOff);  // a record that the group's map does not list
+    Request(Key(2, 0x22, 5, 2), OrgMode::LogOff);
+    const Files lagging = Load();
+    EXPECT_EQ(DatabaseState::Sound, Check());
+    EXPECT_TRUE(lagging == Load());
+    // One map is made anew, no other file is touched. A missing one stays away.
+    Files files = lagging;
+    files["im2_10_22_0"].resize(20);
+    files.erase("im3_10_0_0");
+    Store(files);
+    std::string trace;
+    Gate.trace = &trace;
+    EXPECT_EQ(DatabaseState::Mended, Check());
+    Gate.trace = nullptr;
+    EXPECT_EQ(std::string::npos, trace.find("im1")) << trace;
+    EXPECT_EQ(36u, Load()["im2_10_22_0"].size());
+    EXPECT_EQ(lagging.at("index").substr(0, 28), Load()["index"].substr(0, 28));
+    EXPECT_EQ(0u, Load().count("im3_10_0_0"));
+    // A set that was handed over keeps its maps, and a record that is larger than any can be.
+    SetWord(files["org"], 68 + 12, 0xFFFF0010);
+    Store(files);
+    Output([] { EXPECT_EQ(DatabaseState::Sound, CheckDatabase(MapCare::Leave)); });
+    EXPECT_TRUE(files == Load());
 }

@@ -150,7 +150,7 @@ std::string Database::StartAndJudge(const Operation& operation)
             if (known != operation.known.end() && known->compare(0, 24, one, 0, 24) == 0) wrong = "a range moved";
         }
         DatabaseState again{};
-        const std::string nothing = Said([&] { again = CheckDatabase(); });
+        const std::string nothing = Said([&] { again = CheckDatabase(MapCare::Judge); });
         if (again != DatabaseState::Sound || !nothing.empty() || Load() != after) wrong = "not sound at the next look";
     }
     if (wrong.empty()) wrong = FailsToWork(operation.promised);
