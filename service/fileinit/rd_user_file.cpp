@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "arch/fs.h"
+#include "comm/com_monitor.h"
 #include "comm/plc_driver.h"
 #include "fileinit/database_files.h"
 #include "fileinit/get_com_info.h"
@@ -14,6 +15,7 @@
 #include "list/rt_file.h"
 #include "list/rt_list.h"
 #include "oper/org_pass.h"
+#include "oper/pulse_notes.h"
 #include "state/com_state.h"
 #include "state/counters.h"
 
@@ -77,5 +79,7 @@ int RdUserFile(const char* projectPath, const char* userDir, std::uint16_t portI
     }
     RemovePayloads();
     ResetSharedState();
+    // A station that is switched off is not to be asked for the bits of its pulses.
+    if (ComInfo.masterSlaveMode != MODE_SLAVE && TakeOverPulseNotes()) CheckStaionEnable();
     return PrepareDatabase(projectPath, download);
 }

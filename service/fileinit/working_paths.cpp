@@ -64,6 +64,7 @@ void BuildPortPaths()
     ComposeAndPrint(IndexFileName, DataDir, "index", "indexfile=%s\n");
     ComposeAndPrint(TimeoutName, DataDir, "timeout", "TimeoutName=%s\n");
     Compose(ComErrorName, DataDir, "comerror");
+    Compose(PulsesName, DataDir, "pulses");
     ComposeAndPrint(GuiFifo, DataDir, "guififo", "guififo=%s\n");
     ComposeAndPrint(MekFifo, DataDir, "mekfifo", "mekfifo=%s\n");
 }

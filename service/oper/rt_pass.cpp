@@ -13,9 +13,12 @@
 #include "list/rt_answer.h"
 #include "list/rt_file.h"
 #include "list/rt_list.h"
+#include "oper/pulse_notes.h"
 #include "oper/read_plan.h"
+#include "rdchgwr/pulse.h"
 #include "rdchgwr/rd_chg_wr.h"
 #include "state/com_state.h"
+#include "voq/chg_desc.h"
 #include "voq/reg_range.h"
 
 std::uint32_t MaxRtList = 3;
@@ -84,19 +87,34 @@ bool LoadWrite(const RtItem& item, std::uint32_t served)
     return false;
 }
 
+std::uint32_t NowMs()
+{
+    return static_cast<std::uint32_t>(GetMsFormStart());
+}
+
+// False when the request is a pulse about to begin that could not be noted.
+bool NotedIfPulse(std::uint16_t slot, std::span<const unsigned char> operand)
+{
+    const RtItem& item = GuiRtList[slot];
+    PulseNote note;
+    const bool begins = (item.command & CMD_PULSE) != 0 && item.pulsetime == 0;
+    return !begins || !NoteOfPulse(item.key, operand, &note) || NotePulse(slot, note);
+}
+
 // Returns false when the change stays listed.
 bool ServeChange(std::uint16_t slot)
 {
     RtItem& item = GuiRtList[slot];
     const std::span<unsigned char> operand = LoadChange(item);
-    if (operand.data() == nullptr) {
+    if (operand.data() == nullptr || !NotedIfPulse(slot, operand)) {
+        EndPulse(slot, false);
         AnswerFailed(slot);
         return true;
     }
-    const int result = DoRdChgWr(item.key, item.command & SubcmdMask, operand, &item.pulsetime,
-                                 static_cast<std::uint32_t>(GetMsFormStart()), PlcOps);
+    const int result = DoRdChgWr(item.key, item.command & SubcmdMask, operand, &item.pulsetime, NowMs(), PlcOps);
     item.result = static_cast<std::uint8_t>(result);
     if (item.result == 0 || result == RT_PENDING) return false;
+    EndPulse(slot, result == PLC_SUCCESS);
     const auto answer = static_cast<std::uint16_t>(result);
     std::memcpy(ReadBuffer, &answer, sizeof answer);
     WriteBackRtData(slot, ReadBuffer);
@@ -216,6 +234,7 @@ void OperRtList()
 {
     ServeWrites();
     ServeReads();
+    PutLeftOverPulseBack(NowMs(), PlcOps);
 }
 
 void GetRtRdPack(RegKey& key, std::uint16_t slot)

@@ -38,6 +38,17 @@ void WriteFailed(int result)
 {
     std::printf("*VOQ*Do Pluse write ret=%d\r\n", result);
 }
+
+std::uint32_t ValueOf(const ChgDesc& head)
+{
+    return head.format & CHG_TYPE_MASK;
+}
+
+// What puts the bit back.
+std::uint32_t RestValue(const ChgDesc& head)
+{
+    return ~ValueOf(head) & 1;
+}
 }  // namespace
 
 int DoPulse(RegKey key, std::span<const unsigned char> desc, std::uint32_t* pulseTime, std::uint32_t nowMs,
@@ -50,7 +61,7 @@ int DoPulse(RegKey key, std::span<const unsigned char> desc, std::uint32_t* puls
     if (operation != ChangeOp::SetBit && operation != ChangeOp::Pulse) return RT_PENDING;
     if (GetRegBuffLen(&key) > MaxPulseBytes) return PLC_ERROR;
 
-    const std::uint32_t value = head.format & CHG_TYPE_MASK;
+    const std::uint32_t value = ValueOf(head);
     unsigned char image[MaxPulseBytes];
     if (operation == ChangeOp::SetBit) {
         if (!Compose(key, head.bit, value, ops, image)) return RT_PENDING;
@@ -65,8 +76,30 @@ int DoPulse(RegKey key, std::span<const unsigned char> desc, std::uint32_t* puls
     }
     if (nowMs - *pulseTime < head.size * WidthUnitMs) return RT_PENDING;
     *pulseTime = nowMs;
-    if (!Compose(key, head.bit, ~value & 1, ops, image)) return ReadFailed();
+    if (!Compose(key, head.bit, RestValue(head), ops, image)) return ReadFailed();
     const int result = WriteImage(key, image, ops, WriteFailed);
     *pulseTime = 0;
     return result;
+}
+
+bool NoteOfPulse(const RegKey& key, std::span<const unsigned char> desc, PulseNote* note)
+{
+    ChgDesc head;
+    if (desc.size() < sizeof head || GetRegBuffLen(&key) > MaxPulseBytes) return false;
+    std::memcpy(&head, desc.data(), sizeof head);
+    if (static_cast<ChangeOp>(head.operation) != ChangeOp::Pulse) return false;
+    *note = {};
+    note->key = key;
+    note->bit = RegElemSize(&key) == 0 ? 0 : head.bit;
+    note->value = static_cast<std::uint8_t>(RestValue(head));
+    note->inuse = 1;
+    note->check = PulseNoteCheck(*note);
+    return true;
+}
+
+int PutPulseBack(const PulseNote& note, const DrvOps& ops)
+{
+    unsigned char image[MaxPulseBytes];
+    if (!Compose(note.key, note.bit, note.value, ops, image)) return PLC_ERROR;
+    return ops.write(note.key, image);
 }

@@ -19,4 +19,5 @@ inline char ComErrorName[PathBytes];
 inline char GuiFifo[PathBytes];
 inline char MekFifo[PathBytes];
 inline char SlaveNoName[PathBytes];
+inline char PulsesName[PathBytes];
 inline char RcpDataDir[PathBytes];

@@ -9,6 +9,7 @@
 #include "list/rt_file.h"
 #include "list/rt_list.h"
 #include "memory_files.h"
+#include "oper/pulse_notes.h"
 #include "oper/rt_pass.h"
 #include "rdchgwr/rd_chg_wr.h"
 #include "state/com_state.h"
@@ -63,6 +64,7 @@ void ServeListed(const Header& head, unsigned char* payload, std::uint32_t size)
     ResetBox();
     _cmd = Command;
     ResetRtList();
+    TakeOverPulseNotes();
     const RegRequest request{head.key, 0, 0, 5, 0};
     AddRtList(request, head.listcmd, 5, payload, size);
     OperRtList();

@@ -29,7 +29,8 @@ inline void SetWorkingPaths(const std::string& folder)
         {DataDir, ""},         {LBName, "lb.dat"},         {LWName, "lw.dat"},       {SRWName, "srw0.dat"},
         {SRBName, "srb0.dat"}, {RWName, "rw.dat"},         {vSRWName, "srw.dat"},    {vSRBName, "srb.dat"},
         {OrgFileName, "org"},  {DataFileName, "data"},     {IndexFileName, "index"}, {TimeoutName, "timeout"},
-        {GuiFifo, "guififo"},  {ComErrorName, "comerror"}, {MekFifo, "mekfifo"},     {SlaveNoName, "slaveno"}};
+        {GuiFifo, "guififo"},  {ComErrorName, "comerror"}, {MekFifo, "mekfifo"},     {SlaveNoName, "slaveno"},
+        {PulsesName, "pulses"}};
     for (const auto& [path, name] : paths) std::strcpy(path, (folder + name).c_str());
 }
 
