@@ -32,6 +32,11 @@ std::uint32_t LastTry;                  // when, by GetMsFormStart
 bool FileRead;
 bool NameOnDisk;  // the directory was synced after the file was made
 
+std::uint32_t NowMs()
+{
+    return static_cast<std::uint32_t>(GetMsFormStart());
+}
+
 bool Sound(const PulseNote& note)
 {
     return note.inuse == 1 && note.check == PulseNoteCheck(note) && GetRegBuffLen(&note.key) <= MaxPulseBytes;
@@ -154,21 +159,22 @@ void EndPulse(std::uint16_t slot, bool back)
     if (back) {
         StrikeOff(place);
     } else if (LeftOver++ == 0) {
-        LastTry = static_cast<std::uint32_t>(GetMsFormStart());
+        LastTry = NowMs();
     }
 }
 
-void PutLeftOverPulseBack(std::uint32_t nowMs, const DrvOps& ops)
+void PutLeftOverPulseBack(const DrvOps& ops)
 {
-    if (LeftOver == 0 || CheckTm(&LastTry, nowMs, TryEveryMs) == 0) return;
+    if (LeftOver == 0 || CheckTm(&LastTry, NowMs(), TryEveryMs) == 0) return;
     const std::uint16_t place = NextLeftOver();
     if (place == NoPlace) return;
     LastTried = place;
     const PulseNote note = Notes[place];
-    if (PutPulseBack(note, ops) != PLC_SUCCESS) return;
+    const bool back = PutPulseBack(note, ops) == PLC_SUCCESS;
+    LastTry = NowMs() - (back ? TryEveryMs : 0);  // an attempt may have taken longer than the second
+    if (!back) return;
     std::printf("*VOQ*pulse ended: bit %d is back, plcno=%d, regid=%d, addr=%u\r\n", note.bit, note.key.plcno,
                 note.key.regid, note.key.addr);
     StrikeOff(place);
     --LeftOver;
-    LastTry = nowMs - TryEveryMs;
 }

@@ -22,4 +22,4 @@ void EndPulse(std::uint16_t slot, bool back);
 
 // Puts one bit that is left over back, in turn, with one attempt: a second after one that failed, else at once.
 // Stations that are switched off are passed over. Waits as long as the device does.
-void PutLeftOverPulseBack(std::uint32_t nowMs, const DrvOps& ops);
+void PutLeftOverPulseBack(const DrvOps& ops);

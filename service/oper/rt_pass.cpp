@@ -87,11 +87,6 @@ bool LoadWrite(const RtItem& item, std::uint32_t served)
     return false;
 }
 
-std::uint32_t NowMs()
-{
-    return static_cast<std::uint32_t>(GetMsFormStart());
-}
-
 // False when the request is a pulse about to begin that could not be noted.
 bool NotedIfPulse(std::uint16_t slot, std::span<const unsigned char> operand)
 {
@@ -111,7 +106,8 @@ bool ServeChange(std::uint16_t slot)
         AnswerFailed(slot);
         return true;
     }
-    const int result = DoRdChgWr(item.key, item.command & SubcmdMask, operand, &item.pulsetime, NowMs(), PlcOps);
+    const int result = DoRdChgWr(item.key, item.command & SubcmdMask, operand, &item.pulsetime,
+                                 static_cast<std::uint32_t>(GetMsFormStart()), PlcOps);
     item.result = static_cast<std::uint8_t>(result);
     if (item.result == 0 || result == RT_PENDING) return false;
     EndPulse(slot, result == PLC_SUCCESS);
@@ -234,7 +230,7 @@ void OperRtList()
 {
     ServeWrites();
     ServeReads();
-    PutLeftOverPulseBack(NowMs(), PlcOps);
+    PutLeftOverPulseBack(PlcOps);
 }
 
 void GetRtRdPack(RegKey& key, std::uint16_t slot)

@@ -17,9 +17,9 @@ def note(key, bit, value):
 
 
 def switched_off(*stations):
-    place = pathlib.Path("/disk/hmi/rcp")
-    place.mkdir(parents=True, exist_ok=True)
-    (place / "srw.dat").write_bytes(bytes(520) + struct.pack("<16H", sum(1 << n for n in stations), *bytes(15)))
+    settings = pathlib.Path("/disk/hmi/rcp/srw.dat")
+    settings.parent.mkdir(parents=True, exist_ok=True)
+    settings.write_bytes(bytes(520) + struct.pack("<16H", sum(1 << n for n in stations), *bytes(15)))
 
 
 def test_killed(start):
@@ -44,8 +44,6 @@ def test_killed(start):
     assert all(b.start - a.start > 900_000 for a, b in zip(attempts, attempts[1:])) and both() == DRIVEN
     sim.fail(0)
     wait_for(lambda: both() == REST, "the bits back")
-    service.wait_out("*VOQ*pulse ended: bit 0 is back, plcno=3, regid=1, addr=20\r\n")
-    service.wait_out("*VOQ*pulse ended: bit 3 is back, plcno=2, regid=1, addr=10\r\n")
     wait_for(lambda: (service / "pulses").read_bytes() == bytes(1024 * 32), "no note")
     service.stop()
 
@@ -72,7 +70,6 @@ def test_last_write_fails(start):
 
     failed(5, 5)
     wait_for(lambda: sim.value(WORD) == REST[0], "the bit back")
-    service.wait_out("*VOQ*pulse ended: bit 3 is back, plcno=2, regid=1, addr=10\r\n")
     assert service.count("*VOQ*Do Pluse write ret=3\r\n") == 3 and sim.left_to_fail == 0
     failed(5, 3)
     assert client.served(pulse(WORD, 20, 3)) == [(1, b"\1\0")] and sim.value(WORD) == REST[0]
