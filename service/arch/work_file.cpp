@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "arch/clock.h"
+#include "arch/regular_file.h"
 
 std::atomic<std::int32_t> VoqFileOpenCount{0};
 
@@ -42,17 +43,38 @@ bool WaitForLock(int descriptor, short type)
     return true;
 }
 
-int OpenLocked(const char* path, const char* mode, short lockType, const char* failure, std::FILE** stream)
+// How a working file is opened, and what is said when it cannot be.
+struct Opening {
+    int flags;
+    const char* mode;  // of the stream
+    short lock;
+    const char* failure;
+};
+
+constexpr Opening Creat = {O_RDWR | O_CREAT | O_TRUNC, "wb+", F_WRLCK, "*VOQ*RW creat file %s error\n\r\n"};
+constexpr Opening ReadWrite = {O_RDWR, "r+", F_WRLCK, "*VOQ*RW open file %s error\n\r\n"};
+constexpr Opening ReadOnly = {O_RDONLY, "r", F_RDLCK, "*VOQ*RO open file %s error\r\n"};
+
+std::FILE* OpenStream(const char* path, const Opening& opening)
+{
+    const int descriptor = OpenRegular(path, opening.flags);
+    if (descriptor < 0) return nullptr;
+    std::FILE* const stream = fdopen(descriptor, opening.mode);
+    if (stream == nullptr) close(descriptor);
+    return stream;
+}
+
+int OpenLocked(const char* path, const Opening& opening, std::FILE** stream)
 {
     *stream = nullptr;
-    std::FILE* opened = std::fopen(path, mode);
-    if (opened != nullptr && WaitForLock(fileno(opened), lockType)) {
+    std::FILE* const opened = OpenStream(path, opening);
+    if (opened != nullptr && WaitForLock(fileno(opened), opening.lock)) {
         VoqFileOpenCount.fetch_add(1, std::memory_order_relaxed);
         *stream = opened;
         return 0;
     }
     const int error = errno;
-    std::printf(failure, path);
+    std::printf(opening.failure, path);
     errno = error;
     std::perror("fopen:");
     if (opened != nullptr) std::fclose(opened);
@@ -62,17 +84,17 @@ int OpenLocked(const char* path, const char* mode, short lockType, const char* f
 
 int FsOpenFileCreat(const char* path, std::FILE** stream)
 {
-    return OpenLocked(path, "wb+", F_WRLCK, "*VOQ*RW creat file %s error\n\r\n", stream);
+    return OpenLocked(path, Creat, stream);
 }
 
 int FsOpenFileRW(const char* path, std::FILE** stream)
 {
-    return OpenLocked(path, "r+", F_WRLCK, "*VOQ*RW open file %s error\n\r\n", stream);
+    return OpenLocked(path, ReadWrite, stream);
 }
 
 int FsOpenFileRO(const char* path, std::FILE** stream)
 {
-    return OpenLocked(path, "r", F_RDLCK, "*VOQ*RO open file %s error\r\n", stream);
+    return OpenLocked(path, ReadOnly, stream);
 }
 
 bool FsSync(std::FILE* stream)
@@ -82,7 +104,17 @@ bool FsSync(std::FILE* stream)
 
 bool WorkFile::OpenUnlocked(const char* path)
 {
-    stream_ = std::fopen(path, "rb");
+    return Take(OpenStream(path, ReadOnly));
+}
+
+bool WorkFile::OpenGiven(const char* path)
+{
+    return Take(std::fopen(path, "rb"));
+}
+
+bool WorkFile::Take(std::FILE* opened)
+{
+    stream_ = opened;
     if (stream_ == nullptr) return false;
     VoqFileOpenCount.fetch_add(1, std::memory_order_relaxed);
     return true;

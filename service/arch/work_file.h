@@ -1,4 +1,5 @@
 // Working files: opened by path for one operation, locked as a whole against the client processes, counted while open.
+// What is no regular file, a link too, cannot be opened.
 //
 // The locks belong to the process: they die when any descriptor of the file is closed in it, and they never hold
 // threads of the service apart. Whoever opens a file of the register database holds the register database lock, and no
@@ -40,6 +41,8 @@ public:
     [[nodiscard]] bool OpenRO(const char* path) { return FsOpenFileRO(path, &stream_) == 0; }
     // Opens for reading without a lock, "rb", silently; counted like the others.
     [[nodiscard]] bool OpenUnlocked(const char* path);
+    // The same for a file that the service is given, whatever the path leads to: the project, a gateway box's ports.
+    [[nodiscard]] bool OpenGiven(const char* path);
 
     [[nodiscard]] bool IsOpen() const { return stream_ != nullptr; }
     // Result of the close, 0 on success; 0 when nothing is open.
@@ -69,5 +72,7 @@ public:
     }
 
 private:
+    bool Take(std::FILE* opened);
+
     std::FILE* stream_ = nullptr;
 };

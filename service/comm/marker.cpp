@@ -4,20 +4,17 @@
 #include <cstdio>
 
 #include "arch/fs.h"
+#include "arch/regular_file.h"
 #include "state/paths.h"
 
 namespace
 {
 int CreateMarker(const char* path, const char* failure)
 {
-    std::FILE* marker = std::fopen(path, "wb+");
-    if (marker == nullptr) {
-        std::puts(failure);
-        std::perror("fopen:");
-        return -1;
-    }
-    std::fclose(marker);
-    return 0;
+    if (MakeEmptyFile(path)) return 0;
+    std::puts(failure);
+    std::perror("fopen:");
+    return -1;
 }
 
 int RemoveMarker(const char* path)

@@ -69,7 +69,7 @@ void ApplyRetainedSettings()
 int ReadPortIndex(std::uint16_t portIndex, PortIndexEntry& entry)
 {
     WorkFile index;
-    if (!index.OpenUnlocked(TarnPortIndex)) {
+    if (!index.OpenGiven(TarnPortIndex)) {
         std::puts("open ophmi.bin error");
         return -1;
     }
@@ -99,7 +99,7 @@ int ReadGatewayParameters(std::uint16_t portIndex)
     std::snprintf(path, sizeof path, entry.kind == KindSerial ? TarnSerialConfig : TarnTcpConfig, entry.number);
     std::printf("*VOQ*Read config form %s\r\n", path);
     WorkFile config;
-    if (!config.OpenUnlocked(path)) {
+    if (!config.OpenGiven(path)) {
         std::printf("open %s error\n", path);
         return -1;
     }

@@ -9,7 +9,7 @@
 class ProjectFile
 {
 public:
-    [[nodiscard]] bool Open(const char* path) { return file_.OpenUnlocked(path); }
+    [[nodiscard]] bool Open(const char* path) { return file_.OpenGiven(path); }
     void Close() { file_.Close(); }
     [[nodiscard]] std::uint32_t Size() const { return file_.Size(); }
 

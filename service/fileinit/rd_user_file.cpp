@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "arch/fs.h"
+#include "arch/regular_file.h"
 #include "comm/com_monitor.h"
 #include "comm/plc_driver.h"
 #include "fileinit/database_files.h"
@@ -29,9 +30,23 @@ constexpr std::size_t MostPayloads = 100000;  // names looked at
     std::exit(EXIT_SUCCESS);
 }
 
+void SetAside(const char* path)
+{
+    char kept[PathBytes + 16];
+    std::snprintf(kept, sizeof kept, "%s.bad", path);
+    if (RenameFile(path, kept)) {
+        std::printf("*VOQ*%s was no FIFO, kept as %s\r\n", path, kept);
+    } else {
+        std::printf("*VOQ*%s could not be kept as %s\r\n", path, kept);
+    }
+}
+
 void MakeClientFifo(const char* path, const char* failure)
 {
-    if (!FileSurelyExists(path) && !MakeFifo(path)) std::printf(failure, path);
+    const FileKind kind = KindOf(path);
+    if (kind == FileKind::Fifo) return;
+    if (kind != FileKind::None) SetAside(path);
+    if (!MakeFifo(path)) std::printf(failure, path);
 }
 
 void MakeClientFifos()

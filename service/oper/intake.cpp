@@ -141,6 +141,7 @@ void CheckRtList(const Intake& intake)
             return;
         }
     } else {
+        if (got == 0) SleepSeconds(1);  // no FIFO: one that the service writes to itself has no end
         if (*intake.held + got > IntakeBufferBytes) {
             std::printf(intake.overflow, *intake.held, got);
             *intake.held = 0;

@@ -137,6 +137,11 @@ bool WorkFile::OpenUnlocked(const char* path)
     return Open(Existing(path), &stream_) == 0;
 }
 
+bool WorkFile::OpenGiven(const char* path)
+{
+    return OpenUnlocked(path);
+}
+
 int WorkFile::Close()
 {
     if (stream_ == nullptr) return 0;

@@ -35,11 +35,11 @@ void* realloc(void* old, size_t size)
     return say("*realloc\n"), __libc_realloc(old, size);
 }
 
-FILE* fopen(const char* path, const char* mode)
+FILE* fdopen(int file, const char* mode)
 {
-    FILE* (*next)(const char*, const char*) = (FILE * (*)(const char*, const char*)) dlsym(RTLD_NEXT, "fopen");
+    FILE* (*next)(int, const char*) = (FILE * (*)(int, const char*)) dlsym(RTLD_NEXT, "fdopen");
     opening = 1;
-    FILE* stream = next(path, mode);
+    FILE* stream = next(file, mode);
     opening = 0;
     return stream;
 }

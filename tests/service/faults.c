@@ -89,6 +89,7 @@ __attribute__((noinline)) static int fails(const char* function, int error)
 
 CALL(int, access, EIO, -1, (const char* path, int mode), (path, mode))
 CALL(FILE*, fopen, EMFILE, NULL, (const char* path, const char* mode), (path, mode))
+CALL(FILE*, fdopen, ENOMEM, NULL, (int file, const char* mode), (file, mode))
 CALL(int, fsync, EIO, -1, (int file), (file))
 CALL(int, ftruncate, EIO, -1, (int file, off_t size), (file, size))
 CALL(off_t, lseek, EIO, -1, (int file, off_t offset, int whence), (file, offset, whence))

@@ -7,7 +7,7 @@ from voqtest import (DRIVERS, PROJECT, RECIPE, USER, WORK, Key, com_info, log_of
 PAUSE = 3
 TURN_END = f"usleep {PAUSE * 1000}"
 IDLE, CHECKS = "usleep 50000", "access /tmp/srb0.dat"
-ORG_READ, ORG_WRITE = "fopen /u/com_1/org r", "fopen /u/com_1/org r+"
+ORG_READ, ORG_WRITE = "open /u/com_1/org r", "open /u/com_1/org r+"
 
 
 def traced():

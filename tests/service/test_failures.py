@@ -14,7 +14,7 @@ def test_markers_and_states(start, failure, marker, threshold):
     service.send(log_on(key, 1))
     wait_for(lambda: service.value(key) == service.sim.value(key), "a live value")
     (service / marker).unlink()  # left by an earlier run: there until failures were counted and ended
-    made = f"fopen {service / marker} wb+"
+    made = f"open {service / marker} wb+"
 
     def fail_times(times):
         """The markers made while so many reads fail and the next ones succeed."""
@@ -66,7 +66,7 @@ def test_places_that_cannot_be_used(start):
     assert "fopen:: No such file or directory" in err
 
     key = Key(100, 4)
-    for name in ("timeout", "mekfifo", "comerror"):
+    for name in ("timeout", "mekfifo", "mekfifo.bad/full", "comerror"):  # a full one cannot be taken
         (USER / "com_1" / name).mkdir(parents=True)
     service = start(com_info())
     service.wait_out("Mek fifo nread=-1\n", 2)

@@ -72,13 +72,6 @@ static void change(void)
     if (last_change()) _exit(CUT_STATUS);
 }
 
-FILE* fopen(const char* path, const char* mode)
-{
-    note("fopen %s %s\n", path, mode);
-    if (*mode == 'w') change();
-    return ((FILE * (*)(const char*, const char*)) next("fopen"))(path, mode);
-}
-
 ssize_t pwrite(int file, const void* data, size_t size, off_t offset)
 {
     const int last = last_change();
@@ -103,7 +96,7 @@ CHANGE(unlinkat, (int folder, const char* name, int flags), (folder, name, flags
 CHANGE(mkdir, (const char* path, mode_t mode), (path, mode))
 CHANGE(mkfifo, (const char* path, mode_t mode), (path, mode))
 
-/* The box's misc device is stood in for by /dev/null. */
+/* The box's misc device is stood in for by /dev/null. Working files are opened without following a link. */
 static int misc = -1;
 
 int open(const char* path, int flags, ...)
@@ -113,6 +106,8 @@ int open(const char* path, int flags, ...)
     const mode_t mode = flags & O_CREAT ? va_arg(args, mode_t) : 0;
     va_end(args);
     const int device = strcmp(path, "/dev/qumisc") == 0;
+    if (flags & O_NOFOLLOW) note("open %s %s\n", path, flags & O_CREAT ? "wb+" : flags & O_RDWR ? "r+" : "r");
+    if (flags & O_NOFOLLOW && flags & O_CREAT) change();
     const int file = ((int (*)(const char*, int, ...))next("open"))(device ? "/dev/null" : path, flags, mode);
     if (device) misc = file;
     if (device) note("misc open %d\n", flags & O_ACCMODE);

@@ -2,11 +2,12 @@
 #include "support/file_tap.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -27,11 +28,11 @@ extern "C" {
 ssize_t __real_pwrite(int descriptor, const void* buffer, size_t size, off_t offset);
 int __real_ftruncate(int descriptor, off_t size);
 int __real_fsync(int descriptor);
-FILE* __real_fopen(const char* path, const char* mode);
+int __real_open(const char* path, int flags, ...);
 int __real_remove(const char* path);
 int __real_rename(const char* from, const char* to);
 int __real_mkdir(const char* path, mode_t mode);
-FILE* __wrap_fopen(const char* path, const char* mode);
+int __wrap_open(const char* path, int flags, ...);
 
 ssize_t __wrap_pwrite(int descriptor, const void* buffer, size_t size, off_t offset)
 {
@@ -57,11 +58,18 @@ int __wrap_fsync(int descriptor)
     return Show({.kind = FileChange::Sync, .descriptor = descriptor}) != 0 ? __real_fsync(descriptor) : 0;
 }
 
-FILE* __wrap_fopen(const char* path, const char* mode)
+// The service makes files with these flags; one that the tap keeps back is a file all the same, of no name.
+constexpr int Creation = O_CREAT | O_NOFOLLOW;
+
+int __wrap_open(const char* path, int flags, ...)
 {
-    if (std::strcmp(mode, "wb+") != 0 || Show({.kind = FileChange::Create, .path = path}) != 0)
-        return __real_fopen(path, mode);
-    return __real_fopen("/dev/null", "r+");
+    va_list rest;
+    va_start(rest, flags);
+    const unsigned mode = (flags & O_CREAT) != 0 ? va_arg(rest, unsigned) : 0;
+    va_end(rest);
+    if ((flags & Creation) != Creation || Show({.kind = FileChange::Create, .path = path}) != 0)
+        return __real_open(path, flags, mode);
+    return memfd_create("kept back", MFD_CLOEXEC);
 }
 
 int __wrap_remove(const char* path)
@@ -92,15 +100,14 @@ int __wrap_system(const char* command)
     for (const auto& entry : std::filesystem::directory_iterator(from)) {
         std::ifstream source(entry.path(), std::ios::binary);
         const std::string bytes(std::istreambuf_iterator<char>(source), {});
-        FILE* copy =
-            __wrap_fopen((words.substr(words.find('*') + 2) + entry.path().filename().string()).c_str(), "wb+");
-        if (copy == nullptr) return 1;
+        const std::string to = words.substr(words.find('*') + 2) + entry.path().filename().string();
+        const int copy = __wrap_open(to.c_str(), O_RDWR | O_TRUNC | Creation, 0666);
+        if (copy < 0) return 1;
         for (std::size_t done = 0; done < bytes.size();) {
-            const ssize_t put =
-                __wrap_pwrite(fileno(copy), bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
+            const ssize_t put = __wrap_pwrite(copy, bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
             done += static_cast<std::size_t>(put);
         }
-        std::fclose(copy);
+        close(copy);
     }
     return 0;
 }

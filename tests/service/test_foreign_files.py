@@ -1,0 +1,78 @@
+"""What others leave where the service works: a second service, links, FIFOs and directories in place of its files."""
+import fcntl
+import os
+import pathlib
+import subprocess
+import time
+
+import pytest
+from test_cadence import traced
+from test_operator import SRB, SRW, again
+from voqtest import DRIVERS, PROJECT, RECIPE, USER, WORK, Key, READ, Service, com_info, frame, install_driver, log_on
+from voqtest import program, project, wait_for
+
+PORT = USER / "com_1"
+
+
+def test_files_that_are_none(start):
+    """Links are not followed, FIFOs not waited for; the answer that cannot be written is said, the service goes on."""
+    victim = WORK / "victim"
+    victim.write_bytes(b"precious")
+    PORT.mkdir()
+    SRW.parent.mkdir(parents=True)
+    os.mkfifo(SRW)
+    os.mkfifo(PORT / "2")
+    (PORT / "3").mkdir()
+    for name in ("1", "comerror", "timeout", "rtData4"):
+        (PORT / name).symlink_to(victim)
+    service = start(com_info(pause=0), [Key(5)])
+    service.send(b"".join(frame(READ, Key(n), n) for n in (1, 2, 3, 9)) + frame(7, Key(4), 4, payload=b"ab"))
+    wait_for((service / "9").exists, "the answer with a place of its own")
+    for name in ("1", "2", "3", "rtData4"):
+        service.wait_out(f"*VOQ*RW creat file /u/com_1/{name} error\n\r\n")
+    for failure, text in ((2, "set timeout error\n"), (3, "set com error\n")):
+        service.send(log_on(Key(50), 50))
+        service.sim.fail(failure)
+        service.wait_out(text)
+    service.sim.fail(0)
+    service.wait_out("*VOQ*RW open file /disk/hmi/rcp/srw.dat error\n\r\n")
+    assert victim.read_bytes() == b"precious"
+    service.stop()
+    (PORT / "org").rename(victim)
+    (PORT / "org").symlink_to(victim)
+    ended = Service(ready=False)
+    assert ended.process.wait(20) == 1 and ended.count("*VOQ*RO open file /u/com_1/org error\r\n")
+
+
+def test_fifo_paths_that_hold_something_else(start):
+    PORT.mkdir()
+    os.mkfifo(WORK / "elsewhere")
+    (PORT / "guififo").symlink_to(WORK / "elsewhere")
+    (PORT / "mekfifo").write_bytes(b"a file")
+    service = start(com_info())
+    for client in ("gui", "mek"):
+        path = f"/u/com_1/{client}fifo"
+        assert service.count(f"*VOQ*{path} was no FIFO, kept as {path}.bad\r\n") == 1
+        assert pathlib.Path(path).is_fifo() and not pathlib.Path(path).is_symlink()
+        service.send(log_on(Key(), 1), client)
+    assert (PORT / "mekfifo.bad").read_bytes() == b"a file" and (PORT / "guififo.bad").is_symlink()
+    wait_for(lambda: service.value(Key()) == service.sim.value(Key()), "both are served")
+    service.stop()
+
+    (PORT / "guififo").unlink()
+    (PORT / "guififo").touch()  # cannot be moved: it is read, and ends at once
+    (PORT / "guififo.bad").unlink()
+    (PORT / "guififo.bad").mkdir()
+    service = start()
+    assert service.count("*VOQ*/u/com_1/guififo could not be kept as /u/com_1/guififo.bad\r\n") == 1
+
+    def reads():
+        return int(pathlib.Path(f"/proc/{service.process.pid}/io").read_text().split("syscr: ")[1].split()[0])
+
+    service.send(log_on(Key(), 1), "mek")
+    wait_for(lambda: service.sim.reads, "the other client is served")
+    service.sim.fail(service.sim.HANG)
+    wait_for(lambda: service.sim.hanging, "the main loop out of the way")
+    before = reads()
+    time.sleep(0.5)  # a busy loop makes a hundred thousand
+    assert reads() - before < 100
