@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "arch/fs.h"
+#include "arch/life_lock.h"
 #include "arch/regular_file.h"
 #include "comm/com_monitor.h"
 #include "comm/plc_driver.h"
@@ -28,6 +29,21 @@ constexpr std::size_t MostPayloads = 100000;  // names looked at
 {
     std::puts("Get cominfo failed. Need relanch. exit...");
     std::exit(EXIT_SUCCESS);
+}
+
+// Two services on one port directory would write the same files and share the clients' frames between them.
+void HoldPort()
+{
+    char path[2 * PathBytes];
+    std::snprintf(path, sizeof path, "%slock", DataDir);
+    const LifeLock lock = LockForLife(path);
+    if (lock == LifeLock::None) {
+        std::printf("*VOQ*%s cannot be locked, a second service on this port would not be noticed\r\n", path);
+        std::perror("lock:");
+    }
+    if (lock != LifeLock::HeldElsewhere) return;
+    std::printf("*VOQ*%s is held: another service serves this port\r\n", path);
+    std::exit(EXIT_FAILURE);
 }
 
 void SetAside(const char* path)
@@ -85,6 +101,7 @@ int RdUserFile(const char* projectPath, const char* userDir, std::uint16_t portI
     DownloadPaths download;
     BuildDataPaths(userDir, portDirectory, &download);
     MakeDirectory(DataDir);
+    HoldPort();
     BuildLocalPaths(userDir);
     BuildPortPaths();
     if (ComInfo.masterSlaveMode == MODE_SLAVE) {

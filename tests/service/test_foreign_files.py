@@ -14,6 +14,23 @@ from voqtest import program, project, wait_for
 PORT = USER / "com_1"
 
 
+@pytest.mark.sanitized
+@pytest.mark.parametrize("mode", [0, 1])
+def test_one_service_on_a_port(start, mode):
+    install_driver("Service/Serial" if mode else "Serial")
+    first = start(com_info(mode=mode), [Key()])
+    out = WORK / "first"
+    first.out_path.rename(out)
+    second = subprocess.run(program("voq", PROJECT, 0, DRIVERS, USER, RECIPE), capture_output=True, timeout=60)
+    assert second.returncode == 1 and second.stdout.endswith(
+        b"*VOQ*/u/com_1/lock is held: another service serves this port\r\n"), second
+    assert first.process.poll() is None and b"held" not in out.read_bytes()
+    assert wait_for(lambda: first.peek("VoqFileOpenCount") == 0)
+    first.process.kill()  # and the next one starts at once
+    assert start().count("*VOQ*masterSlaveMode=") == 1
+    first.process.wait()
+
+
 def test_files_that_are_none(start):
     """Links are not followed, FIFOs not waited for; the answer that cannot be written is said, the service goes on."""
     victim = WORK / "victim"

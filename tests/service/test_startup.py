@@ -79,7 +79,7 @@ def test_first_start(start):
     assert service.index() == {chain[0].key.group: (68, 2), chain[2].key.group: (124, 1), chain[3].key.group: (180, 1)}
     assert [service.map(g) for g in GROUPS] == [[(10, 4, 68), (20, 2, 12)], [(5, 3, 124)], [(10, 1, 180)]]
     assert sorted(p.name for p in (service / "").iterdir()) == sorted(
-        ["data", "guififo", "im1_1_22_0", "im1_1_22_0_1", "im1_2_0_0", "index", "mekfifo", "org"])
+        ["data", "guififo", "im1_1_22_0", "im1_1_22_0_1", "im1_2_0_0", "index", "lock", "mekfifo", "org"])
     srw = (USER / "srw0.dat").read_bytes()
     assert len(srw) == 20000 and not any(srw[:2060] + srw[2064:])
     wait_for(lambda: all(n.state == 3 for n in service.chain() if not n.key.flag & 0x200), "reads without a driver")
