@@ -9,24 +9,52 @@
 
 namespace
 {
-FileKind Look(int directory, const char* path, int flags)
+struct Facts {
+    FileKind kind;
+    bool trusted;  // root's or our own
+};
+
+Facts Look(int directory, const char* path, int flags)
 {
     struct statx facts;
-    if (statx(directory, path, flags, STATX_TYPE, &facts) != 0) return FileKind::None;
-    if (S_ISREG(facts.stx_mode)) return FileKind::Regular;
-    return S_ISFIFO(facts.stx_mode) ? FileKind::Fifo : FileKind::Other;
+    if (statx(directory, path, flags, STATX_TYPE | STATX_UID, &facts) != 0) return {FileKind::None, false};
+    const bool trusted = facts.stx_uid == 0 || facts.stx_uid == geteuid();
+    if (S_ISREG(facts.stx_mode)) return {FileKind::Regular, trusted};
+    return {S_ISFIFO(facts.stx_mode) ? FileKind::Fifo : FileKind::Other, trusted};
+}
+
+Facts LookAt(const char* path)
+{
+    return Look(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW);
+}
+
+Facts LookAt(int descriptor)
+{
+    return Look(descriptor, "", AT_EMPTY_PATH);
 }
 }  // namespace
 
 FileKind KindOf(const char* path)
 {
-    return Look(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW);
+    return LookAt(path).kind;
+}
+
+bool TrustedFile(const char* path)
+{
+    const Facts facts = LookAt(path);
+    return facts.kind == FileKind::Regular && facts.trusted;
+}
+
+bool TrustedFile(int descriptor)
+{
+    const Facts facts = LookAt(descriptor);
+    return facts.kind == FileKind::Regular && facts.trusted;
 }
 
 int OpenRegular(const char* path, int flags)
 {
     const int descriptor = open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
-    if (descriptor < 0 || Look(descriptor, "", AT_EMPTY_PATH) == FileKind::Regular) return descriptor;
+    if (descriptor < 0 || LookAt(descriptor).kind == FileKind::Regular) return descriptor;
     close(descriptor);
     errno = EINVAL;
     return -1;

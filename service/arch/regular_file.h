@@ -8,6 +8,10 @@ enum class FileKind { None, Regular, Fifo, Other };  // a link is Other, whereve
 // None also when the system does not say.
 [[nodiscard]] FileKind KindOf(const char* path);
 
+// Whether it is a regular file of root's or of this process's own user; false also when the system does not say.
+[[nodiscard]] bool TrustedFile(const char* path);
+[[nodiscard]] bool TrustedFile(int descriptor);
+
 // A regular file's descriptor, closed on exec, or -1 with the reason in errno: a link in the last component, and
 // whatever else is no regular file, is refused. `flags` as for open(); a file that is made gets 0666 less the umask.
 [[nodiscard]] int OpenRegular(const char* path, int flags);

@@ -49,17 +49,21 @@ struct Opening {
     const char* mode;  // of the stream
     short lock;
     const char* failure;
+    bool trustedOnly = false;
 };
 
 constexpr Opening Creat = {O_RDWR | O_CREAT | O_TRUNC, "wb+", F_WRLCK, "*VOQ*RW creat file %s error\n\r\n"};
 constexpr Opening ReadWrite = {O_RDWR, "r+", F_WRLCK, "*VOQ*RW open file %s error\n\r\n"};
+constexpr Opening TrustedReadWrite = {O_RDWR, "r+", F_WRLCK, ReadWrite.failure, true};
 constexpr Opening ReadOnly = {O_RDONLY, "r", F_RDLCK, "*VOQ*RO open file %s error\r\n"};
 
 std::FILE* OpenStream(const char* path, const Opening& opening)
 {
     const int descriptor = OpenRegular(path, opening.flags);
     if (descriptor < 0) return nullptr;
-    std::FILE* const stream = fdopen(descriptor, opening.mode);
+    // Looked at again: the name may lead to another file by now.
+    const bool refused = opening.trustedOnly && !TrustedFile(descriptor);
+    std::FILE* const stream = refused ? nullptr : fdopen(descriptor, opening.mode);
     if (stream == nullptr) close(descriptor);
     return stream;
 }
@@ -100,6 +104,11 @@ int FsOpenFileRO(const char* path, std::FILE** stream)
 bool FsSync(std::FILE* stream)
 {
     return fsync(fileno(stream)) == 0;
+}
+
+bool WorkFile::OpenTrustedRW(const char* path)
+{
+    return TrustedFile(path) && OpenLocked(path, TrustedReadWrite, &stream_) == 0;
 }
 
 bool WorkFile::OpenUnlocked(const char* path)

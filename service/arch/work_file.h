@@ -39,6 +39,9 @@ public:
     [[nodiscard]] bool Create(const char* path) { return FsOpenFileCreat(path, &stream_) == 0; }
     [[nodiscard]] bool OpenRW(const char* path) { return FsOpenFileRW(path, &stream_) == 0; }
     [[nodiscard]] bool OpenRO(const char* path) { return FsOpenFileRO(path, &stream_) == 0; }
+    // As OpenRW for a file in a directory that is open to everybody: one that is neither root's nor the service's own,
+    // or no regular file, is passed over in silence, before anybody's lock is waited for.
+    [[nodiscard]] bool OpenTrustedRW(const char* path);
     // Opens for reading without a lock, "rb", silently; counted like the others.
     [[nodiscard]] bool OpenUnlocked(const char* path);
     // The same for a file that the service is given, whatever the path leads to: the project, a gateway box's ports.

@@ -31,7 +31,7 @@ int CheckIfComChg(std::uint16_t portIndex)
 {
     if (!FileExists(ChangeFlags)) return -1;
     WorkFile file;
-    if (!file.OpenRW(ChangeFlags)) return -1;
+    if (!file.OpenTrustedRW(ChangeFlags)) return -1;  // anybody may make one in /tmp
     const std::uint32_t flagAt = FirstChangeFlag + portIndex;
     std::uint8_t flag = 0;
     if (!file.ReadRecord(flagAt, flag) || flag == 0) return file.Close();

@@ -93,3 +93,27 @@ def test_fifo_paths_that_hold_something_else(start):
     before = reads()
     time.sleep(0.5)  # a busy loop makes a hundred thousand
     assert reads() - before < 100
+
+
+def test_change_flags_of_somebody_else(start):
+    """Neither waited for nor followed, in silence; the GUI's own are taken."""
+    service = start(com_info(pause=1), environment=traced())
+    victim = WORK / "victim"
+    victim.write_bytes(b"\7" * 60)
+    SRB.symlink_to(victim)
+    again(f"access {SRB}", 3)
+    assert victim.read_bytes() == b"\7" * 60
+    SRB.unlink()
+    with open(WORK / "theirs", "w+b", buffering=0) as theirs:
+        theirs.write(b"\7" * 60)
+        try:
+            os.chown(WORK / "theirs", 12345, -1)
+        except OSError:
+            pytest.skip("no other user in this namespace")
+        fcntl.lockf(theirs, fcntl.LOCK_EX)
+        os.rename(WORK / "theirs", SRB)
+        again(f"access {SRB}", 3)
+        assert SRB.read_bytes() == b"\7" * 60
+    assert service.count("srb0.dat error") == service.count("Cominfo need change") == 0
+    os.chown(SRB, os.geteuid(), -1)
+    wait_for(lambda: SRB.read_bytes()[20] == 0, "the flag cleared")
