@@ -43,6 +43,15 @@ void CopyArgument(char* to, std::size_t size, const char* from, const char* name
     std::exit(EXIT_FAILURE);
 }
 
+// The copy of a downloaded set names it to the shell.
+void RequirePlainName(const char* path)
+{
+    constexpr char Plain[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-/";
+    if (path[std::strspn(path, Plain)] == '\0') return;
+    std::printf("*VOQ*user data directory: only letters, digits and . _ - / can be used: %s\r\n", path);
+    std::exit(EXIT_FAILURE);
+}
+
 std::uint16_t PortArgument(const char* text)
 {
     char* end;
@@ -64,6 +73,7 @@ void ReadCommandLine(int count, char** arguments, CommandLine* line)
     line->port = PortArgument(arguments[2]);
     CopyArgument(PlcDrvDir, sizeof PlcDrvDir, arguments[3], "driver directory");
     CopyArgument(line->userDir, sizeof line->userDir, arguments[4], "user data directory");
+    RequirePlainName(line->userDir);
     CopyArgument(RcpDataDir, sizeof RcpDataDir, arguments[5], "recipe data directory");
     std::printf("input arg=%d:%s %d %s %s\n", count, line->project, line->port, PlcDrvDir, line->userDir);
 }

@@ -117,3 +117,18 @@ def test_change_flags_of_somebody_else(start):
     assert service.count("srb0.dat error") == service.count("Cominfo need change") == 0
     os.chown(SRB, os.geteuid(), -1)
     wait_for(lambda: SRB.read_bytes()[20] == 0, "the flag cleared")
+
+
+def test_user_directory_for_the_shell(start):
+    """A prepared set is copied by the shell, which must find nothing to do in the directory's name."""
+    prepared = pathlib.Path("/home/Bin/map/com_1")
+    prepared.mkdir(parents=True)
+    for name in ("org", "index", "data"):
+        (prepared / name).write_bytes(b"")
+    PROJECT.write_bytes(project([com_info()]))
+    for user in ("/u/;>hit;", "/u/$(>hit)", "/u/a b", "/u/\x80", "/u/*"):
+        pathlib.Path(user).mkdir()
+        ended = subprocess.run(program("voq", PROJECT, 0, DRIVERS, user, RECIPE), capture_output=True, timeout=20, cwd=WORK)
+        assert ended.returncode == 1 and ended.stdout == \
+            b"*VOQ*user data directory: only letters, digits and . _ - / can be used: " + os.fsencode(user) + b"\r\n"
+        assert not (WORK / "hit").exists() and not list(pathlib.Path(user).iterdir())
