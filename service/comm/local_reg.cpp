@@ -5,7 +5,9 @@
 #include <cstring>
 
 #include "arch/fs.h"
+#include "arch/regular_file.h"
 #include "arch/work_file.h"
+#include "state/com_state.h"
 #include "state/paths.h"
 
 Mutex LocalRegLock;
@@ -84,7 +86,12 @@ void CreateIfMissing(const Place& place, const char* message) VOQ_REQUIRES(Local
     } else {
         std::printf("*VOQ*%s not find,build one \r\n", place.path);
     }
-    CreateLocalFile(place.path, place.createBytes);
+    if (place.path == SRWName) {
+        CreateSystemWords();
+        return;
+    }
+    WorkFile file;
+    if (file.Create(place.path)) static_cast<void>(file.AppendZeros(place.createBytes));
 }
 
 // Bytes missing for the file to reach one element past the end of the range.
@@ -201,8 +208,15 @@ int WriteLocal(const RegKey& key, const void* data)
     return Done;
 }
 
-bool CreateLocalFile(const char* path, std::uint32_t bytes)
+// The file belongs to the services of all ports: each makes it under a name of its own, and gives up when another one
+// was faster. It is never there with a part of its length, whenever the power goes.
+void CreateSystemWords()
 {
+    char aside[2 * PathBytes];
+    std::snprintf(aside, sizeof aside, "%s.%d_%d", SRWName, ComInfo.linkType, ComInfo.portNo);
     WorkFile file;
-    return file.Create(path) && file.AppendZeros(bytes);
+    const bool made = file.Create(aside) && file.AppendZeros(SRWFileBytes) && file.Sync();
+    file.Close();
+    if (made && KindOf(SRWName) == FileKind::None && RenameFile(aside, SRWName)) return;
+    RemoveFile(aside);
 }

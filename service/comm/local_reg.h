@@ -36,5 +36,5 @@ int LocalOperWrite(const char* name, std::uint32_t addr, std::uint16_t width, co
 int ReadLocal(const RegKey& key, void* buf) VOQ_EXCLUDES(LocalRegLock);
 int WriteLocal(const RegKey& key, const void* data) VOQ_EXCLUDES(LocalRegLock);
 
-// Creates a local register file of zeros; false when it cannot be created.
-bool CreateLocalFile(const char* path, std::uint32_t bytes) VOQ_REQUIRES(LocalRegLock);
+// Makes SRWName with SRWFileBytes zeros, or leaves none behind. What is there meanwhile stays as it is.
+void CreateSystemWords() VOQ_REQUIRES(LocalRegLock);

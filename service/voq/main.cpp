@@ -117,26 +117,12 @@ void StartServiceThreads()
     if (!StartThread(mek_service_thread)) std::puts("voq:Create mek service_thread error\r");
 }
 
-// The system words have their whole length from the start: a creation that was cut short is finished.
-void CompleteSystemWords() VOQ_REQUIRES(LocalRegLock)
-{
-    WorkFile file;
-    if (!file.OpenUnlocked(SRWName) || file.Size() >= SRWFileBytes) return;
-    file.Close();
-    if (!file.OpenRW(SRWName)) return;
-    const std::uint32_t size = file.Size();
-    if (size < SRWFileBytes) static_cast<void>(file.AppendZeros(SRWFileBytes - size));
-}
-
 void MakeSystemWords()
 {
     const MutexLock lock(LocalRegLock);
-    if (FileExists(SRWName)) {
-        CompleteSystemWords();
-        return;
-    }
+    if (FileExists(SRWName)) return;
     std::printf("*VOQ*%s not find,build one \r\n", SRWName);
-    CreateLocalFile(SRWName, SRWFileBytes);
+    CreateSystemWords();
 }
 
 void StartWatchdog(std::uint16_t port)

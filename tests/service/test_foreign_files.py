@@ -132,3 +132,9 @@ def test_user_directory_for_the_shell(start):
         assert ended.returncode == 1 and ended.stdout == \
             b"*VOQ*user data directory: only letters, digits and . _ - / can be used: " + os.fsencode(user) + b"\r\n"
         assert not (WORK / "hit").exists() and not list(pathlib.Path(user).iterdir())
+
+
+def test_short_system_words(start):
+    (USER / "srw0.dat").write_bytes(b"\5" * 100)
+    start(com_info())
+    assert (USER / "srw0.dat").read_bytes() == b"\5" * 100
