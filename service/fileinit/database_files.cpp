@@ -14,6 +14,7 @@
 #include "database/index.h"
 #include "database/org_file.h"
 #include "fileinit/init_org.h"
+#include "state/com_state.h"
 
 namespace
 {
@@ -192,6 +193,10 @@ int PrepareDatabase(const char* projectPath, const DownloadPaths& download)
     const bool downloaded = DownloadComplete(download) && TakeOverDownload(download);
     const int result = downloaded ? 0 : LocalBuild(projectPath);
     const DatabaseState state = CheckDatabase(downloaded ? MapCare::Leave : MapCare::Judge);
+    if (state == DatabaseState::Unusable && ComInfo.masterSlaveMode == MODE_SLAVE) {
+        std::printf("*VOQ*a slave needs no register database, going on without it\r\n");
+        return -1;
+    }
     if (state == DatabaseState::Unusable) std::exit(EXIT_FAILURE);
     if (state != DatabaseState::Refused) return result;
     RemoveDatabase();  // what could not be set aside, and the maps

@@ -4,6 +4,6 @@
 
 #include "fileinit/working_paths.h"
 
-// Returns 0 when the files are ready, -1 when the local build failed. Ends the process with status 1 when a database
-// that is there cannot be read or mended: nothing is built over it, and nothing registered in it.
+// Returns 0 when the files are ready, -1 when the local build failed. When a database that is there cannot be read or
+// mended, nothing is built over it and nothing registered in it: a master ends with status 1, a slave gets -1.
 int PrepareDatabase(const char* projectPath, const DownloadPaths& download);

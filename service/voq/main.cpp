@@ -86,17 +86,23 @@ void RequireDatabaseFile(const char* path)
     std::exit(EXIT_FAILURE);
 }
 
-// Waits until the org file has a whole header. A file that is not there ends the process, to be started again.
+// Waits until the org file has a whole header. A file that is not there ends a master, to be started again; a slave
+// needs none and takes the database for empty.
 OrgHeader ReadStartHeader()
 {
-    RequireDatabaseFile(DataFileName);
-    RequireDatabaseFile(IndexFileName);
+    const bool needed = ComInfo.masterSlaveMode != MODE_SLAVE;
+    if (needed) RequireDatabaseFile(DataFileName);
+    if (needed) RequireDatabaseFile(IndexFileName);
     const MutexLock lock(DatabaseLock);
     WorkFile file;
-    if (!file.OpenRO(OrgFileName)) std::exit(EXIT_FAILURE);
+    if (!file.OpenRO(OrgFileName)) {
+        if (needed) std::exit(EXIT_FAILURE);
+        return {};
+    }
     OrgHeader header;
     while (!file.ReadRecord(0, header)) {
         std::puts("*VOQ*Start Read ORG file ret=0\r");
+        if (!needed) return {};
         SleepMicroseconds(HeaderRetryMicroseconds);
     }
     return header;

@@ -134,6 +134,24 @@ def test_user_directory_for_the_shell(start):
         assert not (WORK / "hit").exists() and not list(pathlib.Path(user).iterdir())
 
 
+@pytest.mark.parametrize("broken", ["org", "index", "data", "/u/none"])
+def test_slave_without_a_register_database(start, broken):
+    """It needs none; a master ends and leaves everything as it is."""
+    install_driver("Service/Serial")
+    arguments = ()
+    if broken[0] == "/":
+        arguments = (PROJECT, 0, DRIVERS, broken, RECIPE)
+    else:
+        start(com_info(), [Key(1), Key(2)]).stop()
+        (PORT / broken).unlink()
+        (PORT / broken).mkdir()
+        files = {p.name: p.read_bytes() for p in PORT.iterdir() if p.is_file()}
+        assert Service(ready=False).process.wait(20) == 1
+        assert files == {p.name: p.read_bytes() for p in PORT.iterdir() if p.is_file()}
+    service = start(com_info(mode=1), [Key(1), Key(2)], arguments=arguments)
+    wait_for(lambda: service.sim.loops > 3, "turns of the slave")
+
+
 def test_short_system_words(start):
     (USER / "srw0.dat").write_bytes(b"\5" * 100)
     start(com_info())
