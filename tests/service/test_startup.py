@@ -41,7 +41,8 @@ def test_command_line():
     long = "/u/" + 61 * "x"
     for arguments in ((PROJECT, 0, long, USER, RECIPE), (PROJECT, 0, DRIVERS, USER, long),
                       (PROJECT, 0, DRIVERS, "/u/" + 300 * "x", RECIPE), ("/" + 256 * "x", 0, DRIVERS, USER, RECIPE),
-                      (PROJECT, 0, DRIVERS, "/u/" + 48 * "x", RECIPE)):
+                      (PROJECT, 0, DRIVERS, "/u/" + 48 * "x", RECIPE),
+                      (PROJECT, 0, DRIVERS, "/u;" + 40 * "x", RECIPE)):
         PROJECT.write_bytes(project([com_info()]))
         done = run(*arguments)
         assert done.returncode == 1 and 40 * "x" in done.stdout.decode().splitlines()[-1], done
