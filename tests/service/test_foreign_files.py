@@ -34,9 +34,10 @@ def test_files_that_are_none(start):
         folder.mkdir(parents=True)
     for fifo in (SRW, PORT / "2"):
         os.mkfifo(fifo)
-    for link in (SRB, *(PORT / name for name in ("1", "comerror", "timeout", "rtData4"))):
+    for link in (SRB, *(PORT / name for name in ("1", "comerror", "timeout"))):
         link.symlink_to(victim)
     service = start(com_info(pause=0))
+    (PORT / "rtData4").symlink_to(victim)
     service.send(b"".join(frame(READ, Key(n), n) for n in (1, 2, 3, 9)) + frame(WRITE, Key(4), 4, payload=b"ab"))
     wait_for((service / "9").exists, "the answer with a place of its own")
     service.send(log_on(Key(50), 50))
