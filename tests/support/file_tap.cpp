@@ -13,10 +13,11 @@
 #include <string>
 
 FileTap Tap;
-std::size_t MostWrittenAtOnce = SIZE_MAX;
 
 namespace
 {
+constexpr std::size_t MostAtOnce = 4096;  // a write moves no more, as a disk may; the service carries on behind it
+
 std::size_t Show(const FileChange& change)
 {
     return Tap ? Tap(change) : AllOf(change);
@@ -35,7 +36,7 @@ FILE* __wrap_fopen(const char* path, const char* mode);
 
 ssize_t __wrap_pwrite(int descriptor, const void* buffer, size_t size, off_t offset)
 {
-    size = std::min(size, MostWrittenAtOnce);
+    size = std::min(size, MostAtOnce);
     const std::size_t made = Show({.kind = FileChange::Write,
                                    .descriptor = descriptor,
                                    .offset = static_cast<std::uint32_t>(offset),
@@ -95,10 +96,8 @@ int __wrap_system(const char* command)
         FILE* copy =
             __wrap_fopen((words.substr(words.find('*') + 2) + entry.path().filename().string()).c_str(), "wb+");
         if (copy == nullptr) return 1;
-        for (std::size_t done = 0; done < bytes.size();) {
-            const ssize_t put =
-                __wrap_pwrite(fileno(copy), bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
-            done += static_cast<std::size_t>(put);
+        for (std::size_t done = 0; done < bytes.size(); done += MostAtOnce) {
+            __wrap_pwrite(fileno(copy), bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
         }
         std::fclose(copy);
     }

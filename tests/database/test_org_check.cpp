@@ -5,7 +5,7 @@
 #include "arch/work_file.h"
 #include "database/check.h"
 #include "database/index.h"
-#include "list_fixture.h"
+#include "support/database_files.h"
 
 namespace
 {
@@ -17,7 +17,7 @@ DatabaseState Check()
 }
 }  // namespace
 
-class OrgCheckTest : public ListTest
+class OrgCheckTest : public DatabaseTest
 {
 protected:
     void Build()
