@@ -1,17 +1,12 @@
-"""When the main loop does what, seen from outside: a preloaded shim notes its sleeps, looks and opens (trace.c)."""
+"""When the main loop does what, seen from outside: a preloaded shim notes its sleeps, looks and opens (shim.c)."""
 import struct
 
-from voqtest import (DRIVERS, PROJECT, RECIPE, USER, WORK, Key, com_info, log_off, log_on, preloaded, project,
-                     wait_for)
+from voqtest import (DRIVERS, PROJECT, RECIPE, USER, WORK, Key, com_info, log_off, log_on, project, traced, wait_for)
 
 PAUSE = 3
 TURN_END = f"usleep {PAUSE * 1000}"
 IDLE, CHECKS = "usleep 50000", "access /tmp/srb0.dat"
 ORG_READ, ORG_WRITE = "fopen /u/com_1/org r", "fopen /u/com_1/org r+"
-
-
-def traced():
-    return preloaded("trace") | {"VOQ_TRACE": str(WORK / "trace")}
 
 
 def turns():

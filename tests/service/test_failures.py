@@ -1,8 +1,7 @@
 """A PLC that does not answer, places that cannot be written, tables that are full."""
 import pytest
-from test_cadence import traced
 from voqtest import (DRIVERS, PROJECT, RECIPE, USER, WORK, Key, Service, com_info, install_driver, log_off, log_on,
-                     project, wait_for)
+                     project, traced, wait_for)
 
 
 @pytest.mark.parametrize("failure, marker, threshold", [(2, "timeout", 3), (3, "comerror", 5)])
