@@ -50,7 +50,7 @@ def test_first_reads(start, seed, limit, gap, packing):
     service = start(com_info(word_limit=limit, bit_limit=limit, word_gap=gap, bit_gap=gap, pause=0, packing=packing), keys,
                     sim=sim)
     keys.sort(key=lambda k: (k.regid, k.place))
-    amount = sum(-(-k.width // limit) for k in keys) if packing else reads_of(keys, limit, gap)
+    amount = len(keys) if packing else reads_of(keys, limit, gap)
     wait_for(lambda: all(n.state for n in service.chain()), "a read of every range", 60)
     sim.fail(0)
     wait_for(sim.quiet, "the end of the first reads")
