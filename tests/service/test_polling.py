@@ -3,7 +3,7 @@ import random
 import time
 
 import pytest
-from voqtest import SLOWEST, Key, com_info, log_off, log_on, wait_for
+from voqtest import Key, com_info, log_off, log_on, wait_for
 
 
 @pytest.mark.sanitized
@@ -114,19 +114,6 @@ def test_entries_without_a_record_are_never_polled(start):
     assert service.sim.cycle(20) == [(0, 2)] * 20
     said = "*VOQ*fast list: no record at org offset {} of fileno {}, not polled\r\n"
     assert [service.count(said.format(offset, 90 + n)) for n, offset in enumerate(offsets)] == [0, 1, 1, 1, 0]
-
-
-def test_due_or_not(start):
-    """Slow ranges come along only when due."""
-    service = start(com_info(pause=1))
-    slow, fast = Key(10, 2, flag=SLOWEST), [Key(0, 2), Key(20, 2)]
-    begin = time.monotonic()
-    service.send(b"".join(log_on(key, i) for i, key in enumerate([slow, *fast])))
-    wait_for(lambda: (0, 22) in service.sim.read_places(), "the slow range read along with its neighbours")
-    calls = [c for c in service.sim.calls() if c.command == service.sim.RDONE]
-    assert {(c.addr, c.width) for c in calls} <= {(0, 2), (20, 2), (0, 12), (0, 22)}
-    assert min(c.start for c in calls if c.width > 2) >= (begin + 1.99) * 1e6
-    assert service.value(slow) == service.sim.value(slow) or service.node(slow).state == 0
 
 
 def reads_of(keys, limit, gap):

@@ -1,13 +1,11 @@
 """Start-up: command line, printed lines, files, and the combinations of what an earlier run may have left."""
 import pathlib
-import random
 import shutil
 import struct
 import subprocess
 
 import pytest
-from voqtest import (DRIVERS, PROJECT, RECIPE, SYSTEM, USER, Key, Service, com_info, log_on, program, project,
-                     voqctl, wait_for)
+from voqtest import DRIVERS, PROJECT, RECIPE, SYSTEM, USER, Key, com_info, program, project, wait_for
 
 REGISTERS = [Key(20, 2), Key(10, 4), Key(5, 3, regid=2, layout=0x00), Key(10, 4), Key(7, portno=2),
              Key(8, convpara=0x10000), Key(10, 1, flag=0x10200)]

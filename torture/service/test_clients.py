@@ -1,4 +1,4 @@
-"""Clients that misbehave: one holds a lock, one stops in a frame, one never takes its answers, one floods. The other one
+"""Clients that misbehave: one holds a lock, one floods and never takes its answers. The other one
 is served, nothing is lost, and the service stays as small as it was."""
 import contextlib
 import multiprocessing
@@ -44,24 +44,6 @@ def test_lock_held(start):
     sound()
     figure(f"clients: read lock held {seconds} s on org, data, index", f"0 of 12 requests lost, all answered {worst:.1f} s "
            "after the release at the latest", "none lost", True)
-
-
-def test_half_a_frame_and_answers_never_taken(start):
-    amount = 60000 if LONG else 3000
-    client = Client(start(com_info(pause=0, word_limit=64)))
-    service, whole = client.service, read(9).frame(7)
-    service.send_drained(whole[:20])
-    posted = 0
-    while posted < amount:  # taken in by the hundred: more than 1000 waiting would be refused
-        service.send(b"".join(read(n % 2000).frame(n) for n in range(100 + posted, 200 + posted)), "mek")
-        wait_for(lambda: (service / f"{199 + posted}").exists(), "the last of a hundred")
-        posted += 100
-    del client.written, client.watch
-    there = sum(name.isdigit() and (service / name).stat().st_size == 42 for name in os.listdir(service.dir))
-    service.send(whole[20:])
-    wait_for(lambda: (service / "7").exists() and (service / "7").stat().st_size == 42, "the frame's second half")
-    figure("clients: one stopped in a frame, one never took its answers", f"{there} of {amount} answers there", "all",
-           there == amount)
 
 
 def flood_gui(service):
