@@ -3,7 +3,6 @@ import contextlib
 import itertools
 import os
 import pathlib
-import random
 import re
 import struct
 from collections import Counter
@@ -11,7 +10,7 @@ from dataclasses import dataclass, replace
 
 import pytest
 from voqtest import (ALWAYS, CHANGE, READ, SLOWEST, USER, WRITE, Key, com_info, frame, libc, log_off, log_on,
-                     read_locked, sound, wait_for)
+                     read_locked, wait_for)
 
 URGENT, GROUP = ALWAYS | 1 << 23, ALWAYS | 1 << 9
 PULSE, CHANGED, PLAIN = 0x20, 0x80, 0  # sub-codes of a change
@@ -394,60 +393,6 @@ def test_refusals(start, failure, refusal):
     assert all(answer == (1, sim.value(client.posted[n].key)) for n, answer in zip(listed, client.answered(listed, 60)))
     assert client.served(read(9000)) == [(1, sim.value(Key(9000)))]
     client.nothing_left()
-
-
-@pytest.mark.sanitized
-def test_500_at_once(start):
-    """Both clients at once while polling runs, the driver fails, recovers and is restarted, and ranges are logged on and off:
-    every request has its one answer, and its effect when it says so."""
-    rng = random.Random(1)
-    client = Client(start(com_info(pause=1, word_limit=16)))
-    sim, service = client.sim, client.service
-    service.send(b"".join(log_on(Key(50 * i, 3, regid=2), 10 + i) for i in range(8)), "mek")
-    kinds = [lambda key: read(key.addr % 300, key.width, regid=4), flip, lambda key: pulse(Key(key.addr), 1, 5),
-             lambda key: Request(WRITE, key, rng.randbytes(key.size)), lambda key: write(2, 7, regid=3),
-             lambda key: change(PULSE, SET_BIT, Key(key.addr), bit=3, form=1)]
-    requests = [rng.choices(kinds, (40, 20, 2, 25, 5, 8))[0](Key(8 * i, rng.randrange(1, 9))) for i in range(500)]
-    before = {r: sim.value(r.key) for r in requests}
-
-    def post_all():
-        todo = requests[:]
-        while todo:
-            name, part = rng.choice(("gui", "mek")), rng.randrange(1, 30)
-            client.post(*todo[:part], client=name)
-            del todo[:part]
-            yield
-
-    with client.held((sim.TIMEOUT, 60)):
-        posting = post_all()
-        list(itertools.islice(posting, 8))
-    wait_for(lambda: sim.left_to_fail == 0, "60 time-outs")
-    for _ in posting:
-        client.collect()
-        sim.fail(rng.choice((0, 0, sim.TIMEOUT, sim.ERROR)), rng.choice((1, 2, 5, 30)), rng.choice((0, 300)))
-        if rng.random() < 0.3:
-            on, name = rng.choice((log_on, log_off)), rng.choice(("gui", "mek"))
-            service.send(b"".join(on(Key(30 * i, 2, regid=3), 200 + i) for i in range(9)), name)
-        if rng.random() < 0.3:  # what is buffered behind a reload frame is lost, so it travels alone
-            client.fence("gui")
-            service.send_drained(b"\xfd\0\0" + com_info(address=rng.randrange(1 << 32)))
-    wait_for(lambda: client.collect() or sim.left_to_fail == 0 or sim.word(68) == 0, "recovery")
-    sim.fail(0)
-    client.answered(client.posted, 60)
-    client.nothing_left()
-    codes = Counter(code for code, _ in client.answers.values())
-    assert codes[1] > 50 and codes[2] > 5 and set(codes) <= {1, 2, 3, 4}, codes
-    for fileno, request in client.posted.items():
-        (code, value), now = client.answers[fileno], sim.value(request.key)
-        old = before[request]
-        if request.cmd == READ:
-            assert code != 1 or value == old
-        elif request.key != Key(2, regid=3) and (code == 1 or request.payload[4:5] != bytes([TIMED])):
-            assert now == (effect(request, old) if code == 1 else old), (request, code)
-    fresh = Key(9000, 4)
-    assert client.served(Request(WRITE, fresh, b"\1\2\3\4\5\6\7\x08"), client="gui") == [(1, b"")]
-    assert client.served(read(9000, 4)) == [(1, b"\1\2\3\4\5\6\7\x08")]
-    sound()
 
 
 @pytest.mark.parametrize("failed_reads", [0, 2])
