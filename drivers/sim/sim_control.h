@@ -32,12 +32,14 @@ inline constexpr std::uint32_t SimCallSlots = 4096;
 
 enum SimFailure : std::uint32_t {
     SIM_FAIL_NONE = 0,
-    SIM_FAIL_TIMEOUT = 2,  // the call returns 2
-    SIM_FAIL_ERROR = 3,    // the call returns 3
-    SIM_FAIL_HANG = 4,     // the call does not return until the failure is another; then it goes on normally
+    SIM_FAIL_TIMEOUT = 2,   // the call returns 2
+    SIM_FAIL_ERROR = 3,     // the call returns 3
+    SIM_FAIL_HANG = 4,      // the call does not return until the failure is another; then it goes on normally
+    SIM_FAIL_CRASH = 5,     // the call ends the process
+    SIM_FAIL_NONSENSE = 6,  // the call returns what no driver may
 };
 
-enum SimCommand : std::uint8_t { SIM_RDONE = 1, SIM_WRONE = 2, SIM_INIT = 3, SIM_DESTROY = 4 };
+enum SimCommand : std::uint8_t { SIM_RDONE = 1, SIM_WRONE = 2, SIM_INIT = 3, SIM_DESTROY = 4, SIM_LOOP = 5 };
 
 inline constexpr std::uint32_t SimAllStations = 0xFFFFFFFF;
 inline constexpr std::uint32_t SimForever = 0xFFFFFFFF;
@@ -71,7 +73,7 @@ struct SimControl {
     std::atomic<std::uint32_t> failure;      // SimFailure
     std::atomic<std::uint32_t> failStation;  // a plcno, or SimAllStations
     std::atomic<std::uint32_t> failCount;    // calls still to fail, or SimForever
-    std::atomic<std::uint32_t> failCommand;  // SIM_RDONE or SIM_WRONE alone, 0 for both
+    std::atomic<std::uint32_t> failCommand;  // a SimCommand alone, 0 for RdOne and WrOne
     std::uint8_t settingsRest[44];
 
     // Statistics; the counts wrap.

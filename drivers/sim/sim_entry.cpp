@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "sim_file.h"
 #include "sim_registers.h"
@@ -68,15 +69,20 @@ bool TakeFailure(SimControl& control)
     return count == SimForever;
 }
 
-// The failure that this call is to suffer: SIM_FAIL_TIMEOUT or SIM_FAIL_ERROR; a held call comes back with none.
+constexpr std::uint32_t Nonsense[] = {0x80000000, 1, 77, 0xFFFFFFFF, 0x7FFFFFFF};
+
+// The failure that this call is to suffer: what it returns then; a held call comes back with none.
 std::uint32_t Suffer(SimControl& control, SimCommand command, const RegKey& key)
 {
     const std::uint32_t failure = control.failure.load(std::memory_order_acquire);
-    if (failure != SIM_FAIL_TIMEOUT && failure != SIM_FAIL_ERROR && failure != SIM_FAIL_HANG) return SIM_FAIL_NONE;
+    if (failure < SIM_FAIL_TIMEOUT || failure > SIM_FAIL_NONSENSE) return SIM_FAIL_NONE;
     const std::uint32_t station = control.failStation.load(Relaxed);
     const std::uint32_t only = control.failCommand.load(Relaxed);
-    if ((station != SimAllStations && station != key.plcno) || (only != 0 && only != command)) return SIM_FAIL_NONE;
+    if (station != SimAllStations && station != key.plcno) return SIM_FAIL_NONE;
+    if (only != command && (only != 0 || command > SIM_WRONE)) return SIM_FAIL_NONE;
     if (!TakeFailure(control)) return SIM_FAIL_NONE;
+    if (failure == SIM_FAIL_CRASH) std::abort();
+    if (failure == SIM_FAIL_NONSENSE) return Nonsense[(control.logged + control.loops) % std::size(Nonsense)];
     if (failure != SIM_FAIL_HANG) return failure;
 
     control.hanging.store(1, std::memory_order_release);
@@ -123,13 +129,15 @@ std::int32_t Init(void** slot, const ComInfoRecord* info)
     SimControl& control = *static_cast<Sim*>(*slot)->file.control;
     control.inits.fetch_add(1, Relaxed);
     LogParameters(control, SIM_INIT, info);
-    return PLC_DRV_OK;
+    return static_cast<std::int32_t>(Suffer(control, SIM_INIT, {}));
 }
 
 std::int32_t Destroy(void** slot, const ComInfoRecord* info)
 {
     if (slot == nullptr || *slot == nullptr) return PLC_DRV_OK;
     auto* sim = static_cast<Sim*>(*slot);
+    const std::uint32_t failure = Suffer(*sim->file.control, SIM_DESTROY, {});
+    if (failure != SIM_FAIL_NONE) return static_cast<std::int32_t>(failure);
     sim->file.control->destroys.fetch_add(1, Relaxed);
     LogParameters(*sim->file.control, SIM_DESTROY, info);
     CloseSimFile(sim->file);
@@ -145,6 +153,8 @@ std::int32_t Loop(Sim& sim, const ComInfoRecord* info, const UserOper* oper)
     sim.file.control->loops.fetch_add(1, Relaxed);
     if (info != nullptr) sim.file.control->loopSlaveNo.store(info->slaveNo, Relaxed);
     Sleep(1000);
+    const std::uint32_t failure = Suffer(*sim.file.control, SIM_LOOP, {});
+    if (failure != SIM_FAIL_NONE) return static_cast<std::int32_t>(failure);
     if (oper == nullptr || oper->read == nullptr || oper->write == nullptr) return PLC_DRV_ERROR;
 
     std::uint16_t word = 0;

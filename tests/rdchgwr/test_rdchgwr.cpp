@@ -1,13 +1,11 @@
-// What the whole process does not show: the swap of big-endian ranges, and the time of a pulse to the millisecond.
+// What the whole process does not show: the time of a pulse to the millisecond.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <utility>
 #include <vector>
 
-#include "rdchgwr/byte_order.h"
 #include "rdchgwr/rd_chg_wr.h"
-#include "value/shuffle.h"
 #include "voq/rt_item.h"
 
 namespace
@@ -17,17 +15,6 @@ using Bytes = std::vector<unsigned char>;
 RegKey Key(std::uint8_t layout, std::uint16_t width, std::uint32_t flag = 0)
 {
     return {flag, 0, 0, 1, layout, 7, width, 0, 0};
-}
-
-TEST(BigEndian, RangesSwapTheirElements)
-{
-    Bytes value = {1, 2, 3, 4, 5, 6};
-    operBigEndEx(Key(0x22, 2, REG_FLAG_BIG_ENDIAN), value.data(), 4);
-    operBigEndEx(Key(0x22, 2), value.data(), 6);
-    operBigEndEx(Key(0x10, 6, REG_FLAG_BIG_ENDIAN), value.data(), 6);
-    EXPECT_EQ(value, (Bytes{2, 1, 4, 3, 5, 6}));
-    Reverse(value.data(), 6, 3);
-    EXPECT_EQ(value, (Bytes{3, 5, 6, 2, 1, 4}));
 }
 
 // A register of 16 bits, and what was done with it.

@@ -1,17 +1,12 @@
-"""When the main loop does what, seen from outside: a preloaded shim notes its sleeps, looks and opens (trace.c)."""
+"""When the main loop does what, seen from outside: a preloaded shim notes its sleeps, looks and opens (shim.c)."""
 import struct
 
-from voqtest import (DRIVERS, PROJECT, RECIPE, USER, WORK, Key, com_info, log_off, log_on, preloaded, project,
-                     wait_for)
+from voqtest import (DRIVERS, PROJECT, RECIPE, USER, WORK, Key, com_info, log_off, log_on, project, traced, wait_for)
 
 PAUSE = 3
 TURN_END = f"usleep {PAUSE * 1000}"
 IDLE, CHECKS = "usleep 50000", "access /tmp/srb0.dat"
 ORG_READ, ORG_WRITE = "open /u/com_1/org r", "open /u/com_1/org r+"
-
-
-def traced():
-    return preloaded("trace") | {"VOQ_TRACE": str(WORK / "trace")}
 
 
 def turns():
@@ -85,7 +80,7 @@ def test_end_of_chain_stops_the_org_list_pass(start):
 
 def test_watchdog(start):
     PROJECT.write_bytes(project([com_info(), com_info(port=3)]))
-    (USER / "srw0.dat").write_bytes(bytes(20000))
+    (USER / "srw0.dat").write_bytes(bytes(9000))  # cut short
     arguments = (PROJECT, 65536 + 1, DRIVERS, USER, RECIPE)
     start(arguments=arguments, directory="/u/com_3", driver=None, environment=traced())
     place = (1 + 515) * 4

@@ -1,8 +1,7 @@
 """A PLC that does not answer, places that cannot be written, tables that are full."""
 import pytest
-from test_cadence import traced
-from voqtest import (DRIVERS, PROJECT, RECIPE, USER, WORK, Key, Service, com_info, install_driver, log_off, log_on,
-                     project, wait_for)
+from voqtest import (PROJECT, USER, WORK, Key, Service, com_info, install_driver, log_off, log_on, project, traced,
+                     wait_for)
 
 
 @pytest.mark.parametrize("failure, marker, threshold", [(2, "timeout", 3), (3, "comerror", 5)])
@@ -53,38 +52,6 @@ def test_org_list_pass_waits_out_a_timeout(start):
     wait_for(lambda: all(n.state for n in service.chain()), "the rest of the table")
     assert [n.state for n in service.chain()].count(2) == 1
     service.stop()
-
-
-def test_places_that_cannot_be_used(start):
-    PROJECT.write_bytes(project([com_info()]))
-    service = Service((PROJECT, 0, DRIVERS, "/u/none", RECIPE), ready=False)
-    assert service.process.wait(20) == 1
-    out, err = service.out().decode(), service.err().decode()
-    for text in ("Could not create gui fifo /u/none/com_1/guififo\n\r\n", "RW creat file /u/none/com_1/org error\n\r\n",
-                 "Could not create mek fifo /u/none/com_1/mekfifo\n\r\n"):
-        assert "*VOQ*" + text in out
-    assert "fopen:: No such file or directory" in err
-
-    key = Key(100, 4)
-    for name in ("timeout", "mekfifo", "mekfifo.bad/full", "comerror"):  # a full one cannot be taken
-        (USER / "com_1" / name).mkdir(parents=True)
-    service = start(com_info())
-    service.wait_out("Mek fifo nread=-1\n", 2)
-    service.send(log_on(key, 1))
-    wait_for(lambda: service.value(key) == service.sim.value(key), "the other client is served")
-    service.sim.fail(2, 5)
-    service.wait_out("set timeout error\n")
-    wait_for(lambda: service.sim.left_to_fail == 0, "five time-outs")
-    service.sim.fail(3, 5)
-    service.wait_out("set com error\n")
-    assert service.count("set timeout error\n") == 1
-    wait_for(lambda: service.node(key).state == 1, "recovery")
-    for name in ("org", "data", "index"):  # files that vanish under the service are reported, not missed
-        (service / name).unlink()
-    service.wait_out("*VOQ*RO open file /u/com_1/org error\r\n")
-    service.send(log_on(Key(7, 1), 2))
-    service.wait_out("open index error\n")
-    assert service.process.poll() is None
 
 
 def test_driver_that_is_not_ready(start):

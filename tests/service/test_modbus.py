@@ -1,11 +1,18 @@
-"""The service with its Modbus driver and a PLC that comes and goes (examples/plc.py)."""
+"""The service with its Modbus drivers: a PLC that comes and goes (examples/plc.py), a dead station and an unplugged line, an
+outside master and another process at the same registers."""
+import fcntl
+import os
 import signal
 import struct
 import subprocess
 import sys
+import threading
+import time
 
 import pytest
-from voqtest import WRITE, Key, com_info, frame, free_port, log_on, wait_for
+from plc_driver import Line, RtuStations
+from pymodbus.client import ModbusTcpClient
+from voqtest import RECIPE, USER, WORK, WRITE, Key, com_info, frame, free_port, install_driver, log_on, wait_for
 
 COUNTER, SINE, KEPT = Key(0, 1, regid=4), Key(0, 2, regid=3), Key(20, 3, regid=4)
 COILS = Key(0, 9, regid=0, layout=0x00)
@@ -44,21 +51,122 @@ def test_plc_that_comes_and_goes(start, plc):
             return len(seen) > 4 and len({c[1] for c in seen}) > 1 and len({c[2] for c in seen}) > 1
         wait_for(moved, "moving values", 60)
 
+    def failing():
+        wait_for(lambda: service.node(COUNTER).state in (2, 3), "the failure in the record", 60)
+        wait_for(lambda: (service / ("timeout" if service.node(COUNTER).state == 2 else "comerror")).exists(), "the marker", 60)
+
     follow()
     service.send(frame(WRITE, KEPT, 300, payload=b"\1\0\2\0\3\0"), "mek")
     wait_for(lambda: (service / "300").exists() and (service / "300").stat().st_size == 40, "the answer to a write")
     wait_for(lambda: service.value(KEPT) == b"\1\0\2\0\3\0", "the value read back")
-    for stop, resume in ((lambda: (server.kill(), server.wait()), plc), (None, None)):
-        if stop is None:  # an answer that never comes, from a server that is there
-            server.send_signal(signal.SIGSTOP)
-        else:
-            stop()
-        wait_for(lambda: service.node(COUNTER).state in (2, 3), "the failure in the record", 60)
-        marker = service / ("timeout" if service.node(COUNTER).state == 2 else "comerror")
-        wait_for(marker.exists, f"the marker {marker}", 60)
-        if resume is None:
-            server.send_signal(signal.SIGCONT)
-        else:
-            server = resume()
-        wait_for(lambda: not marker.exists(), "the marker cleared", 60)
-        follow()
+    server.kill(), server.wait()
+    failing()
+    server = plc()
+    follow()
+    server.send_signal(signal.SIGSTOP)  # an answer that never comes, from a server that is there
+    failing()
+    server.send_signal(signal.SIGCONT)
+    follow()
+    assert not (service / "timeout").exists() and not (service / "comerror").exists()
+
+
+def test_dead_station_and_an_unplugged_line(start):
+    keys, port = [Key(10 * n, 2, regid=4, plcno=n) for n in range(1, 5)], WORK / "port"
+
+    def plugged():
+        line = Line()
+        port.unlink(missing_ok=True)
+        port.symlink_to(os.environ["VOQ_SERIAL_1"])
+        return RtuStations(line)
+
+    stations = plugged()
+    service = start(com_info(address=115200, para=struct.pack("<HH", 0, 500), pause=10), driver="modbus_rtu",
+                    environment={"VOQ_SERIAL_1": str(port)})
+    service.send(b"".join(log_on(key, i) for i, key in enumerate(keys)))
+
+    def states(*wanted):
+        return all(service.node(key) and service.node(key).state == state for key, state in zip(keys, wanted))
+
+    wait_for(lambda: states(1, 1, 1, 1), "all stations")
+    assert [service.value(key) for key in keys] == [struct.pack(">HH", 10 * n, 10 * n + 1) for n in range(1, 5)]
+    stations.dead.add(4)
+    service.wait_out("station 4 lost")
+    since = service.node(keys[0]).stamp
+    wait_for(lambda: states(1, 1, 1, 2) and service.node(keys[0]).stamp > since, "the others polled")
+    stations.dead.clear()
+    wait_for(lambda: states(1, 1, 1, 1), "the station back")
+    service.wait_out("station 4 found again")
+    stations.close()
+    os.close(stations.line.fd)
+    wait_for(lambda: states(3, 3, 3, 3) and (service / "comerror").exists(), "the failures")
+    stations = plugged()
+    wait_for(lambda: states(1, 1, 1, 1) and not (service / "comerror").exists(), "polling on")
+    stations.close()
+
+
+CELLS, ROUNDS = 24, 96  # of the bits or words, the outside master's are the even ones, ours the odd ones
+
+
+def bump_ours(path, base, form):
+    """Another process's way: the whole block read, changed and written back under the file's lock."""
+    size = struct.calcsize(form)
+    with open(path, "r+b", buffering=0) as file:
+        fcntl.lockf(file, fcntl.LOCK_EX)
+        file.seek(size * base)
+        cells = list(struct.unpack(f"<{CELLS}{form}", file.read(size * CELLS)))
+        cells[1::2] = [cell % (256 ** size - 1) + 1 for cell in cells[1::2]]
+        time.sleep(0.002)
+        file.seek(size * base)
+        file.write(struct.pack(f"<{CELLS}{form}", *cells))
+
+
+def carried(value, form):
+    return value if form == "H" else value // 12 % 2
+
+
+def bump_theirs(master, base, unit, form, failures):
+    """The outside master's: its own bits or words, each with a write of its own, and all of them read."""
+    try:
+        seen = 0
+        for value in range(1, ROUNDS + 1):
+            place, sent = value % 12 * 2, carried(value, form)
+            if form == "H":
+                assert not master.write_register(base + place, sent, slave=unit).isError()
+                cells = master.read_holding_registers(base, CELLS, slave=unit).registers
+            else:
+                assert not master.write_coil(base + place, bool(sent), slave=unit).isError()
+                cells = master.read_coils(base, CELLS, slave=unit).bits
+            assert cells[place] == sent and len(set(cells[1::2])) == 1 and seen <= cells[1]
+            seen = cells[1]
+    except Exception as failure:
+        failures.append(failure)
+
+
+def test_outside_master_and_another_process(start):
+    port = free_port()
+    install_driver("Service/Ethernet", "modbus_tcp_slave")
+    service = start(com_info(link=2, mode=1, address=0, para=struct.pack("<H", port)), directory=USER / "tcp_1")
+    master = ModbusTcpClient("127.0.0.1", port=port)
+    (service / "slaveno.new").write_bytes(struct.pack("<H", 5))
+    os.rename(service / "slaveno.new", service / "slaveno")
+    wait_for(lambda: not (service / "slaveno").exists(), "the slave number taken over")
+    wait_for(master.connect, "a connection")
+    for base, window, path, form in ((100, 100, USER / "lw.dat", "H"), (64, 0x8000 + 64, RECIPE / "rw.dat", "H"),
+                                     (48, 48, USER / "lb.dat", "B")):
+        assert not (master.write_coil(100, True, slave=5) if form == "B" else
+                    master.write_register(window + 100, 0, slave=5)).isError()  # the file is there
+        failures = []
+        thread = threading.Thread(target=bump_theirs, args=(master, window, 5, form, failures))
+        thread.start()
+        ours = 0
+        while thread.is_alive() and ours < 60000:
+            bump_ours(path, base, form)
+            ours += 1
+            time.sleep(0.001)
+        assert not thread.is_alive() and not failures, failures
+        size = struct.calcsize(form)
+        cells = struct.unpack_from(f"<{CELLS}{form}", path.read_bytes(), size * base)
+        assert set(cells[1::2]) == {(ours - 1) % (256 ** size - 1) + 1} and ours >= ROUNDS / 4
+        last = {value % 12: value for value in range(1, ROUNDS + 1)}
+        assert list(cells[::2]) == [carried(last[n], form) for n in range(12)]
+    master.close()

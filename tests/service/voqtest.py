@@ -83,18 +83,17 @@ def empty_box():
             shutil.rmtree(entry) if entry.is_dir() and not entry.is_symlink() else entry.unlink()
 
 
-def built(name):
-    """The shared library of NAME.c in this folder, built once."""
-    library = pathlib.Path(f"/{name}.so")
+def shim(**variables):
+    """The environment that loads torture/service/shim.c into the service and tells it what to do."""
+    library = pathlib.Path("/shim.so")
     if not library.exists():
-        source = pathlib.Path(__file__).parent / f"{name}.c"
-        subprocess.run([TOOLS + "gcc", "-O1", "-shared", "-fPIC", "-I/co/include", "-o", library, source], check=True)
-    return library
+        command = [TOOLS + "gcc", "-O1", "-shared", "-fPIC", "-o", library, "/co/torture/service/shim.c"]
+        subprocess.run(command, check=True)
+    return {"LD_PRELOAD": str(library), **variables}
 
 
-def preloaded(name):
-    """The environment that loads NAME.c of this folder into the service."""
-    return {"LD_PRELOAD": str(built(name))}
+def traced():
+    return shim(VOQ_TRACE=str(WORK / "trace"))
 
 
 @dataclass(frozen=True)
@@ -197,8 +196,8 @@ class Sim:
     """The simulated PLC: the file shared with its driver (drivers/sim/sim_control.h), registers no byte of them 0."""
 
     SIZE, CALLS, REGISTERS = 4329472, 4096, 135168
-    TIMEOUT, ERROR, HANG = 2, 3, 4
-    RDONE, WRONE, INIT, DESTROY = 1, 2, 3, 4
+    TIMEOUT, ERROR, HANG, CRASH, NONSENSE = 2, 3, 4, 5, 6
+    RDONE, WRONE, INIT, DESTROY, LOOP = 1, 2, 3, 4, 5
 
     def __init__(self):
         self.path = WORK / "sim"
@@ -372,19 +371,13 @@ class Service:
         return struct.unpack("<III", raw[:12]), nodes
 
     def chain(self):
-        """The records in chain order, every invariant of the chain checked on the way."""
-        (count, head, tail), nodes = self.org()
-        chain, o, before = [], head, 0
+        """The records in chain order."""
+        (count, o, _), nodes = self.org()
+        chain = []
         while o:
-            assert len(chain) < count and nodes[o].prev == before
+            assert len(chain) < count
             chain.append(nodes[o])
-            before, o = o, nodes[o].next
-        assert len(chain) == len(nodes) == count and tail == before
-        groups = [n.key.group for n in chain]
-        assert [g for i, g in enumerate(groups) if i == 0 or g != groups[i - 1]] == list(dict.fromkeys(groups))
-        assert all(a.key.place < b.key.place for a, b in zip(chain, chain[1:]) if a.key.group == b.key.group)
-        regions = sorted((n.dataoffset, n.dataoffset + n.key.size) for n in chain)
-        assert all(a[1] == b[0] for a, b in zip(regions, regions[1:]))
+            o = nodes[o].next
         return chain
 
     def index(self):
@@ -415,6 +408,12 @@ class Service:
 def voqctl(command, *arguments):
     command = program("voqctl", command, "--dir", USER, "--link", "serial", "--port", 1, *arguments)
     return subprocess.run(command, capture_output=True, text=True, timeout=60 * SLOW)
+
+
+def sound():
+    """Every invariant of the register database."""
+    done = voqctl("check", "--quiet")
+    assert done.returncode == 0, done
 
 
 def free_port():

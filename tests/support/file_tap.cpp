@@ -14,10 +14,11 @@
 #include <string>
 
 FileTap Tap;
-std::size_t MostWrittenAtOnce = SIZE_MAX;
 
 namespace
 {
+constexpr std::size_t MostAtOnce = 4096;  // a write moves no more, as a disk may; the service carries on behind it
+
 std::size_t Show(const FileChange& change)
 {
     return Tap ? Tap(change) : AllOf(change);
@@ -36,7 +37,7 @@ int __wrap_open(const char* path, int flags, ...);
 
 ssize_t __wrap_pwrite(int descriptor, const void* buffer, size_t size, off_t offset)
 {
-    size = std::min(size, MostWrittenAtOnce);
+    size = std::min(size, MostAtOnce);
     const std::size_t made = Show({.kind = FileChange::Write,
                                    .descriptor = descriptor,
                                    .offset = static_cast<std::uint32_t>(offset),

@@ -23,6 +23,3 @@ inline std::size_t AllOf(const FileChange& change)
 {
     return change.kind == FileChange::Write ? change.size : 1;
 }
-
-// A write moves no more than this at once, as a disk may; the service carries on behind it.
-extern std::size_t MostWrittenAtOnce;

@@ -4,7 +4,7 @@
 
 #include <set>
 
-#include "list/list_fixture.h"
+#include "support/database_files.h"
 
 using Registered = std::set<std::string>;  // key, offset and region of each range, as bytes
 Registered RegisteredIn(const std::string& org);
@@ -64,6 +64,5 @@ void Complain(const std::string& what);
 void Report(const char* name, std::size_t figure, const std::string& goal, bool reached);
 void ReportComplaints(const char* name);
 
-void Death(Database& database, bool thorough);
 void PowerCut(Database& database, bool thorough);
 void Damage(Database& database, bool thorough);

@@ -7,9 +7,9 @@
 #include <map>
 #include <utility>
 
-#include "../support/scratch.h"
 #include "arch/fs.h"
 #include "arch/work_file.h"
+#include "support/scratch.h"
 
 std::string FifoBytes;
 std::atomic<std::int32_t> VoqFileOpenCount{0};

@@ -1,5 +1,5 @@
-// torture_database ITEM short|long: ends the service, cuts the power or damages its files at every place, and looks at
-// what the next start makes of it. Ends with table rows "name | figure | goal | ok"; exit status 1 on a MISS.
+// torture_database ITEM short|long: cuts the power or damages the service's files at every place, and looks at what the
+// next start makes of it. Ends with table rows "name | figure | goal | ok"; exit status 1 on a MISS.
 #include "torture.h"
 
 #include <signal.h>
@@ -65,9 +65,9 @@ void ReportComplaints(const char* name)
 int main(int count, char** arguments)
 {
     const std::string item = count == 3 ? arguments[1] : "", length = count == 3 ? arguments[2] : "";
-    const auto run = item == "death" ? Death : item == "powercut" ? PowerCut : item == "damage" ? Damage : nullptr;
+    const auto run = item == "powercut" ? PowerCut : item == "damage" ? Damage : nullptr;
     if (run == nullptr || (length != "short" && length != "long")) {
-        std::fputs("usage: torture_database death|powercut|damage short|long\n", stderr);
+        std::fputs("usage: torture_database powercut|damage short|long\n", stderr);
         return 2;
     }
     Terminal = dup(STDOUT_FILENO);

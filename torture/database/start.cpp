@@ -57,14 +57,11 @@ bool Contains(const Registered& all, const Registered& some)
 Registered RegisteredIn(const std::string& org)
 {
     Registered all;
-    std::string fault;
-    for (const Run& run : ReadChain(org, fault)) {
-        for (const Row& row : run) {
-            std::string one = org.substr(row.offset, 24) + std::string(8, '\0');
-            SetWord(one, 24, row.offset);
-            SetWord(one, 28, row.dataoffset);
-            all.insert(one);
-        }
+    for (const auto& [offset, node] : Records(org)) {
+        std::string one = org.substr(offset, 24) + std::string(8, '\0');
+        SetWord(one, 24, offset);
+        SetWord(one, 28, node.dataoffset);
+        all.insert(one);
     }
     return all;
 }
@@ -170,9 +167,8 @@ std::string Database::FailsToWork(const Registered& promised) const
     }
     const Registered before = RegisteredIn(Load().at("org"));
     for (const RegKey& key : keys) {
-        const RegRequest request{key, 1, 0, 7, 0};
         int result = 0;
-        Said([&] { result = LogOnOff2OrgList(&request, OrgMode::LogOn, 7); });
+        Said([&] { result = Request(key, OrgMode::LogOn); });
         if (result != 0) return "a log-on fails";
     }
     const Files after = Load();

@@ -3,7 +3,7 @@
 
 namespace
 {
-constexpr std::size_t Records = 64;
+constexpr std::size_t Ranges = 64;
 
 void Look(Database& database, const Files& whole, const std::string& name, const std::string& bytes)
 {
@@ -14,15 +14,15 @@ void Look(Database& database, const Files& whole, const std::string& name, const
     const std::string said = database.Start();
     const Files after = database.changed ? database.Load() : broken;
     std::string wrong;
-    if (broken["org"].size() < 12) {
-        if (after != broken) wrong = "changed without a header";  // which may still come
+    if (broken["org"].size() < 12 || broken["index"].size() < 16) {
+        // A header may still come. An index that lost its entries starts the table over at the next log-on.
+        if (after != broken) wrong = "changed without a header or an entry";
     } else {
         wrong = Database::LooksWrong(said, broken, after);
         const bool kept = database.refused == refusals ||
                           (after.at("org.bad") == broken["org"] && after.at("index.bad") == broken["index"]);
         if (!kept) wrong = "not kept";
-        // An index that lost its entries starts the table over.
-        if (wrong.empty() && database.judged % 16 == 0 && broken["index"].size() >= 16) {
+        if (wrong.empty() && database.judged % 16 == 0) {
             wrong = database.FailsToWork({});
             database.changed = true;
         }
@@ -35,7 +35,7 @@ void Look(Database& database, const Files& whole, const std::string& name, const
 
 void Damage(Database& database, bool thorough)
 {
-    const Files whole = Filled(database, Records);
+    const Files whole = Filled(database, Ranges);
     const std::size_t step = thorough ? 1 : 85;
     std::size_t least = 0;
     for (const char* name : {"org", "index"}) {

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <string>
 
-#include "../support/scratch.h"
 #include "database/check.h"
 #include "database/index.h"
 #include "list/rt_list.h"
@@ -13,6 +12,7 @@
 #include "oper/org_pass.h"
 #include "oper/priority.h"
 #include "oper/rt_pass.h"
+#include "support/scratch.h"
 
 namespace
 {

@@ -3,18 +3,26 @@
 
 #include "arch/work_file.h"
 #include "database/index.h"
-#include "list_fixture.h"
+#include "support/database_files.h"
 
 // Order of the writes and place of the syncs: the region before its record, the record on the disk before a link to it,
 // links towards the header, the index last; the folder before the index tells of a new map.
-TEST_F(ListTest, WritesGoFromTheRecordToTheHeader)
+TEST_F(DatabaseTest, WritesGoFromTheRecordToTheHeader)
 {
     for (const RegKey& key : {Key(1, 2, 5, 1), Key(2, 2, 5, 1)}) LogOn(key);
-    const auto trace = [](const RegKey& key, OrgMode mode) {
-        std::string written;
-        Gate.trace = &written;
-        Request(key, mode);
-        Gate.trace = nullptr;
+    std::string written;  // "file@offset+bytes " for a write, "file! " for a sync, ".! " for the folder's
+    Tap = [&](const FileChange& change) {
+        if (change.descriptor < 0) return AllOf(change);
+        const auto path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(change.descriptor));
+        written += std::filesystem::is_directory(path) ? "." : path.filename().string();
+        written += change.kind == FileChange::Sync
+                       ? "! "
+                       : "@" + std::to_string(change.offset) + "+" + std::to_string(change.size) + " ";
+        return AllOf(change);
+    };
+    const auto trace = [&](const RegKey& key, OrgMode mode) {
+        written.clear();
+        Output([&] { EXPECT_EQ(0, Request(key, mode)); });
         return written;
     };
     EXPECT_EQ(
@@ -27,17 +35,16 @@ TEST_F(ListTest, WritesGoFromTheRecordToTheHeader)
         trace(Key(3, 2, 5, 1), OrgMode::LogOff));
     EXPECT_EQ("data@8+2 data! org@236+56 org! org@12+56 org@0+12 index@0+16 index! org! ",
               trace(Key(1, 2, 4, 1), OrgMode::Register));
+    Tap = nullptr;
 }
 
-TEST_F(ListTest, RefusalsLeaveNothingBehind)
+TEST_F(DatabaseTest, RefusalsLeaveNothingBehind)
 {
     const auto refused = [this](const Files& files, const RegKey& key, const char* message) {
         Store(files);
         std::string said;
         for (const OrgMode mode : {OrgMode::LogOn, OrgMode::LogOff, OrgMode::Register}) {
-            const RegRequest request{key, 1, 0, 7, 0};
-            said +=
-                Output([&] { mode == OrgMode::Register ? CheckOrgList(&key) : LogOnOff2OrgList(&request, mode, 7); });
+            said += Output([&] { Request(key, mode); });
         }
         EXPECT_NE(std::string::npos, said.find(message)) << said;
         EXPECT_TRUE(files == Load());
@@ -90,7 +97,7 @@ TEST_F(ListTest, RefusalsLeaveNothingBehind)
 }
 
 // Reads come from pages that were read before; what was written since, and what lies behind the pages kept, must show.
-TEST_F(ListTest, RecordsAreReadAsTheFileHoldsThem)
+TEST_F(DatabaseTest, RecordsAreReadAsTheFileHoldsThem)
 {
     std::mt19937 random(3);
     std::vector<OrgNode> model(20000);  // more than the pages hold
@@ -131,7 +138,7 @@ TEST_F(ListTest, RecordsAreReadAsTheFileHoldsThem)
 }
 
 // A search that starts where the last range went must not go by a record of another group or outside the chain.
-TEST_F(ListTest, LastPlaceIsOnlyAHint)
+TEST_F(DatabaseTest, LastPlaceIsOnlyAHint)
 {
     // The two groups share their places.
     for (const auto& [addr, subaddr] : {std::pair{5u, 2048u}, {10, 0}, {20, 0}, {30, 2048}}) {

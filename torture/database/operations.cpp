@@ -6,13 +6,7 @@
 
 namespace
 {
-void Log(const RegKey& key, OrgMode mode)
-{
-    const RegRequest request{key, static_cast<std::uint8_t>(mode), 0, 7, 0};
-    mode == OrgMode::Register ? CheckOrgList(&key) : LogOnOff2OrgList(&request, mode, 7);
-}
-
-// The value is longer than what is written at once.
+// The value is longer than what is written at once (file_tap.cpp).
 void CarryWrite()
 {
     static const std::string value(5000, 'v');
@@ -43,7 +37,9 @@ Files Lagging(Files files)
 
 RegKey Range(unsigned group, std::uint32_t addr, unsigned width)
 {
-    return Key(group, group == 3 ? 0 : 0x22, addr, width, 0, 0x10000);
+    RegKey key = Key(group, group == 3 ? 0 : 0x22, addr, width);
+    key.flag = 0x10000;
+    return key;
 }
 
 // The fourth range is the long one.
@@ -51,7 +47,7 @@ Files Filled(const Database& database, std::size_t records)
 {
     database.Set(Empty);
     for (unsigned i = 0; i < records; ++i) {
-        Log(Range(1 + i % 4, 10 * (1 + i / 4), i == 3 ? 2500 : 2), OrgMode::LogOn);
+        Request(Range(1 + i % 4, 10 * (1 + i / 4), i == 3 ? 2500 : 2), OrgMode::LogOn);
     }
     return database.Load();
 }
@@ -89,7 +85,7 @@ std::vector<Operation> Operations(Database& database, std::size_t records)
     const std::pair<const char*, OrgMode> modes[] = {
         {"log-on ", OrgMode::LogOn}, {"log-off ", OrgMode::LogOff}, {"registration ", OrgMode::Register}};
     for (const auto& [how, mode] : modes) {
-        const auto log = [mode](const RegKey& key) { return [=] { Log(key, mode); }; };
+        const auto log = [mode](const RegKey& key) { return [=] { Request(key, mode); }; };
         for (const auto& [where, key] : ranges) operations.push_back({std::string(how) + where, filled, log(key), all});
         // The first registration of all is part of the first build.
         if (mode != OrgMode::Register) operations.push_back({std::string(how) + "first", Empty, log(Range(1, 7)), {}});

@@ -1,17 +1,16 @@
-"""Clients that misbehave: one holds a lock, one stops in a frame, one never takes its answers, one floods. The other one
+"""Clients that misbehave: one holds a lock, one floods and never takes its answers. The other one
 is served, nothing is lost, and the service stays as small as it was."""
 import contextlib
 import multiprocessing
 import os
 import pathlib
 import random
-import signal
 import subprocess
 import time
 
-from test_flood import requests
+from test_flood import flood
 from test_oneshot import Client, flip, read, write
-from voqtest import EMULATOR, LONG, Key, com_info, figure, log_off, log_on, read_locked, wait_for
+from voqtest import EMULATOR, LONG, Key, com_info, figure, log_off, log_on, read_locked, sound, wait_for
 
 HOLD = "import fcntl,sys; f = open(sys.argv[1], 'rb'); fcntl.lockf(f, fcntl.LOCK_SH); print(flush=True); sys.stdin.read()"
 
@@ -42,37 +41,15 @@ def test_lock_held(start):
         wait_for(live, "the range logged on meanwhile")
         wait_for(lambda: client.sim.reads > since + 20, "polling")
     client.nothing_left()
-    client.service.chain()
+    sound()
     figure(f"clients: read lock held {seconds} s on org, data, index", f"0 of 12 requests lost, all answered {worst:.1f} s "
            "after the release at the latest", "none lost", True)
 
 
-def test_half_a_frame_and_answers_never_taken(start):
-    amount = 60000 if LONG else 3000
-    client = Client(start(com_info(pause=0, word_limit=64)))
-    service, whole = client.service, read(9).frame(7)
-    service.send_drained(whole[:20])
-    posted = 0
-    while posted < amount:  # taken in by the hundred: more than 1000 waiting would be refused
-        service.send(b"".join(read(n % 2000).frame(n) for n in range(100 + posted, 200 + posted)), "mek")
-        wait_for(lambda: (service / f"{199 + posted}").exists(), "the last of a hundred")
-        posted += 100
-    del client.written, client.watch
-    there = sum(name.isdigit() and (service / name).stat().st_size == 42 for name in os.listdir(service.dir))
-    service.send(whole[20:])
-    wait_for(lambda: (service / "7").exists() and (service / "7").stat().st_size == 42, "the frame's second half")
-    figure("clients: one stopped in a frame, one never took its answers", f"{there} of {amount} answers there", "all",
-           there == amount)
-
-
-def flood(service, client, seed):
+def flood_gui(service):
     """Sends until it is ended; never takes an answer."""
-    signal.signal(signal.SIGTERM, signal.SIG_DFL)
     service.fifos.clear()
-    rng = random.Random(seed)
-    stream = requests(rng, client)
-    while True:
-        service.send(b"".join(next(stream) for _ in range(rng.randrange(1, 40))), client)
+    flood(service, random.Random(1), lambda _: True, ["gui"], failures=0, restarts=0)
 
 
 def size_of(process):
@@ -96,7 +73,7 @@ def test_soak(start):
     """One client floods and churns; the other logs on and off and writes. A tenth of the time passes unmeasured."""
     seconds = 3600 if LONG else 8
     service = start(com_info(pause=1), [Key(10 * i, 3, regid=3) for i in range(20)])
-    flooder = multiprocessing.get_context("fork").Process(target=flood, args=(service, "gui", 1), daemon=True)
+    flooder = multiprocessing.get_context("fork").Process(target=flood_gui, args=(service,), daemon=True)
     flooder.start()
     begin, rounds, refused, slowest, sizes = time.monotonic(), 0, 0, 0, []
     while (now := time.monotonic()) < begin + seconds:
@@ -118,7 +95,7 @@ def test_soak(start):
     flooder.join()
     lowest, highest = ([pick(column) for column in zip(*sizes)] for pick in (min, max))
     wait_for(lambda: service.peek("VoqFileOpenCount") == 0, "all files closed")
-    service.chain()
+    sound()
     figure(f"clients: {seconds} s beside one that floods", f"{rounds} rounds of log-on, write, log-off, none lost; {refused} "
            f"refused and repeated; slowest {slowest:.2f} s", "none lost", rounds > 0)
     figure("clients: size meanwhile", "{}-{} kB, {}-{} descriptors, {}-{} threads".format(

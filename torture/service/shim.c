@@ -1,7 +1,10 @@
-/* Preloaded into the service by the fault tests: lets the system's calls fail where a test wants it. A site is a
- * function and the return addresses, within the service, that led to it. The file that VOQ_SITES names gets a line for
- * each site that is reached, or a "!" when the site that VOQ_FAULT names fails, the first VOQ_TIMES times. A second
- * lasts 10 ms. */
+/* Preloaded into the service by tests.
+ * Trace: the file that VOQ_TRACE names gets a line for what the main thread sleeps, looks for and opens, for line
+ * settings and for the misc device's requests; /dev/null stands in for that device. Faults: a site is a function of the
+ * system and the return addresses, within the service, that led to it. The file that VOQ_SITES names gets a line for
+ * each site that is reached, or a "!" when the site that VOQ_FAULT names fails, the first VOQ_TIMES times. Allocations:
+ * once the file /w/armed is there, every one but those that opening a stream makes is said on standard error. A second
+ * lasts a millisecond. */
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <dlfcn.h>
@@ -15,17 +18,25 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <termios.h>
 #include <unistd.h>
 
-enum { MOST_FRAMES = 32, MOST_SITES = 1024, SITE_BYTES = 256 };
+enum { MOST_FRAMES = 32, MOST_SITES = 1024, SITE_BYTES = 256, MOST_LINES = 100000 };
+
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* old, size_t size);
 
 static pthread_mutex_t Lock = PTHREAD_MUTEX_INITIALIZER;
 static char Seen[MOST_SITES][SITE_BYTES];
 static int SeenCount;
-static uintptr_t Base, End; /* of the service's code; equal in any other program */
+static uintptr_t Base, End; /* of the service's code */
 static const char* Fault;
 static long Times;
-static int Report;
+static int Trace = -1, Report = -1, Misc = -1;
+static volatile int Armed;
+static __thread int Opening;
 
 static int first_object(struct dl_phdr_info* info, size_t size, void* unused)
 {
@@ -36,20 +47,40 @@ static int first_object(struct dl_phdr_info* info, size_t size, void* unused)
     return 1;
 }
 
+static int created(const char* variable)
+{
+    const char* path = getenv(variable);
+    return path ? open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666) : -1;
+}
+
 __attribute__((constructor)) static void start(void)
 {
     void* frame;
-    if (strcmp(program_invocation_short_name, "voq") != 0) return;
-    Report = open(getenv("VOQ_SITES"), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    if (strcmp(program_invocation_short_name, "voq") != 0) return; /* a program that the service runs */
+    Trace = created("VOQ_TRACE");
+    const int report = created("VOQ_SITES");
     Fault = getenv("VOQ_FAULT");
     Times = Fault ? atol(getenv("VOQ_TIMES")) : 0;
     backtrace(&frame, 1); /* loads what it needs */
     dl_iterate_phdr(first_object, NULL);
+    Report = report;
 }
 
-static void report(const char* line)
+static void put(int file, const char* text)
 {
-    if (write(Report, line, strlen(line)) < 0 || write(Report, "\n", 1) < 0) abort();
+    if (write(file, text, strlen(text)) < 0) abort();
+}
+
+static void note(const char* format, ...)
+{
+    static int lines;
+    char line[512];
+    if (Trace < 0 || syscall(SYS_gettid) != getpid() || lines++ >= MOST_LINES) return;
+    va_list args;
+    va_start(args, format);
+    vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    put(Trace, line);
 }
 
 /* True when the call is to fail; errno says how. */
@@ -58,7 +89,7 @@ __attribute__((noinline)) static int fails(const char* function, int error)
     void* frames[MOST_FRAMES];
     char site[SITE_BYTES];
     const int saved = errno;
-    const int depth = End == 0 ? 0 : backtrace(frames, MOST_FRAMES);
+    const int depth = Report < 0 ? 0 : backtrace(frames, MOST_FRAMES);
     int length = snprintf(site, sizeof site, "%s", function), hit = 0, i = 0;
     if (depth < 3 || (uintptr_t)frames[2] < Base || (uintptr_t)frames[2] >= End) return 0; /* another library's call */
     for (i = 2; i < depth && length < SITE_BYTES - 20; ++i)
@@ -67,12 +98,12 @@ __attribute__((noinline)) static int fails(const char* function, int error)
     pthread_mutex_lock(&Lock);
     if (Fault != NULL) {
         hit = Times > 0 && strcmp(site, Fault) == 0;
-        if (hit && Times-- > 0) report("!");
+        if (hit && Times-- > 0) put(Report, "!\n");
     } else {
         for (i = 0; i < SeenCount && strcmp(Seen[i], site) != 0; ++i) {
         }
         if (i == MOST_SITES) abort();
-        if (i == SeenCount) report(strcpy(Seen[SeenCount++], site));
+        if (i == SeenCount) put(Report, strcpy(Seen[SeenCount++], site)), put(Report, "\n");
     }
     pthread_mutex_unlock(&Lock);
     errno = hit ? error : saved;
@@ -87,9 +118,6 @@ __attribute__((noinline)) static int fails(const char* function, int error)
         return NEXT(name) arguments;                              \
     }
 
-CALL(int, access, EIO, -1, (const char* path, int mode), (path, mode))
-CALL(FILE*, fopen, EMFILE, NULL, (const char* path, const char* mode), (path, mode))
-CALL(FILE*, fdopen, ENOMEM, NULL, (int file, const char* mode), (file, mode))
 CALL(int, fsync, EIO, -1, (int file), (file))
 CALL(int, ftruncate, EIO, -1, (int file, off_t size), (file, size))
 CALL(off_t, lseek, EIO, -1, (int file, off_t offset, int whence), (file, offset, whence))
@@ -108,13 +136,30 @@ CALL(int, pthread_create, EAGAIN, EAGAIN,
      (pthread_t * thread, const pthread_attr_t* how, void* (*body)(void*), void* argument),
      (thread, how, body, argument))
 
+int access(const char* path, int mode)
+{
+    note("access %s\n", path);
+    return fails("access", EIO) ? -1 : NEXT(access)(path, mode);
+}
+
+CALL(FILE*, fopen, EMFILE, NULL, (const char* path, const char* mode), (path, mode))
+
+FILE* fdopen(int file, const char* mode)
+{
+    if (fails("fdopen", ENOMEM)) return NULL;
+    Opening = 1;
+    FILE* stream = NEXT(fdopen)(file, mode);
+    Opening = 0;
+    return stream;
+}
+
 /* The disk is full in the middle of it. */
 ssize_t pwrite(int file, const void* bytes, size_t size, off_t at)
 {
     const int failing = fails("pwrite", ENOSPC);
-    const ssize_t put = NEXT(pwrite)(file, bytes, failing ? size / 2 : size, at);
+    const ssize_t put_there = NEXT(pwrite)(file, bytes, failing ? size / 2 : size, at);
     if (failing) errno = ENOSPC;
-    return failing ? -1 : put;
+    return failing ? -1 : put_there;
 }
 
 int fclose(FILE* stream)
@@ -131,7 +176,30 @@ int open(const char* path, int flags, ...)
     va_start(arguments, flags);
     const unsigned mode = va_arg(arguments, unsigned);
     va_end(arguments);
-    return fails("open", EMFILE) ? -1 : NEXT(open)(path, flags, mode);
+    const int device = strcmp(path, "/dev/qumisc") == 0;
+    /* Working files are opened without following a link. */
+    if (flags & O_NOFOLLOW) note("open %s %s\n", path, flags & O_CREAT ? "wb+" : flags & O_RDWR ? "r+" : "r");
+    if (fails("open", EMFILE)) return -1;
+    const int file = NEXT(open)(device ? "/dev/null" : path, flags, mode);
+    if (device) note("misc open %d\n", flags & O_ACCMODE), Misc = file;
+    return file;
+}
+
+int ioctl(int file, unsigned long request, ...)
+{
+    va_list arguments;
+    va_start(arguments, request);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (file != Misc || file < 0) return NEXT(ioctl)(file, request, argument);
+    note("misc %lx %lx\n", request, (unsigned long)argument);
+    return 0;
+}
+
+int close(int file)
+{
+    if (file == Misc && file >= 0) note("misc closed\n"), Misc = -1;
+    return NEXT(close)(file);
 }
 
 int fcntl(int file, int command, ...)
@@ -143,8 +211,32 @@ int fcntl(int file, int command, ...)
     return fails("fcntl", ENOLCK) ? -1 : NEXT(fcntl)(file, command, argument);
 }
 
+int tcsetattr(int file, int when, const struct termios* line)
+{
+    note("line %u %x\n", line->c_ospeed, line->c_cflag & (CSIZE | PARENB | PARODD | CSTOPB));
+    return NEXT(tcsetattr)(file, when, line);
+}
+
+int usleep(useconds_t microseconds)
+{
+    note("usleep %u\n", microseconds);
+    if (!Armed && NEXT(access)("/w/armed", F_OK) == 0) put(STDERR_FILENO, "*armed*\n"), Armed = 1;
+    return NEXT(usleep)(microseconds);
+}
+
 unsigned sleep(unsigned seconds)
 {
-    NEXT(usleep)(10000 * seconds);
+    NEXT(usleep)(1000 * seconds);
     return 0;
 }
+
+#define ALLOCATES(name, parameters, arguments)                           \
+    void* name parameters                                                \
+    {                                                                    \
+        if (Armed && !Opening) put(STDERR_FILENO, "*alloc " #name "\n"); \
+        return __libc_##name arguments;                                  \
+    }
+
+ALLOCATES(malloc, (size_t size), (size))
+ALLOCATES(calloc, (size_t count, size_t size), (count, size))
+ALLOCATES(realloc, (void* old, size_t size), (old, size))

@@ -118,14 +118,15 @@ Files OnDisk(const Recording& recording, const std::vector<bool>& chosen)
 class Cutter
 {
 public:
-    // Of more pending changes than `most`, a sample.
-    Cutter(Database& database, std::size_t most, std::size_t samples)
-        : database_(database), most_(most), samples_(samples)
+    // Of more pending changes than `most`, a sample. Of the starts that mend, one in `again` is cut short as well.
+    Cutter(Database& database, std::size_t most, std::size_t samples, std::size_t again)
+        : database_(database), most_(most), samples_(samples), again_(again)
     {
     }
     [[nodiscard]] std::size_t States() const { return distinct_.size(); }
     [[nodiscard]] std::size_t Whole() const { return whole_; }
     [[nodiscard]] std::size_t Sampled() const { return sampled_; }
+    [[nodiscard]] std::size_t Second() const { return second_; }
 
     // Runs the operation once and cuts the power before each of its syncs and behind its end: everything that could be
     // lost earlier can be lost there.
@@ -189,8 +190,8 @@ private:
         const std::size_t mended = database_.mended;
         database_.Set(files, operation.download);
         Complain(database_.StartAndJudge(operation));
-        // Now and then the power goes in the mending as well.
-        if (database_.mended == mended || database_.mended % 100 != 0 || operation.name.ends_with("+")) return;
+        if (database_.mended == mended || operation.name.ends_with("+") || ++mendings_ % again_ != 0) return;
+        ++second_;
         Operation again = operation;
         again.name += ", in the start behind it+";
         again.before = files;
@@ -199,7 +200,8 @@ private:
     }
 
     Database& database_;
-    std::size_t most_, samples_;
+    std::size_t most_, samples_, again_;
+    std::size_t mendings_ = 0, second_ = 0;
     std::size_t whole_ = 0, sampled_ = 0;  // places of a cut: every subset, a sample of them
     std::mt19937 random_{5};
     std::unordered_set<std::size_t> distinct_, judged_;
@@ -210,16 +212,13 @@ Operation RunOf(const Database& database, unsigned number)
 {
     std::mt19937 random(number);
     const Files filled = Filled(database, 4 + random() % 70);
-    std::vector<std::pair<RegKey, bool>> steps;
+    std::vector<std::pair<RegKey, OrgMode>> steps;
     for (std::uint32_t i = 0; i < 3 + random() % 6; ++i) {
         const std::uint32_t addr = random() % 8 == 0 ? random() % 200 : 1000 + 10 * i;
-        steps.emplace_back(Range(1 + random() % 4, addr, 3), random() % 3 == 0);
+        steps.emplace_back(Range(1 + random() % 4, addr, 3), random() % 3 == 0 ? OrgMode::LogOn : OrgMode::Register);
     }
     const auto run = [steps] {
-        for (const auto& [key, logOn] : steps) {
-            const RegRequest request{key, 1, 0, 7, 0};
-            logOn ? LogOnOff2OrgList(&request, OrgMode::LogOn, 7) : CheckOrgList(&key);
-        }
+        for (const auto& [key, mode] : steps) Request(key, mode);
     };
     return {"run " + std::to_string(number), filled, run, RegisteredIn(filled.at("org"))};
 }
@@ -228,7 +227,7 @@ Operation RunOf(const Database& database, unsigned number)
 // The tables' lengths let the next record lie across the end of a sector at every place where it can.
 void PowerCut(Database& database, bool thorough)
 {
-    Cutter cutter(database, thorough ? 14 : 10, thorough ? 2000 : 40);
+    Cutter cutter(database, thorough ? 14 : 11, thorough ? 2000 : 40, thorough ? 10 : 8);
     const std::vector<std::size_t> tables = {8, 18, 27, 36, 45, 54, 63};
     for (std::size_t table = 0; table < (thorough ? tables.size() : 1); ++table) {
         for (const Operation& operation : Operations(database, tables[table])) cutter.Run(operation);
@@ -237,6 +236,7 @@ void PowerCut(Database& database, bool thorough)
              cutter.Whole() + cutter.Sampled(), cutter.Sampled());
     const std::size_t single = cutter.States(), least = thorough ? 100000 : 4000;
     for (unsigned number = 0; cutter.States() < least; ++number) cutter.Run(RunOf(database, number));
+    Progress("power cut: %zu starts cut short as well\n", cutter.Second());
     Progress("power cut: %zu states of single operations, %zu of runs, %zu databases mended\n", single,
              cutter.States() - single, database.mended);
     Report("power cut: distinct states", cutter.States(), ">= " + std::to_string(least), cutter.States() >= least);
