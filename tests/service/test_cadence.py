@@ -80,14 +80,14 @@ def test_end_of_chain_stops_the_org_list_pass(start):
 
 def test_watchdog(start):
     PROJECT.write_bytes(project([com_info(), com_info(port=3)]))
-    (USER / "srw0.dat").write_bytes(bytes(9000))  # cut short
+    (USER / "srw0.dat").write_bytes(bytes(9000))  # a shorter one stays as it is
     arguments = (PROJECT, 65536 + 1, DRIVERS, USER, RECIPE)
     start(arguments=arguments, directory="/u/com_3", driver=None, environment=traced())
     place = (1 + 515) * 4
 
     def words():
         raw = (USER / "srw0.dat").read_bytes()
-        assert len(raw) == 20000 and not any(raw[:place] + raw[place + 4:])
+        assert len(raw) == 9000 and not any(raw[:place] + raw[place + 4:])
         return struct.unpack_from("<I", raw, place)[0]
 
     seen = [0]
