@@ -2,6 +2,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <ctime>
 
 #include "database/check.h"
