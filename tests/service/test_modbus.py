@@ -132,10 +132,10 @@ def bump_theirs(master, base, unit, form, failures):
             place, sent = value % 12 * 2, carried(value, form)
             if form == "H":
                 assert not master.write_register(base + place, sent, slave=unit).isError()
-                cells = master.read_holding_registers(base, CELLS, slave=unit).registers
+                cells = master.read_holding_registers(base, count=CELLS, slave=unit).registers
             else:
                 assert not master.write_coil(base + place, bool(sent), slave=unit).isError()
-                cells = master.read_coils(base, CELLS, slave=unit).bits
+                cells = master.read_coils(base, count=CELLS, slave=unit).bits
             assert cells[place] == sent and len(set(cells[1::2])) == 1 and seen <= cells[1]
             seen = cells[1]
     except Exception as failure:

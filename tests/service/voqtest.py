@@ -87,8 +87,9 @@ def shim(**variables):
     """The environment that loads torture/service/shim.c into the service and tells it what to do."""
     library = pathlib.Path("/shim.so")
     if not library.exists():
-        command = [TOOLS + "gcc", "-O1", "-shared", "-fPIC", "-o", library, "/co/torture/service/shim.c"]
-        subprocess.run(command, check=True)
+        wide = ["-D_FILE_OFFSET_BITS=64", "-D_TIME_BITS=64"]
+        subprocess.run([TOOLS + "gcc", "-O1", "-shared", "-fPIC", *wide, "-o", library, "/co/torture/service/shim.c"],
+                       check=True)
     return {"LD_PRELOAD": str(library), **variables}
 
 

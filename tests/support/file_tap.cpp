@@ -1,4 +1,5 @@
-// The wrapped calls. `cp` and the pause behind it are made here too, so that a copy can be cut short like the rest.
+// The wrapped calls, by the names that they have with wide offsets. `cp` and the pause behind it are made here too, so
+// that a copy can be cut short like the rest.
 #include "support/file_tap.h"
 
 #include <fcntl.h>
@@ -26,16 +27,16 @@ std::size_t Show(const FileChange& change)
 }  // namespace
 
 extern "C" {
-ssize_t __real_pwrite(int descriptor, const void* buffer, size_t size, off_t offset);
-int __real_ftruncate(int descriptor, off_t size);
+ssize_t __real_pwrite64(int descriptor, const void* buffer, size_t size, off_t offset);
+int __real_ftruncate64(int descriptor, off_t size);
 int __real_fsync(int descriptor);
-int __real_open(const char* path, int flags, ...);
+int __real_open64(const char* path, int flags, ...);
 int __real_remove(const char* path);
 int __real_rename(const char* from, const char* to);
 int __real_mkdir(const char* path, mode_t mode);
-int __wrap_open(const char* path, int flags, ...);
+int __wrap_open64(const char* path, int flags, ...);
 
-ssize_t __wrap_pwrite(int descriptor, const void* buffer, size_t size, off_t offset)
+ssize_t __wrap_pwrite64(int descriptor, const void* buffer, size_t size, off_t offset)
 {
     size = std::min(size, MostAtOnce);
     const std::size_t made = Show({.kind = FileChange::Write,
@@ -43,15 +44,15 @@ ssize_t __wrap_pwrite(int descriptor, const void* buffer, size_t size, off_t off
                                    .offset = static_cast<std::uint32_t>(offset),
                                    .data = buffer,
                                    .size = size});
-    const ssize_t written = made == 0 ? 0 : __real_pwrite(descriptor, buffer, made, offset);
+    const ssize_t written = made == 0 ? 0 : __real_pwrite64(descriptor, buffer, made, offset);
     return written < 0 ? written : static_cast<ssize_t>(size);
 }
 
-int __wrap_ftruncate(int descriptor, off_t size)
+int __wrap_ftruncate64(int descriptor, off_t size)
 {
     const FileChange change{
         .kind = FileChange::Resize, .descriptor = descriptor, .size = static_cast<std::size_t>(size)};
-    return Show(change) != 0 ? __real_ftruncate(descriptor, size) : 0;
+    return Show(change) != 0 ? __real_ftruncate64(descriptor, size) : 0;
 }
 
 int __wrap_fsync(int descriptor)
@@ -62,14 +63,14 @@ int __wrap_fsync(int descriptor)
 // The service makes files with these flags; one that the tap keeps back is a file all the same, of no name.
 constexpr int Creation = O_CREAT | O_NOFOLLOW;
 
-int __wrap_open(const char* path, int flags, ...)
+int __wrap_open64(const char* path, int flags, ...)
 {
     va_list rest;
     va_start(rest, flags);
     const unsigned mode = (flags & O_CREAT) != 0 ? va_arg(rest, unsigned) : 0;
     va_end(rest);
     if ((flags & Creation) != Creation || Show({.kind = FileChange::Create, .path = path}) != 0)
-        return __real_open(path, flags, mode);
+        return __real_open64(path, flags, mode);
     return memfd_create("kept back", MFD_CLOEXEC);
 }
 
@@ -102,10 +103,11 @@ int __wrap_system(const char* command)
         std::ifstream source(entry.path(), std::ios::binary);
         const std::string bytes(std::istreambuf_iterator<char>(source), {});
         const std::string to = words.substr(words.find('*') + 2) + entry.path().filename().string();
-        const int copy = __wrap_open(to.c_str(), O_RDWR | O_TRUNC | Creation, 0666);
+        const int copy = __wrap_open64(to.c_str(), O_RDWR | O_TRUNC | Creation, 0666);
         if (copy < 0) return 1;
         for (std::size_t done = 0; done < bytes.size();) {
-            const ssize_t put = __wrap_pwrite(copy, bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
+            const ssize_t put =
+                __wrap_pwrite64(copy, bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
             done += static_cast<std::size_t>(put);
         }
         close(copy);

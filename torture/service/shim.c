@@ -110,22 +110,26 @@ __attribute__((noinline)) static int fails(const char* function, int error)
     return hit;
 }
 
-#define NEXT(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
-#define CALL(result, name, error, failure, parameters, arguments) \
-    __attribute__((noinline)) result name parameters              \
-    {                                                             \
-        if (fails(#name, error)) return failure;                  \
-        return NEXT(name) arguments;                              \
+/* Built like the service: some calls have another name with wide offsets and times. */
+#define NEXT_AS(symbol, name) ((__typeof__(&name))dlsym(RTLD_NEXT, symbol))
+#define NEXT(name) NEXT_AS(#name, name)
+#define CALL_AS(symbol, result, name, error, failure, parameters, arguments) \
+    __attribute__((noinline)) result name parameters                         \
+    {                                                                        \
+        if (fails(#name, error)) return failure;                             \
+        return NEXT_AS(symbol, name) arguments;                              \
     }
+#define CALL(result, name, ...) CALL_AS(#name, result, name, __VA_ARGS__)
+#define CALL_WIDE(result, name, ...) CALL_AS(#name "64", result, name, __VA_ARGS__)
 
 CALL(int, fsync, EIO, -1, (int file), (file))
-CALL(int, ftruncate, EIO, -1, (int file, off_t size), (file, size))
-CALL(off_t, lseek, EIO, -1, (int file, off_t offset, int whence), (file, offset, whence))
+CALL_WIDE(int, ftruncate, EIO, -1, (int file, off_t size), (file, size))
+CALL_WIDE(off_t, lseek, EIO, -1, (int file, off_t offset, int whence), (file, offset, whence))
 CALL(int, mkdir, ENOSPC, -1, (const char* path, mode_t mode), (path, mode))
 CALL(int, mkfifo, ENOSPC, -1, (const char* path, mode_t mode), (path, mode))
 CALL(DIR*, opendir, EMFILE, NULL, (const char* path), (path))
 CALL(struct dirent64*, readdir64, EIO, NULL, (DIR * entries), (entries))
-CALL(ssize_t, pread, EIO, -1, (int file, void* bytes, size_t size, off_t at), (file, bytes, size, at))
+CALL_WIDE(ssize_t, pread, EIO, -1, (int file, void* bytes, size_t size, off_t at), (file, bytes, size, at))
 CALL(ssize_t, read, EIO, -1, (int file, void* bytes, size_t size), (file, bytes, size))
 CALL(int, remove, EACCES, -1, (const char* path), (path))
 CALL(int, rename, EACCES, -1, (const char* from, const char* to), (from, to))
@@ -142,7 +146,7 @@ int access(const char* path, int mode)
     return fails("access", EIO) ? -1 : NEXT(access)(path, mode);
 }
 
-CALL(FILE*, fopen, EMFILE, NULL, (const char* path, const char* mode), (path, mode))
+CALL_WIDE(FILE*, fopen, EMFILE, NULL, (const char* path, const char* mode), (path, mode))
 
 FILE* fdopen(int file, const char* mode)
 {
@@ -157,7 +161,7 @@ FILE* fdopen(int file, const char* mode)
 ssize_t pwrite(int file, const void* bytes, size_t size, off_t at)
 {
     const int failing = fails("pwrite", ENOSPC);
-    const ssize_t put_there = NEXT(pwrite)(file, bytes, failing ? size / 2 : size, at);
+    const ssize_t put_there = NEXT_AS("pwrite64", pwrite)(file, bytes, failing ? size / 2 : size, at);
     if (failing) errno = ENOSPC;
     return failing ? -1 : put_there;
 }
@@ -180,7 +184,7 @@ int open(const char* path, int flags, ...)
     /* Working files are opened without following a link. */
     if (flags & O_NOFOLLOW) note("open %s %s\n", path, flags & O_CREAT ? "wb+" : flags & O_RDWR ? "r+" : "r");
     if (fails("open", EMFILE)) return -1;
-    const int file = NEXT(open)(device ? "/dev/null" : path, flags, mode);
+    const int file = NEXT_AS("open64", open)(device ? "/dev/null" : path, flags, mode);
     if (device) note("misc open %d\n", flags & O_ACCMODE), Misc = file;
     return file;
 }
@@ -191,7 +195,8 @@ int ioctl(int file, unsigned long request, ...)
     va_start(arguments, request);
     void* argument = va_arg(arguments, void*);
     va_end(arguments);
-    if (file != Misc || file < 0) return NEXT(ioctl)(file, request, argument);
+    if (file != Misc || file < 0)
+        return NEXT_AS(sizeof(long) == 4 ? "__ioctl_time64" : "ioctl", ioctl)(file, request, argument);
     note("misc %lx %lx\n", request, (unsigned long)argument);
     return 0;
 }
@@ -208,7 +213,9 @@ int fcntl(int file, int command, ...)
     va_start(arguments, command);
     void* argument = va_arg(arguments, void*);
     va_end(arguments);
-    return fails("fcntl", ENOLCK) ? -1 : NEXT(fcntl)(file, command, argument);
+    return fails("fcntl", ENOLCK)
+               ? -1
+               : NEXT_AS(sizeof(long) == 4 ? "__fcntl_time64" : "fcntl64", fcntl)(file, command, argument);
 }
 
 int tcsetattr(int file, int when, const struct termios* line)
