@@ -9,8 +9,9 @@ import subprocess
 import termios
 import time
 
+import pytest
 from test_oneshot import PLAIN, PULSE, SET_BIT, Request, change, flip, pulse, read, write
-from voqtest import (BUILD, CHANGE, LONG, PROJECT, READ, USER, WORK, WRITE, Key, Service, com_info, empty_box, figure,
+from voqtest import (ARM, BUILD, CHANGE, LONG, PROJECT, READ, USER, WORK, WRITE, Key, Service, com_info, empty_box, figure,
                      install_driver, log_off, log_on, project, retained_settings, shim, voqctl)
 
 GROUP = [Key(100, 4), Key(120, 4), Key(140, 4)]
@@ -232,6 +233,7 @@ def sites():
     return (WORK / "sites").read_text().splitlines()
 
 
+@pytest.mark.skipif(ARM, reason="who made a call cannot be told there: the code has no unwinding tables")
 def test_faults(start):
     first_there, todo = {}, []  # a site of the start-up in every start that reaches it, any other in the first one
     for prepare in STARTS if LONG else STARTS[:1]:
@@ -251,4 +253,4 @@ def test_faults(start):
             found.append((prepare.__name__, site, times, wrong))
             print(found[-1])
     figure(f"faults: {len(first_there)} call sites, once and for ever", f"{len(chosen)} runs, {missed} did not reach theirs "
-           f"again, {len(found)} wrong", "0 wrong, a twentieth missed", not found and missed <= max(1, len(chosen) // 20))
+           f"again, {len(found)} wrong", "0 wrong, a twentieth missed", chosen and not found and missed <= max(1, len(chosen) // 20))
