@@ -75,6 +75,12 @@ void RemoveFilesByPrefix(const char* directory, const char* prefix, std::size_t 
     closedir(entries);
 }
 
+void PrintSystemError(const char* what)
+{
+    const char* reason = strerrordesc_np(errno);  // strerror() looks for a translation in memory of its own
+    std::fprintf(stderr, "%s: %s\n", what, reason != nullptr ? reason : "?");
+}
+
 int OpenFifo(const char* path)
 {
     int descriptor;
@@ -83,7 +89,7 @@ int OpenFifo(const char* path)
     } while (descriptor < 0 && errno == EINTR);
     // The writing descriptor lives as long as the process: nothing closes it.
     if (descriptor >= 0 && open(path, O_WRONLY | O_CLOEXEC) < 0) {
-        std::perror("open fifo for writing:");
+        PrintSystemError("open fifo for writing:");
         close(descriptor);
         return -1;
     }

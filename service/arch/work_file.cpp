@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "arch/clock.h"
+#include "arch/fs.h"
 #include "arch/regular_file.h"
 
 std::atomic<std::int32_t> VoqFileOpenCount{0};
@@ -80,7 +81,7 @@ int OpenLocked(const char* path, const Opening& opening, std::FILE** stream)
     const int error = errno;
     std::printf(opening.failure, path);
     errno = error;
-    std::perror("fopen:");
+    PrintSystemError("fopen:");
     if (opened != nullptr) std::fclose(opened);
     return -1;
 }

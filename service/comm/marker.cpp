@@ -13,7 +13,7 @@ int CreateMarker(const char* path, const char* failure)
 {
     if (MakeEmptyFile(path)) return 0;
     std::puts(failure);
-    std::perror("fopen:");
+    PrintSystemError("fopen:");
     return -1;
 }
 

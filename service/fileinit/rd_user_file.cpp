@@ -39,7 +39,7 @@ void HoldPort()
     const LifeLock lock = LockForLife(path);
     if (lock == LifeLock::None) {
         std::printf("*VOQ*%s cannot be locked, a second service on this port would not be noticed\r\n", path);
-        std::perror("lock:");
+        PrintSystemError("lock:");
     }
     if (lock != LifeLock::HeldElsewhere) return;
     std::printf("*VOQ*%s is held: another service serves this port\r\n", path);

@@ -25,8 +25,8 @@ def literals(tree):
         code = re.sub(r'"\s*\n\s*"', "", code)
         every |= {bare(text) for text in re.findall(LITERAL, code)}
         texts |= {bare(text) for text in re.findall(LITERAL, code) if re.search(r"\w\s\S|^\s\w|\\n|\\r|\*VOQ\*", text)}
-        texts |= {bare(text) for text in re.findall(rf"\b(?:puts|printf|perror)\({LITERAL}", code)}
-    return every, texts - {""}
+        texts |= {bare(text) for text in re.findall(rf"\b(?:puts|printf|PrintSystemError)\({LITERAL}", code)}
+    return every, {text for text in texts if re.search(r"\w", re.sub(r"%\w+", "", text))}  # values alone are none
 
 
 def check_messages(tree):
