@@ -36,6 +36,8 @@ def test_idle_turns_and_checks(start):
         assert (CHECKS in events) == ((turn + 1) % 20 == 0)
     service.send(log_off(Key(), 1))
     wait_for(lambda: turns()[-1][:1] == [IDLE], "idling again")
+    trace = (WORK / "trace").read_text()
+    assert " wb+" in trace and f"open {USER}/srw0.dat wb+" not in trace  # it appears in its full size
 
 
 def test_org_list_cadence(start):

@@ -245,5 +245,3 @@ def test_whatever_a_start_finds(start, kind):
             stamps = [struct.unpack_from("<i", (service / "org").read_bytes(), o + 24)[0]
                       for o in range(12, len(expected["org"]), 56)]
             assert all((stamp > 0) == (taken or built) for stamp in stamps), case
-
-

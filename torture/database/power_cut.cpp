@@ -234,7 +234,7 @@ void PowerCut(Database& database, bool thorough)
     }
     Progress("power cut: %zu cuts of single operations and of the mending behind them, %zu of them sampled\n",
              cutter.Whole() + cutter.Sampled(), cutter.Sampled());
-    const std::size_t single = cutter.States(), least = thorough ? 100000 : 4000;
+    const std::size_t single = cutter.States(), least = thorough ? 100000 : 5000;
     for (unsigned number = 0; cutter.States() < least; ++number) cutter.Run(RunOf(database, number));
     Progress("power cut: %zu starts cut short as well\n", cutter.Second());
     Progress("power cut: %zu states of single operations, %zu of runs, %zu databases mended\n", single,
