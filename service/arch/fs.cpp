@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "arch/system_error.h"
+
 bool FileExists(const char* path)
 {
     return access(path, F_OK) == 0 || (errno != ENOENT && errno != ENOTDIR);
@@ -73,12 +75,6 @@ void RemoveFilesByPrefix(const char* directory, const char* prefix, std::size_t 
             unlinkat(dirfd(entries), entry->d_name, 0);
     }
     closedir(entries);
-}
-
-void PrintSystemError(const char* what)
-{
-    const char* reason = strerrordesc_np(errno);  // strerror() looks for a translation in memory of its own
-    std::fprintf(stderr, "%s: %s\n", what, reason != nullptr ? reason : "?");
 }
 
 int OpenFifo(const char* path)

@@ -27,8 +27,4 @@ void RemoveFilesByPrefix(const char* directory, const char* prefix, std::size_t 
 // One read: the number of bytes, or -1 on failure. Waits for bytes.
 [[nodiscard]] long ReadFifo(int descriptor, void* buffer, std::size_t size);
 
-// Says on standard error why the last call of the system failed, as perror(), which allocates memory in newer
-// libraries.
-void PrintSystemError(const char* what);
-
 void IgnoreBrokenPipe();

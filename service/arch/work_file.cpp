@@ -10,6 +10,7 @@
 #include "arch/clock.h"
 #include "arch/fs.h"
 #include "arch/regular_file.h"
+#include "arch/system_error.h"
 
 std::atomic<std::int32_t> VoqFileOpenCount{0};
 

@@ -5,6 +5,7 @@
 
 #include "arch/fs.h"
 #include "arch/regular_file.h"
+#include "arch/system_error.h"
 #include "state/paths.h"
 
 namespace

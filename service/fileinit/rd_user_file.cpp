@@ -8,6 +8,7 @@
 #include "arch/fs.h"
 #include "arch/life_lock.h"
 #include "arch/regular_file.h"
+#include "arch/system_error.h"
 #include "comm/com_monitor.h"
 #include "comm/plc_driver.h"
 #include "fileinit/database_files.h"
