@@ -25,7 +25,7 @@ class LockedFile
 public:
     explicit LockedFile(const std::string& path, bool write = false)
         : path_(path),
-          fd_(open(path.c_str(), (write ? O_RDWR | O_CREAT : O_RDONLY) | O_CLOEXEC | O_NONBLOCK, 0666)),
+          fd_(open(path.c_str(), (write ? O_RDWR | O_CREAT | O_NOFOLLOW : O_RDONLY) | O_CLOEXEC | O_NONBLOCK, 0666)),
           type_(static_cast<short>(write ? F_WRLCK : F_RDLCK))
     {
         if (fd_ < 0) {
