@@ -3,10 +3,15 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
-#include "arch/work_file.h"
 #include "state/paths.h"
 #include "voq/reg_range.h"
+
+namespace
+{
+unsigned char Present[MaxRegionBytes] VOQ_GUARDED_BY(DatabaseLock);  // what a region holds before a value is stored
+}  // namespace
 
 std::int32_t AddDataToFile(const void* buffer, std::uint32_t size)
 {
@@ -23,17 +28,31 @@ std::int32_t AddDataToFile(const void* buffer, std::uint32_t size)
     return NoRegion;
 }
 
-Copied Copy2DataFile(const OrgNode& node, const RegKey& sourceKey, const void* source, std::uint32_t length)
+void ValueWriter::SyncChanges() const
+{
+    if (changed_) file_.Sync();
+}
+
+Copied ValueWriter::Copy(const OrgNode& node, const RegKey& sourceKey, const void* source, std::uint32_t length)
 {
     const std::uint32_t size = GetRegBuffLen(&node.key);
-    if (!ValueWithin(sourceKey, length, node.key)) return Copied::Outside;
-    WorkFile file;
-    if (!file.OpenRW(DataFileName)) return Copied::Failed;
+    if (size > MaxRegionBytes || !ValueWithin(sourceKey, length, node.key)) return Copied::Outside;
+    if (!file_.IsOpen() && !file_.OpenRW(DataFileName)) return Copied::Failed;
     const auto* value = static_cast<const unsigned char*>(source) + ValueOffset(sourceKey, node.key);
-    const bool stored = node.dataoffset <= INT32_MAX - size && file.WriteAt(node.dataoffset, value, size);
-    if (!stored) {
-        std::printf("*VOQ*data file %s: %u bytes at offset %u not written\r\n", DataFileName, size, node.dataoffset);
+    const bool fits = node.dataoffset <= INT32_MAX - size;
+    if (fits && file_.ReadSome(node.dataoffset, Present, size) == size && std::memcmp(Present, value, size) == 0) {
+        return Copied::Stored;
     }
-    file.Sync();
-    return stored ? Copied::Stored : Copied::Failed;
+    changed_ = true;
+    if (fits && file_.WriteAt(node.dataoffset, value, size)) return Copied::Stored;
+    std::printf("*VOQ*data file %s: %u bytes at offset %u not written\r\n", DataFileName, size, node.dataoffset);
+    return Copied::Failed;
+}
+
+Copied Copy2DataFile(const OrgNode& node, const RegKey& sourceKey, const void* source, std::uint32_t length)
+{
+    ValueWriter values;
+    const Copied copied = values.Copy(node, sourceKey, source, length);
+    values.SyncChanges();
+    return copied;
 }

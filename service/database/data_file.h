@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "arch/work_file.h"
 #include "database/database_lock.h"
 #include "voq/org_record.h"
 
@@ -17,6 +18,22 @@ enum class Copied {
     Stored,
     Outside,  // not wholly inside the source: the copy is not made
     Failed,   // the file could not be opened or written; after a message. Part of the value may have been stored
+};
+
+// The data file for the values of one operation, opened with the first of them.
+class ValueWriter
+{
+public:
+    // As Copy2DataFile. Bytes that the region holds already are not written.
+    [[nodiscard]] Copied Copy(const OrgNode& node, const RegKey& sourceKey, const void* source, std::uint32_t length)
+        VOQ_REQUIRES(DatabaseLock);
+
+    // Forces the values to the disk, when any of them changed the file. The operation's last step but the org file's.
+    void SyncChanges() const;
+
+private:
+    WorkFile file_;
+    bool changed_ = false;
 };
 
 // Stores the record's part of a source block in its region: width elements from `source` + (record's addr - source's

@@ -48,7 +48,6 @@ bool WriteEntry(const WorkFile& file, std::uint32_t position, const IndexItem& i
 {
     const bool written = file.WriteRecord(position, item);
     if (!written) std::printf("*VOQ*index file %s: entry at offset %u not written\r\n", IndexFileName, position);
-    file.Sync();
     return written;
 }
 
@@ -108,7 +107,9 @@ int UpdateIndex(const RegKey* key, std::uint32_t first)
     std::uint32_t position = 0;
     if (FindEntry(file, *key, item, position) != Search::Found) return -1;
     item.first = first;
-    return WriteEntry(file, position, item) ? 0 : -1;
+    const bool written = WriteEntry(file, position, item);
+    file.Sync();
+    return written ? 0 : -1;
 }
 
 bool AddIndexItem(const RegKey* key, std::uint32_t first)
@@ -119,9 +120,10 @@ bool AddIndexItem(const RegKey* key, std::uint32_t first)
     if (size == UINT32_MAX) return false;  // an entry at that place would leave a gap of 4 GB to be searched
     // The new entry begins where the last whole one ends: behind half an entry no lookup would find it.
     const std::uint32_t end = size / EntryBytes * EntryBytes;
-    if (WriteEntry(file, end, IndexEntryOf(*key, first))) return true;
-    static_cast<void>(file.Truncate(end));
-    return false;
+    const bool written = WriteEntry(file, end, IndexEntryOf(*key, first));
+    if (!written) static_cast<void>(file.Truncate(end));
+    file.Sync();
+    return written;
 }
 
 void DropLastIndexItem()
@@ -182,7 +184,9 @@ int FindIndexAndRefresh(const RegKey* key)
     std::uint32_t position = 0;
     if (FindEntry(file, *key, item, position) != Search::Found) return 0;
     item.mapcount = RefrashIndexMap(item);
-    return WriteEntry(file, position, item) ? 1 : 0;
+    const bool written = WriteEntry(file, position, item);
+    file.Sync();
+    return written ? 1 : 0;
 }
 
 void RefreshIndexMaps(std::span<const std::uint32_t> entries)
@@ -191,8 +195,9 @@ void RefreshIndexMaps(std::span<const std::uint32_t> entries)
     if (entries.empty() || !OpenIndexRW(file)) return;
     for (const std::uint32_t number : entries) {
         IndexItem item;
-        if (!RefreshEntry(file, number, item)) return;
+        if (!RefreshEntry(file, number, item)) break;
     }
+    file.Sync();
 }
 
 void InitIndexMap()
@@ -206,7 +211,8 @@ void InitIndexMap()
     const std::uint32_t count = EntryCount(file);
     for (std::uint32_t i = 0; i < count; ++i) {
         IndexItem item;
-        if (!RefreshEntry(file, i, item)) return;
+        if (!RefreshEntry(file, i, item)) break;
         std::printf("*VOQ*############i=%d,mapPcs=%d\r\n", static_cast<int>(i), static_cast<int>(item.mapcount));
     }
+    file.Sync();
 }

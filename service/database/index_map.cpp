@@ -33,9 +33,9 @@ std::uint32_t RefrashIndexMap(IndexItem item)
             std::printf("*VOQ*index map %s: record %u not written\r\n", path.Text(), written);
             return 0;
         }
-        map.Sync();
         ++written;
     }
+    map.Sync();
     // The index is about to say that the map is there.
     if (fresh) SyncDirectory(DataDir);
     return written;

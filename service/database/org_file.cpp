@@ -130,6 +130,7 @@ bool OrgFile::WriteHeader(const OrgHeader& header) const
 
 bool OrgFile::WriteNode(std::uint32_t offset, const OrgNode& node)
 {
+    changed_ = true;
     if (offset > MostOrgBytes - sizeof node || !file_.WriteRecord(offset, node)) {
         std::printf("*VOQ*org file %s: record at offset %u not written\r\n", OrgFileName, offset);
         Forget(offset);

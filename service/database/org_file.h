@@ -32,6 +32,8 @@ public:
     [[nodiscard]] std::uint32_t AppendOffset() const;
     [[nodiscard]] std::uint32_t MostRecords() const { return size_ / sizeof(OrgNode); }
     bool Sync() const { return file_.Sync(); }
+    // Forces to the disk what records were written since the file was opened; nothing when there were none.
+    bool SyncChanges() const { return !changed_ || file_.Sync(); }
 
 private:
     static constexpr std::uint32_t MostOrgBytes = 0x7FFFFFFF;  // every offset fits a signed 32-bit value
@@ -40,6 +42,7 @@ private:
 
     WorkFile file_;
     std::uint32_t size_ = 0;
+    bool changed_ = false;
 };
 
 // Visits the chain from a first record along the next links:

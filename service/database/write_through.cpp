@@ -7,16 +7,16 @@
 #include "voq/reg_range.h"
 #include "voq/rt_item.h"
 
-void StoreValue(OrgFile& file, OrgWalk& at, const RegKey& sourceKey, const void* source, std::uint32_t length)
+void StoreValue(OrgFile& file, OrgWalk& at, ValueWriter& values, const RegKey& sourceKey, const void* source,
+                std::uint32_t length)
 {
     OrgNode& record = at.Node();
-    const Copied copied = Copy2DataFile(record, sourceKey, source, length);
+    const Copied copied = values.Copy(record, sourceKey, source, length);
     if (copied == Copied::Outside) return;
     // State 1 would promise a value that is not in the data file.
     record.state = copied == Copied::Stored ? PLC_SUCCESS : PLC_ERROR;
     GetCurrentTime(&record.stamp);
     static_cast<void>(file.WriteNode(at.Offset(), record));
-    file.Sync();
 }
 
 void UpdateOrgAfterWrite(const RegKey& key, std::uint32_t length, const void* data)
@@ -26,10 +26,13 @@ void UpdateOrgAfterWrite(const RegKey& key, std::uint32_t length, const void* da
     if (FindIndex(&key, &first) != 0 || first == 0 || first == OrgNone) return;
     OrgFile file;
     if (!file.OpenRW()) return;
+    ValueWriter values;
     const std::uint32_t end = WriteEnd(key);
     for (OrgWalk at(file, first); at.Valid() && SameGroup(at.Node().key, key); at.Next()) {
         const RegKey& range = at.Node().key;
-        if (range.addr >= key.addr && WriteEnd(range) <= end) StoreValue(file, at, key, data, length);
-        if (end <= range.addr) return;
+        if (range.addr >= key.addr && WriteEnd(range) <= end) StoreValue(file, at, values, key, data, length);
+        if (end <= range.addr) break;
     }
+    values.SyncChanges();
+    file.SyncChanges();
 }

@@ -1,4 +1,5 @@
-// One packed read, on the main thread. The write-back holds the register database lock and syncs once per record.
+// One packed read, on the main thread. The write-back holds the register database lock and forces each file to the disk
+// once.
 #include "oper/read_plan.h"
 
 #include <algorithm>
@@ -45,20 +46,22 @@ void WriteBackRead(const ReadPlan& plan, int result, StampRule rule)
     const MutexLock lock(DatabaseLock);
     OrgFile file;
     if (!file.OpenRW()) return;
+    ValueWriter values;
     for (OrgWalk at(file, plan.orgOffset); at.Valid(); at.Next()) {
         OrgNode& record = at.Node();
         if (!SameGroup(record.key, read)) break;
         const bool inside = PollEnd(record.key) <= packEnd && ValueWithin(read, GetRegBuffLen(&read), record.key);
         if (inside) {
-            const bool lost = result == PLC_SUCCESS &&
-                              Copy2DataFile(record, read, ReadBuffer, GetRegBuffLen(&read)) != Copied::Stored;
+            const bool lost =
+                result == PLC_SUCCESS && values.Copy(record, read, ReadBuffer, GetRegBuffLen(&read)) != Copied::Stored;
             if (rule == StampRule::PerRecord) GetCurrentTime(&now);
             record.stamp = now;
             // State 1 would promise the value.
             record.state = static_cast<std::uint8_t>(lost ? PLC_ERROR : result);
             static_cast<void>(file.WriteNode(at.Offset(), record));
-            file.Sync();
         }
         if (record.key.addr >= packEnd) break;
     }
+    values.SyncChanges();
+    file.SyncChanges();
 }

@@ -26,7 +26,7 @@ TEST_F(DatabaseTest, WritesGoFromTheRecordToTheHeader)
         return written;
     };
     EXPECT_EQ(
-        "data@4+2 data! org@124+56 org! org@68+56 org@12+56 org@0+12 im1_10_2_0@0+12 im1_10_2_0! "
+        "data@4+2 data! org@124+56 org! org@68+56 org@12+56 org@0+12 im1_10_2_0@0+12 "
         "im1_10_2_0@12+12 im1_10_2_0! index@0+16 index! ",
         trace(Key(1, 2, 7, 1), OrgMode::LogOn));
     EXPECT_EQ(
