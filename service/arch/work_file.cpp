@@ -105,7 +105,7 @@ int FsOpenFileRO(const char* path, std::FILE** stream)
 
 bool FsSync(std::FILE* stream)
 {
-    return fsync(fileno(stream)) == 0;
+    return SyncsHeld || fsync(fileno(stream)) == 0;
 }
 
 bool WorkFile::OpenTrustedRW(const char* path)

@@ -26,6 +26,18 @@ int FsOpenFileRO(const char* path, std::FILE** stream);     // existing file; re
 // Forces what was written to the file onto the disk. Returns false when the system reports a failure.
 bool FsSync(std::FILE* stream);
 
+// While one lives, no file is forced to the disk: for files that are made anew when their making is cut short. Main
+// thread, before any other thread exists.
+inline bool SyncsHeld = false;
+class HeldSyncs
+{
+public:
+    HeldSyncs() { SyncsHeld = true; }
+    ~HeldSyncs() { SyncsHeld = false; }
+    HeldSyncs(const HeldSyncs&) = delete;
+    HeldSyncs& operator=(const HeldSyncs&) = delete;
+};
+
 // An opened working file; closes it and lowers VoqFileOpenCount at the end of its scope.
 class WorkFile
 {

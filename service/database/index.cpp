@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "arch/fs.h"
 #include "arch/work_file.h"
 #include "database/index_map.h"
 #include "database/org_file.h"
@@ -183,7 +184,9 @@ int FindIndexAndRefresh(const RegKey* key)
     IndexItem item;
     std::uint32_t position = 0;
     if (FindEntry(file, *key, item, position) != Search::Found) return 0;
+    const bool named = FileExists(MapPath(item).Text());
     item.mapcount = RefrashIndexMap(item);
+    if (!named) SyncDirectory(DataDir);
     const bool written = WriteEntry(file, position, item);
     file.Sync();
     return written ? 1 : 0;
@@ -197,6 +200,7 @@ void RefreshIndexMaps(std::span<const std::uint32_t> entries)
         IndexItem item;
         if (!RefreshEntry(file, number, item)) break;
     }
+    SyncDirectory(DataDir);
     file.Sync();
 }
 
@@ -214,5 +218,6 @@ void InitIndexMap()
         if (!RefreshEntry(file, i, item)) break;
         std::printf("*VOQ*############i=%d,mapPcs=%d\r\n", static_cast<int>(i), static_cast<int>(item.mapcount));
     }
+    if (count > 0) SyncDirectory(DataDir);
     file.Sync();
 }

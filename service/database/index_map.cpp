@@ -3,7 +3,6 @@
 
 #include <cstdio>
 
-#include "arch/fs.h"
 #include "arch/work_file.h"
 #include "database/org_file.h"
 
@@ -23,7 +22,6 @@ std::uint32_t RefrashIndexMap(IndexItem item)
         std::printf("*VOQ*open file %s error!!!\r\n", OrgFileName);
         return 0;
     }
-    const bool fresh = !FileExists(path.Text());
     WorkFile map;
     if (!map.Create(path.Text())) return 0;
     std::uint32_t written = 0;
@@ -36,7 +34,5 @@ std::uint32_t RefrashIndexMap(IndexItem item)
         ++written;
     }
     map.Sync();
-    // The index is about to say that the map is there.
-    if (fresh) SyncDirectory(DataDir);
     return written;
 }

@@ -21,5 +21,6 @@ private:
     bool fits_;
 };
 
-// Rewrites one group's map file. Returns the number of map records, 0 on failure.
+// Rewrites one group's map file. Returns the number of map records, 0 on failure. Before the index says so, the caller
+// sees to a new file's name being on the disk.
 std::uint32_t RefrashIndexMap(IndexItem item) VOQ_REQUIRES(DatabaseLock);

@@ -104,6 +104,13 @@ bool OrgListEmpty()
     return file.OpenRO(OrgFileName) && file.ReadRecord(0, header) && header.count == 0;
 }
 
+// Nothing of it need be on the disk before its end, under the marker.
+int RegisterProject(const char* projectPath)
+{
+    const HeldSyncs held;
+    return InitOrgFromFile(projectPath);
+}
+
 // Fills the fresh org file. What an earlier org file left in the data file, the index and the maps names nothing any
 // more.
 int BuildFromProject(const char* projectPath, bool dataExisted)
@@ -117,7 +124,7 @@ int BuildFromProject(const char* projectPath, bool dataExisted)
     }
     static_cast<void>(CreateEmpty(IndexFileName));
     RemoveMapFiles();
-    if (InitOrgFromFile(projectPath) != 0) {
+    if (RegisterProject(projectPath) != 0) {
         std::puts("Init org from file failed");
         // Nothing was registered: what clients register from now on must not be thrown away by the next start.
         if (OrgListEmpty()) EndBuild();
