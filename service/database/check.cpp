@@ -82,7 +82,7 @@ DatabaseState Refuse(const OrgSurvey& survey)
 DatabaseState CheckDatabase(MapCare care)
 {
     const MutexLock lock(DatabaseLock);
-    const OrgSurvey survey = SurveyDatabase(care);
+    OrgSurvey survey = SurveyDatabase(care);
     if (survey.empty) return DatabaseState::Sound;
     if (survey.unreadable) {
         std::printf("*VOQ*register database cannot be read, to be started again\r\n");
@@ -94,7 +94,9 @@ DatabaseState CheckDatabase(MapCare care)
         std::printf("*VOQ*register database could not be mended, to be started again\r\n");
         return DatabaseState::Unusable;
     }
+    // A map that cannot be written ends nothing: clients find its ranges along the chain.
+    survey.mends.maps = !survey.staleMaps.empty() && RefreshIndexMaps(survey.staleMaps);
+    if (!survey.mends.Any()) return DatabaseState::Sound;
     ReportMends(survey.mends);
-    RefreshIndexMaps(survey.staleMaps);
     return DatabaseState::Mended;
 }

@@ -59,17 +59,11 @@ bool OpenIndexRW(WorkFile& file)
     return false;
 }
 
-// Rewrites the map of the entry with this number, and the entry's mapcount. False when the entry cannot be read.
-bool RefreshEntry(const WorkFile& file, std::uint32_t number, IndexItem& item) VOQ_REQUIRES(DatabaseLock)
+bool ReadEntry(const WorkFile& file, std::uint32_t number, IndexItem& item)
 {
-    const std::uint32_t position = number * EntryBytes;
-    if (!file.ReadRecord(position, item)) {
-        std::printf("*VOQ*index file %s damaged: no entry at offset %u\r\n", IndexFileName, position);
-        return false;
-    }
-    item.mapcount = RefrashIndexMap(item);
-    WriteEntry(file, position, item);
-    return true;
+    if (file.ReadRecord(number * EntryBytes, item)) return true;
+    std::printf("*VOQ*index file %s damaged: no entry at offset %u\r\n", IndexFileName, number * EntryBytes);
+    return false;
 }
 }  // namespace
 
@@ -192,16 +186,21 @@ int FindIndexAndRefresh(const RegKey* key)
     return written ? 1 : 0;
 }
 
-void RefreshIndexMaps(std::span<const std::uint32_t> entries)
+bool RefreshIndexMaps(std::span<const std::uint32_t> entries)
 {
     WorkFile file;
-    if (entries.empty() || !OpenIndexRW(file)) return;
+    if (entries.empty()) return true;
+    if (!OpenIndexRW(file)) return false;
+    bool whole = true;
     for (const std::uint32_t number : entries) {
         IndexItem item;
-        if (!RefreshEntry(file, number, item)) break;
+        if (!ReadEntry(file, number, item)) return false;
+        item.mapcount = RefrashIndexMap(item);
+        whole &= item.mapcount != 0 && WriteEntry(file, number * EntryBytes, item);
     }
     SyncDirectory(DataDir);
     file.Sync();
+    return whole;
 }
 
 void InitIndexMap()
@@ -215,7 +214,9 @@ void InitIndexMap()
     const std::uint32_t count = EntryCount(file);
     for (std::uint32_t i = 0; i < count; ++i) {
         IndexItem item;
-        if (!RefreshEntry(file, i, item)) break;
+        if (!ReadEntry(file, i, item)) break;
+        item.mapcount = RefrashIndexMap(item);
+        WriteEntry(file, i * EntryBytes, item);
         std::printf("*VOQ*############i=%d,mapPcs=%d\r\n", static_cast<int>(i), static_cast<int>(item.mapcount));
     }
     if (count > 0) SyncDirectory(DataDir);

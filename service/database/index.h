@@ -29,8 +29,9 @@ std::uint32_t GetOrgOffset(RegKey key) VOQ_EXCLUDES(DatabaseLock);
 // Rewrites the map file of the key's group and the mapcount of its entry. 1 when the entry was found, else 0.
 int FindIndexAndRefresh(const RegKey* key) VOQ_REQUIRES(DatabaseLock);
 
-// Rewrites the maps and mapcounts of the entries with these numbers; start-up.
-void RefreshIndexMaps(std::span<const std::uint32_t> entries) VOQ_REQUIRES(DatabaseLock);
+// Rewrites the maps and mapcounts of the entries with these numbers; start-up. False after messages when one could not
+// be written; its mapcount is as it was.
+[[nodiscard]] bool RefreshIndexMaps(std::span<const std::uint32_t> entries) VOQ_REQUIRES(DatabaseLock);
 
 // Rewrites every map file and every mapcount; start-up.
 void InitIndexMap() VOQ_EXCLUDES(DatabaseLock);
