@@ -81,6 +81,7 @@ int ReadWithRetries(RegKey key, void* buffer)
 // Only the main thread changes the counters; the service threads look at them.
 void CountFailure(std::atomic<std::int32_t>& counter, int markerAt, int (*setMarker)())
 {
+    if (FailuresUncounted) return;
     const std::int32_t count = counter.load(std::memory_order_relaxed) + 1;
     if (count == markerAt) setMarker();
     counter.store(count > FailureCountTop ? FailureCountAgain : count, std::memory_order_relaxed);

@@ -12,6 +12,17 @@ inline constexpr int PLC_READ_ONCE = 0;   // one attempt per chunk
 inline constexpr int PLC_WRITE = 1;       // up to three attempts per chunk
 inline constexpr int PLC_READ_RETRY = 2;  // up to three attempts per chunk
 
+// While one lives, a failed access counts for nothing and makes no marker: no client asked for it. Main thread.
+inline bool FailuresUncounted = false;
+class UncountedFailures
+{
+public:
+    UncountedFailures() { FailuresUncounted = true; }
+    ~UncountedFailures() { FailuresUncounted = false; }
+    UncountedFailures(const UncountedFailures&) = delete;
+    UncountedFailures& operator=(const UncountedFailures&) = delete;
+};
+
 // Each takes a range and a buffer of GetRegBuffLen(key) bytes and returns PLC_SUCCESS, PLC_TIMEOUT or PLC_ERROR (also
 // when no driver is loaded). A chunk that fails ends the operation; earlier chunks' bytes stay in the buffer.
 int PlcOper(RegKey key, void* buffer, int mode);

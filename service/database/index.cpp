@@ -216,8 +216,8 @@ void InitIndexMap()
         IndexItem item;
         if (!ReadEntry(file, i, item)) break;
         item.mapcount = RefrashIndexMap(item);
-        WriteEntry(file, i * EntryBytes, item);
         std::printf("*VOQ*############i=%d,mapPcs=%d\r\n", static_cast<int>(i), static_cast<int>(item.mapcount));
+        WriteEntry(file, i * EntryBytes, item);
     }
     if (count > 0) SyncDirectory(DataDir);
     file.Sync();

@@ -9,6 +9,7 @@
 #include "arch/box_path.h"
 #include "arch/clock.h"
 #include "arch/fs.h"
+#include "arch/regular_file.h"
 #include "arch/work_file.h"
 #include "database/check.h"
 #include "database/index.h"
@@ -42,6 +43,13 @@ void BeginBuild()
     SyncDirectory(DataDir);
 }
 
+void EndMarker()
+{
+    char marker[2 * PathBytes];
+    BuildingMarker(marker);
+    RemoveFile(marker);
+}
+
 bool CreateEmpty(const char* path)
 {
     WorkFile file;
@@ -69,14 +77,15 @@ bool CreateIfMissing(const char* path)
     return true;
 }
 
-bool CreateOrgIfMissing()
+// False when there is none after all; nothing else was touched then.
+bool CreateOrg()
 {
-    if (FileExists(OrgFileName)) return false;
     BeginBuild();
     const OrgHeader empty{};
     WorkFile file;
-    if (file.Create(OrgFileName)) static_cast<void>(file.WriteRecord(0, empty));
-    return true;
+    if (file.Create(OrgFileName)) return file.WriteRecord(0, empty);
+    EndMarker();
+    return false;
 }
 
 bool SyncFile(const char* path)
@@ -93,7 +102,7 @@ void EndBuild()
     if (!FileExists(marker)) return;
     if (!SyncFile(OrgFileName) || !SyncFile(DataFileName) || !SyncFile(IndexFileName)) return;
     SyncDirectory(DataDir);
-    RemoveFile(marker);
+    EndMarker();
     SyncDirectory(DataDir);
 }
 
@@ -142,7 +151,8 @@ int LocalBuild(const char* projectPath)
         std::printf("*VOQ*an earlier build of the register database was cut short, building anew\r\n");
         RemoveDatabase();
     }
-    const bool orgCreated = CreateOrgIfMissing();
+    const bool orgCreated = !FileExists(OrgFileName);
+    if (orgCreated && !CreateOrg()) return -1;
     const bool dataCreated = CreateIfMissing(DataFileName);
     const bool indexCreated = CreateIfMissing(IndexFileName);
     if (orgCreated) return BuildFromProject(projectPath, !dataCreated);
@@ -193,18 +203,35 @@ bool DownloadComplete(const DownloadPaths& download)
     return FileExists(download.org) && FileExists(download.index) && FileExists(download.data) &&
            !FileExists(TarnPortIndex);
 }
+
+// A link that leads nowhere looks like a missing file to everything that would build one in its place.
+bool AllPlainFiles()
+{
+    for (const char* path : {OrgFileName, DataFileName, IndexFileName}) {
+        const FileKind kind = KindOf(path);
+        if (kind == FileKind::None || kind == FileKind::Regular) continue;
+        std::printf("*VOQ*%s is no regular file, the register database cannot be used\r\n", path);
+        return false;
+    }
+    return true;
+}
+
+// What a start without a usable database comes to.
+int WithoutDatabase()
+{
+    if (ComInfo.masterSlaveMode != MODE_SLAVE) std::exit(EXIT_FAILURE);
+    std::printf("*VOQ*a slave needs no register database, going on without it\r\n");
+    return -1;
+}
 }  // namespace
 
 int PrepareDatabase(const char* projectPath, const DownloadPaths& download)
 {
+    if (!AllPlainFiles()) return WithoutDatabase();
     const bool downloaded = DownloadComplete(download) && TakeOverDownload(download);
     const int result = downloaded ? 0 : LocalBuild(projectPath);
     const DatabaseState state = CheckDatabase(downloaded ? MapCare::Leave : MapCare::Judge);
-    if (state == DatabaseState::Unusable && ComInfo.masterSlaveMode == MODE_SLAVE) {
-        std::printf("*VOQ*a slave needs no register database, going on without it\r\n");
-        return -1;
-    }
-    if (state == DatabaseState::Unusable) std::exit(EXIT_FAILURE);
+    if (state == DatabaseState::Unusable) return WithoutDatabase();
     if (state != DatabaseState::Refused) return result;
     RemoveDatabase();  // what could not be set aside, and the maps
     return LocalBuild(projectPath);

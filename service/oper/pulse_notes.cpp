@@ -163,6 +163,18 @@ void EndPulse(std::uint16_t slot, bool back)
     }
 }
 
+void WriteSettlesPulses(const RegKey& written)
+{
+    for (std::uint16_t place = 0; LeftOver != 0 && place < MostPulseNotes; ++place) {
+        const PulseNote& note = Notes[place];
+        const bool left = note.inuse != 0 && Running[place] == 0;
+        if (!left || !SameStationArea(note.key, written) || note.key.subaddr != written.subaddr) continue;
+        if (!ValueWithin(written, GetRegBuffLen(&written), note.key)) continue;
+        StrikeOff(place);
+        --LeftOver;
+    }
+}
+
 void PutLeftOverPulseBack(const DrvOps& ops)
 {
     if (LeftOver == 0 || CheckTm(&LastTry, NowMs(), TryEveryMs) == 0) return;

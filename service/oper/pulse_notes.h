@@ -20,6 +20,9 @@ bool TakeOverPulseNotes();
 // bit runs. Nothing happens to a request without a note.
 void EndPulse(std::uint16_t slot, bool back);
 
+// A client has written the range: bits inside it that were left over are what it wants them to be.
+void WriteSettlesPulses(const RegKey& written);
+
 // Puts one bit that is left over back, in turn, with one attempt: a second after one that failed, else at once.
 // Stations that are switched off are passed over. Waits as long as the device does.
 void PutLeftOverPulseBack(const DrvOps& ops);

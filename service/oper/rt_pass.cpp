@@ -126,6 +126,7 @@ void ServeWrite(std::uint16_t slot, std::uint32_t served)
         return;
     }
     item.result = static_cast<std::uint8_t>(PlcOper(item.key, ReadBuffer, PLC_WRITE));
+    if (item.result == PLC_SUCCESS) WriteSettlesPulses(item.key);
     WriteBackRtData_Wr(slot, ReadBuffer);
 }
 
@@ -230,6 +231,7 @@ void OperRtList()
 {
     ServeWrites();
     ServeReads();
+    const UncountedFailures uncounted;
     PutLeftOverPulseBack(PlcOps);
 }
 

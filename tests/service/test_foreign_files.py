@@ -50,8 +50,12 @@ def test_files_that_are_none(start):
     assert victim.read_bytes() == b"\7" * 60 and service.count("srb0.dat error") == 0
     service.stop()
     (PORT / "org").rename(victim)
-    (PORT / "org").symlink_to(victim)
-    assert Service(ready=False).process.wait(20) == 1
+    before = {path.name for path in PORT.iterdir()} - {"rtData4"}
+    for end in (victim, WORK / "nowhere"):  # one that leads nowhere is not a missing file
+        (PORT / "org").symlink_to(end)
+        assert Service(ready=False).process.wait(20) == 1
+        (PORT / "org").unlink()
+        assert {path.name for path in PORT.iterdir()} == before and (PORT / "data").stat().st_size > 0
 
 
 def test_fifo_paths_that_hold_something_else(start):

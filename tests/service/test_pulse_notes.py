@@ -3,7 +3,7 @@ import functools
 import pathlib
 import struct
 
-from test_oneshot import BITS, Client, pulse
+from test_oneshot import BITS, Client, pulse, write
 from voqtest import Key, com_info, wait_for
 
 WORD, BIT = Key(10, plcno=2), Key(20, plcno=3, **BITS)
@@ -37,7 +37,7 @@ def test_killed(start):
     sim.fail(sim.TIMEOUT)
     since, service = sim.logged, start(sim=sim)
     wait_for(lambda: len(asked(since)) >= 2, "attempts")
-    assert {c.plcno for c in asked(since)} == {BIT.plcno}
+    assert {c.plcno for c in asked(since)} == {BIT.plcno} and service.peek("GlobeTimeout") == 0  # nobody asked for them
     switched_off()
     wait_for(lambda: {c.plcno for c in asked(since)} == {WORD.plcno, BIT.plcno}, "an attempt each")
     attempts = asked(since)
@@ -75,6 +75,9 @@ def test_last_write_fails(start):
     assert client.served(pulse(WORD, 20, 3)) == [(1, b"\1\0")] and sim.value(WORD) == REST[0]
     calls = [c for c in sim.calls() if c.plcno == WORD.plcno][-4:]
     assert [c.command for c in calls] == 2 * [sim.RDONE, sim.WRONE] and calls[2].start - calls[0].start > 1_500_000
+    failed(5, 3)
+    assert client.served(write(WORD.addr, 0x1548, plcno=WORD.plcno)) == [(1, b"")]  # settles it
+    assert (service / "pulses").read_bytes() == bytes(1024 * 32) and sim.value(WORD) == DRIVEN[0]
     client.nothing_left()
 
 
