@@ -154,9 +154,10 @@ bool ByteOrderMissing(const Target& target, const voq::Register& reg)
 void RequireByteOrder(const Target& target, const voq::Register& reg, const std::string& what)
 {
     if (!ByteOrderMissing(target, reg)) return;
-    throw UsageError(what + ": nothing says how the PLC lays out the bytes of a " + voq::TypeName(reg.type) +
-                     ": give --project or --byte-order (0: lowest byte first), big_endian in the expression, or take " +
-                     "raw:" + std::to_string(reg.type.elemSize));
+    throw UsageError(
+        what + ": nothing says how the PLC lays out the bytes of a " + voq::TypeName(reg.type) +
+        ": give --project or --byte-order (0: lowest byte first); to write, big_endian in the expression or raw:" +
+        std::to_string(reg.type.elemSize) + " will do too");
 }
 
 void NoteByteOrder()
