@@ -1,15 +1,13 @@
 """Start-up: command line, printed lines, files, and the combinations of what an earlier run may have left."""
-import pathlib
 import shutil
-import struct
 import subprocess
 
 import pytest
-from voqtest import DRIVERS, PROJECT, RECIPE, SYSTEM, USER, Key, com_info, program, project, wait_for
+from voqtest import (DRIVERS, PROJECT, RECIPE, SYSTEM, USER, Key, com_info, gateway, program, project, retained_settings,
+                     sound, wait_for)
 
 REGISTERS = [Key(20, 2), Key(10, 4), Key(5, 3, regid=2, layout=0x00), Key(10, 4), Key(7, portno=2),
              Key(8, convpara=0x10000), Key(10, 1, flag=0x10200)]
-GROUPS = {REGISTERS[0].group: [(10, 4), (20, 2)], REGISTERS[2].group: [(5, 3)], REGISTERS[6].group: [(10, 1)]}
 FAILED = b"Get cominfo failed. Need relanch. exit...\n"
 NAMES = """DataDir=/u/com_1/|downloaddir=/home/Bin/map/com_1/|downOrg=/home/Bin/map/com_1/org
 downindex=/home/Bin/map/com_1/index|downdatafile=/home/Bin/map/com_1/data|LBNAME=/u/lb.dat|LWNAME=/u/lw.dat
@@ -23,12 +21,10 @@ def run(*arguments):
     return subprocess.run(program("voq", *arguments), capture_output=True, timeout=60, cwd="/")
 
 
-def refused(raw, *ending):
-    """The project file is refused as a configuration failure; the output ends as given."""
-    PROJECT.write_bytes(raw)
-    done = run(PROJECT, 0, DRIVERS, USER, RECIPE)
-    assert (done.returncode, done.stderr) == (0, b"") and done.stdout.endswith(b"".join(ending) + FAILED), done
-    return done.stdout
+def refused(index, ending=b""):
+    """The configuration is refused; the output ends as given."""
+    done = run(PROJECT, index, DRIVERS, USER, RECIPE)
+    assert (done.returncode, done.stderr) == (0, b"") and done.stdout.endswith(ending + FAILED), done
 
 
 @pytest.mark.sanitized
@@ -44,13 +40,17 @@ def test_command_line():
         PROJECT.write_bytes(project([com_info()]))
         done = run(*arguments)
         assert done.returncode == 1 and 40 * "x" in done.stdout.decode().splitlines()[-1], done
-    done = run(PROJECT, 70000, DRIVERS, USER, RECIPE)
-    assert b"input arg=6:/w/ophmi.bin 4464 /d /u\n" in done.stdout
-    assert done.returncode == 0 and done.stdout.endswith(b"Port not find,ComPorts=1,ComSegIndex=4464\n" + FAILED)
+    refused(70000, b"Port not find,ComPorts=1,ComSegIndex=4464\n")
+    for raw, ending in ((project([com_info(link=3)]), b""), (bytes(199), b"ophmi.bin size <200 byte\n")):
+        PROJECT.write_bytes(raw)
+        refused(0, ending)
+    PROJECT.unlink()
+    refused(0, b"open ophmi.bin error\n")
 
 
 FIRST_START = f"""input arg=6:/w/ophmi.bin 0 /d /u
 *VOQ*sys byte oder=1234\r
+*VOQ*Get bps form SRW:9600,8,1,0,0\r
 *VOQ*-----------------------------&&&&&&&&&&&pack=3\r
 *VOQ*dlopen(/d/Serial/drv_1) error(/d/Serial/drv_1.so: cannot open shared object file: No such file or directory)\r
 {NAMES}*VOQ*No download orgfile find,build one\r
@@ -69,14 +69,12 @@ FIRST_START = f"""input arg=6:/w/ophmi.bin 0 /d /u
 @pytest.mark.sanitized
 def test_first_start(start):
     """The whole output, byte for byte, and everything a first start leaves on the disk."""
+    retained_settings()
     service = start(com_info(packing=3, pause=7), REGISTERS, driver=None)
     assert service.out().decode() == FIRST_START
-    chain = service.chain()
-    assert [(n.key.group, n.key.place) for n in chain] == [(g, p) for g, places in GROUPS.items() for p in places]
-    assert [n.offset for n in chain] == [68, 12, 124, 180] and {n.logtimes for n in chain} == {0}
-    assert (service / "data").read_bytes() == bytes(sum(n.key.size for n in chain))
-    assert service.index() == {chain[0].key.group: (68, 2), chain[2].key.group: (124, 1), chain[3].key.group: (180, 1)}
-    assert [service.map(g) for g in GROUPS] == [[(10, 4, 68), (20, 2, 12)], [(5, 3, 124)], [(10, 1, 180)]]
+    assert [(n.offset, n.key) for n in service.chain()] == [
+        (offset, REGISTERS[n]) for offset, n in ((68, 1), (12, 0), (124, 2), (180, 6))]
+    sound()
     assert sorted(p.name for p in (service / "").iterdir()) == sorted(
         ["data", "guififo", "im1_1_22_0", "im1_1_22_0_1", "im1_2_0_0", "index", "lock", "mekfifo", "org"])
     srw = (USER / "srw0.dat").read_bytes()
@@ -97,14 +95,6 @@ def test_drivers_and_link_types(start):
     service.stop()
     service = start(com_info(link=1), directory=USER / "can_1")
     assert "*VOQ*dlopen(/ddrv_1) error(" in service.out().decode() and (service / "org").stat().st_size == 12
-    refused(project([com_info(link=3)]))
-
-
-def test_damaged_project():
-    whole = project([com_info(), com_info(port=2)], REGISTERS[:2])
-    done = run(PROJECT, 0, DRIVERS, USER, RECIPE)
-    assert done.returncode == 0 and done.stdout.endswith(b"open ophmi.bin error\n" + FAILED)
-    refused(whole[:199], b"ophmi.bin size <200 byte\n")
 
 
 def test_waits_for_an_org_header(start):
@@ -120,29 +110,14 @@ def test_waits_for_an_org_header(start):
 
 
 def test_gateway(start):
-    tarn = pathlib.Path("/home/tarn")
-    tarn.mkdir()
-    (tarn / "PortIndex").write_bytes(struct.pack("<5H", 2, 0, 7, 1, 8))
-    (tarn / "com_7.con").write_bytes(com_info(port=1, pause=9))
+    tarn = gateway(com_info(pause=9))
     service = start()
     head = service.out().decode().split("DataDir=")[0]
     assert head.startswith("input arg=6:/w/ophmi.bin 0 /d /u\n*VOQ*tarn portindex find...loading...\r\n"
                            "*VOQ*Read config form /home/tarn/com_7.con\r\n*VOQ*-------")
     assert "RegAmount" not in service.out().decode() and (service / "org").read_bytes() == bytes(12)
     service.stop()
-    for index, ending in ((1, b""), (2, b"Port not find,TarnPorts=2,ComSegIndex=2\n")):
-        done = run(PROJECT, index, DRIVERS, USER, RECIPE)
-        assert done.returncode == 0 and done.stdout.endswith(ending + FAILED)
+    refused(1)
+    refused(2, b"Port not find,TarnPorts=2,ComSegIndex=2\n")
     (tarn / "com_7.con").unlink()
-    done = run(PROJECT, 0, DRIVERS, USER, RECIPE)
-    assert done.stdout.endswith(b"open /home/tarn/com_7.con error\n" + FAILED)
-
-
-def test_retained_settings(start):
-    settings = pathlib.Path("/disk/hmi/rcp/srw.dat")
-    settings.parent.mkdir(parents=True)
-    for size, baud, printed in ((500, 19200, 0), (512, 19200, 1), (512, 0, 1)):
-        settings.write_bytes((bytes(500) + struct.pack("<I4H", baud, 9, 1, 2, 1))[:size])
-        service = start(com_info())
-        assert service.count(f"*VOQ*Get bps form SRW:{baud},9,1,2,1\r\n") == printed
-        service.stop()
+    refused(0, b"open /home/tarn/com_7.con error\n")

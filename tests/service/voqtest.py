@@ -126,36 +126,22 @@ class Key:
 
 
 def com_info(link=0, port=1, mode=0, word_limit=64, bit_limit=128, word_gap=10, bit_gap=10, pause=3, packing=0,
-             para=b"", address=9600):
-    raw = struct.pack("<IB3xHHHBBIBB14sHHHBBB15x", packing << 17, link, port, 0, 0, 8, 0, address, 1, mode, para, 0,
-                      word_limit, bit_limit, word_gap, bit_gap, pause)
-    assert len(raw) == 60
-    return raw
+             para=b"", address=9600, word=0):
+    return struct.pack("<IB3xHHHBBIBB14sHHHBBB15x", packing << 17, link, port, 0, word, 8, 0, address, 1, mode, para, 0,
+                       word_limit, bit_limit, word_gap, bit_gap, pause)
 
 
 def project(ports, registers=()):
     """The project file, segments in an order of our own: system, communication, registers."""
-    table, system = 64, 128
-    comm = system + 40
-    records = comm + 4 + 4 * len(ports)
-    segment = records + 60 * len(ports)
-    regs = segment + 4
-    keys = 4 + 8 * len(registers)
-    raw = bytearray(max(200, regs + keys + 24 * len(registers)))
-    struct.pack_into("<I", raw, 20, table)
-    struct.pack_into("<I", raw, table, system)
-    struct.pack_into("<I", raw, table + 32, comm)
-    struct.pack_into("<I", raw, table + 40, segment)
-    struct.pack_into("<H", raw, system + 38, 0x1234)
-    struct.pack_into("<I", raw, comm, len(ports))
-    for i, port in enumerate(ports):
-        struct.pack_into("<I", raw, comm + 4 + 4 * i, records - comm + 60 * i)
-        raw[records + 60 * i: records + 60 * (i + 1)] = port
-    struct.pack_into("<II", raw, segment, regs, len(registers))
-    for i, key in enumerate(registers):
-        struct.pack_into("<I", raw, regs + 4 + 4 * (len(registers) + i), keys + 24 * i)
-        raw[regs + keys + 24 * i: regs + keys + 24 * (i + 1)] = key.pack()
-    return bytes(raw)
+    def offsets(amount, size, start):
+        return struct.pack(f"<{amount}I", *range(start, start + amount * size, size))
+
+    amount, many, comm = len(ports), len(registers), 128 + 40
+    segment = comm + 4 + 64 * amount
+    head = struct.pack("<20xI40x I28xI4xI20x 38xH", 64, 128, comm, segment, 0x1234)
+    ports = struct.pack("<I", amount) + offsets(amount, 60, 4 + 4 * amount) + b"".join(ports)
+    table = struct.pack(f"<II{4 * many}x", segment + 4, many) + offsets(many, 24, 4 + 8 * many)
+    return (head + ports + table + b"".join(key.pack() for key in registers)).ljust(200, b"\0")
 
 
 def frame(cmd, key, fileno, offset=0, subcmd=0, payload=b""):
@@ -169,6 +155,15 @@ def log_on(key, fileno, offset=0):
 
 def log_off(key, fileno, offset=0):
     return frame(LOG_OFF, key, fileno, offset)
+
+
+def gateway(com):
+    """Makes a gateway box of it, with the port as its first."""
+    tarn = pathlib.Path("/home/tarn")
+    tarn.mkdir()
+    (tarn / "PortIndex").write_bytes(struct.pack("<5H", 2, 0, 7, 1, 8))
+    (tarn / "com_7.con").write_bytes(com)
+    return tarn
 
 
 def install_driver(kind="Serial", name="sim", port=1):
@@ -235,9 +230,6 @@ class Sim:
         calls = [Call(*struct.unpack_from("<QIHHBBBBIII", self.memory, 4096 + (n - 1) % self.CALLS * 32)) for n in held]
         return [c for c, n in zip(calls, held) if c.sequence == n]
 
-    def read_places(self, since=0):
-        return [(c.addr, c.width) for c in self.calls(since) if c.command == self.RDONE]
-
     def cycle(self, length, view=lambda c: (c.addr, c.width), wanted=lambda c: True):
         """What is read over and over: `length` reads, seen twice in a row from now on."""
         since = self.logged
@@ -256,16 +248,7 @@ class Sim:
         return self.logged == before
 
 
-@dataclass
-class Node:
-    offset: int
-    key: Key
-    stamp: tuple
-    logtimes: int
-    state: int
-    dataoffset: int
-    prev: int
-    next: int
+Node = namedtuple("Node", "offset key stamp logtimes state dataoffset prev next")
 
 
 class Service:
@@ -292,13 +275,10 @@ class Service:
                                             preexec_fn=prepare)
         if ready:
             wait_for(lambda: self.process.poll() is not None or b"GlobeWatchDogAddr" in self.out(), "start-up")
-            assert self.process.poll() is None, self.out() + self.err()
+            assert self.process.poll() is None, self.out() + self.err_path.read_bytes()
 
     def out(self):
         return self.out_path.read_bytes()
-
-    def err(self):
-        return self.err_path.read_bytes()
 
     def count(self, text):
         return self.out().count(text.encode())
@@ -355,7 +335,7 @@ class Service:
         self.process.send_signal(signal.SIGKILL)
         self.process.wait()
         self.hang_up()
-        errors = self.err().decode(errors="replace")
+        errors = self.err_path.read_text(errors="replace")
         clean = alive and "Sanitizer" not in errors and "runtime error" not in errors
         assert clean, (self.process.returncode, errors, self.out()[-2000:])
 
@@ -380,16 +360,6 @@ class Service:
             chain.append(nodes[o])
             o = nodes[o].next
         return chain
-
-    def index(self):
-        raw = read_locked(self.dir / "index")
-        return {(p, r, lay, s, f): (first, n) for p, r, s, lay, f, first, n in struct.iter_unpack("<HHHBBII", raw)}
-
-    def map(self, group):
-        plcno, regid, layout, subaddr, bit = group
-        name = f"im{plcno:x}_{regid:x}_{layout:x}_{subaddr:x}" + ("_1" if bit else "")
-        raw = read_locked(self.dir / name)
-        return [(addr, width, offset) for addr, width, _, offset in struct.iter_unpack("<IHHI", raw)]
 
     def node(self, key):
         if not (self.dir / "org").exists():

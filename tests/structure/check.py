@@ -5,6 +5,7 @@ Usage: check.py TREE. In service/ a layer includes only itself and what lies bel
 alone. Clients, tools and drivers stand beside the service and include nothing of it. A header and its source count as
 one file: what a source includes, its header needs to work.
 """
+import graphlib
 import pathlib
 import re
 import sys
@@ -29,10 +30,7 @@ def row_of(tree, path):
     parts = path.relative_to(tree).parts
     if parts[0] == "service":
         return parts[1] if len(parts) > 2 else None
-    for row in BESIDE:
-        if "/".join(parts).startswith(row + "/"):
-            return row
-    return None
+    return next((row for row in BESIDE if "/".join(parts).startswith(row + "/")), None)
 
 
 def resolve(tree, source, name):
@@ -64,29 +62,15 @@ def check_rows(tree, sources):
     return wrong, edges
 
 
-def circles(edges):
-    """Every way that leads back to a file it came from."""
-    done = set()
-
-    def follow(file, way):
-        if file in way:
-            yield way[way.index(file):] + [file]
-        elif file not in done:
-            for target in sorted(edges.get(file, set()) - {file}):
-                yield from follow(target, way + [file])
-            done.add(file)
-
-    for file in sorted(edges):
-        yield from follow(file, [])
-
-
 def main():
     tree = pathlib.Path(sys.argv[1]).resolve()
     folders = [tree / "service", *(tree / row for row in BESIDE)]
     sources = [p for folder in folders for p in sorted(folder.rglob("*")) if p.suffix in (".h", ".c", ".cpp")]
     wrong, edges = check_rows(tree, sources)
-    for way in circles(edges):
-        wrong.append("a circle: " + " > ".join(str(file.relative_to(tree)) for file in way))
+    try:
+        graphlib.TopologicalSorter({file: targets - {file} for file, targets in edges.items()}).prepare()
+    except graphlib.CycleError as circle:
+        wrong.append("a circle: " + " < ".join(str(file.relative_to(tree)) for file in circle.args[1]))
     for line in wrong:
         print(line)
     count = sum(map(len, edges.values()))
