@@ -1,7 +1,5 @@
 """When the main loop does what, seen from outside: a preloaded shim notes its sleeps, looks and opens (shim.c)."""
-import struct
-
-from voqtest import (DRIVERS, PROJECT, RECIPE, USER, WORK, Key, com_info, log_off, log_on, project, traced, wait_for)
+from voqtest import USER, WORK, Key, com_info, log_off, log_on, traced, wait_for
 
 PAUSE = 3
 TURN_END = f"usleep {PAUSE * 1000}"
@@ -78,23 +76,3 @@ def test_end_of_chain_stops_the_org_list_pass(start):
     wait_for(lambda: all(n.state == 1 for n in service.chain()), "first reads")
     _, seen = more_turns(20)
     assert all(events[:1] == [IDLE] and ORG_READ not in events for events in seen)
-
-
-def test_watchdog(start):
-    PROJECT.write_bytes(project([com_info(), com_info(port=3)]))
-    (USER / "srw0.dat").write_bytes(bytes(9000))  # a shorter one stays as it is
-    arguments = (PROJECT, 65536 + 1, DRIVERS, USER, RECIPE)
-    start(arguments=arguments, directory="/u/com_3", driver=None, environment=traced())
-    place = (1 + 515) * 4
-
-    def words():
-        raw = (USER / "srw0.dat").read_bytes()
-        assert len(raw) == 9000 and not any(raw[:place] + raw[place + 4:])
-        return struct.unpack_from("<I", raw, place)[0]
-
-    seen = [0]
-    while seen[-1] < 300:
-        value = words()
-        if value != seen[-1]:
-            seen.append(value)
-    assert seen[1] <= 3 and all(0 < b - a < 40 for a, b in zip(seen, seen[1:]))

@@ -166,8 +166,7 @@ def some_change(rng, order):
 @pytest.mark.parametrize("word", [0, 0x331, 0x112, 0x223])
 def test_changes_agree_with_a_second_opinion(start, word):
     rng = random.Random(word)
-    com = com_info(pause=0)
-    client = Client(start(com[:12] + struct.pack("<H", word) + com[14:]))
+    client = Client(start(com_info(pause=0, word=word)))
     for batch in range(8):
         cases = []
         for n in range(250):

@@ -70,6 +70,7 @@ def test_fifo_paths_that_hold_something_else(start):
     service.sim.fail(service.sim.HANG)
     service.send(log_on(Key(), 1))
     wait_for(lambda: service.sim.hanging, "the main loop out of the way")
+    service.hang_up()
 
     def reads():
         return int(pathlib.Path(f"/proc/{service.process.pid}/io").read_text().split("syscr: ")[1].split()[0])

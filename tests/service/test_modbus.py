@@ -6,8 +6,8 @@ import signal
 import struct
 import subprocess
 import sys
-import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 from plc_driver import Line, RtuStations
@@ -43,12 +43,12 @@ def test_plc_that_comes_and_goes(start, plc):
 
     def follow():
         """Values that move, read from the device now."""
-        seen = set()
+        seen = {key: set() for key in (COUNTER, SINE, COILS)}
 
         def moved():
-            if service.node(COUNTER) and service.node(COUNTER).state == 1:
-                seen.add((service.value(COUNTER), service.value(SINE), service.value(COILS)))
-            return len(seen) > 4 and len({c[1] for c in seen}) > 1 and len({c[2] for c in seen}) > 1
+            for key, values in seen.items():
+                values |= {service.value(key)} if service.node(key) and service.node(key).state == 1 else set()
+            return all(len(values) > 1 for values in seen.values())
         wait_for(moved, "moving values", 60)
 
     def failing():
@@ -104,42 +104,28 @@ def test_dead_station_and_an_unplugged_line(start):
     stations.close()
 
 
-CELLS, ROUNDS = 24, 96  # of the bits or words, the outside master's are the even ones, ours the odd ones
+CELLS, ROUNDS = 24, 96  # of the words, the outside master's are the even ones, ours the odd ones
 
 
-def bump_ours(path, base, form):
+def bump_ours(path, base):
     """Another process's way: the whole block read, changed and written back under the file's lock."""
-    size = struct.calcsize(form)
     with open(path, "r+b", buffering=0) as file:
         fcntl.lockf(file, fcntl.LOCK_EX)
-        file.seek(size * base)
-        cells = list(struct.unpack(f"<{CELLS}{form}", file.read(size * CELLS)))
-        cells[1::2] = [cell % (256 ** size - 1) + 1 for cell in cells[1::2]]
+        cells = list(struct.unpack(f"<{CELLS}H", os.pread(file.fileno(), 2 * CELLS, 2 * base)))
+        cells[1::2] = [cell + 1 for cell in cells[1::2]]
         time.sleep(0.002)
-        file.seek(size * base)
-        file.write(struct.pack(f"<{CELLS}{form}", *cells))
+        os.pwrite(file.fileno(), struct.pack(f"<{CELLS}H", *cells), 2 * base)
 
 
-def carried(value, form):
-    return value if form == "H" else value // 12 % 2
-
-
-def bump_theirs(master, base, unit, form, failures):
-    """The outside master's: its own bits or words, each with a write of its own, and all of them read."""
-    try:
-        seen = 0
-        for value in range(1, ROUNDS + 1):
-            place, sent = value % 12 * 2, carried(value, form)
-            if form == "H":
-                assert not master.write_register(base + place, sent, slave=unit).isError()
-                cells = master.read_holding_registers(base, count=CELLS, slave=unit).registers
-            else:
-                assert not master.write_coil(base + place, bool(sent), slave=unit).isError()
-                cells = master.read_coils(base, count=CELLS, slave=unit).bits
-            assert cells[place] == sent and len(set(cells[1::2])) == 1 and seen <= cells[1]
-            seen = cells[1]
-    except Exception as failure:
-        failures.append(failure)
+def bump_theirs(master, base, unit):
+    """The outside master's: its own words, each with a write of its own, and all of them read."""
+    seen = 0
+    for value in range(1, ROUNDS + 1):
+        place = value % 12 * 2
+        assert not master.write_register(base + place, value, slave=unit).isError()
+        cells = master.read_holding_registers(base, count=CELLS, slave=unit).registers
+        assert cells[place] == value and len(set(cells[1::2])) == 1 and seen <= cells[1]
+        seen = cells[1]
 
 
 def test_outside_master_and_another_process(start):
@@ -151,22 +137,17 @@ def test_outside_master_and_another_process(start):
     os.rename(service / "slaveno.new", service / "slaveno")
     wait_for(lambda: not (service / "slaveno").exists(), "the slave number taken over")
     wait_for(master.connect, "a connection")
-    for base, window, path, form in ((100, 100, USER / "lw.dat", "H"), (64, 0x8000 + 64, RECIPE / "rw.dat", "H"),
-                                     (48, 48, USER / "lb.dat", "B")):
-        assert not (master.write_coil(100, True, slave=5) if form == "B" else
-                    master.write_register(window + 100, 0, slave=5)).isError()  # the file is there
-        failures = []
-        thread = threading.Thread(target=bump_theirs, args=(master, window, 5, form, failures))
-        thread.start()
-        ours = 0
-        while thread.is_alive() and ours < 60000:
-            bump_ours(path, base, form)
-            ours += 1
-            time.sleep(0.001)
-        assert not thread.is_alive() and not failures, failures
-        size = struct.calcsize(form)
-        cells = struct.unpack_from(f"<{CELLS}{form}", path.read_bytes(), size * base)
-        assert set(cells[1::2]) == {(ours - 1) % (256 ** size - 1) + 1} and ours >= ROUNDS / 4
-        last = {value % 12: value for value in range(1, ROUNDS + 1)}
-        assert list(cells[::2]) == [carried(last[n], form) for n in range(12)]
+    for base, window, path in (100, 100, USER / "lw.dat"), (64, 0x8000 + 64, RECIPE / "rw.dat"):
+        assert not master.write_register(window + 100, 0, slave=5).isError()  # the file is there
+        with ThreadPoolExecutor() as threads:
+            theirs, ours = threads.submit(bump_theirs, master, window, 5), 0
+            while not theirs.done() and ours < 60000:
+                bump_ours(path, base)
+                ours += 1
+                time.sleep(0.001)
+        theirs.result()
+        cells = struct.unpack_from(f"<{CELLS}H", path.read_bytes(), 2 * base)
+        assert set(cells[1::2]) == {ours} and ours >= ROUNDS / 4
+        assert cells[::2] == (ROUNDS, *range(ROUNDS - 11, ROUNDS))
+    assert not master.write_coil(48, True, slave=5).isError() and (USER / "lb.dat").read_bytes()[47:50] == b"\0\1\0"
     master.close()

@@ -12,7 +12,8 @@ import termios
 
 import pytest
 from test_polling import reads_of, some_ranges
-from voqtest import (PROJECT, RECIPE, USER, WORK, Key, Sim, com_info, install_driver, log_off, log_on, project, traced, wait_for)
+from voqtest import (PROJECT, RECIPE, USER, WORK, Key, Sim, com_info, gateway, install_driver, log_off, log_on, project, traced,
+                     wait_for)
 
 SRB, SRW = pathlib.Path("/tmp/srb0.dat"), pathlib.Path("/disk/hmi/rcp/srw.dat")
 
@@ -84,7 +85,8 @@ def test_change_flag(start, index, port):
     SRW.parent.mkdir(parents=True)
     install_driver("Serial", "modbus_rtu", port)
     PROJECT.write_bytes(project([com_info(port=n, para=struct.pack("<HH", 0, 5), pause=2) for n in (1, 0, 2)]))
-    service = start(arguments=(PROJECT, index, "/d", USER, RECIPE), directory=USER / f"com_{port}",
+    (USER / "srw0.dat").write_bytes(bytes(9000))
+    service = start(arguments=(PROJECT, 65536 + index, "/d", USER, RECIPE), directory=USER / f"com_{port}",
                     environment=traced() | {f"VOQ_SERIAL_{port}": os.ttyname(slave)})
     service.send(log_on(Key(regid=4), 1))
 
@@ -92,6 +94,9 @@ def test_change_flag(start, index, port):
         return [(int(speed), int(rest, 16)) for speed, rest in trace(r"^line (\d+) (\w+)$")][-1:]
 
     wait_for(lambda: line() == [(termios.B9600, EIGHT)], "the line as the project has it")
+    system = (USER / "srw0.dat").read_bytes()  # of the size that it had, with the counter of this port alone
+    counter = struct.unpack_from("<I", system, 4 * (index + 515))[0]
+    assert counter and system == bytes(4 * (index + 515)) + struct.pack("<I", counter) + bytes(9000 - 4 * (index + 516))
     cleared, told = bytearray(b"\7" * 60), []
     cleared[20 + index] = cleared[20 + port] = 0
     SRB.write_bytes(bytes(20 + index))
@@ -162,7 +167,7 @@ def test_slave_mode(start):
         again("access /u/com_1/slaveno", 3)
         assert service.sim.slave_no == number
     counter = rounds = 0
-    while counter < 30:
+    while counter < 300:
         with open(USER / "srw0.dat", "r+b", buffering=0) as file:
             fcntl.lockf(file, fcntl.LOCK_EX)
             *ours, low, high = struct.unpack("<12H", os.pread(file.fileno(), 24, 1030 * 2 - 20))
@@ -207,11 +212,10 @@ def test_whatever_a_start_finds(start, kind):
     read = {"org": fresh["org"][:48] + b"\1" + fresh["org"][49:]}  # the first record has had a value
     old = fresh | read | {"data": b"\x55" * len(fresh["data"]), "im7_7_7_7": b""}
     new = fresh | read | {"data": b"\x77" * len(fresh["data"]), "im8_8_8_8": b""}
-    download, tarn = pathlib.Path("/home/Bin/map/com_1"), pathlib.Path("/home/tarn")
-    tarn.mkdir()
-    if kind == "gateway":
-        (tarn / "PortIndex").write_bytes(struct.pack("<3H", 1, 0, 7))
-        (tarn / "com_7.con").write_bytes(com_info())
+    download = pathlib.Path("/home/Bin/map/com_1")
+    gateway(com_info())
+    if kind == "panel":
+        pathlib.Path("/home/tarn/PortIndex").unlink()
     for left in range(8):
         kept = {name for bit, name in enumerate(("org", "data", "index")) if left >> bit & 1}
         for missing in ("", "org", "data", "index", "org data index", "unreadable"):

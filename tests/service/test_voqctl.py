@@ -1,6 +1,5 @@
 """voqctl's one-shot requests and prepared sets against the real service."""
 import fcntl
-import itertools
 import os
 import pathlib
 import random
@@ -8,7 +7,6 @@ import shutil
 import signal
 import struct
 import subprocess
-import threading
 import time
 
 import pytest
@@ -32,8 +30,7 @@ def start(start):
 
 
 def ordered(word=WORD, **options):
-    com = com_info(**options)
-    return com[:12] + struct.pack("<H", word) + com[14:]
+    return com_info(word=word, **options)
 
 
 def image(kind, word, *values):
@@ -137,19 +134,17 @@ def test_changes(start, word):
     assert left_over(service) == []
 
 
-@pytest.mark.parametrize("what, bit, before, during", [
-    ("s1:a1:u16@5", ["--bit", 9], image("H", WORD, 0xf0f), image("H", WORD, 0xd0f)), ("s1:a1:bit@9", [], b"\1", b"\0")])
-def test_pulse(start, what, bit, before, during):
+@pytest.mark.parametrize("what, key, before, during", [
+    (("s1:a1:u16@5", "--bit", 9), Key(5), image("H", WORD, 0xf0f), image("H", WORD, 0xd0f)),
+    (("s1:a1:bit@9",), Key(9, layout=0), b"\1", b"\0")])
+def test_pulse(start, what, key, before, during):
     service = start(ordered(pause=1))
-    key = Key(5) if bit else Key(9, layout=0)
     service.sim.set(key, before)
-    seen, began = set(), time.monotonic()
-    process = begin("pulse", "--byte-order", WORD, what, *bit, "--ms", 400, "--value", 0)
-    while process.poll() is None:
-        seen.add(service.sim.value(key))
-    assert process.communicate()[0] == b"pulsed\n" and process.returncode == 0 and time.monotonic() - began >= 0.4
-    assert seen <= {before, during} and during in seen and service.sim.value(key) == before and service.sim.writes == 2
-    assert left_over(service) == []
+    began = time.monotonic()
+    process = begin("pulse", "--byte-order", WORD, *what, "--ms", 400, "--value", 0)
+    wait_for(lambda: service.sim.value(key) == during, "the pulse")
+    assert process.communicate()[0] == b"pulsed\n" and time.monotonic() - began >= 0.4
+    assert service.sim.value(key) == before and left_over(service) == []
 
 
 def test_refused_before_anything_is_sent(start):
@@ -234,6 +229,11 @@ def test_watch(start):
     service.sim.fail(service.sim.ERROR)
     done = voqctl("watch", "--interval", 10, "--for", 0.3, "s1:a1:u16@0")
     assert done.returncode == 1 and "\terror\t" in done.stdout
+    with open(service / "org", "r+b") as org:  # readers wait for the service
+        fcntl.lockf(org, fcntl.LOCK_EX)
+        reader = begin("dump")
+        wait_for(lambda: f"-> POSIX  ADVISORY  READ {reader.pid} " in pathlib.Path("/proc/locks").read_text(), "a reader")
+    assert b"state 3 " in reader.communicate()[0] and reader.returncode == 0
 
 
 def test_watch_goes_on_with_the_next_service(start):
@@ -252,69 +252,40 @@ def test_watch_goes_on_with_the_next_service(start):
     assert watch.returncode == 0
 
 
-def test_which_port_and_where_its_counter_is():
+def test_which_port_and_where_its_counter_is(start):
     """Two ports; the counter of the first one moves, nobody reads the second one's FIFOs."""
-    toml, counter = USER / "two.toml", USER / "srw0.dat"
+    start()
+    toml = USER / "two.toml"
     toml.write_text('[[port]]\nlink = "serial"\nnumber = 1\n[[port]]\nlink = "ethernet"\nnumber = 2\n')
     (USER / "tcp_2").mkdir()
     for name in ("guififo", "mekfifo"):
         os.mkfifo(USER / "tcp_2" / name)
-    counter.write_bytes(bytes(20000))
-    ended = threading.Event()
-
-    def count():
-        with open(counter, "r+b", buffering=0) as file:
-            for number in itertools.count(1):
-                os.pwrite(file.fileno(), struct.pack("<I", number), 515 * 4)
-                if ended.wait(0.05):
-                    return
-
-    thread = threading.Thread(target=count)
-    thread.start()
 
     def status(*arguments):
         done = subprocess.run(program("voqctl", "status", "--dir", USER, *arguments), capture_output=True, text=True)
         return done.returncode, (done.stdout.splitlines() or done.stderr.splitlines())[-1]
 
-    try:
-        described = ("--wait", 1, "--project", toml)
-        assert status(*described, "--port", 2) == status(*described, "--index", 1) == (1, "service     not running")
-        assert status("--port", 2)[0] == 1 and status("--port", 2)[1].endswith("is the counter that of --index 0?")
-        assert status("--port", 2, "--index", 0) == (0, "service     running")  # whoever says so knows
-        for arguments, text in ((("--port", 2, "--index", 0), "has ethernet port 2 at index 1"),
-                                (("--port", 1), "has no ethernet port 1"), (("--link", "serial"), "--link goes with"),
-                                (("--index", 2), "has 2 port(s)"), (("--wait", "nan"), "nan is no number")):
-            code, error = status(*described, *arguments)
-            assert code == 2 and error.startswith("voqctl: ") and text in error, error
-        with open("/dev/full", "w") as full:
-            command = program("voqctl", "status", "--dir", USER, "--port", 2, "--index", 0)
-            done = subprocess.run(command, stdout=full, stderr=subprocess.PIPE, text=True)
-            assert (done.returncode, done.stderr) == (2, "voqctl: standard output: No space left on device\n")
-            show = program("voqctl", "project", "show", PROJECT)
-            PROJECT.write_bytes(project([com_info()], [Key(n) for n in range(1000)]))  # several buffers of text
-            done = subprocess.run(show, stdout=full, stderr=subprocess.PIPE, text=True)
-            assert (done.returncode, done.stderr) == (1, "voqctl: standard output: not all was written\n")
-        reader, writer = os.pipe()
-        os.close(reader)
-        done = subprocess.run(show, stdout=writer, stderr=subprocess.PIPE, text=True)
-        os.close(writer)
-        assert (done.returncode, done.stderr) == (0, "")  # who left wanted no more
-    finally:
-        ended.set()
-        thread.join()
+    described = ("--wait", 1, "--project", toml)
+    assert status(*described, "--port", 2) == status(*described, "--index", 1) == (1, "service     not running")
+    assert status("--port", 2)[0] == 1 and status("--port", 2)[1].endswith("is the counter that of --index 0?")
+    assert status("--port", 2, "--index", 0) == (0, "service     running")  # whoever says so knows
+    for arguments, text in ((("--port", 2, "--index", 0), "has ethernet port 2 at index 1"),
+                            (("--port", 1), "has no ethernet port 1"), (("--link", "serial"), "--link goes with"),
+                            (("--index", 2), "has 2 port(s)"), (("--wait", "nan"), "nan is no number")):
+        code, error = status(*described, *arguments)
+        assert code == 2 and error.startswith("voqctl: ") and text in error, error
 
-
-def test_readers_wait_for_the_service(start):
-    service = start(ordered(), [Key(0, 2)], driver=None)
-    wait_for(lambda: service.node(Key(0, 2)).state == 3, "the attempt")
-    with open(service / "org", "r+b", buffering=0) as org:
-        fcntl.lockf(org, fcntl.LOCK_EX)
-        process = begin("dump")
-        waiting = f"-> POSIX  ADVISORY  READ {process.pid} "
-        wait_for(lambda: waiting in pathlib.Path("/proc/locks").read_text(), "a reader")
-        org.seek(12 + 36)
-        org.write(b"\7")
-    assert b"state 7 (code 7)" in process.communicate()[0] and process.returncode == 0
+    # Output that cannot be written.
+    PROJECT.write_bytes(project([com_info()], [Key(n) for n in range(1000)]))  # several buffers of text
+    full, (reader, left) = os.open("/dev/full", os.O_WRONLY), os.pipe()
+    os.close(reader)
+    for output, command, code, said in (
+            (full, ("status", "--dir", USER, "--port", 2, "--index", 0), 2, "No space left on device\n"),
+            (full, ("project", "show", PROJECT), 1, "not all was written\n"),
+            (left, ("project", "show", PROJECT), 0, "")):  # who left wanted no more
+        done = subprocess.run(program("voqctl", *command), stdout=output, stderr=subprocess.PIPE, text=True)
+        assert (done.returncode, done.stderr) == (code, said and "voqctl: standard output: " + said)
+    os.close(full), os.close(left)
 
 
 def test_failures_and_late_answers(start):

@@ -275,10 +275,13 @@ class Service:
                                             preexec_fn=prepare)
         if ready:
             wait_for(lambda: self.process.poll() is not None or b"GlobeWatchDogAddr" in self.out(), "start-up")
-            assert self.process.poll() is None, self.out() + self.err_path.read_bytes()
+            assert self.process.poll() is None, self.out() + self.err()
 
     def out(self):
         return self.out_path.read_bytes()
+
+    def err(self):
+        return self.err_path.read_bytes()
 
     def count(self, text):
         return self.out().count(text.encode())
@@ -335,7 +338,7 @@ class Service:
         self.process.send_signal(signal.SIGKILL)
         self.process.wait()
         self.hang_up()
-        errors = self.err_path.read_text(errors="replace")
+        errors = self.err().decode(errors="replace")
         clean = alive and "Sanitizer" not in errors and "runtime error" not in errors
         assert clean, (self.process.returncode, errors, self.out()[-2000:])
 
