@@ -42,21 +42,17 @@ TEST_F(OrgCheckTest, MendsWhatLags)
         EXPECT_EQ(DatabaseState::Sound, Check());
         return Load();
     };
-    using Words = std::vector<std::pair<std::size_t, std::uint32_t>>;
     const struct {
         const char *what, *file;
-        Words words;
+        std::uint32_t at, value;
     } restored[] = {
-        {" header", "org", {{0, 5}}},       {" header", "org", {{0, 7}}},        {" header", "org", {{8, 12}}},
-        {" links", "org", {{12 + 48, 68}}}, {" links", "org", {{68 + 48, 292}}}, {" index", "index", {{16 + 8, 12}}},
-        {" maps", "index", {{12, 2}}},      {" links", "org", {{236 + 52, 0}}},  // an append whose link was not written
+        {" header", "org", 0, 5},       {" header", "org", 0, 7},        {" header", "org", 8, 12},
+        {" links", "org", 12 + 48, 68}, {" links", "org", 68 + 48, 292}, {" index", "index", 16 + 8, 12},
+        {" maps", "index", 12, 2},      {" links", "org", 236 + 52, 0},  // an append whose link was not written
     };
     for (const auto& each : restored) {
-        EXPECT_TRUE(base == mends(each.what,
-                                  [&](Files& files) {
-                                      for (const auto& [at, value] : each.words) SetWord(files[each.file], at, value);
-                                  }))
-            << "case " << &each - restored;
+        const auto damage = [&](Files& files) { SetWord(files[each.file], each.at, each.value); };
+        EXPECT_TRUE(base == mends(each.what, damage)) << "case " << &each - restored;
     }
     mends(" cut-off record", [](Files& files) { files["org"] += "half a record"; });
     mends(" maps", [](Files& files) { files["im2_10_22_0"].resize(20); });

@@ -45,32 +45,27 @@ def waited_for_others():
 
 
 class Slave:
-    """A slave driver, and the panel as it sees it: {(kind, address): value}."""
+    """A slave driver, and the panel's files as it sees them."""
 
     def __init__(self, name, **settings):
-        self.panel, self.random = {(b"SRW", 10000): b"\xcd\xab"}, random.Random(1)
+        self.panel, self.random = {kind: bytearray(1 << 17) for kind in (b"LB", b"LW", b"RW", b"SRW")}, random.Random(1)
+        self.panel[b"SRW"][20000:20002] = b"\xcd\xab"
         self.callbacks = PANEL_ACCESS(self.read), PANEL_ACCESS(self.write)
         pointers = (ctypes.cast(each, ctypes.c_void_p) for each in self.callbacks)
         self.oper = (ctypes.c_void_p * 3)(None, *pointers)
         self.driver = Driver(name, mode=1, **settings)
         self.driver.info.slave_no = 17
 
-    @staticmethod
-    def places(kind, addr, width):
-        size = 1 if kind == b"LB" else 2
-        return [((kind, addr + i), slice(i * size, (i + 1) * size)) for i in range(width)]
-
     def read(self, kind, addr, width, buffer, _):
-        places = self.places(kind, addr, width)
-        values = [self.panel.get(place, bytes(part.stop - part.start)) for place, part in places]
+        size = 1 if kind == b"LB" else 2
         if addr != UNUSABLE:
-            ctypes.memmove(buffer, b"".join(values), sum(map(len, values)))
+            ctypes.memmove(buffer, bytes(self.panel[kind][addr * size: (addr + width) * size]), width * size)
         return 3 if addr == UNUSABLE else 1
 
     def write(self, kind, addr, width, buffer, _):
-        raw = ctypes.string_at(buffer, 2 * width)
+        size = 1 if kind == b"LB" else 2
         if addr != UNUSABLE:
-            self.panel.update((place, raw[part]) for place, part in self.places(kind, addr, width))
+            self.panel[kind][addr * size: (addr + width) * size] = ctypes.string_at(buffer, width * size)
         return 3 if addr == UNUSABLE else 1
 
     def turn(self, turns=1):
@@ -93,7 +88,7 @@ class Slave:
 def test_rtu_slave_serves_refuses_and_outlasts_noise():
     line = Line()
     slave = Slave("modbus_rtu_slave", address=115200)
-    panel = slave.panel
+    words = slave.panel[b"LW"]
 
     def ask(raw):
         line.send(raw)
@@ -103,7 +98,7 @@ def test_rtu_slave_serves_refuses_and_outlasts_noise():
     assert slave.turn() == 0
     for request, answer in EXCHANGES:
         assert ask(with_crc(b"\x11" + request)) == with_crc(b"\x11" + answer), request.hex()
-    assert ask(with_crc(b"\0\6\0\x09\0\7")) == b"" and panel[b"LW", 9] == b"\7\0"  # a broadcast
+    assert ask(with_crc(b"\0\6\0\x09\0\7")) == b"" and words[18:20] == b"\7\0"  # a broadcast
     assert ask(with_crc(b"\0\3\0\x09\0\1")) == b""
 
     request, answer = with_crc(b"\x11\3\0\x09\0\1"), with_crc(b"\x11\3\2\0\7")
@@ -121,11 +116,11 @@ def test_rtu_slave_serves_refuses_and_outlasts_noise():
     time.sleep(0.06)
     slave.turn()
     line.receive(0)
-    panel[b"LW", 9] = b"\7\0"
+    words[18:20] = b"\7\0"
     slave.driver.info.slave_no = 18
     assert (ask(request), ask(other)) == (b"", with_crc(b"\x12\3\2\0\7"))
     slave.driver.info.slave_no = 0
-    assert ask(with_crc(b"\0\6\0\x09\0\x08")) == b"" and panel[b"LW", 9] == b"\7\0"
+    assert ask(with_crc(b"\0\6\0\x09\0\x08")) == b"" and words[18:20] == b"\7\0"
     began = time.monotonic()
     slave.turn()
     assert time.monotonic() - began >= 0.015  # an idle turn does not spin

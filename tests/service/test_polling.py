@@ -13,38 +13,27 @@ def test_subscription(start, client):
     service = start(com_info(), [registered])
     wait_for(lambda: service.node(registered).state == 1, "the org-list pass")
 
-    service.send(log_on(fresh, 5), client)  # unknown: found or made through the org list
+    service.send(log_on(registered, 6, 12) + log_on(fresh, 5), client)  # known: straight to the fast list
     wait_for(lambda: service.value(fresh) == service.sim.value(fresh), "a live value")
     node = service.node(fresh)
     assert (node.offset, node.logtimes, node.state, node.key) == (68, 1, 1, fresh)
-    assert abs(node.stamp[0] - time.time()) < 30
-    assert service.count("*VOQ*Find list,Offset=44\r\n") == 1
-    service.send(log_on(registered, 6, 12), client)  # known: straight to the fast list
-    for n in range(3):
-        for key in (fresh, registered):
-            service.sim.set(key, bytes([n + 1]) * key.size)
-            wait_for(lambda: service.value(key) == bytes([n + 1]) * key.size, "a changed value")
-    assert service.node(registered).logtimes == 0 and service.node(fresh).stamp > node.stamp
+    assert abs(node.stamp[0] - time.time()) < 30 and service.node(registered).logtimes == 0
 
-    service.send(log_on(fresh, 7) + log_off(fresh, 7) + log_off(fresh, 99, 68), client)
-    service.wait_out("*VOQ*del fast fileno=99 error!!!\r\n")
-    assert service.count("*VOQ*Same req, LOGTIMES++ =2\r\n") == 1
-    assert service.count("*VOQ*FILENO not find in list,FILENO=7\r\n*VOQ*del fast fileno=7 error!!!\r\n") == 1
-    service.send(log_off(registered, 6, 12) + log_off(fresh, 5), client)
+    service.send(log_on(fresh, 7) + log_off(fresh, 7) + log_off(registered, 6, 12) + log_off(fresh, 5), client)
     wait_for(lambda: service.node(fresh).logtimes == 0, "log-off")
+    assert service.count("*VOQ*Find list,Offset=44\r\n") == service.count("*VOQ*Same req, LOGTIMES++ =2\r\n") == 1
+    assert service.count("*VOQ*FILENO not find in list,FILENO=7\r\n*VOQ*del fast fileno=7 error!!!\r\n") == 1
     service.sim.set(fresh, b"\x5a" * fresh.size)
     wait_for(lambda: service.value(fresh) == b"\x5a" * fresh.size, "one subscription is left")
     service.send(log_off(fresh, 5, 68), client)
     wait_for(service.sim.quiet, "the end of polling")
-    service.sim.set(fresh, b"\x11" * fresh.size)
-    assert service.sim.quiet() and service.value(fresh) == b"\x5a" * fresh.size
 
 
 W = dict(word_limit=64, word_gap=10)
 CASES = {  # limits, subscribed ranges as (addr, width), reads of one round; more of them at random below
     "gap of G - 1 is bridged": (W, 0x22, [(0, 10), (19, 1)], [(0, 20)]),
     "gap of G is not": (W, 0x22, [(0, 10), (20, 1)], [(0, 10), (20, 1)]),
-    "gap 0 joins no neighbours": (dict(W, word_gap=0), 0x22, [(0, 10), (10, 10), (15, 10)], [(0, 10), (10, 15)]),
+    "gap 0 joins what overlaps": (dict(W, word_gap=0), 0x22, [(0, 10), (10, 10), (15, 10)], [(0, 10), (10, 15)]),
     "a range as wide as the limit stands alone": (W, 0x22, [(0, 2), (1, 64), (70, 2)], [(0, 2), (1, 64), (70, 2)]),
     "a range wider than the limit is cut": (W, 0x22, [(1000, 150)], [(1000, 64), (1064, 64), (1128, 22)]),
     "elements smaller than an address": (W, 0x21, [(0, 3), (1, 2), (8, 2), (8, 3)], [(0, 4), (8, 2), (8, 3)]),

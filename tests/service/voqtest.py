@@ -323,11 +323,6 @@ class Service:
         with open(f"/proc/{self.process.pid}/mem", "rb", 0) as memory:
             return struct.unpack("<i", os.pread(memory.fileno(), 4, int(base, 16) + symbols()[name]))[0]
 
-    def cpu(self):
-        """Processor seconds used so far."""
-        fields = pathlib.Path(f"/proc/{self.process.pid}/stat").read_text().rsplit(")", 1)[1].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-
     def trim_output(self):
         if self.out_path.stat().st_size > 50_000_000:
             os.truncate(self.out_path, 0)

@@ -42,15 +42,11 @@ std::string Unsound(const Files& files)
 
 RegKey Key(unsigned plcno, unsigned layout, std::uint32_t addr, unsigned width, std::uint32_t subaddr)
 {
-    return {0,
-            0,
-            1,
-            static_cast<std::uint8_t>(plcno),
-            static_cast<std::uint8_t>(layout),
-            16,
-            static_cast<std::uint16_t>(width),
-            addr,
-            subaddr};
+    RegKey key = WordKey(addr, static_cast<std::uint16_t>(width), static_cast<std::uint8_t>(layout));
+    key.flag = 0;
+    key.plcno = static_cast<std::uint8_t>(plcno);
+    key.subaddr = subaddr;
+    return key;
 }
 
 int Request(const RegKey& key, OrgMode mode)
