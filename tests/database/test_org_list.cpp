@@ -112,21 +112,16 @@ TEST_F(DatabaseTest, RecordsAreReadAsTheFileHoldsThem)
     for (int opened = 0; opened < 3; ++opened) {
         OrgFile file;
         ASSERT_TRUE(file.OpenRW());
-        std::uint32_t at = 0, end = 0;  // random places, and some behind each
+        std::size_t place = 0;  // random places, and some behind each
         for (int i = 0; i < 30000; ++i) {
-            if (at == end || at == model.size()) {
-                at = static_cast<std::uint32_t>(random() % model.size());
-                end = at + 1 + random() % 700;
-            }
+            place = (random() % 300 == 0 ? random() : place + 1) % model.size();
+            auto at = static_cast<std::uint32_t>(place);
             OrgNode node{};
             ASSERT_TRUE(file.ReadNode(12 + 56 * at, node));
             ASSERT_EQ(model[at].dataoffset, node.dataoffset) << at;
-            if (random() % 4 != 0) {
-                ++at;
-                continue;
-            }
+            if (random() % 4 != 0) continue;
             if (at % 1000 == 0) {
-                at = end = static_cast<std::uint32_t>(model.size());
+                at = static_cast<std::uint32_t>(model.size());
                 model.push_back(node);
                 ASSERT_EQ(12 + 56 * at, file.AppendOffset());
             }

@@ -3,19 +3,13 @@
 
 #include <cstring>
 #include <utility>
-#include <vector>
 
 #include "rdchgwr/rd_chg_wr.h"
 #include "voq/rt_item.h"
 
 namespace
 {
-using Bytes = std::vector<unsigned char>;
-
-RegKey Key(std::uint8_t layout, std::uint16_t width, std::uint32_t flag = 0)
-{
-    return {flag, 0, 0, 1, layout, 7, width, 0, 0};
-}
+constexpr RegKey Key = {0, 0, 0, 1, 0x22, 7, 1, 0, 0};
 
 // A register of 16 bits, and what was done with it.
 std::uint16_t Device = 0x12F7;
@@ -27,8 +21,8 @@ TEST(Pulse, EndsInTimeWheneverItBegins)
 {
     std::uint32_t started = 0;
     const auto step = [&](std::uint32_t now) {
-        Bytes pulse = {12, 0, 3, 0, 1, 0, 5, 0};  // bit 3, on, for 500 ms
-        return DoRdChgWr(Key(0x22, 1), 0x2000, pulse, &started, now, Ops);
+        unsigned char pulse[] = {12, 0, 3, 0, 1, 0, 5, 0};  // bit 3, on, for 500 ms
+        return DoRdChgWr(Key, 0x2000, pulse, &started, now, Ops);
     };
     for (const std::uint32_t start : {0u, 1000u, 0xFFFFFF00u}) {
         EXPECT_EQ(step(start), RT_PENDING);

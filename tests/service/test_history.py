@@ -1,5 +1,5 @@
-"""A long random history of log-ons and log-offs over both FIFOs against a model of what the files and the polling
-must then be. Each client has groups of its own, so the outcome does not depend on how the two streams interleave."""
+"""A long random history of log-ons and log-offs over both FIFOs against a model of the register table and the polling.
+Each client has groups of its own, so the outcome does not depend on how the two streams interleave."""
 import random
 from collections import defaultdict
 

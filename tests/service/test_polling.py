@@ -33,7 +33,7 @@ W = dict(word_limit=64, word_gap=10)
 CASES = {  # limits, subscribed ranges as (addr, width), reads of one round; more of them at random below
     "gap of G - 1 is bridged": (W, 0x22, [(0, 10), (19, 1)], [(0, 20)]),
     "gap of G is not": (W, 0x22, [(0, 10), (20, 1)], [(0, 10), (20, 1)]),
-    "gap 0 joins what overlaps": (dict(W, word_gap=0), 0x22, [(0, 10), (10, 10), (15, 10)], [(0, 10), (10, 15)]),
+    "gap 0 joins no neighbours": (dict(W, word_gap=0), 0x22, [(0, 10), (10, 10), (15, 10)], [(0, 10), (10, 15)]),
     "a range as wide as the limit stands alone": (W, 0x22, [(0, 2), (1, 64), (70, 2)], [(0, 2), (1, 64), (70, 2)]),
     "a range wider than the limit is cut": (W, 0x22, [(1000, 150)], [(1000, 64), (1064, 64), (1128, 22)]),
     "elements smaller than an address": (W, 0x21, [(0, 3), (1, 2), (8, 2), (8, 3)], [(0, 4), (8, 2), (8, 3)]),
