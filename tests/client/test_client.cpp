@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <ctime>
-#include <random>
 
 #include "client/db_check.h"
 #include "client/error.h"
@@ -117,22 +116,6 @@ TEST(Check, SaysWhatIsBrokenAndWhere)
                    db.index.push_back(1), ++db.dataSize;
                }),
                "sound");
-}
-
-TEST(Check, SurvivesRuinedFiles)
-{
-    std::mt19937 random(7);
-    const voq::Snapshot sound = SoundDatabase();
-    for (int round = 0; round < 3000; ++round) {
-        voq::Snapshot db = sound;
-        for (unsigned n = 1 + random() % 40; n-- > 0;) {
-            Bytes& bytes = random() % 2 == 0 ? db.org.bytes : random() % 2 == 0 ? db.index : *db.maps["im1_4_22_0"];
-            const std::uint32_t offsets[] = {0, 12, 68, 180, 0xFFFFFFFF, static_cast<std::uint32_t>(random())};
-            if (!bytes.empty()) PutRecord(bytes, random() % bytes.size() & ~3u, offsets[random() % 6]);
-            if (random() % 8 == 0) bytes.resize(random() % (bytes.size() + 1));
-        }
-        EXPECT_LE(voq::CheckSnapshot(db).size(), voq::MaxFindings + voq::MaxNotes);
-    }
 }
 
 TEST(Expression, ParsesAndRefuses)

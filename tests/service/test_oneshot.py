@@ -91,14 +91,13 @@ class Client:
         self.service.wait_out(f"*VOQ*del fast fileno={number} error!!!\r\n")
 
     @contextlib.contextmanager
-    def held(self, then=(0,)):
-        """Holds the main loop in a polling read, so that what is posted meanwhile is listed when the next pass begins.
-        `then` is how the driver fails from that moment on."""
+    def held(self):
+        """Holds the main loop in a polling read, so that what is posted meanwhile is listed when the next pass begins."""
         self.sim.fail(self.sim.HANG)
         wait_for(lambda: self.sim.hanging, "a read that hangs")
         yield self.sim.logged
         self.fence("gui"), self.fence()
-        self.sim.fail(*then)
+        self.sim.fail(0)
 
     def collect(self):
         """Takes the answers that are there, checks their 40 bytes and the length of what follows them."""

@@ -1,5 +1,4 @@
-"""What an operator and a power cut do to a port: first reads, changed line settings, stations switched off, a slave number
-handed over, and whatever files a start finds."""
+"""What an operator and a power cut do to a port: first reads, new line settings, stations off, whatever a start finds."""
 import contextlib
 import fcntl
 import os
@@ -12,8 +11,8 @@ import termios
 
 import pytest
 from test_polling import reads_of, some_ranges
-from voqtest import (PROJECT, RECIPE, USER, WORK, Key, Sim, com_info, gateway, install_driver, log_off, log_on, project, traced,
-                     wait_for)
+from voqtest import (PROJECT, RECIPE, USER, WORK, Key, Sim, com_info, gateway, install_driver, log_off, log_on, project,
+                     traced, wait_for)
 
 SRB, SRW = pathlib.Path("/tmp/srb0.dat"), pathlib.Path("/disk/hmi/rcp/srw.dat")
 

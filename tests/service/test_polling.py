@@ -40,6 +40,7 @@ CASES = {  # limits, subscribed ranges as (addr, width), reads of one round; mor
     "elements that begin inside one": (W, 0x12, [(0, 1), (3, 1)], [(0, 3)]),
     "bits": (dict(bit_limit=128, bit_gap=16), 0x00, [(0, 16), (31, 1), (48, 1), (63, 65)], [(0, 32), (48, 80)]),
     "the end of the address space": (W, 0x22, [(0, 2), (0xFFFFFFF0, 16)], [(0, 2), (0xFFFFFFF0, 16)]),
+    "records by the way": (W, 0x22, [(100, 10), (115, 5)], [(100, 20)]),
     "unpacked": (dict(W, packing=2), 0x22, [(0, 4), (4, 4), (4, 6)], [(0, 4), (4, 4), (4, 6)]),
 }
 
@@ -48,32 +49,22 @@ CASES = {  # limits, subscribed ranges as (addr, width), reads of one round; mor
 def test_packing(start, name):
     limits, layout, places, reads = CASES[name]
     keys = [Key(addr, width, layout=layout) for addr, width in places]
+    others = Key(112, 2, layout=layout), Key(118, 4, layout=layout), Key(112, 2, 2, layout)  # not subscribed
     service = start(com_info(pause=1, **limits))
     order = keys[:]
     random.Random(name).shuffle(order)
-    service.send(b"".join(log_on(key, i) for i, key in enumerate(order)))
+    service.send(b"".join(log_off(key, 99) for key in others) + b"".join(log_on(key, i) for i, key in enumerate(order)))
     wait_for(lambda: all(service.node(key) for key in keys), "log-ons")
     cycle = service.sim.cycle(len(reads))
     turn = cycle.index(reads[0])
     assert cycle[turn:] + cycle[:turn] == reads
     assert all(service.node(key).state == 1 and service.value(key) == service.sim.value(key) for key in keys)
+    for key in others:  # refreshed when a read covers it
+        covered = key.regid == 1 and any(addr <= key.addr and key.addr + key.width <= addr + width for addr, width in reads)
+        assert service.node(key).state == covered and service.value(key) == (
+            service.sim.value(key) if covered else bytes(key.size))
     if name == "unpacked":
         assert service.count("*VOQ*<OperFastList_NoPack>PlcOper ret=1,addrType=2 flag=10000\r\n") > 3
-
-
-def test_records_inside_a_read(start):
-    """Every record inside the read is refreshed, subscribed or not; one that reaches beyond it is left alone."""
-    inside, beyond, other = Key(112, 2), Key(118, 4), Key(112, 2, regid=2)
-    service = start(com_info())
-    service.send(b"".join(log_off(key, 1) for key in (inside, beyond, other)))  # makes the records, subscribes nothing
-    service.send(log_on(Key(100, 10), 2) + log_on(Key(115, 5), 3))
-    wait_for(lambda: service.node(Key(115, 5)) and (100, 20) in [(c.addr, c.width) for c in service.sim.calls()], "the packed read")
-    wait_for(lambda: service.value(inside) == service.sim.value(inside), "a value by the way")
-    since = service.sim.logged
-    wait_for(lambda: service.sim.logged > since + 3, "more reads")
-    assert service.node(inside).state == 1 and service.node(inside).logtimes == 0xFFFF
-    for key in (beyond, other):
-        assert service.node(key).state == 0 and not any(service.value(key))
 
 
 def test_logged_off_in_the_middle_of_a_round(start):
