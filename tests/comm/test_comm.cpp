@@ -47,7 +47,6 @@ TEST_F(Comm, LocalRegistersCreateGrowAndRefuse)
         {true, 255, 70000, 1, 1, LWName, 140004, lw + "*VOQ*need add len=8934\r\n"},
         {false, 255, 65533, 1, 1, LWName, 131070, lw},
         {false, 254, 65534, 1, 1, LBName, 65536, lw + "*VOQ*LB need add len=1\r\n"},
-        {false, 254, 65533, 1, 1, LBName, 65535, lw},
         {false, 253, 799989, 10, 1, RWName, 1600000, lw + "*VOQ*RW need add len=1468930\r\n"},
         {true, 253, 0, 65535, 1, RWName, 131072, rw + "*VOQ*need add len=2\r\n"},
         {true, 253, 799990, 10, 3, RWName, 0, ""},

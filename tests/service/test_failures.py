@@ -35,7 +35,6 @@ def test_markers_and_states(start, failure, marker, threshold):
     assert service.value(key) == value and (service / marker).stat().st_size == 0
     service.sim.fail(0)
     wait_for(lambda: service.value(key) == bytes(key.size) and not (service / marker).exists(), "recovery")
-    assert service.node(key).state == 1
 
 
 def test_org_list_pass_waits_out_a_timeout(start):
@@ -49,18 +48,6 @@ def test_org_list_pass_waits_out_a_timeout(start):
     service.send(log_on(Key(1000, 1), 1))
     wait_for(lambda: all(n.state for n in service.chain()), "the rest of the table")
     assert [n.state for n in service.chain()].count(2) == 1
-
-
-def test_driver_that_is_not_ready(start):
-    key, sim = Key(100, 4), WORK / "late"
-    sim.write_text("not a simulator file")
-    service = start(com_info(), environment={"VOQ_SIM": str(sim)})
-    service.send(log_on(key, 1))
-    wait_for(lambda: service.node(key) and service.node(key).state == 3, "the failure")
-    service.wait_out("*VOQ*PlcDrvThiz:: Init PLC drv thiz=0\r\n", 3)
-    sim.unlink()
-    wait_for(lambda: service.node(key).state == 1, "an instance at last")
-    assert service.count("Init PLC drv thiz=") - service.count("Init PLC drv thiz=0\r\n") == 1
 
 
 def test_full_fast_list(start):

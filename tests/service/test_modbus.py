@@ -25,16 +25,15 @@ def plc():
                                         stderr=subprocess.DEVNULL))
         return running[-1]
 
-    begin.port = port
-    yield begin
+    yield port, begin
     for process in running:
         process.kill()
         process.wait()
 
 
 def test_plc_that_comes_and_goes(start, plc):
-    server = plc()
-    para = struct.pack("<HH", plc.port, 200)  # TCP port, milliseconds to wait for an answer
+    port, begin = plc
+    server, para = begin(), struct.pack("<HH", port, 200)  # TCP port, milliseconds to wait for an answer
     com = com_info(link=2, address=0x7F000001, para=para, pause=10)
     service = start(com, driver="modbus_tcp", directory="/u/tcp_1")
     service.send(b"".join(log_on(key, i) for i, key in enumerate(MOVING)))
@@ -56,7 +55,7 @@ def test_plc_that_comes_and_goes(start, plc):
     follow()
     server.kill(), server.wait()
     failing()
-    server = plc()
+    server = begin()
     follow()
     server.send_signal(signal.SIGSTOP)  # an answer that never comes, from a server that is there
     failing()

@@ -174,8 +174,7 @@ CASES = {  # settings of the port, requests listed at once, driver calls of each
          for part in (range(4), range(4, 8), range(8, 10))]),
     "equal writes": ({}, [write(5, 1), write(5, 1), write(6, 2), write(5, 1), write(5, 1, 2)], ["w5x1 w6x1 w5x2"]),
     "different writes": ({}, [write(5, 1), write(5, 1), write(5, 2), write(5, 1)], ["w5x1 w5x1 w5x1"]),
-    "widened up and down": ({}, [read(100, 4), read(104, 4), read(90, 2)], ["r90x18"]),
-    "no gap is too wide": ({}, [read(0), read(62), read(30, 2)], ["r0x63"]),
+    "widened up and down over any gap": ({}, [read(100, 4), read(104, 4), read(50, 2)], ["r50x58"]),
     "up to the limit": (L8, [read(0, 4), read(4, 4), read(8, 4)], ["r0x8 r8x4"]),
     "down to the limit": (L8, [read(10, 4), read(5, 2), read(6, 2)], ["r6x8 r5x2"]),
     "covered by a read of its own width": ({}, [read(0, 70), read(3, 4), read(69)], ["r0x64 r64x6"]),
@@ -336,7 +335,6 @@ def test_attempts_and_markers(start):
     assert attempt(read(9), sim.ERROR, 3, 3, three.format("r9x1", 3)) == {"comerror"}
     assert service.count("*VOQ*ERROR timeout! mode:2 error:3\r\n") == 2
     assert service.count("*VOQ*ERROR timeout! mode:1 error:3\r\n") == 2
-    assert attempt(change(PULSE, SET_BIT, Key(5), form=1), sim.ERROR, 0, 1, "r5x1 w5x1") == set()
     client.nothing_left()
 
 
@@ -399,7 +397,6 @@ def test_pulses(start, failed_reads):
         own = [c for c in sim.calls(since) if c.plcno == key.plcno]
         assert [c.command for c in own] == each + [sim.RDONE] * waits + each
         assert own[-1].start - own[0].start > width - 50_000  # to the millisecond: the pulse's own test
-    assert client.service.process.poll() is None
     client.nothing_left(listed=endless)
 
 

@@ -63,8 +63,6 @@ def test_packing(start, name):
         covered = key.regid == 1 and any(addr <= key.addr and key.addr + key.width <= addr + width for addr, width in reads)
         assert service.node(key).state == covered and service.value(key) == (
             service.sim.value(key) if covered else bytes(key.size))
-    if name == "unpacked":
-        assert service.count("*VOQ*<OperFastList_NoPack>PlcOper ret=1,addrType=2 flag=10000\r\n") > 3
 
 
 def test_logged_off_in_the_middle_of_a_round(start):
