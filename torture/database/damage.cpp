@@ -41,20 +41,19 @@ void Damage(Database& database, bool thorough)
     for (const char* name : {"org", "index"}) {
         const std::string& sound = whole.at(name);
         for (std::size_t at = 0; at < sound.size(); ++at) {
-            if (at % 256 == 0 && thorough) Progress("damage: %s, byte %zu of %zu\n", name, at, sound.size());
             for (std::size_t change = 1 + at % step; change < 256; change += step) {
                 std::string bytes = sound;
                 bytes[at] = static_cast<char>(bytes[at] + static_cast<int>(change));
-                At("%s, byte %zu, %zu more", name, at, change);
+                Where = name + (", byte " + std::to_string(at)) + ", " + std::to_string(change) + " more";
                 Look(database, whole, name, bytes);
             }
-            At("%s, cut to %zu bytes", name, at);
+            Where = name + (", cut to bytes: " + std::to_string(at));
             Look(database, whole, name, sound.substr(0, at));
             std::ofstream(database.Path(name), std::ios::binary) << sound;
         }
         least += sound.size() * (255 / step + 1);
     }
-    Progress("damage: %zu starts mended, %zu refused\n", database.mended, database.refused);
+    dprintf(Terminal, "damage: %zu starts mended, %zu refused\n", database.mended, database.refused);
     Report("damage: files judged", database.judged, std::to_string(least), database.judged == least);
     ReportComplaints("damage: crashes, hangs, unsound files");
     Report("damage: slowest start in ms", database.slowest, "< 1000", database.slowest < 1000);

@@ -12,14 +12,18 @@
 namespace
 {
 constexpr std::uint32_t SectorBytes = 512;
-constexpr std::size_t MostShown = 20;
 
-// One change that reaches the disk or not by itself. A file is named by its identity, so that writes stay with it.
+// A file is named by its identity, so that writes stay with it when it is renamed.
+struct Disk {
+    std::map<std::string, ino_t> names;  // 0: removed
+    std::map<ino_t, std::string> contents;
+    std::map<ino_t, std::size_t> sizes;  // which reach the disk apart from the content
+};
+
+// One change that reaches the disk or not by itself.
 struct Atom {
     ino_t file;  // 0: the folder
-    std::uint32_t at;
-    std::string bytes;                                      // written at an offset; none: the file's new size
-    std::vector<std::pair<std::string, ino_t>> names = {};  // the folder's: identity by name, 0 for a name removed
+    std::function<void(Disk&)> apply;
 };
 
 struct SyncPoint {
@@ -29,10 +33,41 @@ struct SyncPoint {
 };
 
 struct Recording {
-    std::map<std::string, ino_t> names;
-    std::map<ino_t, std::string> contents;
-    std::vector<Atom> atoms;
-    std::vector<SyncPoint> syncs;
+    Disk before = {};
+    std::vector<Atom> atoms = {};
+    std::vector<SyncPoint> syncs = {};
+
+    void Write(ino_t file, std::size_t at, const std::string& bytes)
+    {
+        const auto put = [=](Disk& disk) {
+            std::string& content = disk.contents[file];
+            content.resize(std::max(content.size(), at + bytes.size()));
+            content.replace(at, bytes.size(), bytes);
+        };
+        atoms.push_back({file, put});
+    }
+    // A file grows sector by sector.
+    void Resize(ino_t file, std::size_t from, std::size_t to)
+    {
+        while (from != to) {
+            from = from > to ? to : std::min(to, (from / SectorBytes + 1) * SectorBytes);
+            const auto resize = [=](Disk& disk) {
+                std::string& content = disk.contents[file];
+                if (from < disk.sizes[file]) content.resize(std::min(content.size(), from));
+                disk.sizes[file] = from;
+            };
+            atoms.push_back({file, resize});
+        }
+    }
+    // At once: names are given to files, or taken away.
+    void Name(const std::vector<std::pair<const char*, ino_t>>& given)
+    {
+        std::map<std::string, ino_t> names;
+        for (const auto& [path, file] : given) names[std::filesystem::path(path).filename()] = file;
+        atoms.push_back({0, [=](Disk& disk) {
+                             for (const auto& [name, file] : names) disk.names[name] = file;
+                         }});
+    }
 };
 
 ino_t Identity(const std::string& path)
@@ -41,108 +76,77 @@ ino_t Identity(const std::string& path)
     return stat(path.c_str(), &info) == 0 ? info.st_ino : 0;
 }
 
-std::string NameOf(const char* path)
-{
-    return std::filesystem::path(path).filename();
-}
-
-// A file grows sector by sector.
-void Resize(Recording& recording, ino_t file, std::uint32_t from, std::uint32_t to)
-{
-    while (from != to) {
-        from = from > to ? to : std::min(to, (from / SectorBytes + 1) * SectorBytes);
-        recording.atoms.push_back({file, from, ""});
-    }
-}
-
 void Record(const Database& database, Recording& recording, const FileChange& change)
 {
     struct stat info = {};
     if (change.descriptor >= 0) fstat(change.descriptor, &info);
     const ino_t file = info.st_ino;
-    const auto was = static_cast<std::uint32_t>(info.st_size), size = static_cast<std::uint32_t>(change.size);
+    const auto was = static_cast<std::size_t>(info.st_size);
     if (change.kind == FileChange::Write) {
-        for (std::uint32_t done = 0, piece; done < size; done += piece) {
-            const std::uint32_t at = change.offset + done;
-            piece = std::min(size - done, SectorBytes - at % SectorBytes);
-            recording.atoms.push_back({file, at, std::string(static_cast<const char*>(change.data) + done, piece)});
+        const std::string bytes(static_cast<const char*>(change.data), change.size);
+        for (std::size_t done = 0, piece; done < bytes.size(); done += piece) {
+            const std::size_t at = change.offset + done;
+            piece = std::min(bytes.size() - done, SectorBytes - at % SectorBytes);
+            recording.Write(file, at, bytes.substr(done, piece));
         }
-        Resize(recording, file, was, std::max(was, change.offset + size));
+        recording.Resize(file, was, std::max(was, change.offset + change.size));
     } else if (change.kind == FileChange::Resize) {
-        Resize(recording, file, was, size);
+        recording.Resize(file, was, change.size);
     } else if (change.kind == FileChange::Sync) {
-        const bool org = file == Identity(OrgFileName);
         recording.syncs.push_back({recording.atoms.size(), S_ISDIR(info.st_mode) ? 0 : file, {}});
-        if (org) recording.syncs.back().promised = RegisteredIn(database.Load().at("org"));
+        if (file == Identity(OrgFileName)) recording.syncs.back().promised = RegisteredIn(database.Load().at("org"));
     } else if (change.kind == FileChange::Remove) {
-        recording.atoms.push_back({0, 0, "", {{NameOf(change.path), 0}}});
+        recording.Name({{change.path, 0}});
     } else if (change.kind == FileChange::Rename) {
-        recording.atoms.push_back({0, 0, "", {{NameOf(change.path), 0}, {NameOf(change.to), Identity(change.path)}}});
+        recording.Name({{change.path, 0}, {change.to, Identity(change.path)}});
     } else if (stat(change.path, &info) == 0) {
-        Resize(recording, info.st_ino, static_cast<std::uint32_t>(info.st_size), 0);
+        recording.Resize(info.st_ino, static_cast<std::size_t>(info.st_size), 0);
     } else {
         close(open(change.path, O_CREAT | O_WRONLY, 0666));
-        recording.atoms.push_back({0, 0, "", {{NameOf(change.path), Identity(change.path)}}});
+        recording.Name({{change.path, Identity(change.path)}});
     }
 }
 
 // What the disk holds when exactly the chosen atoms reached it.
 Files OnDisk(const Recording& recording, const std::vector<bool>& chosen)
 {
-    std::map<std::string, ino_t> names = recording.names;
-    std::map<ino_t, std::string> contents = recording.contents;
-    std::map<ino_t, std::size_t> sizes;
-    for (const auto& [file, bytes] : contents) sizes[file] = bytes.size();
+    Disk disk = recording.before;
     for (std::size_t i = 0; i < chosen.size(); ++i) {
-        if (!chosen[i]) continue;
-        const Atom& atom = recording.atoms[i];
-        std::string& content = contents[atom.file];
-        if (!atom.bytes.empty()) {
-            content.resize(std::max(content.size(), atom.at + atom.bytes.size()));
-            content.replace(atom.at, atom.bytes.size(), atom.bytes);
-        } else if (atom.file != 0) {
-            if (atom.at < sizes[atom.file]) content.resize(std::min<std::size_t>(content.size(), atom.at));
-            sizes[atom.file] = atom.at;
-        }
-        for (const auto& [name, file] : atom.names) names[name] = file;
+        if (chosen[i]) recording.atoms[i].apply(disk);
     }
     Files files;
-    for (const auto& [name, file] : names) {
+    for (const auto& [name, file] : disk.names) {
         if (file == 0) continue;
-        files[name] = contents[file];
-        files[name].resize(sizes[file]);
+        files[name] = disk.contents[file];
+        files[name].resize(disk.sizes[file]);
     }
     return files;
 }
 
-class Cutter
-{
-public:
-    // Of more pending changes than `most`, a sample. Of the starts that mend, one in `again` is cut short as well.
-    Cutter(Database& database, std::size_t most, std::size_t samples, std::size_t again)
-        : database_(database), most_(most), samples_(samples), again_(again)
-    {
-    }
-    [[nodiscard]] std::size_t States() const { return distinct_.size(); }
-    [[nodiscard]] std::size_t Whole() const { return whole_; }
-    [[nodiscard]] std::size_t Sampled() const { return sampled_; }
-    [[nodiscard]] std::size_t Second() const { return second_; }
+struct Cutter {
+    Database& database;
+    const std::size_t most, samples;  // of more pending changes than `most`, so many are sampled
+    const std::size_t again;          // of the starts that mend, one in so many is cut short as well
+    std::size_t whole = 0, sampled = 0, second = 0, mendings = 0;
+    std::mt19937 random{5};
+    std::unordered_set<std::size_t> distinct = {}, judged = {};
 
     // Runs the operation once and cuts the power before each of its syncs and behind its end: everything that could be
     // lost earlier can be lost there.
     void Run(Operation operation)
     {
         Recording recording;
-        database_.Set(operation.before, operation.download);
+        database.Set(operation.before, operation.download);
         for (const auto& [name, bytes] : operation.before) {
-            recording.names[name] = Identity(database_.Path(name));
-            recording.contents[recording.names[name]] = bytes;
+            const ino_t file = recording.before.names[name] = Identity(database.Path(name));
+            recording.before.contents[file] = bytes;
+            recording.before.sizes[file] = bytes.size();
         }
         Tap = [&](const FileChange& change) {
-            Record(database_, recording, change);
+            Record(database, recording, change);
             return AllOf(change);
         };
-        database_.Run(operation);
+        database.Run(operation);
         Tap = nullptr;
         recording.syncs.push_back({recording.atoms.size(), 0, {}});
         for (std::size_t sync = 0; sync < recording.syncs.size(); ++sync) {
@@ -151,60 +155,51 @@ public:
         }
     }
 
-private:
     void Cut(const Operation& operation, const Recording& recording, std::size_t sync)
     {
         std::vector<bool> chosen(recording.syncs[sync].behind);
         std::vector<std::size_t> pending;
         for (std::size_t i = 0; i < chosen.size(); ++i) {
-            for (std::size_t s = 0; s < sync; ++s) {
-                const SyncPoint& point = recording.syncs[s];
-                if (i < point.behind && point.file == recording.atoms[i].file) chosen[i] = true;
-            }
+            chosen[i] = std::any_of(
+                recording.syncs.begin(), recording.syncs.begin() + sync,
+                [&](const SyncPoint& point) { return i < point.behind && point.file == recording.atoms[i].file; });
             if (!chosen[i]) pending.push_back(i);
         }
         const std::size_t bits = pending.size();
-        const bool all = bits <= most_;
-        ++(all ? whole_ : sampled_);
-        for (std::size_t subset = 0; subset < (all ? std::size_t{1} << bits : 3 * (bits + 1) + samples_); ++subset) {
+        const bool all = bits <= most;
+        ++(all ? whole : sampled);
+        for (std::size_t subset = 0; subset < (all ? std::size_t{1} << bits : 3 * (bits + 1) + samples); ++subset) {
             const std::size_t kind = subset / (bits + 1), one = subset % (bits + 1);
             for (std::size_t bit = 0; bit < bits; ++bit) {
                 chosen[pending[bit]] = all         ? (subset >> bit & 1) != 0
                                        : kind == 0 ? bit < one
                                        : kind == 1 ? bit == one
                                        : kind == 2 ? bit != one
-                                                   : (random_() & 1) != 0;
+                                                   : (random() & 1) != 0;
             }
-            At("%s, power cut before sync %zu, subset %zu", operation.name.c_str(), sync, subset);
+            Where = operation.name + ", before sync " + std::to_string(sync) + ", subset " + std::to_string(subset);
             Judge(operation, OnDisk(recording, chosen));
         }
     }
 
     void Judge(const Operation& operation, const Files& files)
     {
-        std::string whole;
-        for (const auto& [name, bytes] : files) whole += name + "\n" + bytes;
-        distinct_.insert(std::hash<std::string>{}(whole));
-        whole += operation.name + std::to_string(operation.promised.size());
-        if (!judged_.insert(std::hash<std::string>{}(whole)).second) return;
-        const std::size_t mended = database_.mended;
-        database_.Set(files, operation.download);
-        Complain(database_.StartAndJudge(operation));
-        if (database_.mended == mended || operation.name.ends_with("+") || ++mendings_ % again_ != 0) return;
-        ++second_;
-        Operation again = operation;
-        again.name += ", in the start behind it+";
-        again.before = files;
-        again.run = [this] { database_.Start(); };
-        Run(again);
+        std::string state;
+        for (const auto& [name, bytes] : files) state += name + "\n" + bytes;
+        distinct.insert(std::hash<std::string>{}(state));
+        state += operation.name + std::to_string(operation.promised.size());
+        if (!judged.insert(std::hash<std::string>{}(state)).second) return;
+        const std::size_t mended = database.mended;
+        database.Set(files, operation.download);
+        Complain(database.StartAndJudge(operation));
+        if (database.mended == mended || operation.name.ends_with("+") || ++mendings % again != 0) return;
+        ++second;
+        Operation next = operation;
+        next.name += ", in the start behind it+";
+        next.before = files;
+        next.run = [this] { database.Start(); };
+        Run(next);
     }
-
-    Database& database_;
-    std::size_t most_, samples_, again_;
-    std::size_t mendings_ = 0, second_ = 0;
-    std::size_t whole_ = 0, sampled_ = 0;  // places of a cut: every subset, a sample of them
-    std::mt19937 random_{5};
-    std::unordered_set<std::size_t> distinct_, judged_;
 };
 
 // Insertions that end in a plain close, some others between them, on a table of any length.
@@ -227,28 +222,20 @@ Operation RunOf(const Database& database, unsigned number)
 // The tables' lengths let the next record lie across the end of a sector at every place where it can.
 void PowerCut(Database& database, bool thorough)
 {
-    Cutter cutter(database, thorough ? 14 : 11, thorough ? 2000 : 40, thorough ? 10 : 8);
+    Cutter cutter{database, thorough ? 14u : 11u, thorough ? 2000u : 40u, thorough ? 10u : 8u};
     const std::vector<std::size_t> tables = {8, 18, 27, 36, 45, 54, 63};
     for (std::size_t table = 0; table < (thorough ? tables.size() : 1); ++table) {
         for (const Operation& operation : Operations(database, tables[table])) cutter.Run(operation);
     }
-    Progress("power cut: %zu cuts of single operations and of the mending behind them, %zu of them sampled\n",
-             cutter.Whole() + cutter.Sampled(), cutter.Sampled());
-    const std::size_t single = cutter.States(), least = thorough ? 100000 : 5000;
-    for (unsigned number = 0; cutter.States() < least; ++number) cutter.Run(RunOf(database, number));
-    Progress("power cut: %zu starts cut short as well\n", cutter.Second());
-    Progress("power cut: %zu states of single operations, %zu of runs, %zu databases mended\n", single,
-             cutter.States() - single, database.mended);
-    Report("power cut: distinct states", cutter.States(), ">= " + std::to_string(least), cutter.States() >= least);
+    dprintf(Terminal, "power cut: %zu cuts of single operations and of the mending behind them, %zu of them sampled\n",
+            cutter.whole + cutter.sampled, cutter.sampled);
+    const std::size_t single = cutter.distinct.size(), least = thorough ? 100000 : 5000;
+    for (unsigned number = 0; cutter.distinct.size() < least; ++number) cutter.Run(RunOf(database, number));
+    const std::size_t states = cutter.distinct.size();
+    dprintf(Terminal,
+            "power cut: %zu states of single operations, %zu of runs, %zu databases mended, %zu starts cut as well\n",
+            single, states - single, database.mended, cutter.second);
+    Report("power cut: distinct states", states, ">= " + std::to_string(least), states >= least);
     ReportComplaints("power cut: faults");
-    std::size_t shown = 0;
-    for (const std::string& one : database.torn) {
-        const RegKey key = Word<RegKey>(one, 0);
-        if (++shown > MostShown) break;
-        Progress(
-            "torn: plcno %u, regid %u, layout %u, width %u, addr %u, subaddr %u, flag 0x%x, record at %u, region at "
-            "%u\n",
-            key.plcno, key.regid, key.layout, key.width, key.addr, key.subaddr, key.flag, Word(one, 24), Word(one, 28));
-    }
     Report("power cut: torn keys that look plausible", database.torn.size(), "0", database.torn.empty());
 }

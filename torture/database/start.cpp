@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <ctime>
 
+#include "client/project.h"
+#include "client/register.h"
 #include "database/check.h"
 #include "database/index.h"
 #include "fileinit/database_files.h"
@@ -36,18 +38,6 @@ bool Says(const std::string& text, const std::string& part)
     return text.find("*VOQ*" + part) != std::string::npos;
 }
 
-// Four ranges of two groups.
-void WriteProject()
-{
-    std::string bytes(400, '\0');
-    for (const auto& [at, value] : {std::pair{20u, 64u}, {104, 120}, {120, 200}, {200, 4}}) SetWord(bytes, at, value);
-    const RegKey keys[] = {Range(1, 20), Range(1, 10), Range(2, 5), Range(1, 30)};
-    for (std::uint32_t i = 0; i < 4; ++i) {
-        SetWord(bytes, 220 + 4 * i, 40 + 24 * i);
-        std::memcpy(&bytes[240 + 24 * i], &keys[i], sizeof keys[i]);
-    }
-    std::ofstream(Project, std::ios::binary) << bytes;
-}
 }  // namespace
 
 bool Contains(const Registered& all, const Registered& some)
@@ -75,7 +65,8 @@ Database::Database()
     stdout = open_memstream(&Printed, &PrintedBytes);
     ComInfo.portNo = 1;
     FakeDriver::Use();
-    WriteProject();
+    const voq::Bytes bytes = voq::BuildProject({0, {{}}, {Range(1, 20), Range(1, 10), Range(2, 5), Range(1, 30)}});
+    std::ofstream(Project, std::ios::binary) << std::string(bytes.begin(), bytes.end());
 }
 
 void Database::Set(const Files& files, const Files& download) const
@@ -123,9 +114,8 @@ std::string Database::LooksWrong(const std::string& said, const Files& broken, c
     const std::size_t line = said.find("*VOQ*register database ");
     if (line != said.rfind("*VOQ*register database ")) return "more than one line";
     if (Says(said, "RegAmount=") || Says(said, "download") || broken.count("data") == 0) return "";
-    const bool kept = std::all_of(broken.begin(), broken.end(), [&](const auto& file) {
-        return after.count(file.first) != 0 && after.at(file.first) == file.second;
-    });
+    // Both are in the order of their names.
+    const bool kept = std::includes(after.begin(), after.end(), broken.begin(), broken.end());
     return kept == (line == std::string::npos) ? "" : kept ? "a line for no change" : "changed without a line";
 }
 
@@ -144,7 +134,11 @@ std::string Database::StartAndJudge(const Operation& operation)
         for (const std::string& one : now) {
             const auto known = operation.known.lower_bound(one.substr(0, 24));
             if (operation.known.count(one) != 0) continue;
-            torn.insert(one);
+            const RegKey key = Word<RegKey>(one, 0);
+            if (torn.insert(one).second) {
+                const std::string text = voq::Expression({key, voq::TypeOfSize(key.layout & 15u)});
+                dprintf(Terminal, "torn: %s, record at %u, region at %u\n", text.c_str(), Word(one, 24), Word(one, 28));
+            }
             if (known != operation.known.end() && known->compare(0, 24, one, 0, 24) == 0) wrong = "a range moved";
         }
         DatabaseState again{};

@@ -6,18 +6,17 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <cstdarg>
+std::string Where;
+int Terminal;
 
 namespace
 {
-char Where[256];
-int Terminal;  // the service's own lines go elsewhere
 bool Missed;
 std::size_t Complaints;
 
 void Crashed(int signal)
 {
-    Progress("%s: %s\n", Where, strsignal(signal));
+    dprintf(Terminal, "%s: %s\n", Where.c_str(), strsignal(signal));
     _exit(3);
 }
 }  // namespace
@@ -30,31 +29,15 @@ extern "C" int WRAPPED_CLOCK(timeval* now, void*)
     return 0;
 }
 
-void At(const char* format, ...)
-{
-    va_list values;
-    va_start(values, format);
-    std::vsnprintf(Where, sizeof Where, format, values);
-    va_end(values);
-}
-
-void Progress(const char* format, ...)
-{
-    va_list values;
-    va_start(values, format);
-    vdprintf(Terminal, format, values);
-    va_end(values);
-}
-
 void Complain(const std::string& what)
 {
-    if (!what.empty() && ++Complaints <= 20) Progress("%s: %s\n", Where, what.c_str());
+    if (!what.empty() && ++Complaints <= 20) dprintf(Terminal, "%s: %s\n", Where.c_str(), what.c_str());
 }
 
 void Report(const char* name, std::size_t figure, const std::string& goal, bool reached)
 {
     Missed |= !reached;
-    Progress("%s | %zu | %s | %s\n", name, figure, goal.c_str(), reached ? "ok" : "MISS");
+    dprintf(Terminal, "%s | %zu | %s | %s\n", name, figure, goal.c_str(), reached ? "ok" : "MISS");
 }
 
 void ReportComplaints(const char* name)

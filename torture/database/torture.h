@@ -55,9 +55,8 @@ RegKey Range(unsigned group, std::uint32_t addr, unsigned width = 2);
 Files Filled(const Database& database, std::size_t records);
 std::vector<Operation> Operations(Database& database, std::size_t records);
 
-// Names the place of the work, for complaints, crashes and hangs.
-void At(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void Progress(const char* format, ...) __attribute__((format(printf, 1, 2)));
+extern std::string Where;  // the place of the work, for complaints, crashes and hangs
+extern int Terminal;       // for what is said here: the service's own lines go elsewhere
 // Counts what is wrong at that place, and prints the first few; nothing for an empty text.
 void Complain(const std::string& what);
 // A row of the table. A figure that misses its goal makes the item fail.
