@@ -1,6 +1,7 @@
 // Arbitrary bytes in a client FIFO, cut anywhere: every request ends in the real lists and files, the passes then run
 // on them, and the register database stays sound.
-#include <cstdint>
+#include <fuzzer/FuzzedDataProvider.h>
+
 #include <string>
 
 #include "database/check.h"
@@ -10,59 +11,39 @@
 #include "oper/fast_pass.h"
 #include "oper/intake.h"
 #include "oper/org_pass.h"
-#include "oper/priority.h"
 #include "oper/rt_pass.h"
 #include "support/scratch.h"
 
 namespace
 {
-bool Start()
+std::uint8_t Byte(FuzzedDataProvider& in)
 {
-    InitPriRange();
-    return StartBox();
+    std::uint8_t byte = 0;
+    in.ConsumeData(&byte, 1);
+    return byte;
 }
 
-struct Input {
-    const std::uint8_t* data;
-    std::size_t left;
-
-    std::uint8_t Byte()
-    {
-        if (left == 0) return 0;
-        --left;
-        return *data++;
-    }
-    std::string Bytes(std::size_t most)
-    {
-        const std::size_t size = most < left ? most : left;
-        std::string bytes(reinterpret_cast<const char*>(data), size);
-        data += size;
-        left -= size;
-        return bytes;
-    }
-};
-
 // A whole frame about a range of a small world, so that requests meet.
-std::string WholeFrame(Input& in)
+std::string WholeFrame(FuzzedDataProvider& in)
 {
     static constexpr std::uint8_t Commands[] = {1, 1, 2, 3, 6, 7, 1, 7},
                                   Layouts[] = {0x22, 0x00, 0x41, 0x24, 0x29, 0x2F};
-    const std::uint8_t kind = in.Byte(), where = in.Byte();
+    const std::uint8_t kind = Byte(in), where = Byte(in);
     RegRequest request{};
     request.cmd = Commands[kind & 7];
-    request.key = {static_cast<std::uint32_t>(in.Byte()) << 16 | (kind & 0x80u) << 2,
+    request.key = {static_cast<std::uint32_t>(Byte(in)) << 16 | (kind & 0x80u) << 2,
                    0,
                    1,
                    static_cast<std::uint8_t>(where & 1),
                    Layouts[(where >> 1) % 6],
                    16,
-                   in.Byte(),
-                   in.Byte(),
+                   Byte(in),
+                   Byte(in),
                    0};
-    request.subcmd = in.Byte();
-    request.fileno = in.Byte();
-    if ((kind & 0x40) != 0) request.orgoffset = 12u + 56u * (in.Byte() & 7u);
-    const std::string payload = in.Bytes(in.Byte());
+    request.subcmd = Byte(in);
+    request.fileno = Byte(in);
+    if ((kind & 0x40) != 0) request.orgoffset = 12u + 56u * (Byte(in) & 7u);
+    const std::string payload = in.ConsumeBytesAsString(Byte(in));
     const std::size_t length = FrameMinBytes + payload.size();
     std::string frame{static_cast<char>(FrameMarker), static_cast<char>(length), static_cast<char>(length >> 8)};
     return frame.append(reinterpret_cast<const char*>(&request), sizeof request) + payload;
@@ -83,15 +64,13 @@ void Serve()
 // as they are (even first byte, their number) or as the content of a whole frame (odd first byte).
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static const bool ready = Start();
-    if (!ready) abort();
-    Input in{data, size};
-    const std::uint8_t how = in.Byte();
-    const std::uint8_t limits = in.Byte();
+    FuzzedDataProvider in(data, size);
+    const std::uint8_t how = Byte(in);
+    const std::uint8_t limits = Byte(in);
     std::string stream;
-    while (in.left > 0) {
-        const std::uint8_t run = in.Byte();
-        stream += (run & 1) != 0 ? WholeFrame(in) : in.Bytes(run / 2u);
+    while (in.remaining_bytes() > 0) {
+        const std::uint8_t run = Byte(in);
+        stream += (run & 1) != 0 ? WholeFrame(in) : in.ConsumeBytesAsString(run / 2u);
     }
 
     ResetBox();

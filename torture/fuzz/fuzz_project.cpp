@@ -10,6 +10,7 @@
 #include "fileinit/init_org.h"
 #include "memory_files.h"
 #include "state/com_state.h"
+#include "voq/project_file.h"
 
 namespace
 {
@@ -17,19 +18,20 @@ constexpr std::size_t MostBytes = 1024;  // a register takes 8 of them and up to
 
 constexpr char ProjectPath[] = "ophmi.bin";
 
-// A project of fixed segments around the given bytes: without it hardly an input would reach a register.
-std::string Project(const std::uint8_t* data, std::size_t size)
+// The fixed segments in front of a register table: without them hardly an input would reach a register.
+std::string Segments()
 {
-    std::string file(200, '\0');
-    const auto set = [&file](std::size_t at, std::uint32_t value) { std::memcpy(&file[at], &value, sizeof value); };
-    set(20, 24);       // segment table
-    set(24, 0);        // system segment
-    set(24 + 32, 80);  // communication segment: one port
-    set(80, 1);
-    set(84, 8);
-    set(24 + 40, 160);  // register segment
-    set(160, 200);
-    return file.append(reinterpret_cast<const char*>(data), size);
+    std::string file(ProjectMinBytes, '\0');
+    for (const auto& [at, value] : {std::pair<std::uint32_t, std::uint32_t>{ProjectSegmentTable, 24},
+                                    {24 + SegmentSystem, 0},
+                                    {24 + SegmentComm, 80},
+                                    {80, 1},  // port
+                                    {84, 8},
+                                    {24 + SegmentRegister, 160},
+                                    {160, ProjectMinBytes}}) {
+        std::memcpy(&file[at], &value, sizeof value);
+    }
+    return file;
 }
 }  // namespace
 
@@ -37,14 +39,10 @@ std::string Project(const std::uint8_t* data, std::size_t size)
 // the port index.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static const bool ready = StartBox();
-    if (!ready) abort();
     if (size == 0 || size > MostBytes) return 0;
-    const bool whole = (data[0] & 1) != 0;
-    const std::string bytes =
-        whole ? std::string(reinterpret_cast<const char*>(data + 1), size - 1) : Project(data + 1, size - 1);
+    const std::string bytes(reinterpret_cast<const char*>(data + 1), size - 1);
     ResetBox();
-    StoreFile(ProjectPath, bytes.data(), bytes.size());
+    StoreFile(ProjectPath, (data[0] & 1) != 0 ? bytes : Segments() + bytes);
     ComInfo = {};
     GetComInfo(ProjectPath, data[0] >> 1);
     InitOrgFromFile(ProjectPath);

@@ -9,6 +9,7 @@
 
 #include "arch/fs.h"
 #include "arch/work_file.h"
+#include "oper/priority.h"
 #include "support/scratch.h"
 
 std::string FifoBytes;
@@ -31,26 +32,24 @@ File& FileOf(std::FILE* stream)
     return *reinterpret_cast<File*>(stream);
 }
 
-int Open(File* file, std::FILE** stream)
-{
-    *stream = reinterpret_cast<std::FILE*>(file);
-    if (file == nullptr) return -1;
-    if (std::exchange(file->open, true)) std::abort();  // its lock would be lost with the first close
-    VoqFileOpenCount.fetch_add(1, std::memory_order_relaxed);
-    return 0;
-}
-
-File* Existing(const char* path)
+int Open(const char* path, std::FILE** stream)
 {
     const auto found = Files.find(path);
-    return found == Files.end() ? nullptr : &found->second;
+    *stream = nullptr;
+    if (found == Files.end()) return -1;
+    if (std::exchange(found->second.open, true)) std::abort();  // its lock would be lost with the first close
+    VoqFileOpenCount.fetch_add(1, std::memory_order_relaxed);
+    *stream = reinterpret_cast<std::FILE*>(&found->second);
+    return 0;
 }
 }  // namespace
 
-bool StartBox()
+extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     SetWorkingPaths("/box/");
-    return std::freopen("/dev/null", "w", stdout) != nullptr;
+    InitPriRange();
+    if (std::freopen("/dev/null", "w", stdout) == nullptr) std::abort();
+    return 0;
 }
 
 void ResetBox()
@@ -63,34 +62,31 @@ void ResetBox()
     ResetState();
 }
 
-void StoreFile(const char* path, const void* bytes, std::size_t size)
+void StoreFile(const char* path, const std::string& bytes)
 {
-    Files[path] = {std::string(static_cast<const char*>(bytes), size), size};
+    Files[path] = {bytes, bytes.size()};
 }
 
 bool FileExists(const char* path)
 {
-    return Existing(path) != nullptr;
+    return Files.contains(path);
 }
 
 bool FileSurelyExists(const char* path)
 {
-    return Existing(path) != nullptr;
+    return FileExists(path);
 }
 
 int RemoveFile(const char* path)
 {
-    const File* file = Existing(path);
-    if (file != nullptr && file->open) std::abort();
     return Files.erase(path) == 1 ? 0 : -1;
 }
 
 bool RenameFile(const char* from, const char* to)
 {
-    File* file = Existing(from);
-    if (file == nullptr) return false;
-    Files[to] = std::move(*file);
-    return Files.erase(from) == 1;
+    if (!FileExists(from)) return false;
+    Files[to] = std::exchange(Files[from], {});
+    return RemoveFile(from) == 0;
 }
 
 bool SyncDirectory(const char*)
@@ -112,19 +108,19 @@ long ReadFifo(int, void* buffer, std::size_t size)
 
 int FsOpenFileCreat(const char* path, std::FILE** stream)
 {
-    File& file = Files[path];
-    if (!file.open) file = {};
-    return Open(&file, stream);
+    const bool open = Files[path].open;
+    Files[path] = {"", 0, open};
+    return Open(path, stream);
 }
 
 int FsOpenFileRW(const char* path, std::FILE** stream)
 {
-    return Open(Existing(path), stream);
+    return Open(path, stream);
 }
 
 int FsOpenFileRO(const char* path, std::FILE** stream)
 {
-    return Open(Existing(path), stream);
+    return Open(path, stream);
 }
 
 bool FsSync(std::FILE*)
@@ -134,12 +130,12 @@ bool FsSync(std::FILE*)
 
 bool WorkFile::OpenUnlocked(const char* path)
 {
-    return Open(Existing(path), &stream_) == 0;
+    return OpenRO(path);
 }
 
 bool WorkFile::OpenGiven(const char* path)
 {
-    return OpenUnlocked(path);
+    return OpenRO(path);
 }
 
 int WorkFile::Close()
@@ -161,8 +157,8 @@ std::size_t WorkFile::ReadSome(std::uint32_t offset, void* buffer, std::size_t s
     const File& file = FileOf(stream_);
     if (offset >= file.size) return 0;
     const std::size_t here = std::min<std::uint64_t>(size, file.size - offset);
-    const std::size_t there =
-        offset < file.bytes.size() ? file.bytes.copy(static_cast<char*>(buffer), here, offset) : 0;
+    const std::size_t start = std::min<std::size_t>(offset, file.bytes.size());
+    const std::size_t there = file.bytes.copy(static_cast<char*>(buffer), here, start);
     std::memset(static_cast<char*>(buffer) + there, 0, here - there);
     return here;
 }
@@ -177,7 +173,7 @@ bool WorkFile::WriteAt(std::uint32_t offset, const void* buffer, std::size_t siz
     File& file = FileOf(stream_);
     const std::uint64_t end = std::uint64_t{offset} + size;
     if (end > DiskBytes) return false;
-    if (file.bytes.size() < end) file.bytes.resize(end);
+    file.bytes.resize(std::max<std::size_t>(file.bytes.size(), end));
     file.bytes.replace(offset, size, static_cast<const char*>(buffer), size);
     file.size = std::max(file.size, end);
     return true;
@@ -191,7 +187,7 @@ bool WorkFile::AppendZeros(std::uint32_t size) const
 bool WorkFile::Truncate(std::uint32_t size) const
 {
     File& file = FileOf(stream_);
-    if (file.bytes.size() > size) file.bytes.resize(size);
     file.size = size;
+    if (file.bytes.size() > size) file.bytes.resize(size);
     return true;
 }

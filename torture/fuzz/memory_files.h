@@ -2,14 +2,10 @@
 // system calls. The process ends when a file is opened while it is open, or is still open at the end of an input.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <string>
 
-// To be called once: the working paths, and silence on standard output.
-bool StartBox();
 // Forgets every file but an empty register database; lists and counters are as after start-up.
 void ResetBox();
-void StoreFile(const char* path, const void* bytes, std::size_t size);
+void StoreFile(const char* path, const std::string& bytes);
 
 extern std::string FifoBytes;  // what the next read of a client FIFO finds
