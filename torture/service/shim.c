@@ -17,6 +17,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/auxv.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <termios.h>
@@ -38,15 +39,6 @@ static int Trace = -1, Report = -1, Misc = -1;
 static volatile int Armed;
 static __thread int Opening;
 
-static int first_object(struct dl_phdr_info* info, size_t size, void* unused)
-{
-    (void)size, (void)unused;
-    Base = info->dlpi_addr;
-    for (int i = 0; i < info->dlpi_phnum; ++i)
-        if (info->dlpi_phdr[i].p_flags & PF_X) End = Base + info->dlpi_phdr[i].p_vaddr + info->dlpi_phdr[i].p_memsz;
-    return 1;
-}
-
 static int created(const char* variable)
 {
     const char* path = getenv(variable);
@@ -61,8 +53,11 @@ __attribute__((constructor)) static void start(void)
     const int report = created("VOQ_SITES");
     Fault = getenv("VOQ_FAULT");
     Times = Fault ? atol(getenv("VOQ_TIMES")) : 0;
-    backtrace(&frame, 1); /* loads what it needs */
-    dl_iterate_phdr(first_object, NULL);
+    backtrace(&frame, 1);                                     /* loads what it needs */
+    const ElfW(Phdr)* part = (const void*)getauxval(AT_PHDR); /* behind the file's header, which is at the base */
+    Base = (uintptr_t)part - sizeof(ElfW(Ehdr));
+    for (unsigned long left = getauxval(AT_PHNUM); left > 0; --left, ++part)
+        if (part->p_flags & PF_X) End = Base + part->p_vaddr + part->p_memsz;
     Report = report;
 }
 
@@ -74,13 +69,11 @@ static void put(int file, const char* text)
 static void note(const char* format, ...)
 {
     static int lines;
-    char line[512];
-    if (Trace < 0 || syscall(SYS_gettid) != getpid() || lines++ >= MOST_LINES) return;
     va_list args;
+    if (Trace < 0 || syscall(SYS_gettid) != getpid() || lines++ >= MOST_LINES) return;
     va_start(args, format);
-    vsnprintf(line, sizeof line, format, args);
+    vdprintf(Trace, format, args);
     va_end(args);
-    put(Trace, line);
 }
 
 /* True when the call is to fail; errno says how. */
@@ -121,6 +114,12 @@ __attribute__((noinline)) static int fails(const char* function, int error)
     }
 #define CALL(result, name, ...) CALL_AS(#name, result, name, __VA_ARGS__)
 #define CALL_WIDE(result, name, ...) CALL_AS(#name "64", result, name, __VA_ARGS__)
+/* The argument behind those with a name. */
+#define LAST(type, name, before)          \
+    va_list last;                         \
+    va_start(last, before);               \
+    const type name = va_arg(last, type); \
+    va_end(last)
 
 CALL(int, fsync, EIO, -1, (int file), (file))
 CALL_WIDE(int, ftruncate, EIO, -1, (int file, off_t size), (file, size))
@@ -176,10 +175,7 @@ int fclose(FILE* stream)
 
 int open(const char* path, int flags, ...)
 {
-    va_list arguments;
-    va_start(arguments, flags);
-    const unsigned mode = va_arg(arguments, unsigned);
-    va_end(arguments);
+    LAST(unsigned, mode, flags);
     const int device = strcmp(path, "/dev/qumisc") == 0;
     /* Working files are opened without following a link. */
     if (flags & O_NOFOLLOW) note("open %s %s\n", path, flags & O_CREAT ? "wb+" : flags & O_RDWR ? "r+" : "r");
@@ -191,10 +187,7 @@ int open(const char* path, int flags, ...)
 
 int ioctl(int file, unsigned long request, ...)
 {
-    va_list arguments;
-    va_start(arguments, request);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
+    LAST(uintptr_t, argument, request);
     if (file != Misc || file < 0)
         return NEXT_AS(sizeof(long) == 4 ? "__ioctl_time64" : "ioctl", ioctl)(file, request, argument);
     note("misc %lx %lx\n", request, (unsigned long)argument);
@@ -209,13 +202,9 @@ int close(int file)
 
 int fcntl(int file, int command, ...)
 {
-    va_list arguments;
-    va_start(arguments, command);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
-    return fails("fcntl", ENOLCK)
-               ? -1
-               : NEXT_AS(sizeof(long) == 4 ? "__fcntl_time64" : "fcntl64", fcntl)(file, command, argument);
+    LAST(uintptr_t, argument, command);
+    if (fails("fcntl", ENOLCK)) return -1;
+    return NEXT_AS(sizeof(long) == 4 ? "__fcntl_time64" : "fcntl64", fcntl)(file, command, argument);
 }
 
 int tcsetattr(int file, int when, const struct termios* line)

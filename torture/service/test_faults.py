@@ -20,6 +20,7 @@ FRESH = [Key(900, 2), Key(20, 2), Key(30, 2, regid=4)]  # the end and the front 
 LASTING = ("pthread_create", "dlopen", "mkdir", "mkfifo")  # what start-up does once is not done later
 NEW = [Key(50, 2), Key(110, 4), Key(300, 2), Key(0, 4, regid=3), Key(0, 1, regid=2, layout=0x00)]
 FIRST_PORT = com_info(pause=1)
+SITES, PORT = WORK / "sites", USER / "com_1"
 
 
 def soon(condition, seconds=2):
@@ -30,34 +31,37 @@ def soon(condition, seconds=2):
     return there
 
 
-class Faulty:
-    """The service under one fault (None: none), and what is wrong with it."""
+class Faulty(Service):
+    """The service under one fault (none without a name), and what is wrong with it."""
 
     def __init__(self, fault="", times=0):
-        (WORK / "sites").write_bytes(b"")
-        fails = {"VOQ_FAULT": fault, "VOQ_TIMES": str(times)} if fault else {}
-        self.service = Service(ready=False, environment=shim(VOQ_SITES=str(WORK / "sites"), **fails))
-        self.process, self.sim, self.pulses, self.wrong = self.service.process, self.service.sim, [], []
+        SITES.write_bytes(b"")
+        self.pulses, self.wrong = [], []
         self.passes = times == 1 and not fault.startswith(LASTING)
         self.deaf = times > 1 and fault.startswith(("open", "read", "pthread_create", "mkfifo"))
-        began = soon(lambda: self.process.poll() is not None or b"GlobeWatchDogAddr" in self.service.out()
-                     or self.service.count("Start Read ORG file ret=0") > 9, 30)
-        self.up = self.process.poll() is None and b"GlobeWatchDogAddr" in self.service.out()
+        fails = {"VOQ_FAULT": fault, "VOQ_TIMES": str(times)} if fault else {}
+        super().__init__(ready=False, environment=shim(VOQ_SITES=str(SITES), **fails))
+        began = soon(lambda: self.ended() or b"GlobeWatchDogAddr" in self.out()
+                     or self.count("Start Read ORG file ret=0") > 9, 30)
+        self.up = not self.ended() and b"GlobeWatchDogAddr" in self.out()
         if not began:
             self.wrong.append("hangs at its start")
+
+    def ended(self):
+        return self.process.poll() is not None
 
     def settled(self):
         """Everything sent is taken in, no request waits, no file is open: seen three times. Pulses may stay for ever when
         the PLC cannot be read."""
         unread, seen = bytearray(4), 0
         for attempt in range(2000):
-            if self.process.poll() is not None:
+            if self.ended():
                 return
-            for fifo in self.service.fifos.values():
+            for fifo in self.fifos.values():
                 fcntl.ioctl(fifo, termios.FIONREAD, unread)
-            waiting, files = self.service.peek("rtDataFileCount"), self.service.peek("VoqFileOpenCount")
+            waiting, files = self.peek("rtDataFileCount"), self.peek("VoqFileOpenCount")
             if attempt > 200:
-                waiting -= sum((self.service / f"rtData{n}").exists() for n in self.pulses)
+                waiting -= sum((self / f"rtData{n}").exists() for n in self.pulses)
             seen = 0 if any(unread) and not self.deaf or waiting or files else seen + 1
             if seen == 3:
                 return
@@ -65,15 +69,13 @@ class Faulty:
         self.wrong.append(f"stuck: {files} files open, {waiting} requests wait, {unread} bytes unread")
 
     def send(self, data, client="gui"):
-        path = self.service / f"{client}fifo"
-        if client not in self.service.fifos:
-            descriptor = self.process.poll() is None and soon(lambda: path.exists() and Service._open(path),
-                                                              0.5 if self.deaf else 15)
-            if not descriptor:
-                return
-            self.service.fifos[client] = descriptor
-        with contextlib.suppress(BrokenPipeError):
-            os.write(self.service.fifos[client], data)
+        path = self / f"{client}fifo"
+        if client not in self.fifos and not self.ended():
+            if fifo := soon(lambda: path.exists() and self._open(path), 0.5 if self.deaf else 15):
+                self.fifos[client] = fifo
+        if client in self.fifos:
+            with contextlib.suppress(BrokenPipeError):
+                os.write(self.fifos[client], data)
 
     def ask(self, wanted):
         """Sends requests of all kinds, and holds those that are answered with success to what they should have done."""
@@ -84,7 +86,7 @@ class Faulty:
         self.send(b"".join(frames[-2:]), "mek")
         self.settled()
         for number, (request, value) in asked.items():
-            path = self.service / str(number)
+            path = self / str(number)
             answer = path.read_bytes() if path.exists() else b""
             later = [v for n, (r, v) in asked.items() if n >= number and r.key == request.key]
             if len(answer) >= 40 and answer[26] == 1 and (
@@ -93,7 +95,7 @@ class Faulty:
 
     def work(self):
         """Something of everything that clients, operator and PLC make the service do."""
-        sim, service, was = self.sim, self.service, lambda *a, **k: self.sim.value(Key(*a, **k))
+        sim, was = self.sim, lambda *a, **k: self.sim.value(Key(*a, **k))
         self.send(b"".join(log_on(key, 100 + n) for n, key in enumerate(GROUP + NEW[:3])))
         self.send(log_on(GROUP[0], 200) + log_on(NEW[3], 201) + log_on(NEW[4], 202) + log_on(GROUP[1], 203, 68), "mek")
         self.settled()
@@ -119,7 +121,7 @@ class Faulty:
         changed = time.time()
         for key in GROUP + NEW[:4]:
             sim.set(key, bytes(b ^ 0xFF for b in sim.value(key)))
-        soon(lambda: all(service.value(k) == sim.value(k) for k in (GROUP[0], NEW[0])), 0.5)
+        soon(lambda: all(self.value(k) == sim.value(k) for k in (GROUP[0], NEW[0])), 0.5)
         self.settled()
         self.check_states(changed)
         if self.passes:  # a fault that is over leaves nothing behind: whoever subscribes again is served
@@ -128,15 +130,15 @@ class Faulty:
             self.send(b"".join(log_off(KEPT, n) for n in 2 * (200, 203, 210, *numbers)), "mek")
             self.settled()
             self.send(b"".join(log_on(key, n) for key, n in zip(wanted, numbers)), "mek")
-            if not soon(lambda: all(service.value(key) == sim.value(key) for key in wanted), 15):
-                self.wrong.append(f"not served again: {[k for k in wanted if service.value(k) != sim.value(k)]}")
+            if not soon(lambda: all(self.value(key) == sim.value(key) for key in wanted), 15):
+                self.wrong.append(f"not served again: {[k for k in wanted if self.value(k) != sim.value(k)]}")
 
     def check_states(self, changed):
         """State 1 is an answer of success: the value as it is, or as it was before it changed and the record's stamp."""
-        if self.process.poll() is not None or not (self.service / "org").exists():
+        if self.ended() or not (self / "org").exists():
             return
-        data = (self.service / "data").read_bytes() if (self.service / "data").exists() else b""
-        for node in self.service.org()[1].values():
+        data = (self / "data").read_bytes() if (self / "data").exists() else b""
+        for node in self.org()[1].values():
             value, now = data[node.dataoffset: node.dataoffset + node.key.size], self.sim.value(node.key)
             fresh = node.stamp[0] + node.stamp[1] / 1e6 > changed + 0.05
             if node.state == 1 and value != now and (fresh or value != bytes(b ^ 0xFF for b in now)):
@@ -144,27 +146,26 @@ class Faulty:
 
     def end(self, prepare):
         """Faults the run itself shows, and what the next start, without faults, makes of its files."""
-        code = self.process.poll()
-        if code is not None and (self.up or code not in (0, 1)):
-            self.wrong.append(f"ended with {code}: {self.service.err()[-300:]}")
-        self.stop()
+        if self.ended() and (self.up or self.process.returncode not in (0, 1)):
+            self.wrong.append(f"ended with {self.process.returncode}: {self.err()[-300:]}")
+        self.kill()
         again = Faulty()
-        node = again.up and again.service.node(KEPT)
+        node = again.up and again.node(KEPT)
         if not again.up or voqctl("check").returncode:
-            self.wrong.append(f"the next start failed: {again.service.out()[-300:]} {voqctl('check')}")
+            self.wrong.append(f"the next start failed: {again.out()[-300:]} {voqctl('check')}")
         elif prepare is lagging and (not node or node.dataoffset != 3 * 8 + 4):
             self.wrong.append("a registration was lost")
         elif prepare is not slave:
             again.send(log_on(GROUP[0], 1), "mek")
-            if not soon(lambda: again.service.value(GROUP[0]) == again.sim.value(GROUP[0]), 15):
+            if not soon(lambda: again.value(GROUP[0]) == again.sim.value(GROUP[0]), 15):
                 self.wrong.append("the next start does not serve")
-        again.stop()
+        again.kill()
         return self.wrong
 
-    def stop(self):
+    def kill(self):
         self.process.kill()
         self.process.wait()
-        self.service.hang_up()
+        self.hang_up()
 
 
 def first():
@@ -172,44 +173,44 @@ def first():
     PROJECT.write_bytes(project([FIRST_PORT], GROUP + [Key(0, 2, regid=2)]))
 
 
+def kept_database(place=PORT):
+    first()
+    PROJECT.write_bytes(project([FIRST_PORT], [*GROUP, Key(0, 2, regid=2), KEPT]))
+    place.parent.mkdir(parents=True, exist_ok=True)
+    command = [BUILD / "bin/voqctl", "project", "prepare", PROJECT, "--port-index", "0", "-o", place]
+    subprocess.run(command, check=True, capture_output=True)
+    first()
+
+
 def lagging():
     """An insertion cut short: the header, a back link and the index lag, a map is missing."""
     kept_database()
     retained_settings()
-    raw = bytearray((USER / "com_1/org").read_bytes())
+    raw = bytearray((PORT / "org").read_bytes())
     raw[0:4], raw[12 + 48:12 + 52] = b"\2\0\0\0", b"\xee\0\0\0"
-    (USER / "com_1/org").write_bytes(raw)
-    (USER / "com_1/index").write_bytes((USER / "com_1/index").read_bytes()[:16])
+    (PORT / "org").write_bytes(raw)
+    os.truncate(PORT / "index", 16)
 
 
 def refused():
     kept_database()
-    (USER / "com_1/org").write_bytes((USER / "com_1/org").read_bytes()[:12] + bytes(56 * 3))
+    (PORT / "org").write_bytes((PORT / "org").read_bytes()[:12] + bytes(56 * 3))
 
 
 def cut_short():
     kept_database()
-    (USER / "com_1/building").write_bytes(b"")
+    (PORT / "building").touch()
 
 
 def downloaded():
     kept_database(pathlib.Path("/home/Bin/map/com_1"))
 
 
-def kept_database(place=USER / "com_1"):
-    first()
-    PROJECT.write_bytes(project([FIRST_PORT], [*GROUP, Key(0, 2, regid=2), KEPT]))
-    place.parent.mkdir(parents=True, exist_ok=True)
-    subprocess.run([BUILD / "bin/voqctl", "project", "prepare", PROJECT, "--port-index", "0", "-o", place], check=True,
-                   capture_output=True)
-    first()
-
-
 def slave():
     install_driver("Service/Serial")
     PROJECT.write_bytes(project([com_info(pause=1, mode=1)], GROUP))
-    (USER / "com_1").mkdir()
-    (USER / "com_1/slaveno").write_bytes(b"\7\0")
+    PORT.mkdir()
+    (PORT / "slaveno").write_bytes(b"\7\0")
 
 
 STARTS = [first, lagging, refused, cut_short, downloaded, slave]
@@ -230,7 +231,7 @@ def run(prepare, fault="", times=0):
 
 
 def sites():
-    return (WORK / "sites").read_text().splitlines()
+    return SITES.read_text().splitlines()
 
 
 @pytest.mark.skipif(ARM, reason="who made a call cannot be told there: the code has no unwinding tables")
