@@ -6,19 +6,7 @@
 
 namespace
 {
-// The value is longer than what is written at once (file_tap.cpp).
-void CarryWrite()
-{
-    static const std::string value(5000, 'v');
-    UpdateOrgAfterWrite(Range(4, 10, 2500), 5000, value.data());
-}
-
-void Poll()
-{
-    AddFastIndex(Range(4, 10, 2500), 7, 12 + 3 * 56);
-    OperFastList();
-}
-
+const RegKey Long = Range(4, 10, 2500);
 const Files Empty = {{"org", std::string(12, '\0')}, {"data", ""}, {"index", ""}};
 
 // Each kind of difference that a start mends.
@@ -61,9 +49,15 @@ std::vector<Operation> Operations(Database& database, std::size_t records)
     lost.erase("data");
     cutShort["building"] = "";
     const auto start = [&database] { database.Start(); };
+    // The value is longer than what is written at once (file_tap.cpp).
+    const auto write = [value = std::string(5000, 'v')] { UpdateOrgAfterWrite(Long, 5000, value.data()); };
+    const auto poll = [] {
+        AddFastIndex(Long, 7, 12 + 3 * 56);
+        OperFastList();
+    };
     std::vector<Operation> operations = {
-        {"write carried into the database", filled, CarryWrite, all},
-        {"polling write-back", filled, Poll, all},
+        {"write carried into the database", filled, write, all},
+        {"polling write-back", filled, poll, all},
         {"map refresh", filled, InitIndexMap, all},
         {"repair", Lagging(filled), start, all},
         {"data file lost", lost, start, all},

@@ -37,7 +37,6 @@ bool Says(const std::string& text, const std::string& part)
 {
     return text.find("*VOQ*" + part) != std::string::npos;
 }
-
 }  // namespace
 
 bool Contains(const Registered& all, const Registered& some)
@@ -87,19 +86,13 @@ void Database::Run(Operation& operation) const
 std::string Database::Start()
 {
     DownloadPaths paths;
-    const std::pair<char*, const char*> names[] = {
-        {paths.directory, ""}, {paths.org, "org"}, {paths.index, "index"}, {paths.data, "data"}};
-    for (const auto& [path, name] : names) std::strcpy(path, (Download + name).c_str());
-    const FileTap outer = Tap;
-    changed = false;
-    Tap = [&](const FileChange& change) {
-        changed = true;
-        return outer ? outer(change) : AllOf(change);
-    };
+    std::strcpy(paths.directory, Download.c_str());
+    std::strcpy(paths.org, (Download + "org").c_str());
+    std::strcpy(paths.index, (Download + "index").c_str());
+    std::strcpy(paths.data, (Download + "data").c_str());
     const std::clock_t begin = std::clock();
     const std::string said = Said([&] { PrepareDatabase(Project.c_str(), paths); });
     slowest = std::max(slowest, static_cast<std::size_t>((std::clock() - begin) * 1000 / CLOCKS_PER_SEC));
-    Tap = outer;
     mended += Says(said, "register database mended");
     refused += Says(said, "register database refused");
     return said;
@@ -152,22 +145,19 @@ std::string Database::StartAndJudge(const Operation& operation)
 // A range in front of everything, one of a new group and a known one are registered, and nothing is lost by it.
 std::string Database::FailsToWork(const Registered& promised) const
 {
-    std::vector<RegKey> keys = {Range(1, 1), Range(8, 1)};
-    for (const std::string& one : promised) {
-        const RegKey known = Word<RegKey>(one, 0);
-        std::uint32_t found = 0;
-        Said([&] { found = GetOrgOffset(known); });
-        if (found != Word(one, 24)) return "not found";
-        keys.resize(3, known);
-    }
     const Registered before = RegisteredIn(Load().at("org"));
-    for (const RegKey& key : keys) {
-        int result = 0;
-        Said([&] { result = Request(key, OrgMode::LogOn); });
-        if (result != 0) return "a log-on fails";
-    }
+    std::vector<RegKey> keys = {Range(1, 1), Range(8, 1)};
+    bool found = true, done = true;
+    Said([&] {
+        for (const std::string& one : promised) {
+            keys.resize(3, Word<RegKey>(one, 0));
+            found &= GetOrgOffset(Word<RegKey>(one, 0)) == Word(one, 24);
+        }
+        for (const RegKey& key : keys) done &= Request(key, OrgMode::LogOn) == 0;
+    });
     const Files after = Load();
     const Registered now = RegisteredIn(after.at("org"));
+    if (!found || !done) return found ? "a log-on fails" : "not found";
     if (!Contains(now, before) || now.size() > before.size() + 2) return "further log-ons lose a registration";
     return Unsound(after);
 }

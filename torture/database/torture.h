@@ -44,7 +44,6 @@ public:
     std::size_t judged = 0, mended = 0, refused = 0;
     std::size_t slowest = 0;  // start, in milliseconds of processor time
     Registered torn;          // ranges that nobody registered
-    bool changed = false;     // by the last start
 
 private:
     Scratch scratch_;

@@ -31,15 +31,11 @@ std::string WholeFrame(FuzzedDataProvider& in)
     const std::uint8_t kind = Byte(in), where = Byte(in);
     RegRequest request{};
     request.cmd = Commands[kind & 7];
-    request.key = {static_cast<std::uint32_t>(Byte(in)) << 16 | (kind & 0x80u) << 2,
-                   0,
-                   1,
-                   static_cast<std::uint8_t>(where & 1),
-                   Layouts[(where >> 1) % 6],
-                   16,
-                   Byte(in),
-                   Byte(in),
-                   0};
+    const std::uint32_t flag = static_cast<std::uint32_t>(Byte(in)) << 16 | (kind & 0x80u) << 2;
+    const std::uint8_t width = Byte(in);
+    request.key = WordKey(Byte(in), width, Layouts[(where >> 1) % 6]);
+    request.key.flag = flag;
+    request.key.plcno = where & 1;
     request.subcmd = Byte(in);
     request.fileno = Byte(in);
     if ((kind & 0x40) != 0) request.orgoffset = 12u + 56u * (Byte(in) & 7u);
@@ -48,16 +44,6 @@ std::string WholeFrame(FuzzedDataProvider& in)
     std::string frame{static_cast<char>(FrameMarker), static_cast<char>(length), static_cast<char>(length >> 8)};
     return frame.append(reinterpret_cast<const char*>(&request), sizeof request) + payload;
 }
-
-void Serve()
-{
-    for (int i = 0; i < 3; ++i) {
-        OperRtList();
-        OperFastList();
-        OperOrgList();
-        OperFastList_NoPack();
-    }
-}
 }  // namespace
 
 // Input: a byte that chooses the FIFO and where the stream is cut, one for the port's limits, then runs of bytes taken
@@ -65,8 +51,7 @@ void Serve()
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     FuzzedDataProvider in(data, size);
-    const std::uint8_t how = Byte(in);
-    const std::uint8_t limits = Byte(in);
+    const std::uint8_t how = Byte(in), limits = Byte(in);
     std::string stream;
     while (in.remaining_bytes() > 0) {
         const std::uint8_t run = Byte(in);
@@ -86,7 +71,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         FifoBytes = stream.substr(at, piece);
         (how & 1) != 0 ? CheckMekRtList() : CheckGuiRtList();
     }
-    Serve();
+    for (int i = 0; i < 3; ++i) {
+        OperRtList();
+        OperFastList();
+        OperOrgList();
+        OperFastList_NoPack();
+    }
     InitIndexMap();  // a log-off that creates a record leaves the group's map as it is
     if (CheckDatabase(MapCare::Judge) != DatabaseState::Sound) abort();
     return 0;

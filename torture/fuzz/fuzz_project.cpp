@@ -1,7 +1,6 @@
 // Arbitrary bytes as the project file, through both of its readers: nothing is read outside it, and whatever ranges it
 // names leave a sound register database.
 #include <cstdint>
-#include <cstring>
 #include <string>
 
 #include "database/check.h"
@@ -21,17 +20,14 @@ constexpr char ProjectPath[] = "ophmi.bin";
 // The fixed segments in front of a register table: without them hardly an input would reach a register.
 std::string Segments()
 {
-    std::string file(ProjectMinBytes, '\0');
-    for (const auto& [at, value] : {std::pair<std::uint32_t, std::uint32_t>{ProjectSegmentTable, 24},
-                                    {24 + SegmentSystem, 0},
-                                    {24 + SegmentComm, 80},
-                                    {80, 1},  // port
-                                    {84, 8},
-                                    {24 + SegmentRegister, 160},
-                                    {160, ProjectMinBytes}}) {
-        std::memcpy(&file[at], &value, sizeof value);
-    }
-    return file;
+    std::uint32_t words[ProjectMinBytes / 4] = {};
+    words[ProjectSegmentTable / 4] = 24;
+    words[(24 + SegmentComm) / 4] = 80;  // one port
+    words[80 / 4] = 1;
+    words[84 / 4] = 8;
+    words[(24 + SegmentRegister) / 4] = 160;
+    words[160 / 4] = ProjectMinBytes;
+    return {reinterpret_cast<const char*>(words), sizeof words};
 }
 }  // namespace
 
