@@ -39,9 +39,8 @@ static int Trace = -1, Report = -1, Misc = -1;
 static volatile int Armed;
 static __thread int Opening;
 
-static int created(const char* variable)
+static int created(const char* path)
 {
-    const char* path = getenv(variable);
     return path ? open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666) : -1;
 }
 
@@ -49,8 +48,8 @@ __attribute__((constructor)) static void start(void)
 {
     void* frame;
     if (strcmp(program_invocation_short_name, "voq") != 0) return; /* a program that the service runs */
-    Trace = created("VOQ_TRACE");
-    const int report = created("VOQ_SITES");
+    Trace = created(getenv("VOQ_TRACE"));
+    const int report = created(getenv("VOQ_SITES"));
     Fault = getenv("VOQ_FAULT");
     Times = Fault ? atol(getenv("VOQ_TIMES")) : 0;
     backtrace(&frame, 1);                                     /* loads what it needs */
@@ -90,11 +89,10 @@ __attribute__((noinline)) static int fails(const char* function, int error)
             length += snprintf(site + length, sizeof site - (size_t)length, " %lx", (uintptr_t)frames[i] - Base);
     pthread_mutex_lock(&Lock);
     if (Fault != NULL) {
-        hit = Times > 0 && strcmp(site, Fault) == 0;
-        if (hit && Times-- > 0) put(Report, "!\n");
+        hit = Times > 0 && strcmp(site, Fault) == 0 && Times-- > 0;
+        if (hit) put(Report, "!\n");
     } else {
-        for (i = 0; i < SeenCount && strcmp(Seen[i], site) != 0; ++i) {
-        }
+        for (i = 0; i < SeenCount && strcmp(Seen[i], site) != 0;) ++i;
         if (i == MOST_SITES) abort();
         if (i == SeenCount) put(Report, strcpy(Seen[SeenCount++], site)), put(Report, "\n");
     }
@@ -160,17 +158,14 @@ FILE* fdopen(int file, const char* mode)
 ssize_t pwrite(int file, const void* bytes, size_t size, off_t at)
 {
     const int failing = fails("pwrite", ENOSPC);
-    const ssize_t put_there = NEXT_AS("pwrite64", pwrite)(file, bytes, failing ? size / 2 : size, at);
-    if (failing) errno = ENOSPC;
-    return failing ? -1 : put_there;
+    const ssize_t done = NEXT_AS("pwrite64", pwrite)(file, bytes, failing ? size / 2 : size, at);
+    return failing ? errno = ENOSPC, -1 : done;
 }
 
 int fclose(FILE* stream)
 {
-    const int failing = fails("fclose", EIO);
-    const int result = NEXT(fclose)(stream);
-    if (failing) errno = EIO;
-    return failing ? EOF : result;
+    const int failing = fails("fclose", EIO), result = NEXT(fclose)(stream);
+    return failing ? errno = EIO, EOF : result;
 }
 
 int open(const char* path, int flags, ...)

@@ -1,35 +1,22 @@
 """Clients that misbehave: one holds a lock, one floods and never takes its answers. The other one
 is served, nothing is lost, and the service stays as small as it was."""
-import contextlib
+import fcntl
 import multiprocessing
 import os
 import pathlib
 import random
-import subprocess
 import time
 
 from test_flood import flood
 from test_oneshot import Client, flip, read, write
 from voqtest import EMULATOR, LONG, Key, com_info, figure, log_off, log_on, read_locked, sound, wait_for
 
-HOLD = "import fcntl,sys; f = open(sys.argv[1], 'rb'); fcntl.lockf(f, fcntl.LOCK_SH); print(flush=True); sys.stdin.read()"
-
-
-@contextlib.contextmanager
-def held(path):
-    """Another process holds a read lock on the file."""
-    command = ["/usr/bin/python3", "-c", HOLD, path]
-    with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as holder:
-        holder.stdout.readline()
-        yield
-        holder.stdin.close()
-
-
 def test_lock_held(start):
     seconds, worst, ranges = 60 if LONG else 1, 0, [Key(10 * i, 4, regid=3) for i in range(9)]
     client = Client(start(com_info(pause=1), ranges[:5]))
     for number, name in enumerate(("org", "data", "index")):
-        with held(client.service / name):
+        with open(client.service / name, "rb") as file:  # the test is a process of its own, and reads no other way
+            fcntl.lockf(file, fcntl.LOCK_SH)
             time.sleep(seconds)
             client.collect()  # what polling did meanwhile: more would not be kept
             numbers = client.post(read(7), write(100, number), flip(Key(5)), write(50, number), client="gui")
@@ -46,16 +33,10 @@ def test_lock_held(start):
            "after the release at the latest", "none lost", True)
 
 
-def flood_gui(service):
-    """Sends until it is ended; never takes an answer."""
-    service.fifos.clear()
-    flood(service, random.Random(1), lambda _: True, ["gui"], failures=0, restarts=0)
-
-
 def size_of(process):
     """Resident kB, descriptors, threads."""
     place = pathlib.Path(f"/proc/{process.pid}")
-    resident = int(place.joinpath("statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE") // 1024
+    resident = int((place / "statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE") // 1024
     return resident, len(os.listdir(place / "fd")), len(os.listdir(place / "task"))
 
 
@@ -63,17 +44,17 @@ def answer_to(service, request, fileno):
     """The code of one request's answer, which is taken away."""
     service.send(request.frame(fileno), "mek")
     path = service / str(fileno)
-    wait_for(lambda: path.exists() and path.stat().st_size >= 40, "an answer", 60)
-    code = read_locked(path)[26]
+    answer = wait_for(lambda: path.exists() and path.stat().st_size >= 40 and read_locked(path), "an answer", 60)
     path.unlink()
-    return code
+    return answer[26]
 
 
 def test_soak(start):
     """One client floods and churns; the other logs on and off and writes. A tenth of the time passes unmeasured."""
     seconds = 3600 if LONG else 8
     service = start(com_info(pause=1), [Key(10 * i, 3, regid=3) for i in range(20)])
-    flooder = multiprocessing.get_context("fork").Process(target=flood_gui, args=(service,), daemon=True)
+    endless = (service, random.Random(1), lambda _: True, ["gui"], 0, 0)  # never takes an answer
+    flooder = multiprocessing.get_context("fork").Process(target=flood, args=endless, daemon=True)
     flooder.start()
     begin, rounds, refused, slowest, sizes = time.monotonic(), 0, 0, 0, []
     while (now := time.monotonic()) < begin + seconds:

@@ -1,5 +1,6 @@
 """A driver that crashes, hangs or answers nonsense in any of its commands: the files stay sound, no lock stays behind, and
 whoever watches sees it."""
+import contextlib
 import fcntl
 import signal
 
@@ -23,18 +24,16 @@ def polled(service):
     wait_for(lambda: service.value(KEY) == service.sim.value(KEY) and service.node(KEY).state == 1, "a live value")
 
 
+def lockable(path):
+    with open(path, "r+b") as file, contextlib.suppress(OSError):
+        fcntl.lockf(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        return True
+
+
 def nothing_locked(service):
     """Another process gets every lock, at once between two operations."""
     for path in (*(service / name for name in ("org", "data", "index")), USER / "srw0.dat"):
-        with open(path, "r+b") as file:
-            def free():
-                try:
-                    fcntl.lockf(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
-                except OSError:
-                    return False
-                return True
-
-            wait_for(free, f"a lock on {path}")
+        wait_for(lambda: lockable(path), f"a lock on {path}")
 
 
 def crashed(service, command):
@@ -52,11 +51,9 @@ def hung(service, command):
     assert ", moving\n" in voqctl("status", "--wait", 1).stdout  # the watchdog is a thread of its own
     if command == "Loop":
         (service / "slaveno").write_bytes(b"\1\0")
-    else:
-        assert voqctl("read", PROBE, "--timeout", 0.5).returncode == 6
+    assert command == "Loop" or voqctl("read", PROBE, "--timeout", 0.5).returncode == 6
     service.sim.fail(0)
-    if command == "Loop":
-        wait_for(lambda: not (service / "slaveno").exists(), "the slave number taken over")
+    wait_for(lambda: not (service / "slaveno").exists(), "the slave number taken over")
     return service
 
 

@@ -2,7 +2,6 @@
 after start-up the service allocates nothing but what opening a stream takes."""
 import pathlib
 import random
-import struct
 import time
 
 import pytest
@@ -14,20 +13,15 @@ def requests(rng, client):
     keys = [Key(addr, width, regid, layout, plcno, flag=flag) for addr in range(0, 60, 7) for width in (1, 4)
             for regid in (1, 2) for layout in (0x22, 0x00) for plcno in (1, 2) for flag in (0, ALWAYS, MEDIUM)]
     base = 1000 if client == "gui" else 3000
+    kinds = (lambda key, number: log_on(key, number, rng.choice((0, 0, 12, 68, 70, 0xFFFFFFFF))),
+             lambda key, number: log_off(key, number, rng.choice((0, 12))),
+             lambda key, number: frame(READ, key, number),
+             lambda key, number: frame(WRITE, key, number, payload=rng.randbytes(key.size)),
+             lambda key, number: frame(CHANGE, key, number, subcmd=rng.choice((0, 0x20, 0x80, 0xA0)),
+                                       payload=b"\x08\0" + rng.randbytes(10)))
     while True:
-        key, fileno = rng.choice(keys), base + rng.randrange(200)
-        kind = rng.random()
-        if kind < 0.45:
-            yield log_on(key, fileno, rng.choice((0, 0, 12, 68, 70, 0xFFFFFFFF)))
-        elif kind < 0.8:
-            yield log_off(key, fileno, rng.choice((0, 12)))
-        elif kind < 0.9:
-            yield frame(READ, key, fileno)
-        elif kind < 0.97:
-            yield frame(WRITE, key, fileno, payload=rng.randbytes(key.size))
-        else:
-            change = struct.pack("<H", 8) + rng.randbytes(10)
-            yield frame(CHANGE, key, fileno, subcmd=rng.choice((0, 0x20, 0x80, 0xA0)), payload=change)
+        kind, = rng.choices(kinds, (45, 35, 10, 7, 3))
+        yield kind(rng.choice(keys), base + rng.randrange(200))
 
 
 def flood(service, rng, goes_on, clients=("gui", "mek"), failures=0.02, restarts=0.05):
@@ -71,13 +65,12 @@ def test_flood(start, packing):
     sent = flood(service, rng, lambda _: time.monotonic() < end)
     service.sim.fail(0)
     assert SANITIZER or b"alloc" in service.err()  # the driver's own, when it is restarted
-    fresh = {client: Key(500, 4, plcno=plcno) for plcno, client in enumerate(("gui", "mek"), 3)}
-    for client, key in fresh.items():
+    for plcno, client in enumerate(("gui", "mek"), 3):
+        key = Key(500, 4, plcno=plcno)
         service.send_drained(log_on(key, 9000), client)
-    for key in fresh.values():
-        for value in (b"\x21", b"\x42"):
-            service.sim.set(key, value * key.size)
-            wait_for(lambda: service.value(key) == value * key.size, "a live value after the flood", 60)
+        for value in (b"\x21" * key.size, b"\x42" * key.size):
+            service.sim.set(key, value)
+            wait_for(lambda: service.value(key) == value, "a live value after the flood", 60)
     sound()
     service.stop()  # and there was no report
     if SANITIZER == "thread":

@@ -1,4 +1,5 @@
 """What the service costs the panel: its size on the flash and the memory of its own, printed and held to their limits."""
+import pathlib
 import re
 import subprocess
 
@@ -17,16 +18,15 @@ def own_memory(pid):
     """
     sizes = {"data and heap": 0, "stacks": 0, "libraries": 0}
     kind = None
-    with open(f"/proc/{pid}/smaps", encoding="ascii") as smaps:
-        for line in smaps:
-            if found := re.match(r"([0-9a-f]+)-\S+ (\S)(\S)\S+ \S+ \S+ \d+ *(.*)", line):
-                address, readable, writable, name = int(found[1], 16), *found.groups()[1:]
-                behind = not name and kind == "data and heap"  # uninitialised data, and under the emulator the heap
-                kind = ("data and heap" if name.endswith("/bin/voq") or name == "[heap]" or behind else
-                        "libraries" if name.startswith("/") else "stacks")
-                counted = GUEST <= address < GUEST + SPACE and readable == "r"
-            elif counted and line.startswith("Size:" if kind == "data and heap" and writable == "w" else "Anonymous:"):
-                sizes[kind] += int(line.split()[1])
+    for line in pathlib.Path(f"/proc/{pid}/smaps").read_text(encoding="ascii").splitlines():
+        if found := re.match(r"([0-9a-f]+)-\S+ (\S)(\S)\S+ \S+ \S+ \d+ *(.*)", line):
+            address, readable, writable, name = int(found[1], 16), *found.groups()[1:]
+            behind = not name and kind == "data and heap"  # uninitialised data, and under the emulator the heap
+            kind = ("data and heap" if name.endswith("/bin/voq") or name == "[heap]" or behind else
+                    "libraries" if name.startswith("/") else "stacks")
+            counted = GUEST <= address < GUEST + SPACE and readable == "r"
+        elif counted and line.startswith("Size:" if kind == "data and heap" and writable == "w" else "Anonymous:"):
+            sizes[kind] += int(line.split()[1])
     return sizes
 
 
