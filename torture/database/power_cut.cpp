@@ -37,14 +37,17 @@ struct Recording {
     std::vector<Atom> atoms = {};
     std::vector<SyncPoint> syncs = {};
 
-    void Write(ino_t file, std::size_t at, const std::string& bytes)
+    void Write(ino_t file, std::size_t at, std::string_view data)
     {
-        const auto put = [=](Disk& disk) {
-            std::string& content = disk.contents[file];
-            content.resize(std::max(content.size(), at + bytes.size()));
-            content.replace(at, bytes.size(), bytes);
-        };
-        atoms.push_back({file, put});
+        for (std::string_view piece; !data.empty(); data.remove_prefix(piece.size()), at += piece.size()) {
+            piece = data.substr(0, SectorBytes - at % SectorBytes);
+            const auto put = [file, at, bytes = std::string(piece)](Disk& disk) {
+                std::string& content = disk.contents[file];
+                content.resize(std::max(content.size(), at + bytes.size()));
+                content.replace(at, bytes.size(), bytes);
+            };
+            atoms.push_back({file, put});
+        }
     }
     // A file grows sector by sector.
     void Resize(ino_t file, std::size_t from, std::size_t to)
@@ -60,13 +63,12 @@ struct Recording {
         }
     }
     // At once: names are given to files, or taken away.
-    void Name(const std::vector<std::pair<const char*, ino_t>>& given)
+    void Name(const std::map<std::string, ino_t>& given)
     {
-        std::map<std::string, ino_t> names;
-        for (const auto& [path, file] : given) names[std::filesystem::path(path).filename()] = file;
-        atoms.push_back({0, [=](Disk& disk) {
-                             for (const auto& [name, file] : names) disk.names[name] = file;
-                         }});
+        const auto name = [=](Disk& disk) {
+            for (const auto& [path, file] : given) disk.names[std::filesystem::path(path).filename()] = file;
+        };
+        atoms.push_back({0, name});
     }
 };
 
@@ -83,12 +85,7 @@ void Record(const Database& database, Recording& recording, const FileChange& ch
     const ino_t file = info.st_ino;
     const auto was = static_cast<std::size_t>(info.st_size);
     if (change.kind == FileChange::Write) {
-        const std::string bytes(static_cast<const char*>(change.data), change.size);
-        for (std::size_t done = 0, piece; done < bytes.size(); done += piece) {
-            const std::size_t at = change.offset + done;
-            piece = std::min(bytes.size() - done, SectorBytes - at % SectorBytes);
-            recording.Write(file, at, bytes.substr(done, piece));
-        }
+        recording.Write(file, change.offset, {static_cast<const char*>(change.data), change.size});
         recording.Resize(file, was, std::max(was, change.offset + change.size));
     } else if (change.kind == FileChange::Resize) {
         recording.Resize(file, was, change.size);

@@ -128,10 +128,8 @@ std::string Database::StartAndJudge(const Operation& operation)
             const auto known = operation.known.lower_bound(one.substr(0, 24));
             if (operation.known.count(one) != 0) continue;
             const RegKey key = Word<RegKey>(one, 0);
-            if (torn.insert(one).second) {
-                const std::string text = voq::Expression({key, voq::TypeOfSize(key.layout & 15u)});
-                dprintf(Terminal, "torn: %s, record at %u, region at %u\n", text.c_str(), Word(one, 24), Word(one, 28));
-            }
+            const std::string text = voq::Expression({key, voq::TypeOfSize(key.layout & 15u)});
+            if (torn.insert(one).second) dprintf(Terminal, "torn: %s, record at %u\n", text.c_str(), Word(one, 24));
             if (known != operation.known.end() && known->compare(0, 24, one, 0, 24) == 0) wrong = "a range moved";
         }
         DatabaseState again{};

@@ -25,10 +25,6 @@
 
 enum { MOST_FRAMES = 32, MOST_SITES = 1024, SITE_BYTES = 256, MOST_LINES = 100000 };
 
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* old, size_t size);
-
 static pthread_mutex_t Lock = PTHREAD_MUTEX_INITIALIZER;
 static char Seen[MOST_SITES][SITE_BYTES];
 static int SeenCount;
@@ -52,8 +48,10 @@ __attribute__((constructor)) static void start(void)
     const int report = created(getenv("VOQ_SITES"));
     Fault = getenv("VOQ_FAULT");
     Times = Fault ? atol(getenv("VOQ_TIMES")) : 0;
-    backtrace(&frame, 1);                                     /* loads what it needs */
-    const ElfW(Phdr)* part = (const void*)getauxval(AT_PHDR); /* behind the file's header, which is at the base */
+    backtrace(&frame, 1); /* loads what it needs */
+
+    /* The program's headers lie behind the file's, which is at the base. */
+    const ElfW(Phdr)* part = (const void*)getauxval(AT_PHDR);
     Base = (uintptr_t)part - sizeof(ElfW(Ehdr));
     for (unsigned long left = getauxval(AT_PHNUM); left > 0; --left, ++part)
         if (part->p_flags & PF_X) End = Base + part->p_vaddr + part->p_memsz;
@@ -222,6 +220,7 @@ unsigned sleep(unsigned seconds)
 }
 
 #define ALLOCATES(name, parameters, arguments)                           \
+    void* __libc_##name parameters;                                      \
     void* name parameters                                                \
     {                                                                    \
         if (Armed && !Opening) put(STDERR_FILENO, "*alloc " #name "\n"); \

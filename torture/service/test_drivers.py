@@ -67,17 +67,17 @@ def talked_nonsense(service, command):
     return service
 
 
-@pytest.mark.parametrize("what", [crashed, hung, talked_nonsense])
-def test_bad_driver(what):
+@pytest.mark.parametrize("what, failure, status", [
+    (crashed, Sim.CRASH, 6), (hung, Sim.HANG, 6), (talked_nonsense, Sim.NONSENSE, 4)])
+def test_bad_driver(what, failure, status):
     for command, code in COMMANDS.items():
         empty_box()
         service = began(command)
         if command != "Loop":
             polled(service)
-        service.sim.fail({crashed: Sim.CRASH, hung: Sim.HANG, talked_nonsense: Sim.NONSENSE}[what], command=code)
+        service.sim.fail(failure, command=code)
         if command == "WrOne":
-            status = voqctl("write", "--byte-order", 0, "s1:a1:u16@7", 5, "--timeout", 0.3).returncode
-            assert status == {crashed: 6, hung: 6, talked_nonsense: 4}[what]
+            assert voqctl("write", "--byte-order", 0, "s1:a1:u16@7", 5, "--timeout", 0.3).returncode == status
         elif command in ("Init", "Destroy"):
             service.send(b"\xfd\0\0" + com_info(pause=1))
         service = what(service, command)

@@ -36,7 +36,7 @@ class Faulty(Service):
 
     def __init__(self, fault="", times=0):
         SITES.write_bytes(b"")
-        self.pulses, self.wrong = [], []
+        self.pulses = []
         self.passes = times == 1 and not fault.startswith(LASTING)
         self.deaf = times > 1 and fault.startswith(("open", "read", "pthread_create", "mkfifo"))
         fails = {"VOQ_FAULT": fault, "VOQ_TIMES": str(times)} if fault else {}
@@ -44,8 +44,7 @@ class Faulty(Service):
         began = soon(lambda: self.ended() or b"GlobeWatchDogAddr" in self.out()
                      or self.count("Start Read ORG file ret=0") > 9, 30)
         self.up = not self.ended() and b"GlobeWatchDogAddr" in self.out()
-        if not began:
-            self.wrong.append("hangs at its start")
+        self.wrong = [] if began else ["hangs at its start"]
 
     def ended(self):
         return self.process.poll() is not None
