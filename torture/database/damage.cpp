@@ -3,8 +3,6 @@
 
 namespace
 {
-constexpr std::size_t Ranges = 64;
-
 void Look(Database& database, const Files& whole, const std::string& name, const std::string& bytes)
 {
     Files broken = whole;
@@ -25,14 +23,14 @@ void Look(Database& database, const Files& whole, const std::string& name, const
         if (!kept) wrong = "not kept";
         if (wrong.empty() && works) wrong = database.FailsToWork({});
     }
-    Complain(wrong.empty() ? "" : wrong + "\n" + said);
+    Complain(wrong, said);
     if (works || after != broken) database.Set(whole);
 }
 }  // namespace
 
 void Damage(Database& database, bool thorough)
 {
-    const Files whole = Filled(database, Ranges);
+    const Files whole = Filled(database, 64);
     const std::size_t step = thorough ? 1 : 85;
     std::size_t least = 0;
     for (const char* name : {"org", "index"}) {
@@ -52,6 +50,6 @@ void Damage(Database& database, bool thorough)
     }
     dprintf(Terminal, "damage: %zu starts mended, %zu refused\n", database.mended, database.refused);
     Report("damage: files judged", database.judged, std::to_string(least), database.judged == least);
-    ReportComplaints("damage: crashes, hangs, unsound files");
+    Report("damage: crashes, hangs, unsound files", Complaints, "0", Complaints == 0);
     Report("damage: slowest start in ms", database.slowest, "< 1000", database.slowest < 1000);
 }

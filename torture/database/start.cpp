@@ -33,16 +33,11 @@ std::string Said(const auto& action)
     return {Printed, PrintedBytes};
 }
 
-bool Says(const std::string& text, const std::string& part)
-{
-    return text.find("*VOQ*" + part) != std::string::npos;
-}
-}  // namespace
-
 bool Contains(const Registered& all, const Registered& some)
 {
     return std::includes(all.begin(), all.end(), some.begin(), some.end());
 }
+}  // namespace
 
 Registered RegisteredIn(const std::string& org)
 {
@@ -70,7 +65,7 @@ Database::Database()
 
 void Database::Set(const Files& files, const Files& download) const
 {
-    StoreFiles(scratch_.Folder(), files);
+    StoreFiles(scratch.Folder(), files);
     StoreFiles(Download, download);
     ResetFastList();
 }
@@ -93,8 +88,8 @@ std::string Database::Start()
     const std::clock_t begin = std::clock();
     const std::string said = Said([&] { PrepareDatabase(Project.c_str(), paths); });
     slowest = std::max(slowest, static_cast<std::size_t>((std::clock() - begin) * 1000 / CLOCKS_PER_SEC));
-    mended += Says(said, "register database mended");
-    refused += Says(said, "register database refused");
+    mended += said.find("*VOQ*register database mended") != said.npos;
+    refused += said.find("*VOQ*register database refused") != said.npos;
     return said;
 }
 
@@ -106,13 +101,14 @@ std::string Database::LooksWrong(const std::string& said, const Files& broken, c
     if (!wrong.empty()) return wrong;
     const std::size_t line = said.find("*VOQ*register database ");
     if (line != said.rfind("*VOQ*register database ")) return "more than one line";
-    if (Says(said, "RegAmount=") || Says(said, "download") || broken.count("data") == 0) return "";
+    const bool built = said.find("*VOQ*RegAmount=") != said.npos || said.find("*VOQ*download") != said.npos;
+    if (built || broken.count("data") == 0) return "";
     // Both are in the order of their names.
     const bool kept = std::includes(after.begin(), after.end(), broken.begin(), broken.end());
     return kept == (line == std::string::npos) ? "" : kept ? "a line for no change" : "changed without a line";
 }
 
-std::string Database::StartAndJudge(const Operation& operation)
+void Database::StartAndJudge(const Operation& operation)
 {
     const Files broken = Load();
     const std::size_t refusals = refused;
@@ -136,8 +132,7 @@ std::string Database::StartAndJudge(const Operation& operation)
         const std::string nothing = Said([&] { again = CheckDatabase(MapCare::Judge); });
         if (again != DatabaseState::Sound || !nothing.empty() || Load() != after) wrong = "not sound at the next look";
     }
-    if (wrong.empty()) wrong = FailsToWork(operation.promised);
-    return wrong.empty() ? "" : wrong + "\n" + said;
+    Complain(wrong.empty() ? FailsToWork(operation.promised) : wrong, said);
 }
 
 // A range in front of everything, one of a new group and a known one are registered, and nothing is lost by it.

@@ -8,11 +8,11 @@
 
 std::string Where;
 int Terminal;
+std::size_t Complaints;
 
 namespace
 {
 bool Missed;
-std::size_t Complaints;
 
 void Crashed(int signal)
 {
@@ -29,20 +29,16 @@ extern "C" int WRAPPED_CLOCK(timeval* now, void*)
     return 0;
 }
 
-void Complain(const std::string& what)
+void Complain(const std::string& wrong, const std::string& said)
 {
-    if (!what.empty() && ++Complaints <= 20) dprintf(Terminal, "%s: %s\n", Where.c_str(), what.c_str());
+    if (wrong.empty() || ++Complaints > 20) return;
+    dprintf(Terminal, "%s: %s\n%s\n", Where.c_str(), wrong.c_str(), said.c_str());
 }
 
 void Report(const char* name, std::size_t figure, const std::string& goal, bool reached)
 {
     Missed |= !reached;
     dprintf(Terminal, "%s | %zu | %s | %s\n", name, figure, goal.c_str(), reached ? "ok" : "MISS");
-}
-
-void ReportComplaints(const char* name)
-{
-    Report(name, Complaints, "0", Complaints == 0);
 }
 
 int main(int count, char** arguments)

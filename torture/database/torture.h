@@ -8,7 +8,6 @@
 
 using Registered = std::set<std::string>;  // key, offset and region of each range, as bytes
 Registered RegisteredIn(const std::string& org);
-bool Contains(const Registered& all, const Registered& some);
 
 // Something the service does to its files, and what a start finds wherever it was cut short.
 struct Operation {
@@ -22,12 +21,10 @@ struct Operation {
 };
 
 // The one database of this process, in a folder on the memory file system.
-class Database
-{
-public:
+struct Database {
     Database();
-    [[nodiscard]] Files Load() const { return LoadFiles(scratch_.Folder()); }
-    [[nodiscard]] std::string Path(const std::string& name) const { return scratch_.Folder() + name; }
+    [[nodiscard]] Files Load() const { return LoadFiles(scratch.Folder()); }
+    [[nodiscard]] std::string Path(const std::string& name) const { return scratch.Folder() + name; }
     // Files in their place, and no subscription.
     void Set(const Files& files, const Files& download = {}) const;
     // Runs the operation to its end and notes what is registered then.
@@ -35,8 +32,8 @@ public:
 
     // The start-up of the service on the files as they lie there; what it printed.
     std::string Start();
-    // Starts on the files as they lie there and looks at the outcome. Returns what is wrong, empty when nothing.
-    std::string StartAndJudge(const Operation& operation);
+    // Starts on the files as they lie there and complains of what is wrong with the outcome.
+    void StartAndJudge(const Operation& operation);
     // What a start must leave of any files; and what must work then.
     [[nodiscard]] static std::string LooksWrong(const std::string& said, const Files& broken, const Files& after);
     [[nodiscard]] std::string FailsToWork(const Registered& promised) const;
@@ -44,9 +41,7 @@ public:
     std::size_t judged = 0, mended = 0, refused = 0;
     std::size_t slowest = 0;  // start, in milliseconds of processor time
     Registered torn;          // ranges that nobody registered
-
-private:
-    Scratch scratch_;
+    Scratch scratch;
 };
 
 RegKey Range(unsigned group, std::uint32_t addr, unsigned width = 2);
@@ -56,11 +51,11 @@ std::vector<Operation> Operations(Database& database, std::size_t records);
 
 extern std::string Where;  // the place of the work, for complaints, crashes and hangs
 extern int Terminal;       // for what is said here: the service's own lines go elsewhere
-// Counts what is wrong at that place, and prints the first few; nothing for an empty text.
-void Complain(const std::string& what);
+// Counts what is wrong at that place, and prints the first few with what the service said; nothing for an empty text.
+void Complain(const std::string& wrong, const std::string& said);
+extern std::size_t Complaints;
 // A row of the table. A figure that misses its goal makes the item fail.
 void Report(const char* name, std::size_t figure, const std::string& goal, bool reached);
-void ReportComplaints(const char* name);
 
 void PowerCut(Database& database, bool thorough);
 void Damage(Database& database, bool thorough);

@@ -31,7 +31,7 @@ static int SeenCount;
 static uintptr_t Base, End; /* of the service's code */
 static const char* Fault;
 static long Times;
-static int Trace = -1, Report = -1, Misc = -1;
+static int Trace = -1, Report = -1, Misc = -2;
 static volatile int Armed;
 static __thread int Opening;
 
@@ -174,22 +174,21 @@ int open(const char* path, int flags, ...)
     if (flags & O_NOFOLLOW) note("open %s %s\n", path, flags & O_CREAT ? "wb+" : flags & O_RDWR ? "r+" : "r");
     if (fails("open", EMFILE)) return -1;
     const int file = NEXT_AS("open64", open)(device ? "/dev/null" : path, flags, mode);
-    if (device) note("misc open %d\n", flags & O_ACCMODE), Misc = file;
+    if (device && file >= 0) note("misc open %d\n", flags & O_ACCMODE), Misc = file;
     return file;
 }
 
 int ioctl(int file, unsigned long request, ...)
 {
     LAST(uintptr_t, argument, request);
-    if (file != Misc || file < 0)
-        return NEXT_AS(sizeof(long) == 4 ? "__ioctl_time64" : "ioctl", ioctl)(file, request, argument);
+    if (file != Misc) return NEXT_AS(sizeof(long) == 4 ? "__ioctl_time64" : "ioctl", ioctl)(file, request, argument);
     note("misc %lx %lx\n", request, (unsigned long)argument);
     return 0;
 }
 
 int close(int file)
 {
-    if (file == Misc && file >= 0) note("misc closed\n"), Misc = -1;
+    if (file == Misc) note("misc closed\n"), Misc = -2;
     return NEXT(close)(file);
 }
 
@@ -215,8 +214,7 @@ int usleep(useconds_t microseconds)
 
 unsigned sleep(unsigned seconds)
 {
-    NEXT(usleep)(1000 * seconds);
-    return 0;
+    return NEXT(usleep)(1000 * seconds), 0;
 }
 
 #define ALLOCATES(name, parameters, arguments)                           \
