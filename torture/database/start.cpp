@@ -42,12 +42,7 @@ bool Contains(const Registered& all, const Registered& some)
 Registered RegisteredIn(const std::string& org)
 {
     Registered all;
-    for (const auto& [offset, node] : Records(org)) {
-        std::string one = org.substr(offset, 24) + std::string(8, '\0');
-        SetWord(one, 24, offset);
-        SetWord(one, 28, node.dataoffset);
-        all.insert(one);
-    }
+    for (const auto& [offset, node] : Records(org)) all[org.substr(offset, sizeof(RegKey))] = {offset, node.dataoffset};
     return all;
 }
 
@@ -120,13 +115,13 @@ void Database::StartAndJudge(const Operation& operation)
     if (wrong.empty()) {
         const Registered now = RegisteredIn(after.at("org"));
         if (!Contains(now, operation.promised)) wrong = "a registration was lost";
-        for (const std::string& one : now) {
-            const auto known = operation.known.lower_bound(one.substr(0, 24));
-            if (operation.known.count(one) != 0) continue;
-            const RegKey key = Word<RegKey>(one, 0);
+        for (const auto& [bytes, place] : now) {
+            const auto known = operation.known.find(bytes);
+            if (known != operation.known.end() && known->second != place) wrong = "a range moved";
+            if (known != operation.known.end() || !torn.insert({bytes, place}).second) continue;
+            const RegKey key = Word<RegKey>(bytes, 0);
             const std::string text = voq::Expression({key, voq::TypeOfSize(key.layout & 15u)});
-            if (torn.insert(one).second) dprintf(Terminal, "torn: %s, record at %u\n", text.c_str(), Word(one, 24));
-            if (known != operation.known.end() && known->compare(0, 24, one, 0, 24) == 0) wrong = "a range moved";
+            dprintf(Terminal, "torn: %s, record at %u\n", text.c_str(), place.first);
         }
         DatabaseState again{};
         const std::string nothing = Said([&] { again = CheckDatabase(MapCare::Judge); });
@@ -142,9 +137,9 @@ std::string Database::FailsToWork(const Registered& promised) const
     std::vector<RegKey> keys = {Range(1, 1), Range(8, 1)};
     bool found = true, done = true;
     Said([&] {
-        for (const std::string& one : promised) {
-            keys.resize(3, Word<RegKey>(one, 0));
-            found &= GetOrgOffset(Word<RegKey>(one, 0)) == Word(one, 24);
+        for (const auto& [bytes, place] : promised) {
+            keys.resize(3, Word<RegKey>(bytes, 0));
+            found &= GetOrgOffset(Word<RegKey>(bytes, 0)) == place.first;
         }
         for (const RegKey& key : keys) done &= Request(key, OrgMode::LogOn) == 0;
     });

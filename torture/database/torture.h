@@ -6,7 +6,7 @@
 
 #include "support/database_files.h"
 
-using Registered = std::set<std::string>;  // key, offset and region of each range, as bytes
+using Registered = std::map<std::string, std::pair<std::uint32_t, std::uint32_t>>;  // record and region by key
 Registered RegisteredIn(const std::string& org);
 
 // Something the service does to its files, and what a start finds wherever it was cut short.
@@ -39,8 +39,8 @@ struct Database {
     [[nodiscard]] std::string FailsToWork(const Registered& promised) const;
 
     std::size_t judged = 0, mended = 0, refused = 0;
-    std::size_t slowest = 0;  // start, in milliseconds of processor time
-    Registered torn;          // ranges that nobody registered
+    std::size_t slowest = 0;                // start, in milliseconds of processor time
+    std::set<Registered::value_type> torn;  // ranges that nobody registered
     Scratch scratch;
 };
 

@@ -50,21 +50,6 @@ std::int32_t Command(const char* command, void*, void** args)
     const int result = Access(static_cast<std::size_t>(request->length), request->data, command[0] == 'W');
     return result == PLC_SUCCESS ? PLC_DRV_OK : 3;
 }
-
-void ServeListed(const Header& head, unsigned char* payload, std::uint32_t size)
-{
-    constexpr std::uint8_t Commands[] = {3, 6, 6, 7};
-    const RegRequest request{head.key, 0, 0, 5, 0};
-    ResetBox();
-    ResetRtList();
-    _cmd = Command;
-    TakeOverPulseNotes();
-    AddRtList(request, (head.listcmd & 0xFF00u) | Commands[head.listcmd % 4], 5, payload, size);
-    OperRtList();
-    OperRtList();
-    const bool listed = GuiListHead.count != 0;
-    if (FileExists(RtPath::Result(5).Text()) == listed) abort();  // either it waits or it is answered
-}
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -79,7 +64,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (head.mode % 2 == 0) {
         DoRdChgWr(head.key, head.listcmd & 0xFF00u, operand, &head.pulseTime, head.nowMs, Direct);
     } else {
-        ServeListed(head, operand.data(), static_cast<std::uint32_t>(operand.size()));
+        constexpr std::uint8_t Commands[] = {3, 6, 6, 7};
+        const auto command = static_cast<std::uint16_t>((head.listcmd & 0xFF00u) | Commands[head.listcmd % 4]);
+        ResetBox();
+        ResetRtList();
+        TakeOverPulseNotes();
+        _cmd = Command;
+        AddRtList({head.key, 0, 0, 5, 0}, command, 5, operand.data(), static_cast<std::uint32_t>(operand.size()));
+        OperRtList();
+        OperRtList();
+        // Either it waits or it is answered.
+        if (FileExists(RtPath::Result(5).Text()) == (GuiListHead.count != 0)) abort();
     }
     return 0;
 }
