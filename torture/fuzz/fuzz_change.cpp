@@ -27,7 +27,7 @@ struct Header {
     RegKey key;
 };
 
-std::uint8_t Failures;
+std::uint32_t Failures;
 
 int Access(std::size_t length, void* value, bool write)
 {
@@ -35,8 +35,8 @@ int Access(std::size_t length, void* value, bool write)
     if (length > sizeof device) abort();
     if (write) std::memcpy(device, value, length);
     if (!write) std::memset(value, 0x99, length);
-    const bool failed = (Failures & 1) != 0;
-    Failures = static_cast<std::uint8_t>(Failures >> 1);
+    const bool failed = (Failures & 1u) != 0;
+    Failures >>= 1;
     return failed ? PLC_ERROR : PLC_SUCCESS;
 }
 

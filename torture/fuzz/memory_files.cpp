@@ -108,8 +108,7 @@ long ReadFifo(int, void* buffer, std::size_t size)
 
 int FsOpenFileCreat(const char* path, std::FILE** stream)
 {
-    const bool open = Files[path].open;
-    Files[path] = {"", 0, open};
+    Files[path] = {"", 0, Files[path].open};
     return Open(path, stream);
 }
 

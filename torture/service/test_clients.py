@@ -40,15 +40,6 @@ def size_of(process):
     return resident, len(os.listdir(place / "fd")), len(os.listdir(place / "task"))
 
 
-def answer_to(service, request, fileno):
-    """The code of one request's answer, which is taken away."""
-    service.send(request.frame(fileno), "mek")
-    path = service / str(fileno)
-    answer = wait_for(lambda: path.exists() and path.stat().st_size >= 40 and read_locked(path), "an answer", 60)
-    path.unlink()
-    return answer[26]
-
-
 def test_soak(start):
     """One client floods and churns; the other logs on and off and writes. A tenth of the time passes unmeasured."""
     seconds = 3600 if LONG else 8
@@ -63,9 +54,14 @@ def test_soak(start):
         service.sim.set(key, value)
         service.send(log_on(key, number), "mek")
         wait_for(lambda: service.value(key) == value, "a live value", 60)
-        while (code := answer_to(service, order, 49000)) != 1:
-            assert code == 3  # refused: more than 1000 of the other client are waiting
-            refused += 1
+        code, result = 3, service / "49000"
+        while code == 3:  # refused: more than 1000 of the other client are waiting
+            service.send(order.frame(49000), "mek")
+            wait_for(lambda: result.exists() and result.stat().st_size >= 40, "an answer", 60)
+            code = read_locked(result)[26]
+            result.unlink()
+            refused += code == 3
+        assert code == 1
         assert service.sim.value(order.key) == order.payload
         service.send(log_off(key, number), "mek")
         rounds, slowest = rounds + 1, max(slowest, time.monotonic() - now)
