@@ -244,5 +244,6 @@ def test_faults(start):
     outcomes = [(prepare.__name__, site, times, *run(prepare, site, times)) for site, prepare, times in chosen]
     missed, found = sum("!" not in struck for *_, struck, _, _ in outcomes), [o for o in outcomes if o[-1]]
     print(*found, sep="\n")
+    few = missed <= max(1, len(chosen) // 20)
     figure(f"faults: {len(first_there)} call sites, once and for ever", f"{len(chosen)} runs, {missed} did not reach theirs "
-           f"again, {len(found)} wrong", "0 wrong, a twentieth missed", chosen and not found and missed <= max(1, len(chosen) // 20))
+           f"again, {len(found)} wrong", "0 wrong, a twentieth missed", chosen and not found and few)
