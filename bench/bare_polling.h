@@ -1,9 +1,11 @@
 // Polling without the service: reads one-word registers that lie side by side and makes the file changes of the
-// service's write-back, one value and one record at a time, each forced to the disk.
+// service's write-back: values that differ from what is there, and every record; each file is forced to the disk once,
+// when it was changed.
 #pragma once
 
 #include <sys/time.h>
 
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -23,7 +25,7 @@ class BarePolling
 public:
     // The records of the org file in the folder are taken as they lie; record i is register i. With `locks` clients are
     // kept out as the service keeps them out: the org file is opened and locked for the plan and for the write-back of
-    // a read, the data file for each value. Else both files stay open and nobody is kept out.
+    // a read, the data file for the latter. Else both files stay open and nobody is kept out.
     BarePolling(const std::string& folder, std::size_t ranges, bool locks)
         : org_(folder + "org"), data_(folder + "data"), records_(ranges)
     {
@@ -56,26 +58,34 @@ public:
 private:
     void WriteBack(std::size_t first, std::uint16_t count, const unsigned char* values, const RawFile& org)
     {
+        if (keptData_ != nullptr) {
+            Store(first, count, values, org, *keptData_);
+        } else {
+            Store(first, count, values, org, RawFile(data_, O_RDWR));
+        }
+    }
+
+    void Store(std::size_t first, std::uint16_t count, const unsigned char* values, const RawFile& org,
+               const RawFile& data)
+    {
         timeval now;
         gettimeofday(&now, nullptr);
+        bool changed = false;
         for (std::size_t i = first; i < first + count; ++i) {
             OrgNode& record = records_[i];
-            if (keptData_ != nullptr) {
-                Store(*keptData_, values + 2 * (i - first), record);
-            } else {
-                Store(RawFile(data_, O_RDWR), values + 2 * (i - first), record);
+            const unsigned char* value = values + 2 * (i - first);
+            unsigned char present[2];
+            data.Get(present, sizeof present, record.dataoffset);
+            if (std::memcmp(present, value, sizeof present) != 0) {
+                data.Put(value, sizeof present, record.dataoffset);
+                changed = true;
             }
             record.stamp = {static_cast<std::int32_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_usec)};
             record.state = 1;
             org.Put(&record, sizeof record, OrgFirstRecord + sizeof record * i);
-            org.Sync();
         }
-    }
-
-    static void Store(const RawFile& data, const unsigned char* value, const OrgNode& record)
-    {
-        data.Put(value, 2, record.dataoffset);
-        data.Sync();
+        if (changed) data.Sync();
+        org.Sync();
     }
 
     std::string org_, data_;

@@ -94,7 +94,9 @@ void BuildFloor(const std::string& folder, const std::vector<RegKey>& keys)
     files.Create();
     RawFile(folder + "org", O_RDWR).Put(std::string(sizeof(OrgHeader), '\0').data(), sizeof(OrgHeader), 0);
     FloorBuild build(files);
+    files.BeginBuild();
     for (const RegKey& key : keys) build.Register(key);
+    files.EndBuild();
     files.WriteMaps();
     for (const char* name : {"org", "data", "index"}) RawFile(folder + name, O_RDWR).Sync();
     SyncFolder(folder);

@@ -56,6 +56,10 @@ public:
         ReadRecords(RawFile(folder_ + "org", O_RDONLY), records_ / 2);
     }
 
+    // Between these two no range is forced to the disk.
+    void BeginBuild() { syncs_ = false; }
+    void EndBuild() { syncs_ = true; }
+
     // The map files of all groups, of equal size: new names, which the index then refers to.
     void WriteMaps()
     {
@@ -64,10 +68,10 @@ public:
         for (std::size_t i = 0; i < groups_; ++i) {
             std::snprintf(name, sizeof name, "map%zu", i);
             WriteMap(name, records_ / groups_);
-            SyncFolder(folder_);
             index.Put(Block, sizeof(IndexItem), sizeof(IndexItem) * i);
-            index.Sync();
         }
+        SyncFolder(folder_);
+        index.Sync();
     }
 
 private:
@@ -84,7 +88,7 @@ private:
     {
         const RawFile index(folder_ + "index", O_RDWR);
         index.Put(Block, sizeof(IndexItem), sizeof(IndexItem) * group);
-        index.Sync();
+        if (syncs_) index.Sync();
     }
 
     void ReadRecords(const RawFile& org, std::size_t records)
@@ -100,15 +104,15 @@ private:
         {
             const RawFile data(folder_ + "data", O_RDWR);
             data.Put(Block, 2, 2 * records_);
-            data.Sync();
+            if (syncs_) data.Sync();
         }
         for (int i = 0; i < changes; ++i) {
             org.Put(Block, sizeof(OrgNode), OrgFirstRecord + sizeof(OrgNode) * records_);
-            if (i == 0 && records_ > 0) org.Sync();  // a new record is on the disk before anything names it
+            if (i == 0 && records_ > 0 && syncs_) org.Sync();  // a new record is on the disk before anything names it
         }
         org.Put(Block, sizeof(OrgHeader), 0);
         if (updateIndex) ChangeEntry(0);
-        if (sync) org.Sync();
+        if (sync && syncs_) org.Sync();
         ++records_;
     }
 
@@ -119,12 +123,13 @@ private:
         const RawFile map(folder_ + name, O_RDWR | O_CREAT | O_TRUNC);
         for (std::size_t i = 0; i < records; ++i) {
             map.Put(Block, sizeof(MapItem), sizeof(MapItem) * i);
-            map.Sync();
         }
+        map.Sync();
     }
 
     std::string folder_;
     std::size_t records_;
     std::size_t groups_ = 1;
+    bool syncs_ = true;
     std::vector<unsigned char> read_;
 };

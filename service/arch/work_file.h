@@ -14,6 +14,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "arch/scoped_flag.h"
+
 // Files opened through the three open operations and not yet closed; diagnosis only. Written by every thread, relaxed.
 extern std::atomic<std::int32_t> VoqFileOpenCount;
 
@@ -29,14 +31,7 @@ bool FsSync(std::FILE* stream);
 // While one lives, no file is forced to the disk: for files that are made anew when their making is cut short. Main
 // thread, before any other thread exists.
 inline bool SyncsHeld = false;
-class HeldSyncs
-{
-public:
-    HeldSyncs() { SyncsHeld = true; }
-    ~HeldSyncs() { SyncsHeld = false; }
-    HeldSyncs(const HeldSyncs&) = delete;
-    HeldSyncs& operator=(const HeldSyncs&) = delete;
-};
+using HeldSyncs = ScopedFlag<SyncsHeld>;
 
 // An opened working file; closes it and lowers VoqFileOpenCount at the end of its scope.
 class WorkFile

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "arch/scoped_flag.h"
 #include "voq/reg_key.h"
 #include "voq/rt_item.h"
 
@@ -14,14 +15,7 @@ inline constexpr int PLC_READ_RETRY = 2;  // up to three attempts per chunk
 
 // While one lives, a failed access counts for nothing and makes no marker: no client asked for it. Main thread.
 inline bool FailuresUncounted = false;
-class UncountedFailures
-{
-public:
-    UncountedFailures() { FailuresUncounted = true; }
-    ~UncountedFailures() { FailuresUncounted = false; }
-    UncountedFailures(const UncountedFailures&) = delete;
-    UncountedFailures& operator=(const UncountedFailures&) = delete;
-};
+using UncountedFailures = ScopedFlag<FailuresUncounted>;
 
 // Each takes a range and a buffer of GetRegBuffLen(key) bytes and returns PLC_SUCCESS, PLC_TIMEOUT or PLC_ERROR (also
 // when no driver is loaded). A chunk that fails ends the operation; earlier chunks' bytes stay in the buffer.
