@@ -38,6 +38,7 @@ CASES = {  # limits, subscribed ranges as (addr, width), reads of one round; mor
     "a range wider than the limit is cut": (W, 0x22, [(1000, 150)], [(1000, 64), (1064, 64), (1128, 22)]),
     "elements smaller than an address": (W, 0x21, [(0, 3), (1, 2), (8, 2), (8, 3)], [(0, 4), (8, 2), (8, 3)]),
     "elements that begin inside one": (W, 0x12, [(0, 1), (3, 1)], [(0, 3)]),
+    "one that spans no address ends its own read": (dict(W, word_gap=0), 0x41, [(0, 1), (8, 1)], [(0, 1), (8, 1)]),
     "bits": (dict(bit_limit=128, bit_gap=16), 0x00, [(0, 16), (31, 1), (48, 1), (63, 65)], [(0, 32), (48, 80)]),
     "the end of the address space": (W, 0x22, [(0, 2), (0xFFFFFFF0, 16)], [(0, 2), (0xFFFFFFF0, 16)]),
     "records by the way": (W, 0x22, [(100, 10), (115, 5)], [(100, 20)]),
