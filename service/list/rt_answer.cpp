@@ -147,9 +147,9 @@ void WriteBackRtData_Rd(std::uint16_t slot, const RegKey& key, const void* buffe
         const std::uint16_t at = next;
         RtItem& item = GuiRtList[at];
         next = NextRt(at);
-        // The request that was served is answered even when the cover arithmetic rounds it out: it is never widened
-        // then.
-        if (at == slot || (RtIdle(item) && Covers(key, item))) {
+        // The request that was served, the first, is answered even when the cover arithmetic rounds it out: it is never
+        // widened then. Its slot may hold another request when the walk comes to it again.
+        if (seen == 1 || (RtIdle(item) && Covers(key, item))) {
             item.result = PLC_SUCCESS;
             ++done;
             AnswerAndRemove(at, bytes + ValueOffset(key, item.key));

@@ -1,5 +1,6 @@
 """One-shot reads, writes, changes and pulses: exact driver calls, exact answers, none twice, nothing left behind."""
 import contextlib
+import fcntl
 import itertools
 import os
 import re
@@ -275,6 +276,23 @@ def test_pulses_and_writes_take_turns(start):
     assert client.passes(since) == [" ".join(f"r{n}x1 w{n}x1" for n in range(20, 25)), "w30x1", "w31x1 w32x1 w33x1",
                                     "w34x1", "w35x1"]
     client.nothing_left(listed=pulses)
+
+
+def test_a_slot_that_is_taken_again(start):
+    """A request that is listed in the slot of one just answered, while that read's others are, is not taken for it."""
+    client = Client(start(com_info(pause=1)))
+    service, last = client.service, read(9000)
+    with client.held():
+        for n, request in enumerate((read(105), read(5000), read(100, 10, flag=URGENT))):
+            service.send(request.frame(n), "mek")
+        blocked = os.open(service / "0", os.O_RDWR | os.O_CREAT)
+        fcntl.lockf(blocked, fcntl.LOCK_EX)  # the first one's answer has to wait
+    wait_for(lambda: service.peek("GuiListHead") & 0xFFFF == 2, "the urgent one gone")
+    service.send(last.frame(3), "mek")
+    client.fence()
+    os.close(blocked)
+    wait_for(lambda: (service / "3").exists() and len(read_locked(service / "3")) == 42, "the last answer")
+    assert read_locked(service / "3")[40:] == client.sim.value(last.key)
 
 
 def test_files_that_are_of_no_use(start):
