@@ -14,23 +14,23 @@ struct Facts {
     bool trusted;  // root's or our own
 };
 
-Facts Look(int directory, const char* path, int flags)
+Facts LookAt(int descriptor)
 {
     struct statx facts;
-    if (statx(directory, path, flags, STATX_TYPE | STATX_UID, &facts) != 0) return {FileKind::None, false};
+    if (statx(descriptor, "", AT_EMPTY_PATH, STATX_TYPE | STATX_UID, &facts) != 0) return {FileKind::None, false};
     const bool trusted = facts.stx_uid == 0 || facts.stx_uid == geteuid();
     if (S_ISREG(facts.stx_mode)) return {FileKind::Regular, trusted};
     return {S_ISFIFO(facts.stx_mode) ? FileKind::Fifo : FileKind::Other, trusted};
 }
 
+// By a descriptor: what translates paths between the service and the kernel may not know statx.
 Facts LookAt(const char* path)
 {
-    return Look(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW);
-}
-
-Facts LookAt(int descriptor)
-{
-    return Look(descriptor, "", AT_EMPTY_PATH);
+    const int descriptor = open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (descriptor < 0) return {FileKind::None, false};
+    const Facts facts = LookAt(descriptor);
+    close(descriptor);
+    return facts;
 }
 }  // namespace
 
