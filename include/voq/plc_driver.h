@@ -10,10 +10,10 @@
  * "RdOne"    the instance               { PlcRequest*, ComInfoRecord*, const UserOper* }
  * "WrOne"    the instance               { PlcRequest*, ComInfoRecord*, const UserOper* }
  *
- * "RdOne" and "WrOne" return PLC_DRV_OK, PLC_DRV_TIMEOUT, or anything else for a communication error. The instance may
- * be null when "Init" failed; the service calls "Init" again before the next operation. The argument array and the
- * request live only for the call; the ComInfoRecord is live, its values may change between calls. Commands are never
- * issued by two threads at once. */
+ * "RdOne" and "WrOne" return PLC_DRV_OK, PLC_DRV_TIMEOUT, PLC_DRV_REFUSED when the device answered that it does not
+ * know the range, or anything else for a communication error. The instance may be null when "Init" failed; the service
+ * calls "Init" again before the next operation. The argument array and the request live only for the call; the
+ * ComInfoRecord is live, its values may change between calls. Commands are never issued by two threads at once. */
 #ifndef VOQ_PLC_DRIVER_H
 #define VOQ_PLC_DRIVER_H
 
@@ -26,7 +26,7 @@
 extern "C" {
 #endif
 
-enum { PLC_DRV_OK = 0, PLC_DRV_TIMEOUT = 2, PLC_DRV_ERROR = 3 };
+enum { PLC_DRV_OK = 0, PLC_DRV_TIMEOUT = 2, PLC_DRV_ERROR = 3, PLC_DRV_REFUSED = 5 };
 
 /* One read or write. `data` holds `length` bytes in the PLC's own byte order: filled by "RdOne", sent by "WrOne".
  * `length` is width times the bytes per element; a bit register takes one byte per bit. */
