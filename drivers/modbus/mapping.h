@@ -25,9 +25,9 @@ struct Range {
     std::uint32_t bytes;  // bytes that each takes in the service's buffer: 1 per bit, 2 per register
 };
 
-// False when the area, the kind of element, the address or the direction is not one of Modbus, or when `length` is not
-// the length of the range's value.
-[[nodiscard]] bool MapRange(const RegKey& key, std::int32_t length, Direction direction, Range& range);
+// Null, or why no request can serve the key: the area, the kind of element, the address or the direction is not one of
+// Modbus, or `length` is not the length of the range's value.
+[[nodiscard]] const char* MapRange(const RegKey& key, std::int32_t length, Direction direction, Range& range);
 
 // Where the PLC is. Read anew at every call: the parameters are live.
 struct Endpoint {

@@ -1,54 +1,37 @@
 // Entry of the Modbus master drivers, TCP and RTU: dispatch, the transfer of a range in requests of the protocol's
 // size, and the judgement of failures. Runs on the service's threads, one command at a time; waits for the PLC.
-#include <errno.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "clock.h"
-#include "connection.h"
+#include "exchange.h"
 #include "mapping.h"
 #include "voq/plc_driver.h"
 
 namespace
 {
 
-// Registers arrive in host order from libmodbus; the service gets them as they lie on the wire, high byte first.
-int ReadPart(modbus_t* context, std::uint16_t area, int first, int count, std::uint8_t* data)
-{
-    if (area == COILS) return modbus_read_bits(context, first, count, data);
-    if (area == DISCRETE_INPUTS) return modbus_read_input_bits(context, first, count, data);
+// A part of the range: `count` coils or registers from `first`.
+struct Part {
+    std::uint16_t first;
+    std::uint16_t count;
+    std::uint32_t bytes;
+    std::uint8_t* data;
+};
 
-    std::uint16_t words[MaxReadRegisters];
-    const int got = area == INPUT_REGISTERS ? modbus_read_input_registers(context, first, count, words)
-                                            : modbus_read_registers(context, first, count, words);
-    for (int i = 0; i < got; i++) {
-        data[2 * i] = static_cast<std::uint8_t>(words[i] >> 8);
-        data[2 * i + 1] = static_cast<std::uint8_t>(words[i]);
-    }
-    return got;
+std::uint8_t ReadFunction(std::uint16_t area)
+{
+    if (area == COILS) return MODBUS_FC_READ_COILS;
+    if (area == DISCRETE_INPUTS) return MODBUS_FC_READ_DISCRETE_INPUTS;
+    return area == INPUT_REGISTERS ? MODBUS_FC_READ_INPUT_REGISTERS : MODBUS_FC_READ_HOLDING_REGISTERS;
 }
 
-// One coil or register goes with the single-write functions, which every PLC knows; more with the multiple ones.
-int WritePart(modbus_t* context, std::uint16_t area, int first, int count, const std::uint8_t* data)
+// One coil or register goes with the functions for one, which nearly every PLC knows, until the station says otherwise.
+std::uint8_t WriteFunction(std::uint16_t area, bool one)
 {
-    if (area == COILS) {
-        if (count == 1) return modbus_write_bit(context, first, data[0] != 0);
-        return modbus_write_bits(context, first, count, data);
-    }
-    std::uint16_t words[MaxWriteRegisters];
-    for (int i = 0; i < count; i++) words[i] = static_cast<std::uint16_t>(data[2 * i] << 8 | data[2 * i + 1]);
-    if (count == 1) return modbus_write_register(context, first, words[0]);
-    return modbus_write_registers(context, first, count, words);
-}
-
-Failure Judge(int error)
-{
-    if (error == EMBXGTAR) return Failure::GatewaySilent;
-    if (error >= EMBXILFUN && error < EMBXGTAR) return Failure::Refused;
-    if (error > EMBXGTAR && error <= EMBBADSLAVE) return Failure::Garbled;
-    return error == ETIMEDOUT ? Failure::Silent : Failure::Broken;
+    if (area == COILS) return one ? MODBUS_FC_WRITE_SINGLE_COIL : MODBUS_FC_WRITE_MULTIPLE_COILS;
+    return one ? MODBUS_FC_WRITE_SINGLE_REGISTER : MODBUS_FC_WRITE_MULTIPLE_REGISTERS;
 }
 
 void Announce(Connection& connection, std::uint8_t unit)
@@ -60,53 +43,87 @@ void Announce(Connection& connection, std::uint8_t unit)
     if (notice == Notice::Found) std::printf("*MODBUS*%s station %u found again\r\n", name, unit);
 }
 
-int RequestFailed(Connection& connection, std::uint8_t unit, int error)
+// A gateway's word that the station gave it no answer is worth as much as the silence itself.
+bool TimedOut(const Reply& reply)
 {
-    const Failure failure = Judge(error);
-    const bool closed = AbandonRequest(connection, failure);
-    Report(connection.reporter,
-           failure == Failure::Refused ? "request refused"
-           : closed                    ? "request failed, connection closed"
-                                       : "request failed",
-           error);
-    if (failure == Failure::Refused) NoteAnswer(connection.stations, unit);
-    if (failure == Failure::Garbled || failure == Failure::Broken) NoteFailure(connection.stations, unit, NowMs());
-    if (failure != Failure::Silent && failure != Failure::GatewaySilent) return PLC_DRV_ERROR;
-    NoteTimeout(connection.stations, unit, NowMs());
-    return PLC_DRV_TIMEOUT;
+    return reply.outcome == Outcome::NoAnswer || reply.outcome == Outcome::CutOff ||
+           (reply.outcome == Outcome::Refused && reply.detail == MODBUS_EXCEPTION_GATEWAY_TARGET);
 }
 
-// A part of the range: `count` coils or registers from `first`.
-struct Part {
-    int first;
-    int count;
-    std::uint32_t bytes;
-    std::uint8_t* data;
-};
+int Conclude(Connection& connection, const Question& question, const Reply& reply, std::uint64_t askedMs)
+{
+    StationTable& stations = connection.stations;
+    const std::uint64_t now = NowMs();
+    if (reply.outcome != Outcome::Done) ReportFailure(connection.messages, connection.reporter.name, question, reply);
+    if (TimedOut(reply)) {
+        NoteTimeout(stations, question.unit, askedMs, now);
+        return PLC_DRV_TIMEOUT;
+    }
+    if (reply.outcome != Outcome::Done && reply.outcome != Outcome::Refused) {
+        NoteFailure(stations, question.unit, askedMs, now);
+        return PLC_DRV_ERROR;
+    }
+    NoteAnswer(stations, question.unit, askedMs, now);
+    if (reply.outcome == Outcome::Done) return PLC_DRV_OK;
+    const bool range =
+        reply.detail == MODBUS_EXCEPTION_ILLEGAL_DATA_ADDRESS || reply.detail == MODBUS_EXCEPTION_ILLEGAL_DATA_VALUE;
+    return range ? PLC_DRV_REFUSED : PLC_DRV_ERROR;
+}
+
+// One request, from making the connection ready to the judgement of what came.
+int Exchange(Connection& connection, const ComInfoRecord& info, const Question& question, const Part& part,
+             Reply& reply)
+{
+    StationTable& stations = connection.stations;
+    const std::uint64_t begun = NowMs();
+    std::uint32_t limitMs = AnswerLimitMs(stations, question.unit, RequestTimeoutMs(info));
+    const int ready = PrepareRequest(connection, info, question.unit, part.bytes, limitMs);
+    if (ready == PLC_DRV_TIMEOUT) NoteTimeout(stations, question.unit, begun, NowMs());
+    if (ready != PLC_DRV_TIMEOUT && ready != PLC_DRV_OK) NoteFailure(stations, question.unit, begun, NowMs());
+    if (ready != PLC_DRV_OK) return ready;
+    const std::uint64_t asked = NowMs();
+    reply = Ask(connection, info, question, part.data, limitMs);
+    return Conclude(connection, question, reply, asked);
+}
+
+bool FunctionUnknown(const Reply& reply)
+{
+    return reply.outcome == Outcome::Refused && reply.detail == MODBUS_EXCEPTION_ILLEGAL_FUNCTION;
+}
+
+// A station that does not know the function for one is written with the one for many from now on, and the other way
+// round; it is tried at once.
+int WriteOne(Connection& connection, const ComInfoRecord& info, const RegKey& key, const Part& part)
+{
+    bool& asMany = connection.stations.stations[key.plcno].oneAsMany[key.regid == COILS ? 0 : 1];
+    Question question = {key.plcno, WriteFunction(key.regid, !asMany), part.first, part.count};
+    Reply reply = {};
+    const int result = Exchange(connection, info, question, part, reply);
+    if (!FunctionUnknown(reply)) return result;
+    asMany = !asMany;
+    const std::uint8_t unknown = question.function;
+    question.function = WriteFunction(key.regid, !asMany);
+    ReportSingleWrites(connection.messages, connection.reporter.name, key.plcno, unknown, question.function);
+    return Exchange(connection, info, question, part, reply);
+}
 
 // A lost station is answered for without being asked, until its next probe is due.
 int Request(Connection& connection, const ComInfoRecord& info, const RegKey& key, Direction direction, const Part& part)
 {
-    StationTable& stations = connection.stations;
-    if (!MayAsk(stations, key.plcno, NowMs())) return PLC_DRV_TIMEOUT;
-    if (const int result = PrepareRequest(connection, info, key.plcno, part.bytes); result != PLC_DRV_OK) {
-        if (result == PLC_DRV_TIMEOUT) NoteTimeout(stations, key.plcno, NowMs());
-        if (result != PLC_DRV_TIMEOUT) NoteFailure(stations, key.plcno, NowMs());
-        return result;
-    }
-    const int moved = direction == Direction::Read
-                          ? ReadPart(connection.context, key.regid, part.first, part.count, part.data)
-                          : WritePart(connection.context, key.regid, part.first, part.count, part.data);
-    int error = errno;
-    bool good = moved == part.count;
-    if (good && !AnswerIsSure(connection, info, key.plcno)) {
-        good = false;
-        error = EMBBADDATA;
-    }
-    connection.lastMs = NowMs();
-    if (!good) return RequestFailed(connection, key.plcno, error);
-    NoteAnswer(stations, key.plcno);
-    return PLC_DRV_OK;
+    TakeLateAnswers(connection, info);
+    if (!MayAsk(connection.stations, key.plcno, NowMs())) return PLC_DRV_TIMEOUT;
+    if (direction == Direction::Write && part.count == 1) return WriteOne(connection, info, key, part);
+    const bool read = direction == Direction::Read;
+    const std::uint8_t function = read ? ReadFunction(key.regid) : WriteFunction(key.regid, false);
+    Reply reply = {};
+    return Exchange(connection, info, {key.plcno, function, part.first, part.count}, part, reply);
+}
+
+void FollowTarget(Connection& connection, const ComInfoRecord& info)
+{
+    if (connection.context == nullptr || SameTarget(connection.madeFor, info)) return;
+    ReleaseConnection(connection);
+    ForgetDevices(connection.stations);
 }
 
 // In order, up to the first request that fails.
@@ -114,20 +131,21 @@ std::int32_t Transfer(Connection& connection, const PlcRequest* request, const C
 {
     if (request == nullptr || request->key == nullptr || request->data == nullptr || info == nullptr)
         return PLC_DRV_ERROR;
+    FollowTarget(connection, *info);
     const RegKey& key = *request->key;
     Range range;
-    if (!MapRange(key, request->length, direction, range)) return PLC_DRV_ERROR;
-
-    if (connection.context != nullptr && !SameTarget(connection.madeFor, *info)) {
-        ReleaseConnection(connection);
-        ProbeAll(connection.stations);
+    const char* why = ServesUnit(key.plcno) ? MapRange(key, request->length, direction, range) : "no such station";
+    if (why != nullptr) {
+        NameTarget(connection, *info);
+        ReportKey(connection.messages, connection.reporter.name, key, why);
+        return PLC_DRV_REFUSED;
     }
     auto* data = static_cast<std::uint8_t*>(request->data);
     int result = PLC_DRV_OK;
     for (std::uint32_t done = 0; done < range.count && result == PLC_DRV_OK; done += range.step) {
         const std::uint32_t count = range.count - done < range.step ? range.count - done : range.step;
-        const Part part = {static_cast<int>(range.first + done), static_cast<int>(count), count * range.bytes,
-                           data + done * range.bytes};
+        const Part part = {static_cast<std::uint16_t>(range.first + done), static_cast<std::uint16_t>(count),
+                           count * range.bytes, data + done * range.bytes};
         result = Request(connection, *info, key, direction, part);
         Announce(connection, key.plcno);
     }

@@ -52,3 +52,11 @@ std::size_t FindRequest(const std::uint8_t* bytes, std::size_t count, std::uint8
     }
     return 0;
 }
+
+std::size_t AnswerLength(const std::uint8_t* bytes)
+{
+    const std::uint8_t function = bytes[1];
+    if ((function & 0x80) != 0) return 5;
+    if (function >= 1 && function <= 4) return bytes[2] <= 250 ? 5u + bytes[2] : 0;
+    return function == 5 || function == 6 || function == 15 || function == 16 ? 8 : 0;
+}

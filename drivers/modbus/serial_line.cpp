@@ -42,7 +42,7 @@ bool SameLine(const ComInfoRecord& a, const ComInfoRecord& b)
 }
 
 // The environment is for boxes that name their ports otherwise.
-modbus_t* NewLine(const ComInfoRecord& info, Reporter& reporter)
+void NameLine(const ComInfoRecord& info, Reporter& reporter)
 {
     char text[32];
     std::snprintf(text, sizeof text, "VOQ_SERIAL_%u", info.portNo);
@@ -52,11 +52,16 @@ modbus_t* NewLine(const ComInfoRecord& info, Reporter& reporter)
         device = text;
     }
     std::snprintf(reporter.name, sizeof reporter.name, "%s", device);
+}
+
+modbus_t* NewLine(const ComInfoRecord& info, Reporter& reporter)
+{
+    NameLine(info, reporter);
     modbus_t* context = nullptr;
     errno = EINVAL;
     if (Possible(info))
-        context = modbus_new_rtu(device, static_cast<int>(info.baudOrAddress), Parities[info.parity], info.dataBits,
-                                 info.stopBits);
+        context = modbus_new_rtu(reporter.name, static_cast<int>(info.baudOrAddress), Parities[info.parity],
+                                 info.dataBits, info.stopBits);
     if (context == nullptr) Report(reporter, "line settings", errno);
     return context;
 }

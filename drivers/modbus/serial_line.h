@@ -11,6 +11,9 @@
 
 [[nodiscard]] bool SameLine(const ComInfoRecord& a, const ComInfoRecord& b);
 
+// Names the reporter after the line's device.
+void NameLine(const ComInfoRecord& info, Reporter& reporter);
+
 // A libmodbus context for the line, not yet open; names the reporter after the device. Null for settings that no line
 // can have, which is reported.
 [[nodiscard]] modbus_t* NewLine(const ComInfoRecord& info, Reporter& reporter);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 #include "clock.h"
 #include "connection.h"
@@ -13,6 +14,9 @@
 
 namespace
 {
+
+constexpr std::size_t HeaderBytes = 7;
+constexpr std::uint8_t LastUnit = 247;
 
 // Between two requests nothing may arrive. A byte is the rest of something unasked; an end of file is a PLC that
 // dropped an idle connection, which is better found out before the request than by losing it.
@@ -23,12 +27,16 @@ bool Idle(const Connection& connection)
     return got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
 }
 
+void Dotted(std::uint32_t ip, char (&text)[16])
+{
+    std::snprintf(text, sizeof text, "%u.%u.%u.%u", ip >> 24, ip >> 16 & 0xFF, ip >> 8 & 0xFF, ip & 0xFF);
+}
+
 bool MakeContext(Connection& connection, const ComInfoRecord& info, const Endpoint& endpoint)
 {
-    const std::uint32_t ip = endpoint.address;
     char text[16];
-    std::snprintf(text, sizeof text, "%u.%u.%u.%u", ip >> 24, ip >> 16 & 0xFF, ip >> 8 & 0xFF, ip & 0xFF);
-    std::snprintf(connection.reporter.name, sizeof connection.reporter.name, "%s:%u", text, endpoint.port);
+    Dotted(endpoint.address, text);
+    NameTarget(connection, info);
     connection.context = modbus_new_tcp(text, endpoint.port);
     connection.madeFor = info;
     return connection.context != nullptr;
@@ -54,8 +62,22 @@ bool SameTarget(const ComInfoRecord& a, const ComInfoRecord& b)
     return one.address == other.address && one.port == other.port;
 }
 
+void NameTarget(Connection& connection, const ComInfoRecord& info)
+{
+    const Endpoint endpoint = EndpointOf(info);
+    char text[16];
+    Dotted(endpoint.address, text);
+    std::snprintf(connection.reporter.name, sizeof connection.reporter.name, "%s:%u", text, endpoint.port);
+}
+
+bool ServesUnit(std::uint8_t unit)
+{
+    return unit <= LastUnit || unit == MODBUS_TCP_SLAVE;
+}
+
 // What connecting took is taken off the request's time. The number of values is nothing to a network.
-int PrepareRequest(Connection& connection, const ComInfoRecord& info, std::uint8_t unit, std::uint32_t)
+int PrepareRequest(Connection& connection, const ComInfoRecord& info, std::uint8_t unit, std::uint32_t,
+                   std::uint32_t& limitMs)
 {
     const std::uint64_t start = NowMs();
     const Endpoint endpoint = EndpointOf(info);
@@ -63,27 +85,52 @@ int PrepareRequest(Connection& connection, const ComInfoRecord& info, std::uint8
     if (connection.context == nullptr && !MakeContext(connection, info, endpoint)) return PLC_DRV_ERROR;
     if (modbus_set_slave(connection.context, unit) != 0) return PLC_DRV_ERROR;
 
-    SetTimeLimit(connection, endpoint.timeoutMs);
-    if (connection.open && !Idle(connection)) CloseConnection(connection);
+    if (connection.open && (connection.timeouts >= MaxTimeouts || !Idle(connection))) CloseConnection(connection);
     if (connection.open) return PLC_DRV_OK;
+    SetTimeLimit(connection, limitMs);
     if (const int result = Connect(connection); result != PLC_DRV_OK) return result;
     const std::uint64_t passed = NowMs() - start;
-    SetTimeLimit(connection, endpoint.timeoutMs - std::min<std::uint64_t>(passed, endpoint.timeoutMs - 1u));
+    limitMs -= static_cast<std::uint32_t>(std::min<std::uint64_t>(passed, limitMs - 1u));
     return PLC_DRV_OK;
 }
 
-// The transaction number has said so, and the connection of a request that timed out is gone.
+// The header is made here: libmodbus numbers only the requests that it makes itself, and those it does not let anybody
+// see the number of.
+bool SendPdu(Connection& connection, std::uint8_t unit, const std::uint8_t* pdu, std::size_t length)
+{
+    const std::uint16_t number = ++connection.number;
+    const auto behind = static_cast<std::uint16_t>(length + 1);
+    std::uint8_t frame[MODBUS_TCP_MAX_ADU_LENGTH] = {
+        static_cast<std::uint8_t>(number >> 8), static_cast<std::uint8_t>(number), 0,   0,
+        static_cast<std::uint8_t>(behind >> 8), static_cast<std::uint8_t>(behind), unit};
+    std::memcpy(frame + HeaderBytes, pdu, length);
+    const std::size_t size = HeaderBytes + length;
+    const ssize_t sent = send(modbus_get_socket(connection.context), frame, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent >= 0 && static_cast<std::size_t>(sent) != size) errno = EAGAIN;
+    return sent >= 0 && static_cast<std::size_t>(sent) == size;
+}
+
+// The length in the header is not compared: devices count it in ways of their own, and the function says it too.
+bool TakeApart(const std::uint8_t* frame, int got, Answer& answer)
+{
+    const bool modbus = got > static_cast<int>(HeaderBytes) && frame[2] == 0 && frame[3] == 0 && frame[4] <= 1;
+    if (!modbus) return false;
+    const auto length = static_cast<std::size_t>(got) - HeaderBytes;
+    answer = {static_cast<std::uint16_t>(frame[0] << 8 | frame[1]), frame[6], frame + HeaderBytes, length};
+    return true;
+}
+
+// The transaction number has said so.
 bool AnswerIsSure(Connection&, const ComInfoRecord&, std::uint8_t)
 {
     return true;
 }
 
-// An answer that comes after its time-out must not be taken for the next request's. The transaction number alone would
-// catch it but leave it in the stream ahead of the right answer; a new connection leaves it nowhere to arrive. The same
-// holds for an answer that is malformed or carries a wrong number. What a gateway says of a station is a whole answer.
-bool AbandonRequest(Connection& connection, Failure failure)
+// After a time-out the connection stays: the transaction number tells a late answer from the right one. Only when one
+// request after the other times out may the connection be what is broken; the next one begins with a new connection.
+// Where something else came than the answer, nobody knows any more where the next one begins.
+void AbandonRequest(Connection& connection, Outcome outcome)
 {
-    if (failure == Failure::Refused || failure == Failure::GatewaySilent) return false;
-    CloseConnection(connection);
-    return true;
+    const bool whole = outcome == Outcome::Done || outcome == Outcome::Refused || outcome == Outcome::NoAnswer;
+    if (!whole) CloseConnection(connection);
 }
