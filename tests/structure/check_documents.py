@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Compares the documents with the sources: check_documents.py TREE.
 
-Every message text of the service stands in docs/operating.md and every text there in the service; the record tables of
-docs/files.md say what the layouts assert; every link of a document leads to a file and a heading.
+Every message text of the service stands in docs/operating.md, every one of the Modbus drivers in docs/modbus.md, and the
+texts there in the sources; the record tables of docs/files.md say what the layouts assert; every link of a document leads to a file and a heading.
 """
 import pathlib
 import re
@@ -16,11 +16,11 @@ def bare(text):
     return re.sub(r"(\\[rn]|\s)+$", "", text).strip()
 
 
-def literals(tree):
-    """All string literals of the service, and those that are texts: of several words, with a line's end or a value, or
+def literals(folder):
+    """All string literals of the folder, and those that are texts: of several words, with a line's end or a value, or
     handed to a printing function."""
     every, texts = set(), set()
-    for path in sorted((tree / "service").rglob("*.[ch]*")):
+    for path in sorted(folder.rglob("*.[ch]*")):
         code = re.sub(r"^\s*#.*$|//.*$", "", path.read_text(), flags=re.M)
         code = re.sub(r'"\s*\n\s*"', "", code)
         every |= {bare(text) for text in re.findall(LITERAL, code)}
@@ -29,13 +29,13 @@ def literals(tree):
     return every, {text for text in texts if re.search(r"\w", re.sub(r"%\w+", "", text))}  # values alone are none
 
 
-def check_messages(tree):
-    every, texts = literals(tree)
-    section = (tree / "docs/operating.md").read_text().partition("\n## Messages\n")[2].partition("\n## ")[0]
+def check_messages(tree, sources, document):
+    every, texts = literals(tree / sources)
+    section = (tree / "docs" / document).read_text().partition("\n## Messages\n")[2].partition("\n## ")[0]
     rows = re.findall(r"^\| (`.*?`) \| ", section, re.M)
     listed = [text.strip() for row in rows for text in re.findall("`([^`]+)`", row)]
-    yield from (f"operating.md lacks the message {text!r}" for text in sorted(texts - set(listed)))
-    yield from (f"operating.md lists {text!r}, which the service does not print" for text in listed if text not in every)
+    yield from (f"{document} lacks the message {text!r}" for text in sorted(texts - set(listed)))
+    yield from (f"{document} lists {text!r}, which {sources} does not print" for text in listed if text not in every)
 
 
 def check_records(tree):
@@ -65,7 +65,9 @@ def check_links(tree):
 
 def main():
     tree = pathlib.Path(sys.argv[1]).resolve()
-    wrong = [line for check in (check_messages, check_records, check_links) for line in check(tree)]
+    checks = (check_messages(tree, "service", "operating.md"), check_messages(tree, "drivers/modbus", "modbus.md"),
+              check_records(tree), check_links(tree))
+    wrong = [line for check in checks for line in check]
     print("\n".join(wrong + [f"{len(wrong)} wrong"]))
     return 1 if wrong else 0
 
