@@ -5,6 +5,7 @@
 // 0        64       head: magic, version, size                    driver, when the file is new
 // 64       64       settings: delay and failures                  test (failCount also by the driver, counting down)
 // 128      64       statistics                                    driver
+// 192      1028     holes: addresses that the device does not know  test
 // 4096     131072   the last 4096 calls, 32 bytes each            driver
 // 135168   4194304  registers: station x area x 65536 bytes       both
 //
@@ -29,6 +30,7 @@ inline constexpr std::uint32_t SimSineArea = 6;
 inline constexpr std::uint32_t SimSquareArea = 7;
 
 inline constexpr std::uint32_t SimCallSlots = 4096;
+inline constexpr std::uint32_t SimHoles = 64;  // more than any test digs
 
 enum SimFailure : std::uint32_t {
     SIM_FAIL_NONE = 0,
@@ -61,6 +63,14 @@ struct SimCall {
 };
 static_assert(sizeof(SimCall) == 32);
 
+// Addresses that a station's area does not have: a request that touches one of them is refused (PLC_DRV_REFUSED).
+struct SimHole {
+    std::atomic<std::uint32_t> plcno;
+    std::atomic<std::uint32_t> regid;
+    std::atomic<std::uint32_t> first;
+    std::atomic<std::uint32_t> amount;
+};
+
 struct SimControl {
     // Head.
     std::atomic<std::uint64_t> magic;
@@ -87,7 +97,11 @@ struct SimControl {
     std::atomic<std::uint32_t> logged;       // calls logged; the last one lies in slot (logged - 1) mod 4096
     std::uint8_t statisticsRest[32];
 
-    std::uint8_t gap[3904];
+    // Holes. Set `holeCount` last.
+    std::atomic<std::uint32_t> holeCount;
+    SimHole holes[SimHoles];
+
+    std::uint8_t gap[2876];
     std::array<std::atomic<std::uint64_t>, sizeof(SimCall) / 8> calls[SimCallSlots];
 
     std::uint8_t registers[SimStations][SimAreas][SimAreaBytes];
@@ -98,6 +112,7 @@ static_assert(offsetof(SimControl, delayUs) == 64);
 static_assert(offsetof(SimControl, failCommand) == 80);
 static_assert(offsetof(SimControl, inits) == 128);
 static_assert(offsetof(SimControl, logged) == 156);
+static_assert(offsetof(SimControl, holeCount) == 192 && offsetof(SimControl, holes) == 196);
 static_assert(offsetof(SimControl, calls) == 4096);
 static_assert(offsetof(SimControl, registers) == 135168);
 static_assert(sizeof(SimControl) == 4329472);

@@ -3,6 +3,7 @@
 // call.
 #include <time.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -10,6 +11,7 @@
 #include "sim_file.h"
 #include "sim_registers.h"
 #include "voq/plc_driver.h"
+#include "voq/reg_range.h"
 
 namespace
 {
@@ -91,6 +93,18 @@ std::uint32_t Suffer(SimControl& control, SimCommand command, const RegKey& key)
     return SIM_FAIL_NONE;
 }
 
+bool TouchesHole(const SimControl& control, const RegKey& key)
+{
+    const std::uint64_t end =
+        key.addr + ((std::uint64_t{key.width} * ElemBytes(key) + UnitBytes(key) - 1) / UnitBytes(key));
+    const std::uint32_t count = std::min(control.holeCount.load(std::memory_order_acquire), SimHoles);
+    return std::any_of(control.holes, control.holes + count, [&](const SimHole& hole) {
+        const std::uint64_t first = hole.first.load(Relaxed);
+        return hole.plcno.load(Relaxed) == key.plcno && hole.regid.load(Relaxed) == key.regid && first < end &&
+               first + hole.amount.load(Relaxed) > key.addr;
+    });
+}
+
 std::int32_t Access(Sim& sim, SimCommand command, const PlcRequest* request)
 {
     if (request == nullptr || request->key == nullptr || request->data == nullptr) return PLC_DRV_ERROR;
@@ -106,6 +120,7 @@ std::int32_t Access(Sim& sim, SimCommand command, const PlcRequest* request)
     (read ? control.reads : control.writes).fetch_add(1, Relaxed);
     if (const std::uint32_t delay = control.delayUs.load(Relaxed); delay != 0) Sleep(delay);
     std::uint32_t result = Suffer(control, command, key);
+    if (result == SIM_FAIL_NONE && TouchesHole(control, key)) result = PLC_DRV_REFUSED;
     if (result == SIM_FAIL_NONE)
         result = static_cast<std::uint32_t>(read ? ReadRegisters(control, key, data, request->length)
                                                  : WriteRegisters(control, key, data, request->length));
