@@ -57,12 +57,12 @@ int ForEachChunk(const RegKey& key, void* buffer, ChunkOper oper)
     return PLC_SUCCESS;
 }
 
-int WithRetries(RegKey key, void* buffer, ChunkOper oper, int mode)
+int WithRetries(RegKey key, void* buffer, ChunkOper oper, int mode, bool takesRefusal = false)
 {
     int result = PLC_ERROR;
     for (int attempt = 0; attempt < Attempts; ++attempt) {
         result = oper(key, buffer);
-        if (result == PLC_SUCCESS) return result;
+        if (result == PLC_SUCCESS || (takesRefusal && LastRefused)) return result;
         TaskSleep(static_cast<std::int32_t>(comIntervals));
     }
     std::printf("*VOQ*ERROR timeout! mode:%d error:%d\r\n", mode, Attempts);
@@ -76,6 +76,10 @@ int WriteWithRetries(RegKey key, void* buffer)
 int ReadWithRetries(RegKey key, void* buffer)
 {
     return WithRetries(key, buffer, PlcDrvRead, PLC_READ_RETRY);
+}
+int ReadJoined(RegKey key, void* buffer)
+{
+    return WithRetries(key, buffer, PlcDrvRead, PLC_READ_RETRY, true);
 }
 
 // Only the main thread changes the counters; the service threads look at them.
@@ -100,11 +104,22 @@ void NoteSuccess()
     ClearFailures(GlobeComError, ClrComError);
 }
 
+std::int32_t Transfer(const char* command, const RegKey& key, void* buffer)
+{
+    const std::int32_t driverResult = DriverTransfer(command, key, buffer);
+    LastRefused = driverResult == PLC_DRV_REFUSED;
+    return driverResult;
+}
+
 int NoteFailure(std::int32_t driverResult)
 {
     if (driverResult == PLC_DRV_TIMEOUT) {
         CountFailure(GlobeTimeout, TimeoutMarkerAt, SetTimeout);
         return PLC_TIMEOUT;
+    }
+    if (driverResult == PLC_DRV_REFUSED) {
+        ClearFailures(GlobeTimeout, ClrTimeout);
+        return PLC_ERROR;
     }
     CountFailure(GlobeComError, ComErrorMarkerAt, SetComError);
     return PLC_ERROR;
@@ -113,6 +128,7 @@ int NoteFailure(std::int32_t driverResult)
 
 int PlcOper(RegKey key, void* buffer, int mode)
 {
+    LastRefused = false;  // there may be nothing to transfer
     switch (mode) {
         case PLC_READ_ONCE:
             return ForEachChunk(key, buffer, PlcDrvRead);
@@ -120,6 +136,8 @@ int PlcOper(RegKey key, void* buffer, int mode)
             return ForEachChunk(key, buffer, WriteWithRetries);
         case PLC_READ_RETRY:
             return ForEachChunk(key, buffer, ReadWithRetries);
+        case PLC_READ_JOINED:
+            return ForEachChunk(key, buffer, ReadJoined);
         default:
             return PLC_SUCCESS;
     }
@@ -145,7 +163,7 @@ int PlcDrvRead(RegKey key, void* buffer)
     }
     // The driver is told a length of 0 for the element sizes that name none; the region still has bytes.
     if (PlcGetBytes(key) < length) std::memset(buffer, 0, length);
-    const std::int32_t driverResult = DriverTransfer("RdOne", key, buffer);
+    const std::int32_t driverResult = Transfer("RdOne", key, buffer);
     if (driverResult != PLC_DRV_OK) return NoteFailure(driverResult);
     NoteSuccess();
     return PLC_SUCCESS;
@@ -154,7 +172,7 @@ int PlcDrvRead(RegKey key, void* buffer)
 int PlcDrvWrite(RegKey key, void* buffer)
 {
     if (_cmd == nullptr) return PLC_ERROR;
-    const std::int32_t driverResult = DriverTransfer("WrOne", key, buffer);
+    const std::int32_t driverResult = Transfer("WrOne", key, buffer);
     if (driverResult != PLC_DRV_OK) return NoteFailure(driverResult);
     UpdateOrgAfterWrite(key, PlcGetBytes(key), buffer);
     NoteSuccess();

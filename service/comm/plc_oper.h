@@ -9,13 +9,17 @@
 #include "voq/rt_item.h"
 
 // Modes of PlcOper. Any other mode makes no driver call and succeeds.
-inline constexpr int PLC_READ_ONCE = 0;   // one attempt per chunk
-inline constexpr int PLC_WRITE = 1;       // up to three attempts per chunk
-inline constexpr int PLC_READ_RETRY = 2;  // up to three attempts per chunk
+inline constexpr int PLC_READ_ONCE = 0;    // one attempt per chunk
+inline constexpr int PLC_WRITE = 1;        // up to three attempts per chunk
+inline constexpr int PLC_READ_RETRY = 2;   // up to three attempts per chunk
+inline constexpr int PLC_READ_JOINED = 3;  // the same, but a refusal ends it at once
 
 // While one lives, a failed access counts for nothing and makes no marker: no client asked for it. Main thread.
 inline bool FailuresUncounted = false;
 using UncountedFailures = ScopedFlag<FailuresUncounted>;
+
+// The last driver access ended with a refusal by the device, an answer although it counts as a failure. Main thread.
+inline bool LastRefused = false;
 
 // Each takes a range and a buffer of GetRegBuffLen(key) bytes and returns PLC_SUCCESS, PLC_TIMEOUT or PLC_ERROR (also
 // when no driver is loaded). A chunk that fails ends the operation; earlier chunks' bytes stay in the buffer.
