@@ -32,6 +32,9 @@ constexpr DrvOps PlcOps = {PlcDrvReadPack, PlcDrvWritePack};
 // for ever behind more of them than a pass may try.
 std::bitset<RtSlots> HadTurn;
 
+// Reads that a joined read was refused for: each is read alone.
+std::bitset<RtSlots> ReadAlone;
+
 // First entry that is wanted, or RtEnd.
 std::uint16_t FindRt(bool (*wanted)(std::uint16_t slot))
 {
@@ -186,15 +189,45 @@ bool WantedRead(std::uint16_t slot)
     return IsRead(GuiRtList[slot]);
 }
 
+bool Within(const RegKey& read, const RegKey& range)
+{
+    return SameReadArea(range, read) && range.addr >= read.addr && PollEnd(range) <= PollEnd(read);
+}
+
+// The device refused the joined read `key`, made for `slot` and others.
+void ReadEachAlone(const RegKey& key, std::uint16_t slot)
+{
+    for (int steps = 0; slot != RtEnd && steps < RtSlots; ++steps, slot = NextRt(slot)) {
+        if (IsRead(GuiRtList[slot]) && Within(key, GuiRtList[slot].key)) ReadAlone.set(slot);
+    }
+}
+
+// A joined read that is refused answers nobody.
+void ServeRead(std::uint16_t slot)
+{
+    RtItem& item = GuiRtList[slot];
+    RegKey key = item.key;
+    if (pack_disable == 0 && !ReadAlone.test(slot)) GetRtRdPack(key, slot);
+    const bool joined = NodeCompare(key, item.key) != 0;
+    const int result = PlcOper(key, ReadBuffer, joined ? PLC_READ_JOINED : PLC_READ_RETRY);
+    if (joined && LastRefused) {
+        ReadEachAlone(key, slot);
+        return;
+    }
+    ReadAlone.reset(slot);
+    item.result = static_cast<std::uint8_t>(result);
+    WriteBackRtData_Rd(slot, key, ReadBuffer);
+}
+
 void ServeReads()
 {
     for (std::uint32_t served = 0; served <= MaxRtList; ++served) {
         const std::uint16_t slot = FindRt(WantedRead);
-        if (slot == RtEnd) return;
-        RegKey key = GuiRtList[slot].key;
-        if (pack_disable == 0) GetRtRdPack(key, slot);
-        GuiRtList[slot].result = static_cast<std::uint8_t>(PlcOper(key, ReadBuffer, PLC_READ_RETRY));
-        WriteBackRtData_Rd(slot, key, ReadBuffer);
+        if (slot == RtEnd) {
+            ReadAlone.reset();
+            return;
+        }
+        ServeRead(slot);
     }
 }
 
@@ -245,7 +278,7 @@ void GetRtRdPack(RegKey& key, std::uint16_t slot)
     std::uint16_t at = NextRt(slot);
     for (int steps = 0; at != RtEnd && steps < RtSlots; ++steps, at = NextRt(at)) {
         const RtItem& item = GuiRtList[at];
-        if (!RtIdle(item) || !IsRead(item) || !SameReadArea(item.key, key)) continue;
+        if (!RtIdle(item) || !IsRead(item) || ReadAlone.test(at) || !SameReadArea(item.key, key)) continue;
         widening.Take(item.key);
         if (key.width == limit) return;
     }

@@ -164,7 +164,7 @@ class Client:
 
 
 L8 = dict(word_limit=8)
-BITS, DOUBLE, FAR = dict(layout=0x00), dict(layout=0x24), [1000 + 100 * i for i in range(10)]
+HOLED, BITS, DOUBLE, FAR = dict(regid=3), dict(layout=0x00), dict(layout=0x24), [1000 + 100 * i for i in range(10)]
 CASES = {  # settings of the port, requests listed at once, driver calls of each pass
     "urgent ones go first, the latest before all": (
         {}, [write(1, 1), write(2, 2), write(3, 3, flag=URGENT), read(100), read(300, flag=URGENT),
@@ -194,6 +194,8 @@ CASES = {  # settings of the port, requests listed at once, driver calls of each
     "other areas": ({}, [read(0), read(1, regid=2), read(1, plcno=2), read(1, subaddr=1), read(1, layout=0x12),
                          read(2, subaddr=0x10000)], ["r0x3 r1x1 r1x1 r1x1", "r1x1"]),
     "group bit": ({}, [read(10), read(12, flag=GROUP), write(20, 7, flag=GROUP)], ["w20x1 r10x3"]),
+    "joined over a hole": ({}, [read(10, **HOLED), read(20, 2, code=3, **HOLED), read(30, **HOLED), read(31, **HOLED)],
+                           ["r10x22!5 r10x1 r20x2!5 r20x2!5 r20x2!5 r30x1", "r31x1"]),
     "unpacked": (dict(packing=1), [read(0), read(1), read(0)], ["r0x1 r1x1"]),
     "chunks": ({}, [read(1000, 150), write(1000, *range(150)), flip(Key(2000, 130))],
                ["w1000x64 w1064x64 w1128x22 r2000x64 r2064x64 r2128x2 w2000x64 w2064x64 w2128x2 "
@@ -224,6 +226,7 @@ def test_driver_calls(start, name):
     settings, requests, passes = CASES[name]
     client = Client(start(com_info(pause=1, **settings)))
     sim = client.sim
+    sim.dig(Key(21, **HOLED))
     values = {r.key: sim.value(r.key) for r in requests if r.key.size < 65536}
     with client.held() as since:
         numbers = client.post(*requests)
