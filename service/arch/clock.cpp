@@ -1,7 +1,8 @@
-// Wall clock, elapsed milliseconds and sleeping, on any thread.
+// Wall clock, steady clock, elapsed milliseconds and sleeping, on any thread.
 #include "arch/clock.h"
 
 #include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -47,6 +48,13 @@ std::int32_t NodeTimePassed(std::int32_t seconds, std::int32_t microseconds)
                     now.seconds, seconds, now.microseconds, microseconds);
     }
     return passed;
+}
+
+std::uint64_t SteadyMs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1000 + static_cast<std::uint64_t>(now.tv_nsec) / 1000000;
 }
 
 void TaskSleep(std::int32_t milliseconds)

@@ -1,4 +1,4 @@
-// Wall clock, elapsed milliseconds and sleeping. Every operation may be called on any thread.
+// Wall clock, steady clock, elapsed milliseconds and sleeping. Every operation may be called on any thread.
 #pragma once
 
 #include <cstdint>
@@ -19,6 +19,9 @@ std::int32_t GetMsFormStart();
 
 // The same for the stamp of a record; a negative result (the clock went back) is reported and returned.
 std::int32_t NodeTimePassed(std::int32_t seconds, std::int32_t microseconds);
+
+// Milliseconds of a clock that nobody sets, from a moment before the start.
+std::uint64_t SteadyMs();
 
 void TaskSleep(std::int32_t milliseconds);
 void SleepMicroseconds(std::uint32_t microseconds);

@@ -13,6 +13,8 @@ std::uint16_t CurrentFastList;
 
 namespace
 {
+std::uint32_t LastSerial VOQ_GUARDED_BY(fast_rwlock);
+
 // Slot of the first entry, or FastEnd: the head of an empty list is 0, not FastEnd.
 std::uint16_t FirstSlot() VOQ_REQUIRES_SHARED(fast_rwlock)
 {
@@ -101,6 +103,8 @@ std::uint16_t AddFastIndex(RegKey key, std::uint16_t fileno, std::uint32_t orgof
     item.key = key;
     item.inuse = 1;
     item.fileno = fileno;
+    if (++LastSerial == 0) ++LastSerial;
+    item.serial = LastSerial;
     item.orgoffset = orgoffset != 0 ? orgoffset : GetOrgOffset(key);
     return slot;
 }

@@ -21,6 +21,7 @@ struct FastItem {
     std::uint16_t fileno;     // of the log-on that made the entry
     std::uint16_t inuse;
     std::uint16_t logtimes;  // log-ons not yet matched by a log-off
+    std::uint32_t serial;    // tells the entry from an earlier one in its slot; never 0
 };
 
 extern RwLock fast_rwlock;

@@ -1,24 +1,37 @@
 // The fast-list pass, on the main thread.
 #include "oper/fast_pass.h"
 
+#include <algorithm>
 #include <cstdio>
 
+#include "arch/clock.h"
 #include "comm/plc_oper.h"
 #include "list/fast_list.h"
+#include "oper/halving.h"
 #include "oper/priority.h"
 #include "oper/read_plan.h"
+#include "oper/refusals.h"
 #include "voq/reg_range.h"
 
 namespace
 {
+Halving Halves;
+
+// A read to make, the subscription that it begins with, and the barrier that it tries to cross.
+struct FastRead {
+    ReadPlan plan;
+    Subscription first;
+    Subscription crossed;
+};
+
 // Walks the subscriptions in list order and looks at their org records. An entry whose org offset names no usable
-// record is never due and ends nothing; it is reported once.
+// record is never due and ends nothing; it is reported once. Keeps to what was learnt from refusals.
 class FastCursor
 {
 public:
     // The lock is held for as long as the cursor lives.
     FastCursor(OrgFile& file, std::uint16_t slot) VOQ_REQUIRES_SHARED(fast_rwlock)
-        : file_(file), items_(OrgFastList), head_(OrgFastListHead.head), slot_(slot)
+        : file_(file), items_(OrgFastList), head_(OrgFastListHead.head), slot_(slot), now_(SteadyMs())
     {
         SkipUnusable();
     }
@@ -26,7 +39,7 @@ public:
     [[nodiscard]] bool Valid() const { return slot_ != FastEnd; }
     [[nodiscard]] const OrgNode& Node() const { return node_; }
     [[nodiscard]] std::uint32_t Offset() const { return items_[slot_].orgoffset; }
-    [[nodiscard]] bool Due() const { return PackOrNot(node_) != 0; }
+    [[nodiscard]] bool Due() const { return PackOrNot(node_) != 0 && !RefusedAlone.Waits(Entry(), now_); }
 
     void Next()
     {
@@ -34,11 +47,27 @@ public:
         SkipUnusable();
     }
 
+    [[nodiscard]] std::uint32_t BeginRead()
+    {
+        first_ = Entry();
+        return RefusedAlone.Known(first_) ? 1 : Halves.Most(node_.key);
+    }
+    void PassOver();
+    [[nodiscard]] bool Barred();
+
     void SearchEnded() { CurrentFastList = head_; }
-    void StopHere() { CurrentFastList = slot_; }
+    void StopHere()
+    {
+        if (crossed_.slot == slot_) crossed_ = {};
+        CurrentFastList = slot_;
+    }
     void WalkEnded() { CurrentFastList = head_; }
 
+    [[nodiscard]] Subscription First() const { return first_; }
+    [[nodiscard]] Subscription Crossed() const { return crossed_; }
+
 private:
+    [[nodiscard]] Subscription Entry() const { return {slot_, items_[slot_].serial}; }
     void SkipUnusable();
     bool Load(const FastItem& item);
 
@@ -47,6 +76,11 @@ private:
     std::uint16_t head_;
     std::uint16_t slot_;
     OrgNode node_{};
+    std::uint64_t now_;
+    Subscription first_;
+    Subscription crossed_;
+    bool passedBarrier_ = false;
+    std::uint64_t refusedEnd_ = UINT64_MAX;  // a read that reaches it holds a range that is refused alone
 };
 
 std::uint32_t ReportedOffset[FastSlots];  // org offset last reported as unusable, by slot
@@ -74,7 +108,23 @@ void FastCursor::SkipUnusable()
     slot_ = FastEnd;
 }
 
-bool PlanFastRead(bool packed, ReadPlan& plan)
+void FastCursor::PassOver()
+{
+    if (RefusedAlone.Known(Entry())) refusedEnd_ = std::min(refusedEnd_, PollEnd(node_.key));
+    if (Barriers.Known(Entry())) passedBarrier_ = true;
+}
+
+// One barrier is tried again at a time, so that what comes of the read is due to it.
+bool FastCursor::Barred()
+{
+    if (RefusedAlone.Known(Entry()) || passedBarrier_ || PollEnd(node_.key) >= refusedEnd_) return true;
+    if (!Barriers.Known(Entry())) return false;
+    if (crossed_.serial != 0 || Barriers.Waits(Entry(), now_)) return true;
+    crossed_ = Entry();
+    return false;
+}
+
+bool PlanFastRead(bool packed, FastRead& read)
 {
     const ReadLock listLock(fast_rwlock);
     const MutexLock databaseLock(DatabaseLock);
@@ -82,24 +132,67 @@ bool PlanFastRead(bool packed, ReadPlan& plan)
     OrgFile file;
     if (OrgFastListHead.count == 0 || !file.OpenRO()) return false;
     FastCursor cursor(file, CurrentFastList);
-    return PlanRead(cursor, packed, plan);
+    if (!PlanRead(cursor, packed, read.plan)) return false;
+    read.first = cursor.First();
+    read.crossed = cursor.Crossed();
+    return true;
+}
+
+// The next pass starts where this one did, unless that subscription is gone by now.
+void StartAgainAt(Subscription first)
+{
+    const ReadLock lock(fast_rwlock);
+    const FastItem& item = OrgFastList[first.slot];
+    if (item.inuse != 0 && item.serial == first.serial) CurrentFastList = first.slot;
+}
+
+void Refused(const FastRead& read)
+{
+    if (read.plan.ranges == 1) {
+        Halves.Done(1, false);
+        RefusedAlone.Note(read.first, SteadyMs());
+        WriteBackRefused(read.plan);
+        return;
+    }
+    if (read.crossed.serial != 0) {
+        Barriers.Note(read.crossed, SteadyMs());
+    } else {
+        Halves.Refused(read.plan.key, read.plan.ranges);
+    }
+    StartAgainAt(read.first);
+}
+
+// What the read teaches, and what of it reaches the register database.
+void Finish(const FastRead& read, int result)
+{
+    if (LastRefused) {
+        Refused(read);
+        return;
+    }
+    const bool answered = result == PLC_SUCCESS;
+    if (answered) {
+        RefusedAlone.Drop(read.first);
+        Barriers.Drop(read.crossed);
+    }
+    if (Halves.Done(read.plan.ranges, answered)) Barriers.Note(read.first, SteadyMs());
+    WriteBackRead(read.plan, result, StampRule::OneTime);
 }
 }  // namespace
 
 void OperFastList()
 {
-    ReadPlan plan;
-    if (!PlanFastRead(true, plan)) return;
-    const int result = PlcOper(plan.key, ReadBuffer, PLC_READ_ONCE);
-    WriteBackRead(plan, result, StampRule::OneTime);
+    FastRead read;
+    if (!PlanFastRead(true, read)) return;
+    Finish(read, PlcOper(read.plan.key, ReadBuffer, PLC_READ_ONCE));
 }
 
 void OperFastList_NoPack()
 {
-    ReadPlan plan;
-    if (!PlanFastRead(false, plan)) return;
-    const int result = PlcOper(plan.key, ReadBuffer, PLC_READ_ONCE);
+    FastRead read;
+    if (!PlanFastRead(false, read)) return;
+    const RegKey& key = read.plan.key;
+    const int result = PlcOper(key, ReadBuffer, PLC_READ_ONCE);
     std::printf("*VOQ*<OperFastList_NoPack>PlcOper ret=%d,addrType=%d flag=%x\r\n", result,
-                static_cast<int>(UnitBytes(plan.key)), plan.key.flag);
-    WriteBackRead(plan, result, StampRule::OneTime);
+                static_cast<int>(UnitBytes(key)), key.flag);
+    Finish(read, result);
 }

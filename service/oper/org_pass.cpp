@@ -3,6 +3,7 @@
 
 #include "arch/clock.h"
 #include "comm/plc_oper.h"
+#include "oper/halving.h"
 #include "oper/read_plan.h"
 #include "state/counters.h"
 #include "voq/reg_range.h"
@@ -12,6 +13,8 @@ std::uint16_t LoopReStart;
 
 namespace
 {
+Halving Halves;
+
 // Walks the chain; a record that was never read is due while its station is on and the port is not in time-out.
 class OrgCursor
 {
@@ -32,6 +35,9 @@ public:
                GlobeTimeout.load(std::memory_order_relaxed) == 0 && GetRegBuffLen(&record.key) <= MaxRegionBytes;
     }
 
+    [[nodiscard]] std::uint32_t BeginRead() { return Halves.Most(Node().key); }
+    void PassOver() {}
+    [[nodiscard]] static bool Barred() { return false; }
     void SearchEnded() { CurrentNode = ChainHead(); }
     void StopHere() { CurrentNode = walk_.Valid() ? walk_.Offset() : 0; }
 
@@ -67,11 +73,30 @@ bool PlanOrgRead(bool packed, ReadPlan& plan)
     return PlanRead(cursor, packed, plan);
 }
 
+// Refused: the same ranges again, in smaller reads, or none of them is left to blame but this one. A record is read
+// once here, so nothing is learnt.
+void Refused(const ReadPlan& plan)
+{
+    if (plan.ranges > 1) {
+        Halves.Refused(plan.key, plan.ranges);
+        CurrentNode = plan.orgOffset;
+        LoopReStart = 0;
+    } else {
+        Halves.Done(1, false);
+        WriteBackRefused(plan);
+    }
+}
+
 void OrgPass(bool packed)
 {
     ReadPlan plan;
     if (!PlanOrgRead(packed, plan)) return;
     const int result = PlcOper(plan.key, ReadBuffer, PLC_READ_ONCE);
+    if (LastRefused) {
+        Refused(plan);
+        return;
+    }
+    Halves.Done(plan.ranges, result == PLC_SUCCESS);
     WriteBackRead(plan, result, StampRule::PerRecord);
 }
 }  // namespace

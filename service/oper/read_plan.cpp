@@ -11,13 +11,14 @@
 
 unsigned char ReadBuffer[MaxRegionBytes];
 
-Widening::Widening(const OrgNode& start, std::uint32_t orgOffset, PackLimits limits)
-    : plan_{start.key, orgOffset}, limits_(limits)
+Widening::Widening(const OrgNode& start, std::uint32_t orgOffset, PackLimits limits, std::uint32_t most)
+    : plan_{start.key, orgOffset, 1}, limits_(limits), most_(most)
 {
 }
 
 bool Widening::Take(const OrgNode& record)
 {
+    if (taken_ == most_) return false;
     const RegKey& read = plan_.key;
     const std::uint64_t addr = record.key.addr;
     const std::uint64_t maxEnd = PollEnd(read, limits_.length);
@@ -33,6 +34,7 @@ bool Widening::Take(const OrgNode& record)
     // Where elements are smaller than an address unit, a value can reach past the span.
     if (bytes > MaxRegionBytes || !ValueWithin(read, bytes, record.key)) return false;
     plan_.key.width = static_cast<std::uint16_t>(width);
+    plan_.ranges = ++taken_;
     return true;
 }
 
@@ -63,5 +65,17 @@ void WriteBackRead(const ReadPlan& plan, int result, StampRule rule)
         if (record.key.addr >= packEnd) break;
     }
     values.SyncChanges();
+    file.SyncChanges();
+}
+
+void WriteBackRefused(const ReadPlan& plan)
+{
+    const MutexLock lock(DatabaseLock);
+    OrgFile file;
+    OrgNode record{};
+    if (!file.OpenRW() || !file.ReadNode(plan.orgOffset, record)) return;
+    GetCurrentTime(&record.stamp);
+    record.state = PLC_ERROR;
+    static_cast<void>(file.WriteNode(plan.orgOffset, record));
     file.SyncChanges();
 }

@@ -10,10 +10,12 @@
 #include "voq/org_record.h"
 #include "voq/reg_range.h"
 
-// A read to make: the starting record's key with the width of the whole read, and that record's offset.
+// A read to make: the starting record's key with the width of the whole read, that record's offset, and the number of
+// due records that it was made for.
 struct ReadPlan {
     RegKey key;
     std::uint32_t orgOffset;
+    std::uint32_t ranges;
 };
 
 // Limits of the unpacked passes: a read grows only over records of width 0 at its start.
@@ -26,7 +28,8 @@ extern unsigned char ReadBuffer[];
 class Widening
 {
 public:
-    Widening(const OrgNode& start, std::uint32_t orgOffset, PackLimits limits);
+    // `most`: how many records it may take.
+    Widening(const OrgNode& start, std::uint32_t orgOffset, PackLimits limits, std::uint32_t most);
 
     // False when the starting record alone fills the limit.
     [[nodiscard]] bool CanGrow() const { return plan_.key.width < limits_.length; }
@@ -38,6 +41,8 @@ public:
 private:
     ReadPlan plan_;
     PackLimits limits_;
+    std::uint32_t most_;
+    std::uint32_t taken_ = 0;
 };
 
 // Lets a read grow over the due records of its group, the starting one again first. The record that ends it is where
@@ -47,7 +52,11 @@ template <typename Cursor>
 void Widen(Cursor& at, Widening& read)
 {
     for (bool starting = true; at.Valid() && read.SameGroupAs(at.Node()); at.Next(), starting = false) {
-        if (!at.Due() || read.Take(at.Node())) continue;
+        if (!at.Due()) {
+            at.PassOver();
+            continue;
+        }
+        if ((starting || !at.Barred()) && read.Take(at.Node())) continue;
         if (starting) at.Next();
         at.StopHere();
         return;
@@ -62,6 +71,9 @@ void Widen(Cursor& at, Widening& read)
 // Plans one read from where the cursor stands. False when there is nothing to read. A cursor gives:
 //     bool Valid()              a record is at hand (Node, Offset); false at the end of what it walks
 //     const OrgNode& Node(), std::uint32_t Offset(), bool Due(), void Next()
+//     std::uint32_t BeginRead() the read begins here; how many ranges it may take
+//     void PassOver()           the read leaves this record out, which is not due, and may go on behind it
+//     bool Barred()             the read must not grow into this record, which is due
 //     void SearchEnded()        the walk ended without a due record
 //     void StopHere()           the next pass starts at the cursor's place
 //     void WalkEnded()          the widening ran into the end
@@ -73,7 +85,7 @@ bool PlanRead(Cursor& at, bool packed, ReadPlan& plan)
         at.SearchEnded();
         return false;
     }
-    Widening read(at.Node(), at.Offset(), packed ? PortPackLimits(at.Node().key) : UnpackedLimits);
+    Widening read(at.Node(), at.Offset(), packed ? PortPackLimits(at.Node().key) : UnpackedLimits, at.BeginRead());
     if (read.CanGrow()) {
         Widen(at, read);
     } else {
@@ -89,3 +101,6 @@ enum class StampRule { OneTime, PerRecord };
 // Stores the result of a planned read in every record of the group that lies inside it: the value when `result` is
 // success, the state and the stamp always. OneTime stamps all of them with one moment, taken after the read.
 void WriteBackRead(const ReadPlan& plan, int result, StampRule rule);
+
+// Stores the refusal of a read of one range: that range alone failed, whatever else lies inside it.
+void WriteBackRefused(const ReadPlan& plan);

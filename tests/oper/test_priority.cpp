@@ -1,4 +1,4 @@
-// When a range is due, by its priority class and the age of its value. The clock stands still.
+// When a range is due, by its priority class and the age of its value. The clock stands still unless a test moves it.
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
@@ -8,10 +8,7 @@
 #include "state/counters.h"
 #include "support/capture.h"
 
-namespace
-{
-constexpr std::int64_t NowUs = 1'700'000'000'500'000;
-}
+std::int64_t NowUs = 1'700'000'000'500'000;
 
 extern "C" int gettimeofday(timeval* tv, void*) noexcept
 {

@@ -3,7 +3,7 @@ import random
 import time
 
 import pytest
-from voqtest import Key, com_info, log_off, log_on, wait_for
+from voqtest import Key, Sim, com_info, log_off, log_on, wait_for
 
 
 @pytest.mark.sanitized
@@ -64,6 +64,26 @@ def test_packing(start, name):
         covered = key.regid == 1 and any(addr <= key.addr and key.addr + key.width <= addr + width for addr, width in reads)
         assert service.node(key).state == covered and service.value(key) == (
             service.sim.value(key) if covered else bytes(key.size))
+
+
+@pytest.mark.sanitized
+def test_a_plc_with_holes(start):
+    """What it refuses is one range's fault or nobody's: first reads, then polling, then the PLC is a new one."""
+    sim, keys = Sim(), [Key(10 * n, 4) for n in range(16)]
+    sim.dig(Key(52), Key(97))  # in a range, and between two
+    service = start(com_info(pause=1, word_limit=200), keys, sim=sim)
+    wait_for(lambda: all(n.state for n in service.chain()), "first reads")
+    for subscribed in (False, True):
+        assert [n.key.addr for n in service.chain() if n.state != 1] == [50] and not (service / "comerror").exists()
+        assert all(service.value(key) == (sim.value(key) if key.addr != 50 else bytes(8)) for key in keys)
+        if not subscribed:
+            sim.set(Key(0, 160), bytes(range(1, 161)) * 2)
+            service.send(b"".join(log_on(key, key.addr) for key in keys))
+            assert sorted(sim.cycle(3)) == [(0, 44), (60, 34), (100, 54)]
+    sim.dig()
+    again = b"".join(log_off(key, key.addr) for key in keys) + b"".join(log_on(key, key.addr) for key in keys)
+    service.send(again)
+    assert sim.cycle(1) == [(0, 154)] and service.node(keys[5]).state == 1
 
 
 def test_logged_off_in_the_middle_of_a_round(start):
