@@ -33,6 +33,7 @@ struct PortDir {
     std::string MekFifo() const { return Dir() + "mekfifo"; }
     std::string Timeout() const { return Dir() + "timeout"; }
     std::string ComError() const { return Dir() + "comerror"; }
+    std::string Stats() const { return Dir() + "stats"; }
     std::string Map(const IndexItem& item) const;
     std::string Result(std::uint16_t fileno) const { return Dir() + std::to_string(fileno); }
     std::string RtData(std::uint16_t fileno) const { return Dir() + "rtData" + std::to_string(fileno); }
