@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <ctime>
 
 Stamp VoqStartTime;
 
@@ -24,6 +25,20 @@ void GetCurrentTime(Stamp* now)
     gettimeofday(&tv, nullptr);
     now->seconds = static_cast<std::int32_t>(tv.tv_sec);
     now->microseconds = static_cast<std::int32_t>(tv.tv_usec);
+}
+
+std::int64_t WallMicroseconds()
+{
+    timeval tv{};
+    gettimeofday(&tv, nullptr);
+    return std::int64_t{tv.tv_sec} * 1000000 + tv.tv_usec;
+}
+
+std::uint64_t MonoMicroseconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1000000 + static_cast<std::uint64_t>(now.tv_nsec) / 1000;
 }
 
 std::int32_t GetTimePassed(std::int32_t seconds, std::int32_t microseconds)

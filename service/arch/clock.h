@@ -10,6 +10,10 @@ extern Stamp VoqStartTime;  // moment the service started; written once by the m
 // Fills `now` with the wall clock.
 void GetCurrentTime(Stamp* now);
 
+// Microseconds since 1970, and of a clock that nobody sets (CLOCK_MONOTONIC).
+std::int64_t WallMicroseconds();
+std::uint64_t MonoMicroseconds();
+
 // Milliseconds from an earlier moment to now, negative when it lies in the future. Each microsecond part is divided
 // before it is subtracted, so 9 s 1999 us to 10 s 999 us are 999 ms. Computed in 64 bits, the low 32 returned.
 std::int32_t GetTimePassed(std::int32_t seconds, std::int32_t microseconds);

@@ -29,13 +29,16 @@ void file_lock(struct flock* lock, short type, short whence)
     lock->l_pid = OwnProcess;
 }
 
-// Waits until no other process holds a conflicting lock. A client that holds two files may make the kernel see a
-// deadlock with the service's own nesting; the client gives one up, so the wait is repeated.
-bool WaitForLock(int descriptor, short type)
+void TellOfWait(const char* path)
 {
-    struct flock lock;
-    file_lock(&lock, type, SEEK_SET);
-    while (fcntl(descriptor, F_SETLKW, &lock) != 0) {
+    if (OnLockWait != nullptr) OnLockWait(path);
+}
+
+// A client that holds two files may make the kernel see a deadlock with the service's own nesting; the client gives one
+// up, so the wait is repeated.
+bool WaitUntilFree(int descriptor, struct flock* lock)
+{
+    while (fcntl(descriptor, F_SETLKW, lock) != 0) {
         if (errno == EDEADLK) {
             SleepMicroseconds(DeadlockPauseMicroseconds);
         } else if (errno != EINTR) {
@@ -43,6 +46,20 @@ bool WaitForLock(int descriptor, short type)
         }
     }
     return true;
+}
+
+// Takes the whole-file lock; waits until no other process holds a conflicting one.
+bool TakeLock(int descriptor, short type, const char* path)
+{
+    struct flock lock;
+    file_lock(&lock, type, SEEK_SET);
+    if (fcntl(descriptor, F_SETLK, &lock) == 0) return true;
+    TellOfWait(path);
+    const bool taken = WaitUntilFree(descriptor, &lock);
+    const int error = errno;
+    TellOfWait(nullptr);
+    errno = error;
+    return taken;
 }
 
 // How a working file is opened, and what is said when it cannot be.
@@ -74,7 +91,7 @@ int OpenLocked(const char* path, const Opening& opening, std::FILE** stream)
 {
     *stream = nullptr;
     std::FILE* const opened = OpenStream(path, opening);
-    if (opened != nullptr && WaitForLock(fileno(opened), opening.lock)) {
+    if (opened != nullptr && TakeLock(fileno(opened), opening.lock, path)) {
         VoqFileOpenCount.fetch_add(1, std::memory_order_relaxed);
         *stream = opened;
         return 0;

@@ -25,6 +25,10 @@ int FsOpenFileCreat(const char* path, std::FILE** stream);  // create or truncat
 int FsOpenFileRW(const char* path, std::FILE** stream);     // existing file; write lock
 int FsOpenFileRO(const char* path, std::FILE** stream);     // existing file; read lock
 
+// Told of a lock that must be waited for, on the waiting thread: the file's path before, null behind. Set once, before
+// any other thread exists; must not wait itself.
+inline void (*OnLockWait)(const char* path) = nullptr;
+
 // Forces what was written to the file onto the disk. Returns false when the system reports a failure.
 bool FsSync(std::FILE* stream);
 

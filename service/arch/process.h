@@ -1,0 +1,6 @@
+// The process itself. Any thread.
+#pragma once
+
+#include <cstdint>
+
+std::uint32_t OwnProcessId();
