@@ -7,6 +7,7 @@
 #include "arch/fs.h"
 #include "arch/misc_device.h"
 #include "arch/work_file.h"
+#include "comm/plc_driver.h"
 #include "comm/retained.h"
 #include "state/counters.h"
 #include "state/paths.h"
@@ -22,6 +23,7 @@ void ApplyRetainedSettings()
     {
         const MutexLock lock(DriverLock);
         Copy2ComInfo(settings);
+        ShowPort(_cmd != nullptr);
     }
     COM_SetMode(ComInfo.portNo, ComInfo.lineMode);
 }

@@ -8,6 +8,7 @@
 #include "arch/dll.h"
 #include "comm/local_reg.h"
 #include "rdchgwr/geometry.h"
+#include "stats/driver_stats.h"
 
 PlcDrvCmdFn _cmd = nullptr;
 void* _thiz = nullptr;
@@ -26,6 +27,7 @@ unsigned Low32(PlcDrvCmdFn entry)
 
 void InstanceCommand(const char* command) VOQ_REQUIRES(DriverLock)
 {
+    const Waiting waiting(StatsWait::Driver);
     void* args[] = {&ComInfo};
     _cmd(command, &_thiz, args);
 }
@@ -88,7 +90,9 @@ int PlcDrvLoop()
     if (_cmd == nullptr) return 3;
     const MutexLock lock(DriverLock);
     void* args[] = {&ComInfo, const_cast<UserOper*>(GetUserOper())};
-    return _cmd("Loop", PlcDrvThiz(), args);
+    void* const driver = PlcDrvThiz();
+    const Waiting waiting(StatsWait::Driver);
+    return _cmd("Loop", driver, args);
 }
 
 void ReloadDriver(const ComInfoRecord& image)
@@ -98,6 +102,7 @@ void ReloadDriver(const ComInfoRecord& image)
     std::atomic_ref(ComInfo.dataBits).store(image.dataBits, std::memory_order_relaxed);
     std::atomic_ref(ComInfo.parity).store(image.parity, std::memory_order_relaxed);
     std::atomic_ref(ComInfo.baudOrAddress).store(image.baudOrAddress, std::memory_order_relaxed);
+    ShowPort(_cmd != nullptr);
     PlcDestroy();
     _thiz = nullptr;
     PlcDrvInit();
@@ -108,10 +113,16 @@ std::uint32_t PlcGetBytes(const RegKey& key)
     return key.width * ((uBits(key) + 7) / 8);
 }
 
-std::int32_t DriverTransfer(const char* command, RegKey key, void* buffer)
+std::int32_t DriverTransfer(TimedCall::Kind kind, RegKey key, void* buffer)
 {
     const MutexLock lock(DriverLock);
     PlcRequest request = {&key, static_cast<std::int32_t>(PlcGetBytes(key)), buffer};
     void* args[] = {&request, &ComInfo, const_cast<UserOper*>(GetUserOper())};
-    return _cmd(command, PlcDrvThiz(), args);
+    void* const driver = PlcDrvThiz();
+    // The driver may write to the key that it is handed.
+    const RegKey asked = key;
+    TimedCall call(kind, asked);
+    const std::int32_t result = _cmd(kind == TimedCall::Kind::Read ? "RdOne" : "WrOne", driver, args);
+    call.Ended(result);
+    return result;
 }

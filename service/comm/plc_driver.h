@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "state/com_state.h"
+#include "stats/driver_stats.h"
 #include "voq/plc_driver.h"
 
 extern PlcDrvCmdFn _cmd;                        // entry point, null while no driver is loaded; set once at start-up
@@ -34,4 +35,4 @@ void ReloadDriver(const ComInfoRecord& image) VOQ_EXCLUDES(DriverLock);
 std::uint32_t PlcGetBytes(const RegKey& key);
 
 // Issues "RdOne" or "WrOne" on an ensured instance. The driver's own result.
-std::int32_t DriverTransfer(const char* command, RegKey key, void* buffer) VOQ_EXCLUDES(DriverLock);
+std::int32_t DriverTransfer(TimedCall::Kind kind, RegKey key, void* buffer) VOQ_EXCLUDES(DriverLock);

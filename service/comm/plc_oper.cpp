@@ -12,6 +12,7 @@
 #include "database/write_through.h"
 #include "state/com_state.h"
 #include "state/counters.h"
+#include "stats/heartbeat.h"
 #include "voq/reg_range.h"
 
 namespace
@@ -63,6 +64,7 @@ int WithRetries(RegKey key, void* buffer, ChunkOper oper, int mode, bool takesRe
     for (int attempt = 0; attempt < Attempts; ++attempt) {
         result = oper(key, buffer);
         if (result == PLC_SUCCESS || (takesRefusal && LastRefused)) return result;
+        const Waiting waiting(StatsWait::Pause);
         TaskSleep(static_cast<std::int32_t>(comIntervals));
     }
     std::printf("*VOQ*ERROR timeout! mode:%d error:%d\r\n", mode, Attempts);
@@ -104,9 +106,9 @@ void NoteSuccess()
     ClearFailures(GlobeComError, ClrComError);
 }
 
-std::int32_t Transfer(const char* command, const RegKey& key, void* buffer)
+std::int32_t Transfer(TimedCall::Kind kind, const RegKey& key, void* buffer)
 {
-    const std::int32_t driverResult = DriverTransfer(command, key, buffer);
+    const std::int32_t driverResult = DriverTransfer(kind, key, buffer);
     LastRefused = driverResult == PLC_DRV_REFUSED;
     return driverResult;
 }
@@ -163,7 +165,7 @@ int PlcDrvRead(RegKey key, void* buffer)
     }
     // The driver is told a length of 0 for the element sizes that name none; the region still has bytes.
     if (PlcGetBytes(key) < length) std::memset(buffer, 0, length);
-    const std::int32_t driverResult = Transfer("RdOne", key, buffer);
+    const std::int32_t driverResult = Transfer(TimedCall::Kind::Read, key, buffer);
     if (driverResult != PLC_DRV_OK) return NoteFailure(driverResult);
     NoteSuccess();
     return PLC_SUCCESS;
@@ -172,7 +174,7 @@ int PlcDrvRead(RegKey key, void* buffer)
 int PlcDrvWrite(RegKey key, void* buffer)
 {
     if (_cmd == nullptr) return PLC_ERROR;
-    const std::int32_t driverResult = Transfer("WrOne", key, buffer);
+    const std::int32_t driverResult = Transfer(TimedCall::Kind::Write, key, buffer);
     if (driverResult != PLC_DRV_OK) return NoteFailure(driverResult);
     UpdateOrgAfterWrite(key, PlcGetBytes(key), buffer);
     NoteSuccess();

@@ -21,6 +21,9 @@
 #include "oper/pulse_notes.h"
 #include "state/com_state.h"
 #include "state/counters.h"
+#include "state/paths.h"
+#include "stats/heartbeat.h"
+#include "stats/stats_file.h"
 
 namespace
 {
@@ -105,6 +108,8 @@ int RdUserFile(const char* projectPath, const char* userDir, std::uint16_t portI
     HoldPort();
     BuildLocalPaths(userDir);
     BuildPortPaths();
+    StartStats(StatsName, portIndex);
+    StartHeartbeat();
     if (ComInfo.masterSlaveMode == MODE_SLAVE) {
         BuildSlavePath();
     } else {

@@ -65,6 +65,7 @@ void BuildPortPaths()
     ComposeAndPrint(TimeoutName, DataDir, "timeout", "TimeoutName=%s\n");
     Compose(ComErrorName, DataDir, "comerror");
     Compose(PulsesName, DataDir, "pulses");
+    Compose(StatsName, DataDir, "stats");
     ComposeAndPrint(GuiFifo, DataDir, "guififo", "guififo=%s\n");
     ComposeAndPrint(MekFifo, DataDir, "mekfifo", "mekfifo=%s\n");
 }

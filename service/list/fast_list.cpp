@@ -5,6 +5,10 @@
 #include <cstdio>
 
 #include "database/index.h"
+#include "stats/range_stats.h"
+#include "voq/stats.h"
+
+static_assert(StatsRanges == FastSlots);
 
 RwLock fast_rwlock;
 FastItem OrgFastList[FastSlots];
@@ -88,6 +92,7 @@ std::uint16_t AddFastIndex(RegKey key, std::uint16_t fileno, std::uint32_t orgof
     const FastPlace place = FindFastPlace(key);
     if (place.same) {
         const std::uint16_t times = ++OrgFastList[place.slot].logtimes;
+        ShowSubscribers(place.slot, times);
         std::printf("*VOQ*Same req, LOGTIMES++ =%d\r\n", times);
         return place.slot;
     }
@@ -106,6 +111,7 @@ std::uint16_t AddFastIndex(RegKey key, std::uint16_t fileno, std::uint32_t orgof
     if (++LastSerial == 0) ++LastSerial;
     item.serial = LastSerial;
     item.orgoffset = orgoffset != 0 ? orgoffset : GetOrgOffset(key);
+    ShowLogOn(slot, key, item.orgoffset, fileno);
     return slot;
 }
 
@@ -117,7 +123,9 @@ std::uint16_t DelFastIndex(std::uint16_t fileno)
         std::printf("*VOQ*del fast fileno=%d error!!!\r\n", fileno);
         return FastEnd;
     }
-    if (--OrgFastList[slot].logtimes == 0) RemoveEntry(slot);
+    const std::uint16_t times = --OrgFastList[slot].logtimes;
+    ShowSubscribers(slot, times);
+    if (times == 0) RemoveEntry(slot);
     return 0;
 }
 

@@ -10,6 +10,7 @@
 #include "list/fast_list.h"
 #include "list/rt_file.h"
 #include "state/com_state.h"
+#include "stats/pass_stats.h"
 #include "voq/reg_range.h"
 
 namespace
@@ -105,6 +106,7 @@ bool Covers(const RegKey& key, const RtItem& item)
 void WriteBackRtData(std::uint16_t slot, const void* buffer)
 {
     const RtItem item = CopyOfSlot(slot);
+    CountAnswer(item);
     // The answer frees the number: a payload that follows it is another request's.
     if (!IsRead(item)) RemoveFile(RtPath::Payload(item.fileno).Text());
     WriteResultFile(item, buffer, AnswerBytes(item));

@@ -8,6 +8,7 @@
 #include "arch/fs.h"
 #include "list/rt_file.h"
 #include "state/counters.h"
+#include "stats/intake_stats.h"
 #include "voq/chg_desc.h"
 #include "voq/reg_range.h"
 
@@ -75,7 +76,7 @@ std::uint16_t LinkRequest(const RegKey& key, std::uint16_t listcmd, std::uint16_
     const WriteLock lock(rt_rwlock);
     const std::uint16_t slot = Requests().FindFree();
     if (slot == RtEnd) return NoSlot;
-    rtDataFileCount.fetch_add(1, std::memory_order_relaxed);
+    CountListing(static_cast<std::uint32_t>(rtDataFileCount.fetch_add(1, std::memory_order_relaxed)) + 1);
     Requests().LinkBefore(slot, (key.flag & REG_FLAG_URGENT) != 0 ? FirstSlot() : RtEnd);
     RtItem& item = GuiRtList[slot];
     item.key = key;
@@ -112,7 +113,10 @@ std::uint16_t AddRtList(const RegRequest& request, std::uint16_t listcmd, std::u
             code = PLC_ERROR;
         }
     }
-    if (code != Admitted) WriteBackRtDataWhenError(fileno, code, request, listcmd);
+    if (code != Admitted) {
+        CountRefusal(code);
+        WriteBackRtDataWhenError(fileno, code, request, listcmd);
+    }
     return slot;
 }
 

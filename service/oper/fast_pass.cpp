@@ -11,6 +11,8 @@
 #include "oper/priority.h"
 #include "oper/read_plan.h"
 #include "oper/refusals.h"
+#include "stats/pass_stats.h"
+#include "stats/range_stats.h"
 #include "voq/reg_range.h"
 
 namespace
@@ -18,11 +20,40 @@ namespace
 Halving Halves;
 
 // A read to make, the subscription that it begins with, and the barrier that it tries to cross.
-struct FastRead {
+struct PlannedRead {
     ReadPlan plan;
     Subscription first;
     Subscription crossed;
 };
+
+// The ranges of the read at hand.
+class Joined
+{
+public:
+    void Clear()
+    {
+        amount_ = 0;
+        wanted_.Clear();
+    }
+    void Add(std::uint16_t slot, std::uint32_t orgOffset, const RegKey& key)
+    {
+        if (amount_ < FastSlots) ranges_[amount_++] = {slot, orgOffset};
+        wanted_.Add(key);
+    }
+    void Ended(FastRead& stats, const RegKey& read, int result) const
+    {
+        const ReadLock lock(fast_rwlock);
+        stats.Ended(read, {ranges_, amount_}, wanted_.Count(), result);
+    }
+
+private:
+    ReadRange ranges_[FastSlots];
+    std::size_t amount_ = 0;
+    WantedElements wanted_;
+};
+
+Joined JoinedRanges;
+bool RoundEnds;  // the last planning came to the end of the list
 
 // Walks the subscriptions in list order and looks at their org records. An entry whose org offset names no usable
 // record is never due and ends nothing; it is reported once. Keeps to what was learnt from refusals.
@@ -56,6 +87,7 @@ public:
     [[nodiscard]] bool Barred();
 
     void SearchEnded() { CurrentFastList = head_; }
+    void Joins() { JoinedRanges.Add(slot_, items_[slot_].orgoffset, node_.key); }
     void StopHere()
     {
         if (crossed_.slot == slot_) crossed_ = {};
@@ -124,38 +156,75 @@ bool FastCursor::Barred()
     return false;
 }
 
-bool PlanFastRead(bool packed, FastRead& read)
+bool PlanFastRead(bool packed, PlannedRead& read)
 {
+    RoundEnds = false;
     const ReadLock listLock(fast_rwlock);
     const MutexLock databaseLock(DatabaseLock);
     if (CurrentFastList == 0) CurrentFastList = OrgFastListHead.head;
     OrgFile file;
     if (OrgFastListHead.count == 0 || !file.OpenRO()) return false;
     FastCursor cursor(file, CurrentFastList);
-    if (!PlanRead(cursor, packed, read.plan)) return false;
+    JoinedRanges.Clear();
+    const bool planned = PlanRead(cursor, packed, read.plan);
+    RoundEnds = CurrentFastList == OrgFastListHead.head;
+    if (!planned) return false;
     read.first = cursor.First();
     read.crossed = cursor.Crossed();
     return true;
 }
 
+int MakeRead(const PlannedRead& read)
+{
+    FastRead stats;
+    const int result = PlcOper(read.plan.key, ReadBuffer, PLC_READ_ONCE);
+    if (LastRefused && read.plan.ranges > 1) JoinedRanges.Clear();  // no range has had its turn
+    JoinedRanges.Ended(stats, read.plan.key, result);
+    return result;
+}
+
+// Shows what is known of a subscription, unless it is gone by now.
+void ShowLearnt(Subscription of)
+{
+    const ReadLock lock(fast_rwlock);
+    const FastItem& item = OrgFastList[of.slot];
+    if (item.inuse == 0 || item.serial != of.serial) return;
+    ShowRefused(of.slot, RefusedAlone.Known(of));
+    ShowApart(of.slot, Barriers.Known(of) ? OrgFastList[item.prev].orgoffset : 0);
+}
+
+void Learn(LearntTable& table, Subscription of)
+{
+    table.Note(of, SteadyMs());
+    ShowLearnt(of);
+}
+
+void Forget(LearntTable& table, Subscription of)
+{
+    if (!table.Known(of)) return;
+    table.Drop(of);
+    ShowLearnt(of);
+}
+
 // The next pass starts where this one did, unless that subscription is gone by now.
 void StartAgainAt(Subscription first)
 {
+    RoundEnds = false;
     const ReadLock lock(fast_rwlock);
     const FastItem& item = OrgFastList[first.slot];
     if (item.inuse != 0 && item.serial == first.serial) CurrentFastList = first.slot;
 }
 
-void Refused(const FastRead& read)
+void Refused(const PlannedRead& read)
 {
     if (read.plan.ranges == 1) {
         Halves.Done(1, false);
-        RefusedAlone.Note(read.first, SteadyMs());
+        Learn(RefusedAlone, read.first);
         WriteBackRefused(read.plan);
         return;
     }
     if (read.crossed.serial != 0) {
-        Barriers.Note(read.crossed, SteadyMs());
+        Learn(Barriers, read.crossed);
     } else {
         Halves.Refused(read.plan.key, read.plan.ranges);
     }
@@ -163,7 +232,7 @@ void Refused(const FastRead& read)
 }
 
 // What the read teaches, and what of it reaches the register database.
-void Finish(const FastRead& read, int result)
+void Finish(const PlannedRead& read, int result)
 {
     if (LastRefused) {
         Refused(read);
@@ -171,28 +240,37 @@ void Finish(const FastRead& read, int result)
     }
     const bool answered = result == PLC_SUCCESS;
     if (answered) {
-        RefusedAlone.Drop(read.first);
-        Barriers.Drop(read.crossed);
+        Forget(RefusedAlone, read.first);
+        Forget(Barriers, read.crossed);
     }
-    if (Halves.Done(read.plan.ranges, answered)) Barriers.Note(read.first, SteadyMs());
+    if (Halves.Done(read.plan.ranges, answered)) Learn(Barriers, read.first);
     WriteBackRead(read.plan, result, StampRule::OneTime);
+}
+
+void EndPass()
+{
+    if (RoundEnds) EndRound();
 }
 }  // namespace
 
 void OperFastList()
 {
-    FastRead read;
-    if (!PlanFastRead(true, read)) return;
-    Finish(read, PlcOper(read.plan.key, ReadBuffer, PLC_READ_ONCE));
+    CountPass(Pass::Fast);
+    PlannedRead read;
+    if (PlanFastRead(true, read)) Finish(read, MakeRead(read));
+    EndPass();
 }
 
 void OperFastList_NoPack()
 {
-    FastRead read;
-    if (!PlanFastRead(false, read)) return;
-    const RegKey& key = read.plan.key;
-    const int result = PlcOper(key, ReadBuffer, PLC_READ_ONCE);
-    std::printf("*VOQ*<OperFastList_NoPack>PlcOper ret=%d,addrType=%d flag=%x\r\n", result,
-                static_cast<int>(UnitBytes(key)), key.flag);
-    Finish(read, result);
+    CountPass(Pass::Fast);
+    PlannedRead read;
+    if (PlanFastRead(false, read)) {
+        const RegKey& key = read.plan.key;
+        const int result = MakeRead(read);
+        std::printf("*VOQ*<OperFastList_NoPack>PlcOper ret=%d,addrType=%d flag=%x\r\n", result,
+                    static_cast<int>(UnitBytes(key)), key.flag);
+        Finish(read, result);
+    }
+    EndPass();
 }

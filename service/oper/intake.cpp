@@ -13,6 +13,8 @@
 #include "oper/frame.h"
 #include "state/counters.h"
 #include "state/paths.h"
+#include "stats/heartbeat.h"
+#include "stats/intake_stats.h"
 
 std::int32_t GuiFifo_fd = -1, MekFifo_fd = -1;
 std::int32_t GuiFifo_index, MekFifo_index;
@@ -54,13 +56,16 @@ void LogOnOff(const RegRequest& request, OrgMode mode)
 void Dispatch(const Intake& intake, const Frame& frame)
 {
     const RegRequest& request = frame.request;
+    CountArrival(Arrival::Frame);
     const auto payloadBytes = static_cast<std::uint32_t>(frame.payload.size());
     switch (static_cast<RequestCommand>(request.cmd)) {
         case RequestCommand::LogOn:
+            CountArrival(Arrival::LogOn);
             if (intake.isGui) LogOnAmount.fetch_add(1, std::memory_order_relaxed);
             LogOnOff(request, OrgMode::LogOn);
             break;
         case RequestCommand::LogOff:
+            CountArrival(Arrival::LogOff);
             if (intake.isGui) LogOnAmount.fetch_sub(1, std::memory_order_relaxed);
             LogOnOff(request, OrgMode::LogOff);
             break;
@@ -82,6 +87,7 @@ void Reload(const Intake& intake)
     std::memcpy(&image, intake.buffer + FrameHeaderBytes, sizeof image);
     std::puts("*VOQ*reload cominfo\r");
     std::printf("*VOQ*IP=0x%x, PORT=%d\r\n", image.baudOrAddress, image.dataBits);
+    CountArrival(Arrival::Reload);
     ReloadDriver(image);
     *intake.held = 0;
 }
@@ -98,6 +104,7 @@ void DropFrom(const Intake& intake, std::size_t position)
 {
     std::printf("*VOQ*%s fifo: no frame at byte %d, %d bytes dropped\r\n", intake.isGui ? "gui" : "mek",
                 static_cast<int>(position), *intake.held - static_cast<int>(position));
+    CountDropped(*intake.held - static_cast<std::int32_t>(position));
     *intake.held = 0;
 }
 
@@ -133,7 +140,9 @@ void ServeFrames(const Intake& intake)
 void CheckRtList(const Intake& intake)
 {
     unsigned char bytes[ReadBytes];
+    Waiting waiting(StatsWait::Clients);
     const auto got = static_cast<std::int32_t>(ReadFifo(*intake.descriptor, bytes, sizeof bytes));
+    waiting.End();
     if (got < 0) {
         SleepSeconds(1);
         if (!intake.isGui) {
@@ -144,6 +153,7 @@ void CheckRtList(const Intake& intake)
         if (got == 0) SleepSeconds(1);  // no FIFO: one that the service writes to itself has no end
         if (*intake.held + got > IntakeBufferBytes) {
             std::printf(intake.overflow, *intake.held, got);
+            CountDropped(*intake.held + got);
             *intake.held = 0;
             return;
         }
@@ -153,13 +163,22 @@ void CheckRtList(const Intake& intake)
     if (*intake.held > 0) ServeFrames(intake);
 }
 
+int OpenIntake(const char* path)
+{
+    const Waiting waiting(StatsWait::Clients);
+    return OpenFifo(path);
+}
+
 [[noreturn]] void Serve(const Intake& intake, const char* path)
 {
+    NameThread(intake.isGui ? StatsThreadOf::GuiIntake : StatsThreadOf::MekIntake);
     *intake.held = 0;
     while (true) {
+        BeginTurn();
         // One that cannot be opened is tried again after each step, which fails and pauses.
-        if (*intake.descriptor < 0) *intake.descriptor = OpenFifo(path);
+        if (*intake.descriptor < 0) *intake.descriptor = OpenIntake(path);
         CheckRtList(intake);
+        ShowIntake();
     }
 }
 }  // namespace

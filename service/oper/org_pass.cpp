@@ -6,6 +6,7 @@
 #include "oper/halving.h"
 #include "oper/read_plan.h"
 #include "state/counters.h"
+#include "stats/pass_stats.h"
 #include "voq/reg_range.h"
 
 std::uint32_t CurrentNode;
@@ -39,6 +40,14 @@ public:
     void PassOver() {}
     [[nodiscard]] static bool Barred() { return false; }
     void SearchEnded() { CurrentNode = ChainHead(); }
+
+    void Joins()
+    {
+        ++joined_;
+        wanted_.Add(walk_.Node().key);
+    }
+    void CountIn(const ReadPlan& plan) const { CountRead(Pass::Org, plan.key, joined_, wanted_.Count()); }
+
     void StopHere() { CurrentNode = walk_.Valid() ? walk_.Offset() : 0; }
 
     void WalkEnded()
@@ -62,6 +71,8 @@ private:
     OrgFile& file_;
     OrgWalk walk_;
     Stamp started_;
+    std::uint32_t joined_ = 0;
+    WantedElements wanted_;
 };
 
 bool PlanOrgRead(bool packed, ReadPlan& plan)
@@ -70,7 +81,9 @@ bool PlanOrgRead(bool packed, ReadPlan& plan)
     OrgFile file;
     if (!file.OpenRO()) return false;
     OrgCursor cursor(file, CurrentNode);
-    return PlanRead(cursor, packed, plan);
+    if (!PlanRead(cursor, packed, plan)) return false;
+    cursor.CountIn(plan);
+    return true;
 }
 
 // Refused: the same ranges again, in smaller reads, or none of them is left to blame but this one. A record is read
@@ -89,6 +102,7 @@ void Refused(const ReadPlan& plan)
 
 void OrgPass(bool packed)
 {
+    CountPass(Pass::Org);
     ReadPlan plan;
     if (!PlanOrgRead(packed, plan)) return;
     const int result = PlcOper(plan.key, ReadBuffer, PLC_READ_ONCE);

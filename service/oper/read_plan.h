@@ -56,7 +56,10 @@ void Widen(Cursor& at, Widening& read)
             at.PassOver();
             continue;
         }
-        if ((starting || !at.Barred()) && read.Take(at.Node())) continue;
+        if ((starting || !at.Barred()) && read.Take(at.Node())) {
+            if (!starting) at.Joins();
+            continue;
+        }
         if (starting) at.Next();
         at.StopHere();
         return;
@@ -77,6 +80,7 @@ void Widen(Cursor& at, Widening& read)
 //     void SearchEnded()        the walk ended without a due record
 //     void StopHere()           the next pass starts at the cursor's place
 //     void WalkEnded()          the widening ran into the end
+//     void Joins()              the record at hand is part of the read
 template <typename Cursor>
 bool PlanRead(Cursor& at, bool packed, ReadPlan& plan)
 {
@@ -85,6 +89,7 @@ bool PlanRead(Cursor& at, bool packed, ReadPlan& plan)
         at.SearchEnded();
         return false;
     }
+    at.Joins();
     Widening read(at.Node(), at.Offset(), packed ? PortPackLimits(at.Node().key) : UnpackedLimits, at.BeginRead());
     if (read.CanGrow()) {
         Widen(at, read);

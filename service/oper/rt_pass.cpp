@@ -18,6 +18,7 @@
 #include "rdchgwr/pulse.h"
 #include "rdchgwr/rd_chg_wr.h"
 #include "state/com_state.h"
+#include "stats/pass_stats.h"
 #include "voq/chg_desc.h"
 #include "voq/reg_range.h"
 
@@ -217,6 +218,7 @@ void ServeRead(std::uint16_t slot)
     ReadAlone.reset(slot);
     item.result = static_cast<std::uint8_t>(result);
     WriteBackRtData_Rd(slot, key, ReadBuffer);
+    CountRealTimeRead(key);
 }
 
 void ServeReads()
@@ -262,6 +264,7 @@ private:
 
 void OperRtList()
 {
+    CountPass(Pass::RealTime);
     ServeWrites();
     ServeReads();
     const UncountedFailures uncounted;

@@ -20,4 +20,5 @@ inline char GuiFifo[PathBytes];
 inline char MekFifo[PathBytes];
 inline char SlaveNoName[PathBytes];
 inline char PulsesName[PathBytes];
+inline char StatsName[PathBytes];
 inline char RcpDataDir[PathBytes];

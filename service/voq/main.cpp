@@ -9,6 +9,7 @@
 #include "arch/thread.h"
 #include "arch/work_file.h"
 #include "comm/local_reg.h"
+#include "comm/plc_driver.h"
 #include "database/database_lock.h"
 #include "fileinit/rd_user_file.h"
 #include "list/fast_list.h"
@@ -19,6 +20,7 @@
 #include "oper/rt_pass.h"
 #include "state/com_state.h"
 #include "state/paths.h"
+#include "stats/driver_stats.h"
 #include "voq/main_loop.h"
 #include "voq/org_record.h"
 #include "voq/watchdog.h"
@@ -117,6 +119,12 @@ void StartCursors(const OrgHeader& header)
     CurrentNode = header.head;
 }
 
+void ShowStartedPort()
+{
+    const MutexLock lock(DriverLock);
+    ShowPort(_cmd != nullptr);
+}
+
 void StartServiceThreads()
 {
     if (!StartThread(gui_service_thread)) std::puts("voq:Create gui service thread error\r");
@@ -159,6 +167,7 @@ int main(int argc, char** argv)
     InitPriRange();
     comIntervals = ComInfo.pause;
     std::printf("*VOQ*comIntervals=%d\r\n", static_cast<int>(comIntervals));
+    ShowStartedPort();
     MaxRtList = 3;
     DivRt = 3;
     std::printf("*VOQ*masterSlaveMode=%d\r\n", ComInfo.masterSlaveMode);

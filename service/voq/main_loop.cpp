@@ -11,6 +11,8 @@
 #include "oper/rt_pass.h"
 #include "state/com_state.h"
 #include "state/counters.h"
+#include "stats/heartbeat.h"
+#include "stats/pass_stats.h"
 
 std::uint32_t DivRt;
 
@@ -20,6 +22,12 @@ constexpr std::uint32_t ChecksEvery = 20;          // turns
 constexpr std::uint32_t IdleMicroseconds = 50000;  // nothing to poll
 constexpr std::uint32_t DefaultMaxRtList = 3;
 constexpr std::uint32_t ManyRequests = 20;  // above it a gateway box serves a share of the list in each pass
+
+void Pause(std::uint32_t microseconds)
+{
+    const Waiting waiting(StatsWait::Pause);
+    SleepMicroseconds(microseconds);
+}
 
 bool SlaveMode()
 {
@@ -76,9 +84,10 @@ void MasterTurn(std::uint32_t turn, std::uint32_t orgCount)
 {
     if (turn % DivRt == 0) RealTimePass();
     const std::uint16_t subscriptions = Subscriptions();
+    CountListed(static_cast<std::uint32_t>(rtDataFileCount.load(std::memory_order_relaxed)), subscriptions);
     if (subscriptions != 0) FastListPass();
     if (orgCount == 0 || LoopReStart != 0) {
-        if (subscriptions == 0) SleepMicroseconds(IdleMicroseconds);
+        if (subscriptions == 0) Pause(IdleMicroseconds);
     } else if (OrgListPassDue(turn)) {
         OrgListPass();
     }
@@ -87,6 +96,7 @@ void MasterTurn(std::uint32_t turn, std::uint32_t orgCount)
 void SlaveTurn()
 {
     CheckSlaveNo();
+    CountSlaveLoop();
     PlcDrvLoop();
 }
 }  // namespace
@@ -95,6 +105,7 @@ void MainLoop(std::uint16_t portIndex, std::uint32_t orgCount)
 {
     std::uint32_t turn = 0;
     while (true) {
+        BeginTurn();
         if (SlaveMode()) {
             SlaveTurn();
         } else {
@@ -105,6 +116,7 @@ void MainLoop(std::uint16_t portIndex, std::uint32_t orgCount)
             CheckIfComChg(portIndex);
             CheckStaionEnable();
         }
-        if (comIntervals != 0) TaskSleep(static_cast<std::int32_t>(comIntervals));
+        ShowPasses();
+        if (comIntervals != 0) Pause(comIntervals * 1000);
     }
 }

@@ -7,6 +7,7 @@
 #include "arch/work_file.h"
 #include "comm/local_reg.h"
 #include "state/paths.h"
+#include "stats/heartbeat.h"
 
 std::uint32_t GlobeWatchDogAddr;
 
@@ -21,6 +22,12 @@ void WriteCounter(const char* path, std::uint32_t counter)
     WorkFile file;
     if (file.OpenRW(path)) static_cast<void>(file.WriteRecord(GlobeWatchDogAddr * 2, counter));
 }
+
+void Pause()
+{
+    const Waiting waiting(StatsWait::Pause);
+    SleepSeconds(PeriodSeconds);
+}
 }  // namespace
 
 void watchdog_thread()
@@ -28,8 +35,10 @@ void watchdog_thread()
     char path[PathBytes];
     std::memcpy(path, SRWName, sizeof path);
     std::uint32_t counter = 0;
+    NameThread(StatsThreadOf::Watchdog);
     while (true) {
-        SleepSeconds(PeriodSeconds);
+        Pause();
+        BeginTurn();
         WriteCounter(path, ++counter);
     }
 }

@@ -10,7 +10,7 @@ import pathlib
 import re
 import sys
 
-LAYERS = ["value", "arch", "state", "rdchgwr", "database", "list", "comm", "oper", "fileinit", "voq"]  # from the bottom
+LAYERS = ["value", "arch", "state", "stats", "rdchgwr", "database", "list", "comm", "oper", "fileinit", "voq"]  # from the bottom
 BESIDE = {  # folder: the rows it may include
     "include": {"include"},
     "value": {"include", "value"},
