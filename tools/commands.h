@@ -18,6 +18,7 @@ inline constexpr int ExitComError = 4;      // the PLC or the line to it reporte
 inline constexpr int ExitRefused = 5;       // the service did not take the request
 inline constexpr int ExitNoAnswer = 6;      // the service did not answer in time
 inline constexpr int ExitNotRunning = 7;    // no service reads the FIFO
+inline constexpr int ExitLocked = 8;        // the service waits for another process's lock
 inline constexpr int ExitSignalBase = 128;  // plus the number of the signal that ended the waiting
 
 // Builds a project file from its TOML description, written beside the target and renamed over it.
@@ -72,3 +73,6 @@ int Top(const PortOptions& options, const TopOptions& top);
 
 // 0 when the service runs, 1 when it does not.
 int Status(const PortOptions& options, double waitSeconds);
+// By the main loop's heartbeat alone, which takes no lock: 0 when it goes on or nothing is known of it, 1 when it
+// hangs, ExitLocked when it waits for a lock that another process holds. A driver call may last `driverSeconds`.
+int StatusOfHeartbeat(const PortOptions& options, double driverSeconds);

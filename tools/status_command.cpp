@@ -1,8 +1,10 @@
 // "voqctl status": does the service run, and how is its link? Main thread; only reads.
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <thread>
 
+#include "client/heartbeat.h"
 #include "client/port_status.h"
 #include "client/value_text.h"
 #include "tools/commands.h"
@@ -52,9 +54,8 @@ std::string StationsText(const std::optional<std::vector<std::uint8_t>>& off)
     return text;
 }
 
-void Print(const voq::PortDir& port, const voq::PortStatus& status)
+void Print(const voq::PortStatus& status)
 {
-    std::printf("directory   %s\n", Printable(port.Dir()).c_str());
     std::printf("timeout     %s\n", status.timeout ? "set" : "not set");
     std::printf("comerror    %s\n", status.comerror ? "set" : "not set");
     std::printf("guififo     %s\n", FifoText(status.gui));
@@ -70,21 +71,57 @@ void Print(const voq::PortDir& port, const voq::PortStatus& status)
                 voq::StatesText(status).c_str(), status.org->badLink ? ", chain damaged" : "");
 }
 
+// Nothing when the service that runs shows no statistics, or when none runs.
+std::optional<voq::Heartbeat> LookAtHeartbeat(const voq::PortDir& port, std::chrono::microseconds driverCallAtMost)
+{
+    const auto stats = voq::ReadStatistics(port.Stats());
+    if (!stats || !voq::WriterLives(*stats)) return std::nullopt;
+    return voq::ReadHeartbeat(*stats, driverCallAtMost);
+}
+
+void PrintHeartbeat(const std::optional<voq::Heartbeat>& heartbeat)
+{
+    std::printf("main loop   %s\n", heartbeat ? Printable(voq::HeartbeatText(*heartbeat)).c_str() : "nothing known");
+}
+
+bool Hangs(const std::optional<voq::Heartbeat>& heartbeat)
+{
+    return heartbeat && (heartbeat->beat == voq::Beat::Driver || heartbeat->beat == voq::Beat::Unknown);
+}
+
 }  // namespace
 
 int Status(const PortOptions& options, double waitSeconds)
 {
     const Target target = Resolve(options);
+    if (!std::filesystem::exists(target.port.Dir())) throw voq::Error(target.port.Dir() + ": no such directory");
+    // First, and shown at once: what follows may wait for the lock that the service waits for.
+    const auto heartbeat = LookAtHeartbeat(target.port, voq::DriverCallAtMost);
+    std::printf("directory   %s\n", Printable(target.port.Dir()).c_str());
+    PrintHeartbeat(heartbeat);
+    std::fflush(stdout);
     const voq::PortStatus status = voq::ReadPortStatus(target.port);
-    if (!status.directory) throw voq::Error(target.port.Dir() + ": no such directory");
-    Print(target.port, status);
+    Print(status);
     const bool moves = WatchdogMoves(target, waitSeconds);
     const bool read = status.gui == voq::FifoState::Read || status.mek == voq::FifoState::Read;
     const bool unread = status.gui == voq::FifoState::NoReader && status.mek == voq::FifoState::NoReader;
     // The counter may be another port's.
     const bool doubtful = moves && unread && !target.indexKnown;
-    const bool runs = waitSeconds > 0 ? moves && !doubtful : read;
+    const bool runs = (waitSeconds > 0 ? moves && !doubtful : read) && !Hangs(heartbeat);
     std::printf("service     %s%s\n", runs ? "running" : "not running",
                 doubtful ? ": nobody reads its FIFOs; is the counter that of --index 0?" : "");
     return runs ? ExitOk : ExitNegative;
+}
+
+int StatusOfHeartbeat(const PortOptions& options, double driverSeconds)
+{
+    const auto atMost =
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::duration<double>(driverSeconds));
+    const auto heartbeat = LookAtHeartbeat(Resolve(options).port, atMost);
+    if (!heartbeat || heartbeat->beat == voq::Beat::Beats) {
+        PrintHeartbeat(heartbeat);
+        return ExitOk;
+    }
+    std::fprintf(stderr, "voqctl: main loop: %s\n", Printable(voq::HeartbeatText(*heartbeat)).c_str());
+    return Hangs(heartbeat) ? ExitNegative : ExitLocked;
 }

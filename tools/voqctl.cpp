@@ -35,6 +35,7 @@ struct Options {
     std::string toml, file, other;
     bool full = false, quiet = false;
     double wait = 11;
+    std::optional<double> heartbeat;
 };
 
 const CLI::Validator NotEmpty{[](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); },
@@ -205,7 +206,16 @@ void AddLookers(CLI::App& app, Options& options, Chosen& chosen)
     status.add_option("--wait", options.wait, "Seconds to wait for the watchdog, 0 to go by the FIFOs")
         ->check(Seconds(11))
         ->capture_default_str();
-    status.callback([&] { chosen = {[&] { return Status(options.port, options.wait); }, ExitUsage}; });
+    status
+        .add_option("--heartbeat", options.heartbeat, "Go by the main loop alone; its driver may take so many seconds")
+        ->check(Seconds(86400));
+    status.callback([&] {
+        chosen = {[&] {
+                      return options.heartbeat ? StatusOfHeartbeat(options.port, *options.heartbeat)
+                                               : Status(options.port, options.wait);
+                  },
+                  ExitUsage};
+    });
 }
 
 // True for a pipe or a socket whose other end is closed.
