@@ -166,6 +166,8 @@ class Bench:
             floor = self.loop(place, live.TRANSFER, 0, 1, "locks", self.build / "drivers/sim.so", **sim)
             self.share("polling 2,000 ranges, sim delay 5 ms, pause 1 ms", shares,
                        live.cpu_share(floor, windows, seconds), 8)
+        [line] = self.program("stats", RANGES, self.samples(101, 11), self.build / "drivers/sim.so")
+        self.add("statistics, share of a refresh of 2,000 ranges that waits for nobody", "%", line, ("value", "<=", 2))
         sizes = []
         for _ in range(self.samples(3)):
             with live.Place(self.build) as place:

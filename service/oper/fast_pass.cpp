@@ -43,7 +43,7 @@ public:
     void Ended(FastRead& stats, const RegKey& read, int result) const
     {
         const ReadLock lock(fast_rwlock);
-        stats.Ended(read, {ranges_, amount_}, wanted_.Count(), result);
+        stats.Ended(read, {ranges_, amount_}, wanted_.Of(read), result);
     }
 
 private:

@@ -46,7 +46,7 @@ public:
         ++joined_;
         wanted_.Add(walk_.Node().key);
     }
-    void CountIn(const ReadPlan& plan) const { CountRead(Pass::Org, plan.key, joined_, wanted_.Count()); }
+    void CountIn(const ReadPlan& plan) const { CountRead(Pass::Org, plan.key, joined_, wanted_.Of(plan.key)); }
 
     void StopHere() { CurrentNode = walk_.Valid() ? walk_.Offset() : 0; }
 

@@ -77,9 +77,15 @@ void ShowPasses()
 
 void WantedElements::Add(const RegKey& range)
 {
-    const std::uint64_t end = PollEnd(range);
+    const std::uint32_t unit = UnitBytes(range);
+    const std::uint64_t end = range.addr + std::uint64_t{(GetRegBuffLen(&range) + unit - 1) / unit};
     const std::uint64_t start = std::max<std::uint64_t>(range.addr, end_);
-    if (end > start)
-        count_ += static_cast<std::uint32_t>(std::min<std::uint64_t>(ElementsOfSpan(end - start, range), range.width));
-    end_ = std::max(end_, end);
+    if (end <= start) return;
+    units_ += static_cast<std::uint32_t>(end - start);
+    end_ = end;
+}
+
+std::uint32_t WantedElements::Of(const RegKey& read) const
+{
+    return std::min<std::uint32_t>(units_ * UnitBytes(read) / ElemBytes(read), read.width);
 }

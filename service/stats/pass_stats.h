@@ -30,15 +30,16 @@ void CountListed(std::uint32_t listed, std::uint32_t subscribed);
 // Shows all of it. The main loop, once a turn.
 void ShowPasses();
 
-// Elements that ranges want, handed over in ascending order: each counts once, whatever ranges share it.
+// Elements of a read that its ranges want, handed over in ascending order: each counts once, whatever ranges share it.
+// Whole address units count.
 class WantedElements
 {
 public:
     void Add(const RegKey& range);
-    [[nodiscard]] std::uint32_t Count() const { return count_; }
+    [[nodiscard]] std::uint32_t Of(const RegKey& read) const;
     void Clear() { *this = {}; }
 
 private:
     std::uint64_t end_ = 0;
-    std::uint32_t count_ = 0;
+    std::uint32_t units_ = 0;
 };

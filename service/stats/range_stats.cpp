@@ -107,7 +107,7 @@ void FastRead::Ended(const RegKey& read, std::span<const ReadRange> ranges, std:
         row.result = static_cast<std::uint16_t>(result);
         CountPeriod(row, LastReadMono[range.slot], nowMono);
         row.lastRead = now;
-        Show(row);
+        ShowRead(row);
     }
 }
 

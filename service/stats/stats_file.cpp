@@ -23,19 +23,26 @@ void Store(Word& to, std::uint32_t value)
     std::atomic_ref<std::uint32_t>(to).store(value, std::memory_order_relaxed);
 }
 
-template <typename Section>
-void ShowSection(Section& section)
+// Bytes `From` to `To` of a section, on word boundaries; the others are as they were.
+template <std::size_t From, std::size_t To, typename Section>
+void ShowBytes(Section& section)
 {
-    static_assert(offsetof(Section, sequence) == 0 && sizeof(Section) % sizeof(Word) == 0);
+    static_assert(offsetof(Section, sequence) == 0 && From % sizeof(Word) == 0 && To % sizeof(Word) == 0);
     if (Shown == nullptr) return;
     const std::ptrdiff_t at = reinterpret_cast<unsigned char*>(&section) - reinterpret_cast<unsigned char*>(&Stats);
     const Word* const from = reinterpret_cast<const Word*>(&section);
     Word* const to = reinterpret_cast<Word*>(Shown + at);
     Store(to[0], section.sequence + 1);
     std::atomic_thread_fence(std::memory_order_release);
-    for (std::size_t i = 1; i < sizeof(Section) / sizeof(Word); ++i) Store(to[i], from[i]);
+    for (std::size_t i = From / sizeof(Word); i < To / sizeof(Word); ++i) Store(to[i], from[i]);
     section.sequence += 2;
     std::atomic_ref<std::uint32_t>(to[0]).store(section.sequence, std::memory_order_release);
+}
+
+template <typename Section>
+void ShowSection(Section& section)
+{
+    ShowBytes<sizeof section.sequence, sizeof section>(section);
 }
 }  // namespace
 
@@ -84,4 +91,8 @@ void Show(StatsStation& section)
 void Show(StatsRange& section)
 {
     ShowSection(section);
+}
+void ShowRead(StatsRange& section)
+{
+    ShowBytes<offsetof(StatsRange, readNumber), offsetof(StatsRange, apartFrom)>(section);
 }

@@ -24,3 +24,5 @@ void Show(StatsLoop& section);
 void Show(StatsDriver& section);
 void Show(StatsStation& section);
 void Show(StatsRange& section);
+// What a read changes in it: many rows at once, so nothing else is stored.
+void ShowRead(StatsRange& section);

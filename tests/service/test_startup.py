@@ -75,7 +75,7 @@ def test_first_start(start):
         (offset, REGISTERS[n]) for offset, n in ((68, 1), (12, 0), (124, 2), (180, 6))]
     sound()
     assert sorted(p.name for p in (service / "").iterdir()) == sorted(
-        ["data", "guififo", "im1_1_22_0", "im1_1_22_0_1", "im1_2_0_0", "index", "lock", "mekfifo", "org"])
+        ["data", "guififo", "im1_1_22_0", "im1_1_22_0_1", "im1_2_0_0", "index", "lock", "mekfifo", "org", "stats"])
     assert (USER / "srw0.dat").stat().st_size == 20000
     wait_for(lambda: all(n.state == 3 for n in service.chain() if not n.key.flag & 0x200), "reads without a driver")
     assert not (service / "comerror").exists()  # nor do they count as failures
