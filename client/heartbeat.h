@@ -42,8 +42,9 @@ struct Heartbeat {
 // Whether the process that wrote the statistics lives, as far as its number tells.
 bool WriterLives(const Statistics& stats);
 
-// `driverCallAtMost`: when the main loop, or another thread that it then waits for, counts as hanging; a shorter one than
-// LockAtMost goes for locks too. Who holds a lock is asked at the moment of the call: nobody, and it holds nothing up.
+// `driverCallAtMost`: when the main loop, or another thread that it then waits for, counts as hanging; a shorter one
+// than LockAtMost goes for locks too. Who holds a lock is asked at the moment of the call: nobody, and it holds nothing
+// up.
 Heartbeat ReadHeartbeat(const Statistics& stats, std::chrono::microseconds driverCallAtMost = DriverCallAtMost);
 
 // In words: "turn 123, begun 3 ms ago", "hangs in the driver for 160 s: read of ...".
