@@ -52,6 +52,8 @@ struct RegisterFields {
 struct Register {
     RegKey key = {};
     ValueType type;
+    std::optional<int> order =
+        std::nullopt;  // its own order of value/shuffle.h, whatever its port says; of numbers only
 };
 
 // Throws Error that names the field which is missing or out of range. `port` stands in for a missing port field.

@@ -141,7 +141,7 @@ constexpr Float Largest = std::numeric_limits<Float>::max();
 bool NeedsByteOrder(const Register& reg)
 {
     return reg.type.kind != ValueKind::Bit && reg.type.kind != ValueKind::Raw &&
-           (reg.key.flag & REG_FLAG_BIG_ENDIAN) == 0;
+           (reg.key.flag & REG_FLAG_BIG_ENDIAN) == 0 && !reg.order;
 }
 
 ValueCoding CodingOf(const Register& reg, std::uint16_t byteOrder)
@@ -149,6 +149,7 @@ ValueCoding CodingOf(const Register& reg, std::uint16_t byteOrder)
     ValueCoding coding{reg.type, OrderOfWord(reg.type.kind, byteOrder), false};
     const bool number = reg.type.kind != ValueKind::Bit && reg.type.kind != ValueKind::Raw;
     if (number && (reg.key.flag & REG_FLAG_BIG_ENDIAN) != 0) coding.order = ORDER_REVERSE_BYTES;
+    if (number && reg.order) coding.order = *reg.order;
     coding.bcd = IsInteger(reg.type.kind) && (reg.key.flag & REG_FLAG_BCD) != 0;
     return coding;
 }
@@ -187,14 +188,20 @@ HostValue HighestValue(const ValueCoding& coding)
     return HostInteger(coding, RangeOf(coding).high);
 }
 
+Bytes EncodeHostValue(const ValueCoding& coding, const HostValue& value)
+{
+    Bytes element = value.bytes;
+    const int size = static_cast<int>(coding.ElemBytes());
+    if (coding.bcd) CvtBins2Bcds(element.data(), 1, size);
+    DoByteOrder(element.data(), coding.order, size);
+    return element;
+}
+
 Bytes EncodeValues(const ValueCoding& coding, std::span<const std::string> texts)
 {
     Bytes image;
-    const int size = static_cast<int>(coding.ElemBytes());
     for (const std::string& text : texts) {
-        Bytes element = ParseValue(coding, text).bytes;
-        if (coding.bcd) CvtBins2Bcds(element.data(), 1, size);
-        DoByteOrder(element.data(), coding.order, size);
+        const Bytes element = EncodeHostValue(coding, ParseValue(coding, text));
         image.insert(image.end(), element.begin(), element.end());
     }
     return image;

@@ -2,7 +2,8 @@
 //
 // The port's byte-order word says how 16-bit integers, 32-bit integers and floats lie; it says nothing about other
 // types, whose bytes are taken as they lie. A register whose big-endian flag is set has the bytes of each element
-// reversed, whatever the word says; the service itself goes by the word alone.
+// reversed, whatever the word says, and one with an order of its own (Register::order) goes by that alone; the service
+// itself goes by the word alone.
 #pragma once
 
 #include <array>
@@ -28,7 +29,7 @@ struct ValueCoding {
 };
 
 // True when the bytes of an element mean nothing before it is known how the PLC lays them out: a number of more than
-// one byte without the big-endian flag.
+// one byte without the big-endian flag or an order of its own.
 bool NeedsByteOrder(const Register& reg);
 
 ValueCoding CodingOf(const Register& reg, std::uint16_t byteOrder);
@@ -47,6 +48,9 @@ struct HostValue {
 HostValue ParseValue(const ValueCoding& coding, const std::string& text);
 HostValue LowestValue(const ValueCoding& coding);
 HostValue HighestValue(const ValueCoding& coding);
+
+// The element as it lies in an image.
+Bytes EncodeHostValue(const ValueCoding& coding, const HostValue& value);
 
 // The image of a range; one text an element. Throws Error.
 Bytes EncodeValues(const ValueCoding& coding, std::span<const std::string> texts);

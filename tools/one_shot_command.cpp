@@ -108,7 +108,7 @@ int AskChange(const Target& target, const PortOptions& port, const OneShotOption
 int Read(const PortOptions& port, const OneShotOptions& options)
 {
     const Target target = Resolve(port);
-    const voq::Register reg = ResolveRegister(target, options.what);
+    const voq::Register reg = ResolveRegister(target, options.what).reg;
     if (ByteOrderMissing(target, reg)) NoteByteOrder();
     const voq::ValueCoding coding = voq::CodingOf(reg, ByteOrderOf(target, reg.key));
     return AskService(
@@ -126,7 +126,7 @@ int Read(const PortOptions& port, const OneShotOptions& options)
 int Write(const PortOptions& port, const OneShotOptions& options, const std::vector<std::string>& values)
 {
     const Target target = Resolve(port);
-    const voq::Register reg = ResolveRegister(target, options.what);
+    const voq::Register reg = ResolveRegister(target, options.what).reg;
     RequireByteOrder(target, reg, options.what);
     const Bytes image = Checked(options.what, [&] {
         if (values.size() != reg.key.width) {
@@ -143,7 +143,7 @@ int Write(const PortOptions& port, const OneShotOptions& options, const std::vec
 int Change(const PortOptions& port, const OneShotOptions& options, const voq::ChangeText& change)
 {
     const Target target = Resolve(port);
-    const voq::Register reg = ResolveRegister(target, options.what);
+    const voq::Register reg = ResolveRegister(target, options.what).reg;
     RequireByteOrder(target, reg, options.what);
     const voq::ChangeRequest request =
         Checked(options.what, [&] { return voq::BuildChange(reg, ByteOrderOf(target, reg.key), change); });
@@ -158,7 +158,7 @@ int Change(const PortOptions& port, const OneShotOptions& options, const voq::Ch
 int Pulse(const PortOptions& port, const OneShotOptions& options, const PulseOptions& pulse)
 {
     const Target target = Resolve(port);
-    const voq::Register reg = ResolveRegister(target, options.what);
+    const voq::Register reg = ResolveRegister(target, options.what).reg;
     RequireByteOrder(target, reg, options.what);
     const voq::ChangeRequest request = Checked(options.what, [&] {
         return voq::BuildPulse(reg, ByteOrderOf(target, reg.key), pulse.bit, pulse.value != 0, pulse.milliseconds);

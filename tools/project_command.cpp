@@ -5,15 +5,16 @@
 #include "client/project.h"
 #include "tools/commands.h"
 #include "tools/printable.h"
+#include "tools/project_toml.h"
 #include "tools/write_file.h"
 
 int ProjectBuild(const std::string& toml, const std::string& output)
 {
-    const ProjectText text = LoadProjectToml(toml);
-    const voq::Bytes bytes = voq::BuildProject(text.project);
+    const voq::Description description = voq::LoadDescription(toml);
+    const voq::Bytes bytes = voq::BuildProject(description.Built());
     ReplaceFile(output, bytes);
     std::printf("%s: %zu bytes, %zu port(s), %zu register(s)\n", Printable(output).c_str(), bytes.size(),
-                text.project.ports.size(), text.project.registers.size());
+                description.ports.size(), description.registers.size());
     return ExitOk;
 }
 

@@ -3,10 +3,11 @@
 #include <cstring>
 #include <sstream>
 
+#include "client/description/description.h"
+#include "client/description/port_fields.h"
 #include "client/error.h"
 #include "client/port_dir.h"
 #include "client/value_text.h"
-#include "tools/project_fields.h"
 #include "tools/project_toml.h"
 #include "voq/reg_range.h"
 
@@ -60,22 +61,22 @@ std::string PortKeys(const ComInfoRecord& port)
         return value >= low && value <= high;
     };
     if ((serial || port.dataBits != 0) &&
-        within(port.dataBits, DataBitsLow(port.linkType), DataBitsHigh(port.linkType))) {
+        within(port.dataBits, voq::DataBitsLow(port.linkType), voq::DataBitsHigh(port.linkType))) {
         text += Line("data_bits", port.dataBits);
     }
-    if ((serial || port.parity != 0) && port.parity < 3) text += Line("parity", std::string(ParityNames[port.parity]));
+    if ((serial || port.parity != 0) && port.parity < 3) text += Line("parity", std::string(voq::ParityNames[port.parity]));
     if ((serial || port.stopBits != 0) &&
-        within(port.stopBits, StopBitsLow(port.linkType), StopBitsHigh(port.linkType))) {
+        within(port.stopBits, voq::StopBitsLow(port.linkType), voq::StopBitsHigh(port.linkType))) {
         text += Line("stop_bits", port.stopBits);
     }
     if ((serial || port.lineMode != 0) && port.lineMode < 3) text += Line("line_mode", port.lineMode);
-    if (port.masterSlaveMode < 2) text += Line("mode", std::string(ModeNames[port.masterSlaveMode]));
+    if (port.masterSlaveMode < 2) text += Line("mode", std::string(voq::ModeNames[port.masterSlaveMode]));
     if (port.slaveNo != 0) text += Line("slave_no", port.slaveNo);
     text +=
         HexLine("byte_order", port.byteOrder) + Line("word_limit", port.wordLimit) + Line("bit_limit", port.bitLimit);
     text += Line("word_gap", port.wordGap) + Line("bit_gap", port.bitGap) + Line("pause_ms", port.pause);
-    const std::uint32_t packing = port.flags & PackingBits;
-    if (packing == 0 || packing == PackingOff) text += packing == 0 ? "packing = true\n" : "packing = false\n";
+    const std::uint32_t packing = port.flags & voq::PackingBits;
+    if (packing == 0 || packing == voq::PackingOff) text += packing == 0 ? "packing = true\n" : "packing = false\n";
     return text;
 }
 
@@ -83,8 +84,8 @@ std::string PortText(const ComInfoRecord& port)
 {
     std::string text = PortKeys(port);
     try {
-        const ProjectText again = ParseProjectToml(text, "port");
-        if (std::memcmp(&again.project.ports.at(0), &port, sizeof port) == 0) return text;
+        const voq::Description again = voq::ParseDescription(text, "port");
+        if (std::memcmp(&again.ports.at(0).record, &port, sizeof port) == 0) return text;
     } catch (const voq::Error&) {
         // A link that has no name: the record says it.
     }
@@ -132,7 +133,7 @@ std::string WriteProjectToml(const voq::Project& project, std::size_t& skipped)
     for (std::size_t i = 0; i < project.registers.size(); ++i) {
         const RegKey& key = project.registers[i];
         const bool builds =
-            key.width != 0 && GetRegBuffLen(&key) <= MaxRegionBytes && KnownPort(project.ports, key.portno);
+            key.width != 0 && GetRegBuffLen(&key) <= MaxRegionBytes && voq::KnownPort(project.ports, key.portno);
         const std::string reg = RegisterText(key, i);
         text += "\n" + (builds ? reg : Commented(reg));
         if (!builds) ++skipped;

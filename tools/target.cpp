@@ -19,10 +19,10 @@ bool Is(const ComInfoRecord& record, const voq::PortDir& port)
     return record.portNo == port.number && LinkFromByte(record.linkType) == port.link;
 }
 
-ProjectText Load(const std::string& file)
+voq::Description Load(const std::string& file)
 {
     try {
-        return LoadProjectToml(file);
+        return voq::LoadDescription(file);
     } catch (const voq::Error& error) {
         throw UsageError(error.what());
     }
@@ -38,9 +38,9 @@ void ResolveNumber(const PortOptions& options, Target& target)
     target.index = options.index.value_or(0);
     target.indexKnown = options.index || target.project;
     if (!target.project) return;
-    const auto& ports = target.project->project.ports;
-    const auto found =
-        std::find_if(ports.begin(), ports.end(), [&](const ComInfoRecord& port) { return Is(port, target.port); });
+    const auto& ports = target.project->ports;
+    const auto found = std::find_if(ports.begin(), ports.end(),
+                                    [&](const voq::DescribedPort& port) { return Is(port.record, target.port); });
     const std::string name = std::string(LinkName(*link)) + " port " + std::to_string(target.port.number);
     if (found == ports.end()) throw UsageError("--port: " + options.project + " has no " + name);
     target.index = static_cast<std::uint16_t>(found - ports.begin());
@@ -52,15 +52,15 @@ void ResolveNumber(const PortOptions& options, Target& target)
 // The port at a place in the project.
 void ResolveIndex(const PortOptions& options, Target& target)
 {
-    const auto& ports = target.project->project.ports;
+    const auto& ports = target.project->ports;
     target.index = options.index.value_or(0);
     target.indexKnown = true;
     if (target.index >= ports.size()) {
         throw UsageError("--index: " + options.project + " has " + std::to_string(ports.size()) +
                          " port(s), the first is 0");
     }
-    target.port.link = LinkFromByte(ports[target.index].linkType).value_or(voq::LinkType::Ethernet);
-    target.port.number = ports[target.index].portNo;
+    target.port.link = LinkFromByte(ports[target.index].record.linkType).value_or(voq::LinkType::Ethernet);
+    target.port.number = ports[target.index].record.portNo;
 }
 
 }  // namespace
@@ -97,31 +97,27 @@ std::vector<Target> ResolveAll(PortOptions options)
     do {
         targets.push_back(Resolve(options));
         ++*options.index;
-    } while (*options.index < targets[0].project->project.ports.size());
+    } while (*options.index < targets[0].project->ports.size());
     return targets;
 }
 
-Described Describe(const Target& target, const RegKey& key)
+voq::DescribedRegister Describe(const Target& target, const RegKey& key)
 {
-    const std::size_t known = target.project ? target.project->project.registers.size() : 0;
-    for (std::size_t i = 0; i < known; ++i) {
-        const RegKey& other = target.project->project.registers[i];
-        if (other.portno == key.portno && SameRange(other, key)) {
-            return {{key, target.project->types[i]}, target.project->names[i]};
-        }
-    }
-    return {{key, voq::TypeOfSize(RegElemSize(&key))}, ""};
+    if (const auto* found = target.project ? target.project->Find(key) : nullptr)
+        return {found->name, {key, found->reg.type, found->reg.order}, found->station, found->meaning, found->line};
+    voq::DescribedRegister plain;
+    plain.reg = {key, voq::TypeOfSize(RegElemSize(&key))};
+    return plain;
 }
 
-voq::Register ResolveRegister(const Target& target, const std::string& text)
+voq::DescribedRegister ResolveRegister(const Target& target, const std::string& text)
 {
-    voq::Register reg;
-    const auto found = target.project ? target.project->Find(text) : std::nullopt;
-    if (found) {
-        reg = {target.project->project.registers[*found], target.project->types[*found]};
+    voq::DescribedRegister found;
+    if (const auto* named = target.project ? target.project->Find(text) : nullptr) {
+        found = *named;
     } else if (voq::LooksLikeExpression(text)) {
         try {
-            reg = voq::ParseExpression(text, target.port.number);
+            found.reg = voq::ParseExpression(text, target.port.number);
         } catch (const voq::Error& error) {
             throw UsageError(error.what());
         }
@@ -129,8 +125,8 @@ voq::Register ResolveRegister(const Target& target, const std::string& text)
         throw UsageError("\"" + text + "\" is no expression and " +
                          (target.project ? "no register of the project" : "there is no --project to look it up in"));
     }
-    if (reg.key.portno == target.port.number) return reg;
-    throw UsageError(text + ": the range is of port " + std::to_string(reg.key.portno) + ", not of port " +
+    if (found.reg.key.portno == target.port.number) return found;
+    throw UsageError(text + ": the range is of port " + std::to_string(found.reg.key.portno) + ", not of port " +
                      std::to_string(target.port.number));
 }
 
@@ -138,12 +134,7 @@ std::uint16_t ByteOrderOf(const Target& target, const RegKey& key)
 {
     if (target.byteOrder) return *target.byteOrder;
     if (!target.project) return 0;
-    const voq::Project& project = target.project->project;
-    if (key.portno == REG_PORT_LOCAL) return project.byteOrder;
-    for (const ComInfoRecord& port : project.ports) {
-        if (Is(port, target.port)) return port.byteOrder;
-    }
-    return 0;
+    return target.project->ByteOrderOf(key.portno, static_cast<std::uint8_t>(target.port.link));
 }
 
 bool ByteOrderMissing(const Target& target, const voq::Register& reg)

@@ -5,11 +5,11 @@
 #include <optional>
 #include <string>
 
+#include "client/description/description.h"
 #include "client/error.h"
 #include "client/file_number.h"
 #include "client/port_dir.h"
 #include "client/register.h"
-#include "tools/project_toml.h"
 
 // Arguments that make no sense.
 class UsageError : public voq::Error
@@ -34,7 +34,7 @@ struct Target {
     std::string fifo;
     std::uint16_t index = 0;  // of its watchdog counter
     bool indexKnown = false;  // false: nobody said it
-    std::optional<ProjectText> project;
+    std::optional<voq::Description> project;
     std::optional<std::uint16_t> byteOrder;
 };
 
@@ -44,15 +44,12 @@ Target Resolve(const PortOptions& options);
 // Every port of the project. Throws UsageError.
 std::vector<Target> ResolveAll(PortOptions options);
 
-// A register of the target's port: a name of its project, or an expression. Throws UsageError.
-voq::Register ResolveRegister(const Target& target, const std::string& text);
+// A register of the target's port: a name of its project, or an expression, which has no name and no meaning. Throws
+// UsageError.
+voq::DescribedRegister ResolveRegister(const Target& target, const std::string& text);
 
-// A range with the type that the project gives it, or that of its element size, and its name there, if any.
-struct Described {
-    voq::Register reg;
-    std::string name;
-};
-Described Describe(const Target& target, const RegKey& key);
+// A range as the project describes it, or with the type of its element size, without a name.
+voq::DescribedRegister Describe(const Target& target, const RegKey& key);
 
 // The byte-order word for a range: the panel's for its own registers, else the port's; 0 where nothing tells.
 std::uint16_t ByteOrderOf(const Target& target, const RegKey& key);

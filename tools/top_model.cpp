@@ -22,7 +22,7 @@ constexpr std::int64_t Never = std::numeric_limits<std::int64_t>::max();
 TopRange NewRange(const TopPort& port, std::size_t index, const voq::OrgRecord& record)
 {
     const RegKey& key = record.node.key;
-    const Described described = Describe(port.target, key);
+    const voq::DescribedRegister described = Describe(port.target, key);
     TopRange range;
     range.port = index;
     range.offset = record.offset;

@@ -55,7 +55,7 @@ std::vector<Watched> ResolveRanges(const Target& target, const std::vector<std::
     for (const std::string& text : what) {
         Watched range;
         range.name = text;
-        range.reg = ResolveRegister(target, text);
+        range.reg = ResolveRegister(target, text).reg;
         range.coding = voq::CodingOf(range.reg, ByteOrderOf(target, range.reg.key));
         // The service would keep one entry for both, and the second log-off would not find it.
         for (const Watched& other : ranges) {

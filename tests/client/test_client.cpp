@@ -6,11 +6,13 @@
 #include <ctime>
 
 #include "client/db_check.h"
+#include "client/description/description.h"
+#include "client/description/limits.h"
 #include "client/error.h"
 #include "client/prepare.h"
 #include "client/value_text.h"
 #include "tools/commands.h"
-#include "tools/project_limits.h"
+#include "tools/project_toml.h"
 #include "voq/rt_item.h"
 
 using voq::Bytes;
@@ -150,8 +152,8 @@ TEST(Expression, ParsesAndRefuses)
 
 TEST(Project, PlacesAndRoundTrip)
 {
-    const ProjectText demo = LoadProjectToml(VOQ_EXAMPLE);
-    const Bytes file = voq::BuildProject(demo.project);
+    const voq::Project demo = voq::LoadDescription(VOQ_EXAMPLE).Built();
+    const Bytes file = voq::BuildProject(demo);
     const auto u32 = [&](std::size_t at) { return voq::RecordAt<std::uint32_t>(file, at).value(); };
     const std::size_t comm = u32(u32(20) + 32), record = comm + u32(comm + 4);
     EXPECT_EQ(u32(comm), 1u);
@@ -163,7 +165,7 @@ TEST(Project, PlacesAndRoundTrip)
     EXPECT_EQ(voq::Hex(std::span(file).subspan(last, 24)), "000000000000000001000100010010000000000000000000");
 
     // What no named key says must come through as well: an unknown link, reserved bytes, foreign flags.
-    voq::Project wild = demo.project;
+    voq::Project wild = demo;
     wild.byteOrder = 0xABCD;
     ComInfoRecord port;
     std::memset(&port, 0x97, sizeof port);
@@ -176,9 +178,9 @@ TEST(Project, PlacesAndRoundTrip)
     wild.registers.push_back({0xFFFFFFFF, 0x12345678, 3, 255, 0xF3, 65535, 20000, 0xFFFFFFFF, 0xFFFFFFFF});
     wild.registers.push_back({0x0003FF00, 0, REG_PORT_LOCAL, 0, 0x08, 0, 1, 0, 0});
     std::size_t skipped = 0;
-    for (const voq::Project& project : {demo.project, wild}) {
+    for (const voq::Project& project : {demo, wild}) {
         const std::string text = WriteProjectToml(voq::ParseProject(voq::BuildProject(project)), skipped);
-        EXPECT_EQ(voq::BuildProject(ParseProjectToml(text, "t").project), voq::BuildProject(project)) << text;
+        EXPECT_EQ(voq::BuildProject(voq::ParseDescription(text, "t").Built()), voq::BuildProject(project)) << text;
         EXPECT_EQ(skipped, 0u);
     }
     wild.registers.push_back(Key(1, 1, 0x22, 0, 0));
@@ -204,7 +206,7 @@ TEST(Project, PlacesAndRoundTrip)
 void ExpectErrors(const auto& bad)
 {
     for (const auto& [text, beginning] : bad) {
-        const std::string error = ErrorOf([&] { ParseProjectToml(text, "t"); });
+        const std::string error = ErrorOf([&] { voq::ParseDescription(text, "t"); });
         EXPECT_TRUE(error.starts_with(beginning)) << text.substr(0, 80) << "\n" << error;
     }
 }
@@ -230,7 +232,7 @@ TEST(Project, ErrorsNameFileAndLine)
         {port + port.substr(0, 22) + "number = 2\n[[register]]\nstation = 1\narea = 1\naddress = 1\ntype = \"bit\"",
          "t:7: port is missing"},
     };
-    EXPECT_EQ(ParseProjectToml(whole, "t").Find("a"), 0u);
+    EXPECT_EQ(voq::ParseDescription(whole, "t").Find("a")->line, 4u);
     ExpectErrors(bad);
 }
 
@@ -251,7 +253,7 @@ TEST(Project, ForeignDescriptionsAreBounded)
         {"[[a.b]]", "t:1: [a.b] is unknown"},
         {std::string(300, 'a') + " = 1", "t:1: a text of 300 bytes"},
         {"x = \"" + std::string(300, 'a') + '"', "t:1: a text of 300 bytes"},
-        {Repeated(MaxDescriptionBytes / 2, "#\n") + "\n", "t: longer than "},
+        {Repeated(voq::MaxDescriptionBytes / 2, "#\n") + "\n", "t: longer than "},
         // Where strings end decides what is a key.
         {"x = \"\"\"a\n\"\"\"\"\"\na.b = 1", "t:3: a dotted key"},
         {"x = '\\'\na.b = 1", "t:2: a dotted key"},
@@ -262,7 +264,7 @@ TEST(Project, ForeignDescriptionsAreBounded)
     const std::string odd =
         "# \"[[[[[[[[[ ' a.b\nport = [{link = 'can', number = 1}]\n [[ register ]] # ]\nname = \"\"\"a.b\"\"\"\n"
         "station = 1\narea = 1\ntype = \"u16\"\naddress = 1\n";
-    EXPECT_EQ(ParseProjectToml(odd, "t").Find("a.b"), 0u);
+    EXPECT_NE(voq::ParseDescription(odd, "t").Find("a.b"), nullptr);
 }
 
 // Ten times the registers may take 25 times the time, far from the hundred of a search for each.
@@ -273,7 +275,7 @@ TEST(Project, ManyNamesAreNoQuadraticSearch)
         const std::string rest = "\nstation = 1\narea = 4\ntype = \"u16\"\naddress = 1\n";
         for (int i = 0; i < registers; ++i) text += "[[register]]\nname = \"r" + std::to_string(i) + '"' + rest;
         const std::clock_t begin = std::clock();
-        ParseProjectToml(text, "t");
+        voq::ParseDescription(text, "t");
         return std::clock() - begin;
     };
     EXPECT_LT(clocksFor(50000), 25 * clocksFor(5000));

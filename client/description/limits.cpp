@@ -1,10 +1,13 @@
 // Scans a project description: strings and comments, brackets, keys. One pass; pure.
-#include "tools/project_limits.h"
+#include "client/description/limits.h"
 
 #include <algorithm>
 #include <string_view>
 
 #include "client/error.h"
+
+namespace voq
+{
 
 namespace
 {
@@ -22,7 +25,7 @@ public:
 private:
     [[noreturn]] void Fail(const std::string& text) const
     {
-        throw voq::Error(file_ + ":" + std::to_string(line_) + ": " + text);
+        throw Error(file_ + ":" + std::to_string(line_) + ": " + text);
     }
 
     void Step(char c)
@@ -128,11 +131,13 @@ private:
 
 }  // namespace
 
-void CheckProjectLimits(const std::string& text, const std::string& file)
+void CheckDescriptionLimits(const std::string& text, const std::string& file)
 {
     if (text.size() > MaxDescriptionBytes) {
-        throw voq::Error(file + ": longer than a project description's limit of " +
-                         std::to_string(MaxDescriptionBytes) + " bytes");
+        throw Error(file + ": longer than a project description's limit of " + std::to_string(MaxDescriptionBytes) +
+                    " bytes");
     }
     Scan(text, file).Run();
 }
+
+}  // namespace voq

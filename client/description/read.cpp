@@ -1,6 +1,4 @@
 // Reads project descriptions. Main thread.
-#include "tools/project_toml.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
@@ -9,17 +7,19 @@
 #include <string_view>
 #include <utility>
 
+#include "client/description/description.h"
+
 // The only file that sees the parser: compiled in as a whole, so that nothing is to be linked.
 #define TOML_HEADER_ONLY 1
 #define TOML_ENABLE_FORMATTERS 0
 #include <toml++/toml.h>
 
+#include "client/description/limits.h"
+#include "client/description/port_fields.h"
 #include "client/error.h"
-#include "tools/project_fields.h"
-#include "tools/project_limits.h"
 
-using voq::Bytes;
-using voq::Error;
+namespace voq
+{
 
 namespace
 {
@@ -155,7 +155,7 @@ ComInfoRecord ParseRecord(Table& table, const std::string& text)
     for (std::size_t i = 0; i < bytes.size(); ++i) {
         bytes[i] = static_cast<std::uint8_t>(std::stoul(text.substr(2 * i, 2), nullptr, 16));
     }
-    return *voq::RecordAt<ComInfoRecord>(bytes, 0);
+    return *RecordAt<ComInfoRecord>(bytes, 0);
 }
 
 ComInfoRecord DefaultPort(std::uint8_t link)
@@ -204,7 +204,7 @@ void ReadLine(Table& table, ComInfoRecord& port)
 
 // A project in the making, and what of it must not come twice.
 struct Reading {
-    ProjectText text;
+    Description text;
     std::set<std::string, std::less<>> names;
     std::set<std::uint32_t> numbers;                         // of ports
     std::set<std::pair<std::uint8_t, std::uint16_t>> ports;  // link and number
@@ -246,9 +246,9 @@ bool ValidName(const std::string& name)
     return !name.empty() && letter(name[0]) && std::all_of(name.begin(), name.end(), inner);
 }
 
-voq::RegisterFields ReadFields(Table& table)
+RegisterFields ReadFields(Table& table)
 {
-    voq::RegisterFields fields;
+    RegisterFields fields;
     fields.port = table.Number("port", 0, 0xFFFF);
     fields.station = table.Number("station", 0, 0xFF);
     fields.area = table.Number("area", 0, 0xFFFF);
@@ -266,12 +266,12 @@ voq::RegisterFields ReadFields(Table& table)
         fields.priority = 0;
     } else {
         fields.priority = table.Number("priority", 0, REG_FLAG_PRIORITY_MASK);
-        if (fields.priority && !voq::ValidPriority(*fields.priority)) {
+        if (fields.priority && !ValidPriority(*fields.priority)) {
             table.FailAt("priority", std::to_string(*fields.priority) + " is none of 0 (each), 1, 3, 10");
         }
     }
     if (const auto type = table.Text("type")) {
-        fields.type = voq::TypeFromName(*type);
+        fields.type = TypeFromName(*type);
         if (!fields.type) {
             table.FailAt("type",
                          "\"" + *type + "\" is none of bit, u16, s16, u32, s32, float, double, raw:1 to raw:15");
@@ -290,30 +290,30 @@ void ReadRegister(const toml::node& node, const std::string& file, Reading& read
     }
     if (name && !name->empty() && !reading.names.insert(*name).second)
         table.FailAt("name", "there is a register \"" + *name + "\" already");
-    const voq::RegisterFields fields = ReadFields(table);
+    const RegisterFields fields = ReadFields(table);
     table.Finish();
-    const auto& ports = reading.text.project.ports;
+    const auto& ports = reading.text.ports;
     if (fields.port && *fields.port != REG_PORT_LOCAL && !reading.numbers.contains(*fields.port)) {
         table.FailAt("port", "no port has the number " + std::to_string(*fields.port));
     }
     if (!fields.addr) table.FailHere("address is missing");
     std::optional<std::uint16_t> only;
-    if (ports.size() == 1) only = ports[0].portNo;
-    voq::Register reg;
+    if (ports.size() == 1) only = ports[0].record.portNo;
+    DescribedRegister described;
+    described.name = name.value_or("");
+    described.line = LineOf(node);
     try {
-        reg = voq::MakeRegister(fields, only);
+        described.reg = MakeRegister(fields, only);
     } catch (const Error& error) {
         table.FailHere(error.what());
     }
-    reading.text.project.registers.push_back(reg.key);
-    reading.text.names.push_back(name.value_or(""));
-    reading.text.types.push_back(reg.type);
+    reading.text.registers.push_back(std::move(described));
 }
 
-ProjectText ReadProject(const toml::node& node, const std::string& file)
+Description ReadProject(const toml::node& node, const std::string& file)
 {
     Reading reading;
-    voq::Project& project = reading.text.project;
+    Description& project = reading.text;
     Table root(node, file, "the file");
     project.byteOrder = static_cast<std::uint16_t>(root.Number("byte_order", 0, 0xFFFF).value_or(0));
     for (const toml::node* port : Tables(root, file, "port")) {
@@ -322,7 +322,7 @@ ProjectText ReadProject(const toml::node& node, const std::string& file)
             Fail(file, *port, "there is a port of this link and number already");
         }
         reading.numbers.insert(record.portNo);
-        project.ports.push_back(record);
+        project.ports.push_back({record, "", LineOf(*port)});
     }
     if (project.ports.empty()) throw Error(file + ": there is no [[port]]");
     for (const toml::node* reg : Tables(root, file, "register")) ReadRegister(*reg, file, reading);
@@ -332,16 +332,9 @@ ProjectText ReadProject(const toml::node& node, const std::string& file)
 
 }  // namespace
 
-std::optional<std::size_t> ProjectText::Find(std::string_view name) const
+Description ParseDescription(const std::string& text, const std::string& file)
 {
-    const auto found = std::find(names.begin(), names.end(), name);
-    if (name.empty() || found == names.end()) return std::nullopt;
-    return static_cast<std::size_t>(found - names.begin());
-}
-
-ProjectText ParseProjectToml(const std::string& text, const std::string& file)
-{
-    CheckProjectLimits(text, file);
+    CheckDescriptionLimits(text, file);
     try {
         return ReadProject(toml::parse(text, file), file);
     } catch (const toml::parse_error& error) {
@@ -349,7 +342,7 @@ ProjectText ParseProjectToml(const std::string& text, const std::string& file)
     }
 }
 
-ProjectText LoadProjectToml(const std::string& file)
+Description LoadDescription(const std::string& file)
 {
     std::ifstream stream(file, std::ios::binary);
     std::string text;
@@ -358,5 +351,7 @@ ProjectText LoadProjectToml(const std::string& file)
         if (text.size() > MaxDescriptionBytes) break;
     }
     if (!stream.eof() && text.size() <= MaxDescriptionBytes) throw Error(file + ": cannot be read");
-    return ParseProjectToml(text, file);
+    return ParseDescription(text, file);
 }
+
+}  // namespace voq

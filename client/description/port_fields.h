@@ -8,6 +8,9 @@
 #include "voq/com_info.h"
 #include "voq/reg_key.h"
 
+namespace voq
+{
+
 inline constexpr std::uint32_t PackingBits = 3u << 17;
 inline constexpr std::uint32_t PackingOff = 1u << 17;
 inline constexpr const char* ParityNames[] = {"none", "odd", "even"};
@@ -36,3 +39,5 @@ inline bool KnownPort(const std::vector<ComInfoRecord>& ports, std::uint32_t num
     const auto matches = [&](const ComInfoRecord& port) { return port.portNo == number; };
     return number == REG_PORT_LOCAL || std::any_of(ports.begin(), ports.end(), matches);
 }
+
+}  // namespace voq

@@ -1,0 +1,54 @@
+// A project described in TOML: ports, and registers with their names and what their values mean. docs/description.md
+// has the keys. Reading takes files only; any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "client/description/meaning.h"
+#include "client/project.h"
+#include "client/register.h"
+
+namespace voq
+{
+
+struct DescribedPort {
+    ComInfoRecord record = {};
+    std::string driver;    // "modbus_tcp"; empty: the description does not say
+    std::size_t line = 0;  // of the file
+};
+
+struct DescribedRegister {
+    std::string name;     // may be empty
+    Register reg;         // port (key.portno), range, type, and its own byte order where it has one
+    std::string station;  // name of its station; may be empty
+    Meaning meaning;
+    std::size_t line = 0;
+};
+
+struct Description {
+    std::uint16_t byteOrder = 0;  // of the panel's own registers
+    std::vector<DescribedPort> ports;
+    std::vector<DescribedRegister> registers;  // in the order of the file, repeated ones one after the other
+
+    // Null when there is none.
+    const DescribedRegister* Find(std::string_view name) const;
+    // The register of this range, whatever its name: the first in the file. Null when there is none.
+    const DescribedRegister* Find(const RegKey& key) const;
+
+    // The byte-order word that CodingOf takes for the registers of a port; of REG_PORT_LOCAL the panel's. Two ports of
+    // different links may share a number: then the first one's unless `link` says. 0 for a port that is not there.
+    std::uint16_t ByteOrderOf(std::uint16_t port, std::optional<std::uint8_t> link = std::nullopt) const;
+
+    // What of it a project file holds.
+    Project Built() const;
+};
+
+// Throws Error "<file>:<line>: <text>" for the first thing that is wrong.
+Description ParseDescription(const std::string& text, const std::string& file);
+Description LoadDescription(const std::string& file);
+
+}  // namespace voq
