@@ -1,6 +1,6 @@
 /* The whole calling interface between the service and a PLC driver. Plain C; a driver needs nothing else.
  *
- * A driver is a shared library that exports one function, PlcDrvCmd. The service calls it with a command name, a target
+ * A driver is a shared library that exports PlcDrvCmd, and PlcDrvInfo if it likes (below). The service calls it with a command name, a target
  * and an array of pointers:
  *
  * command    target                     args
@@ -51,6 +51,31 @@ typedef int32_t (*PlcDrvCmdFn)(const char* command, void* target, void** args);
 
 /* Every driver defines this with default visibility. */
 __attribute__((visibility("default"))) int32_t PlcDrvCmd(const char* command, void* target, void** args);
+
+/* The second entry point, optional: what a driver says of itself to the tools that build project files. The service never
+ * calls it. It is called without an instance, in any process, on any thread; it neither opens nor prints anything. */
+#define PLC_DRV_INFO "PlcDrvInfo"
+
+typedef struct PlcDriverInfo {
+    uint32_t size;    /* sizeof(PlcDriverInfo); tools read no field beyond it */
+    const char* name; /* the library's name without ".so" */
+    /* What suits the driver where a project description says nothing. */
+    uint8_t linkType;
+    uint8_t wordGap;
+    uint8_t bitGap;
+    uint8_t reserved; /* 0 */
+    uint16_t byteOrder;
+    uint16_t wordLimit;
+    uint16_t bitLimit;
+    /* 0 when the driver can read the range. Else anything else, and `reason` holds why, in words that follow "NAME: ":
+     * at most `size` bytes, the zero at the end included. The range is a whole one, longer than the port's limits, too. */
+    int32_t (*check)(const RegKey* key, char* reason, uint32_t size);
+} PlcDriverInfo;
+
+typedef const PlcDriverInfo* (*PlcDrvInfoFn)(void);
+
+/* Defined with default visibility by the drivers that have it; the result stays valid. */
+__attribute__((visibility("default"))) const PlcDriverInfo* PlcDrvInfo(void);
 
 #ifdef __cplusplus
 }
