@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "client/description/driver_info.h"
+#include "client/description/remarks.h"
 #include "client/description/meaning.h"
 #include "client/project.h"
 #include "client/register.h"
@@ -17,8 +19,11 @@ namespace voq
 
 struct DescribedPort {
     ComInfoRecord record = {};
-    std::string driver;    // "modbus_tcp"; empty: the description does not say
-    std::size_t line = 0;  // of the file
+    std::string driver;                   // "modbus_tcp"; empty: the description does not say
+    const PlcDriverInfo* info = nullptr;  // what it says of itself; null: nobody knows
+    std::string unknown;                  // why not
+    bool namedOrder = false;              // its byte order was said by name: doubles lie so, too
+    std::size_t line = 0;                 // of the file
 };
 
 struct DescribedRegister {
@@ -47,8 +52,16 @@ struct Description {
     Project Built() const;
 };
 
-// Throws Error "<file>:<line>: <text>" for the first thing that is wrong.
-Description ParseDescription(const std::string& text, const std::string& file);
-Description LoadDescription(const std::string& file);
+// A port's defaults are those of its driver, which is looked for in `drivers`. Both throw Error "<file>:<line>: <text>"
+// for the first thing that is wrong.
+Description ParseDescription(const std::string& text, const std::string& file,
+                             const DriverDirs& drivers = StandardDriverDirs());
+Description LoadDescription(const std::string& file, const DriverDirs& drivers = StandardDriverDirs());
+
+// Everything that is wrong goes to `remarks`, which has the file's name; the result holds what could be read. Nothing
+// is thrown for what the text says.
+Description ReadDescription(const std::string& text, const DriverDirs& drivers, Remarks& remarks);
+// The text of a description's file, or as much of it as is refused. Throws Error when it cannot be read.
+std::string DescriptionText(const std::string& file);
 
 }  // namespace voq

@@ -4,18 +4,18 @@
 #include <algorithm>
 #include <string_view>
 
-#include "client/error.h"
-
 namespace voq
 {
 
 namespace
 {
 
+using Stop = Remark;  // ends the scan
+
 class Scan
 {
 public:
-    Scan(std::string_view text, const std::string& file) : text_(text), file_(file) {}
+    explicit Scan(std::string_view text) : text_(text) {}
 
     void Run()
     {
@@ -23,10 +23,7 @@ public:
     }
 
 private:
-    [[noreturn]] void Fail(const std::string& text) const
-    {
-        throw Error(file_ + ":" + std::to_string(line_) + ": " + text);
-    }
+    [[noreturn]] void Fail(const std::string& text) const { throw Stop{line_, true, text}; }
 
     void Step(char c)
     {
@@ -39,7 +36,8 @@ private:
         if (c == ']' || c == '}') Close();
         if (c == ',') inKey_ = depth_ != 0 && open_[depth_ - 1] == '{';
         if (c == '=') inKey_ = false;
-        if (c == '.' && inKey_) Fail("a dotted key: ports and registers are written as [[port]] and [[register]]");
+        if (c == '.' && inKey_)
+            Fail("a dotted key; tables are written as [[port]], [[station]], [[block]] and [[register]]");
         ++at_;
     }
 
@@ -115,15 +113,14 @@ private:
             if (name.size() > MaxTextBytes) Limit(closed);
         }
         if (!name.empty() && name.back() == ']') name.pop_back();
-        if (name != "port" && name != "register") {
-            Fail("[" + name + "] is unknown: a description has [[port]] and [[register]]");
+        if (name != "port" && name != "station" && name != "block" && name != "register") {
+            Fail("[" + name + "] is unknown: a description has [[port]], [[station]], [[block]] and [[register]]");
         }
         at_ = end;
         inKey_ = false;
     }
 
     std::string_view text_;
-    const std::string& file_;
     std::size_t at_ = 0, line_ = 1, depth_ = 0;
     char open_[MaxNesting] = {};
     bool inKey_ = true;  // what comes next is a key or a table's head
@@ -131,13 +128,20 @@ private:
 
 }  // namespace
 
-void CheckDescriptionLimits(const std::string& text, const std::string& file)
+bool WithinDescriptionLimits(const std::string& text, Remarks& remarks)
 {
     if (text.size() > MaxDescriptionBytes) {
-        throw Error(file + ": longer than a project description's limit of " + std::to_string(MaxDescriptionBytes) +
-                    " bytes");
+        remarks.Error(0,
+                      "longer than a project description's limit of " + std::to_string(MaxDescriptionBytes) + " bytes");
+        return false;
     }
-    Scan(text, file).Run();
+    try {
+        Scan(text).Run();
+        return true;
+    } catch (const Stop& stop) {
+        remarks.Error(stop.line, stop.text);
+        return false;
+    }
 }
 
 }  // namespace voq

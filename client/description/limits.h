@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <string>
 
+#include "client/description/remarks.h"
+
 namespace voq
 {
 
@@ -12,8 +14,8 @@ inline constexpr std::size_t MaxDescriptionBytes = 8u << 20;  // some 80,000 reg
 inline constexpr std::size_t MaxNesting = 8;                  // arrays and inline tables within each other
 inline constexpr std::size_t MaxTextBytes = 256;              // of a key, a string or a number
 
-// Refuses a description that is longer, deeper or has longer texts, dotted keys, or tables other than [[port]] and
-// [[register]]. Throws voq::Error "<file>:<line>: <text>".
-void CheckDescriptionLimits(const std::string& text, const std::string& file);
+// False, and one remark, when a description is longer, deeper or has longer texts, dotted keys, or other tables than
+// it may.
+bool WithinDescriptionLimits(const std::string& text, Remarks& remarks);
 
 }  // namespace voq

@@ -15,6 +15,8 @@ inline constexpr std::uint32_t PackingBits = 3u << 17;
 inline constexpr std::uint32_t PackingOff = 1u << 17;
 inline constexpr const char* ParityNames[] = {"none", "odd", "even"};
 inline constexpr const char* ModeNames[] = {"master", "slave"};
+// At the place of the order of value/shuffle.h that they stand for in values of four bytes.
+inline constexpr const char* ByteOrderNames[] = {"low-byte-first", "low-word-first", "swapped", "high-word-first"};
 
 // A link's own limits; other links keep these bytes for purposes of their own.
 constexpr std::uint32_t DataBitsLow(std::uint8_t link)

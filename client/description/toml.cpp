@@ -1,0 +1,3 @@
+// The TOML parser's own code.
+#define TOML_IMPLEMENTATION
+#include "client/description/toml.h"
