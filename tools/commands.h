@@ -21,8 +21,17 @@ inline constexpr int ExitNotRunning = 7;    // no service reads the FIFO
 inline constexpr int ExitLocked = 8;        // the service waits for another process's lock
 inline constexpr int ExitSignalBase = 128;  // plus the number of the signal that ended the waiting
 
+struct ProjectOptions {
+    std::string description;           // TOML
+    std::vector<std::string> drivers;  // where drivers lie, empty for the usual places
+    std::string dir;                   // user data directory of the service, empty when nobody knows
+};
+// Prints all that is wrong with a description: 0 nothing but warnings, 1 errors.
+int ProjectCheck(const ProjectOptions& options);
+// The description of a file that has no errors: they go to standard error, as the warnings do, and voq::Error ends it.
+voq::Description CheckedDescription(const ProjectOptions& options);
 // Builds a project file from its TOML description, written beside the target and renamed over it.
-int ProjectBuild(const std::string& toml, const std::string& output);
+int ProjectBuild(const ProjectOptions& options, const std::string& output);
 // Prints a project file as TOML that ProjectBuild takes.
 int ProjectShow(const std::string& file);
 // Throws voq::Error that begins with the file's name.

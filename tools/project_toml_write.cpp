@@ -64,7 +64,8 @@ std::string PortKeys(const ComInfoRecord& port)
         within(port.dataBits, voq::DataBitsLow(port.linkType), voq::DataBitsHigh(port.linkType))) {
         text += Line("data_bits", port.dataBits);
     }
-    if ((serial || port.parity != 0) && port.parity < 3) text += Line("parity", std::string(voq::ParityNames[port.parity]));
+    if ((serial || port.parity != 0) && port.parity < 3)
+        text += Line("parity", std::string(voq::ParityNames[port.parity]));
     if ((serial || port.stopBits != 0) &&
         within(port.stopBits, voq::StopBitsLow(port.linkType), voq::StopBitsHigh(port.linkType))) {
         text += Line("stop_bits", port.stopBits);

@@ -32,7 +32,8 @@ struct Options {
     voq::ChangeText change;
     PulseOptions pulse;
     std::vector<std::string> values;
-    std::string toml, file, other;
+    ProjectOptions project;
+    std::string file, other;
     bool full = false, quiet = false;
     double wait = 11;
     std::optional<double> heartbeat;
@@ -73,13 +74,24 @@ void AddFifoOptions(CLI::App& command, Options& options)
     command.add_option("--last-number", port.numbers.last, "Last request number to use")->capture_default_str();
 }
 
+void AddDescription(CLI::App& command, Options& options)
+{
+    command.add_option("description", options.project.description, "Description (TOML)")->required();
+    command.add_option("--drivers", options.project.drivers, "Directory of drivers, in place of the usual ones")
+        ->check(NotEmpty);
+}
+
 void AddProject(CLI::App& app, Options& options, Chosen& chosen)
 {
     CLI::App& project = *app.add_subcommand("project", "Project files")->require_subcommand(1);
+    CLI::App& check = *project.add_subcommand("check", "Say all that is wrong with a description");
+    AddDescription(check, options);
+    check.add_option("--dir", options.project.dir, "User data directory of the service: are its paths short enough?");
+    check.callback([&] { chosen = {[&] { return ProjectCheck(options.project); }, ExitUsage}; });
     CLI::App& build = *project.add_subcommand("build", "Build ophmi.bin from a TOML description");
-    build.add_option("toml", options.toml, "Description")->required();
+    AddDescription(build, options);
     build.add_option("-o,--output", options.file, "File to write")->required()->check(NotEmpty);
-    build.callback([&] { chosen = {[&] { return ProjectBuild(options.toml, options.file); }, ExitNegative}; });
+    build.callback([&] { chosen = {[&] { return ProjectBuild(options.project, options.file); }, ExitNegative}; });
     CLI::App& show = *project.add_subcommand("show", "Print a project file as TOML");
     show.add_option("file", options.file, "ophmi.bin")->required();
     show.callback([&] { chosen = {[&] { return ProjectShow(options.file); }, ExitNegative}; });

@@ -11,6 +11,14 @@ namespace
 
 constexpr std::uint32_t AddressesPerArea = 65536;
 
+// Station 0 of a serial line is all of them, and none answers; a TCP device takes 0 or 255 for itself.
+constexpr unsigned LastStation = 247;
+#ifdef VOQ_MODBUS_RTU
+constexpr unsigned FirstStation = 1, OtherStation = LastStation;
+#else
+constexpr unsigned FirstStation = 0, OtherStation = 255;
+#endif
+
 bool AreaOf(const RegKey& key, bool& bits)
 {
     bits = key.regid == COILS || key.regid == DISCRETE_INPUTS;
@@ -32,6 +40,10 @@ std::int32_t Check(const RegKey* key, char* reason, std::uint32_t size)
     if (key == nullptr || reason == nullptr) return PLC_DRV_ERROR;
     bool bits = false;
     const unsigned area = key->regid, bytes = RegElemSize(key);
+    const unsigned station = key->plcno;
+    if (station < FirstStation || (station > LastStation && station != OtherStation)) {
+        return Refuse(reason, size, "there is no station %u, the last one is %u", station, LastStation);
+    }
     if (!AreaOf(*key, bits))
         return Refuse(reason, size, "area %u is none of 0 (coils), 1 (discrete), 3 (input), 4 (holding)", area);
     if (bits && bytes != 0)

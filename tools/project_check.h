@@ -1,0 +1,18 @@
+// Looks for what a description can hold and what will not work, or is surely not meant. Pure but for the drivers, which
+// are asked about the ranges.
+#pragma once
+
+#include <string>
+
+#include "client/description/description.h"
+
+// `userDir` is where the service will run, empty when that is not known.
+void CheckDescription(const voq::Description& description, const std::string& userDir, voq::Remarks& remarks);
+
+// The least time in milliseconds that one round of reads over a port's registers takes, as one read a turn, and how
+// many reads that are.
+struct PollingRound {
+    std::size_t reads = 0;
+    double milliseconds = 0;
+};
+PollingRound RoundOf(const voq::Description& description, const voq::DescribedPort& port);
