@@ -30,6 +30,22 @@ struct ProjectOptions {
 int ProjectCheck(const ProjectOptions& options);
 // The description of a file that has no errors: they go to standard error, as the warnings do, and voq::Error ends it.
 voq::Description CheckedDescription(const ProjectOptions& options);
+// What a description and a port's register database do not share, and with the project file that the service was
+// started with, `running`, the settings that differ: 0 nothing, 1 something.
+int ProjectDiff(const PortOptions& options, const std::string& running);
+// Registers what is new in the running service: 0 all of it, 1 not all, or ExitNotRunning.
+int ProjectApply(const PortOptions& options, const std::string& running, double timeoutSeconds);
+struct ImportOptions {
+    std::string csv;
+    std::string ports;      // description whose ports and stations the registers go to; empty: registers alone
+    std::string output;     // empty: standard output
+    std::string addresses;  // "plain", "manual" or "hex"
+    std::vector<std::string> drivers;
+};
+// Makes a description of a table of registers: 0, or 1 when something in it is wrong; then nothing is written.
+int ProjectImport(const ImportOptions& options);
+// The registers of a description as such a table.
+int ProjectExport(const ProjectOptions& options, const std::string& output);
 // Builds a project file from its TOML description, written beside the target and renamed over it.
 int ProjectBuild(const ProjectOptions& options, const std::string& output);
 // Prints a project file as TOML that ProjectBuild takes.

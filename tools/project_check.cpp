@@ -196,8 +196,8 @@ void CheckNumber(const DescribedPort& port, Remarks& remarks)
         remarks.Error(port.line, "port 255 stands for the panel's own registers: no register of a PLC can be of it");
     } else if (number > 255) {
         remarks.Warning(port.line, "port " + std::to_string(number) +
-                                       " is above 255: a reload frame and the retained "
-                                       "settings cannot name it");
+                                       " is above 255: a reload frame has one byte for it, and the retained settings "
+                                       "end at port 195");
     }
 }
 

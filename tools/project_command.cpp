@@ -16,15 +16,10 @@ namespace
 
 constexpr std::size_t MostRemarks = 200;  // printed; a generated description may have thousands
 
-voq::DriverDirs DirsOf(const ProjectOptions& options)
-{
-    return options.drivers.empty() ? voq::StandardDriverDirs() : options.drivers;
-}
-
 voq::Description Examine(const ProjectOptions& options, voq::Remarks& remarks)
 {
     const std::string text = voq::DescriptionText(options.description);
-    voq::Description description = voq::ReadDescription(text, DirsOf(options), remarks);
+    voq::Description description = voq::ReadDescription(text, DriverDirsOf(options.drivers), remarks);
     CheckDescription(description, options.dir, remarks);
     return description;
 }

@@ -126,6 +126,11 @@ std::string Commented(const std::string& text)
 
 }  // namespace
 
+std::string WritePortToml(const ComInfoRecord& port)
+{
+    return PortText(port);
+}
+
 std::string WriteProjectToml(const voq::Project& project, std::size_t& skipped)
 {
     std::string text = HexLine("byte_order", project.byteOrder);

@@ -19,10 +19,10 @@ bool Is(const ComInfoRecord& record, const voq::PortDir& port)
     return record.portNo == port.number && LinkFromByte(record.linkType) == port.link;
 }
 
-voq::Description Load(const std::string& file)
+voq::Description Load(const PortOptions& options)
 {
     try {
-        return voq::LoadDescription(file);
+        return voq::LoadDescription(options.project, DriverDirsOf(options.drivers));
     } catch (const voq::Error& error) {
         throw UsageError(error.what());
     }
@@ -70,7 +70,7 @@ Target Resolve(const PortOptions& options)
     Target target;
     target.port.user = options.dir;
     target.byteOrder = options.byteOrder;
-    if (!options.project.empty()) target.project = Load(options.project);
+    if (!options.project.empty()) target.project = Load(options);
     if (!options.number && options.link) throw UsageError("--link goes with --port");
     if (options.number) {
         ResolveNumber(options, target);
@@ -88,6 +88,11 @@ Target Resolve(const PortOptions& options)
                          std::to_string(options.numbers.last));
     }
     return target;
+}
+
+voq::DriverDirs DriverDirsOf(const std::vector<std::string>& given)
+{
+    return given.empty() ? voq::StandardDriverDirs() : given;
 }
 
 std::vector<Target> ResolveAll(PortOptions options)

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "client/description/description.h"
 #include "client/error.h"
@@ -23,6 +24,7 @@ struct PortOptions {
     std::optional<std::string> link;      // with number; ethernet without it
     std::optional<std::uint16_t> number;  // port number
     std::string project;                  // TOML description
+    std::vector<std::string> drivers;     // where drivers lie, empty for the usual places
     std::optional<std::uint16_t> index;   // place of the port in the project
     std::string fifo = "mek";
     voq::FileNumberRange numbers;
@@ -40,6 +42,9 @@ struct Target {
 
 // Throws UsageError.
 Target Resolve(const PortOptions& options);
+
+// The directories of drivers that an option gives, or the usual ones.
+voq::DriverDirs DriverDirsOf(const std::vector<std::string>& given);
 
 // Every port of the project. Throws UsageError.
 std::vector<Target> ResolveAll(PortOptions options);

@@ -33,10 +33,12 @@ struct Options {
     PulseOptions pulse;
     std::vector<std::string> values;
     ProjectOptions project;
+    ImportOptions import;
     std::string file, other;
     bool full = false, quiet = false;
     double wait = 11;
     std::optional<double> heartbeat;
+    double registering = 30;
 };
 
 const CLI::Validator NotEmpty{[](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); },
@@ -81,6 +83,57 @@ void AddDescription(CLI::App& command, Options& options)
         ->check(NotEmpty);
 }
 
+void AddTables(CLI::App& project, Options& options, Chosen& chosen)
+{
+    CLI::App& import = *project.add_subcommand("import", "Make a description of a table of registers");
+    ImportOptions& table = options.import;
+    import.add_option("csv", table.csv, "Table (CSV)")->required();
+    import.add_option("--ports", table.ports, "Description to put the registers behind: ports and stations");
+    import.add_option("-o,--output", table.output, "File to write, standard output when not given")->check(NotEmpty);
+    import.add_option("--addresses", table.addresses, "How addresses are written: plain, manual (40001), hex")
+        ->check(CLI::IsMember({"plain", "manual", "hex"}))
+        ->default_val("plain");
+    import.add_option("--drivers", table.drivers, "Directory of drivers, in place of the usual ones")->check(NotEmpty);
+    import.callback([&] { chosen = {[&] { return ProjectImport(options.import);
+}
+, ExitUsage
+};  // namespace
+});
+
+CLI::App& write = *project.add_subcommand("export", "Print the registers of a description as a table");
+AddDescription(write, options);
+write.add_flag("--csv")->description("As CSV, which is all there is")->required();
+write.add_option("-o,--output", options.file, "File to write, standard output when not given")->check(NotEmpty);
+write.callback([&] { chosen = {[&] { return ProjectExport(options.project, options.file); }, ExitUsage}; });
+}
+
+void AddAgainstRunning(CLI::App& project, Options& options, Chosen& chosen)
+{
+    const auto add = [&](const char* name, const char* text) -> CLI::App& {
+        CLI::App& command = *project.add_subcommand(name, text);
+        PortOptions& port = options.port;
+        command.add_option("description", port.project, "Description (TOML)")->required();
+        command.add_option("--drivers", port.drivers, "Directory of drivers, in place of the usual ones")
+            ->check(NotEmpty);
+        command.add_option("--dir", port.dir, "User data directory")->required()->check(NotEmpty);
+        command.add_option("--link", port.link, "Link type of --port: ethernet (the default), serial or can");
+        command.add_option("--port", port.number, "Port number");
+        command.add_option("--index", port.index, "Index of the port in the description, 0 when nothing tells");
+        command.add_option("--running", options.file, "ophmi.bin that the service was started with");
+        return command;
+    };
+    CLI::App& diff = add("diff", "Compare a description with a port's register database");
+    diff.callback([&] { chosen = {[&] { return ProjectDiff(options.port, options.file); }, ExitUsage}; });
+    CLI::App& apply = add("apply", "Register what is new in a description in the running service");
+    AddFifoOptions(apply, options);
+    apply.add_option("--timeout", options.registering, "Seconds to wait for the service")
+        ->check(Seconds(86400))
+        ->capture_default_str();
+    apply.callback([&] {
+        chosen = {[&] { return ProjectApply(options.port, options.file, options.registering); }, ExitUsage};
+    });
+}
+
 void AddProject(CLI::App& app, Options& options, Chosen& chosen)
 {
     CLI::App& project = *app.add_subcommand("project", "Project files")->require_subcommand(1);
@@ -92,6 +145,8 @@ void AddProject(CLI::App& app, Options& options, Chosen& chosen)
     AddDescription(build, options);
     build.add_option("-o,--output", options.file, "File to write")->required()->check(NotEmpty);
     build.callback([&] { chosen = {[&] { return ProjectBuild(options.project, options.file); }, ExitNegative}; });
+    AddTables(project, options, chosen);
+    AddAgainstRunning(project, options, chosen);
     CLI::App& show = *project.add_subcommand("show", "Print a project file as TOML");
     show.add_option("file", options.file, "ophmi.bin")->required();
     show.callback([&] { chosen = {[&] { return ProjectShow(options.file); }, ExitNegative}; });
