@@ -22,6 +22,8 @@ namespace
 constexpr std::size_t MaxPath = 63;               // of the service's working files
 constexpr std::uint64_t AddressEnd = 1ull << 32;  // one behind the last address
 
+using Registers = std::vector<const DescribedRegister*>;  // of one port
+
 std::string NameOf(const DescribedRegister& reg)
 {
     return "\"" + (reg.name.empty() ? voq::Expression(reg.reg) : reg.name) + "\"";
@@ -201,7 +203,7 @@ void CheckNumber(const DescribedPort& port, Remarks& remarks)
     }
 }
 
-void CheckPort(const Description& description, const DescribedPort& port, Remarks& remarks)
+void CheckPort(const DescribedPort& port, Remarks& remarks)
 {
     const ComInfoRecord& record = port.record;
     CheckNumber(port, remarks);
@@ -214,39 +216,13 @@ void CheckPort(const Description& description, const DescribedPort& port, Remark
     if (record.linkType == LINK_ETHERNET && master && record.baudOrAddress == 0) {
         remarks.Warning(port.line, "the port has no address of a PLC");
     }
-    const auto belongs = [&](const auto& each) { return each.reg.key.portno == record.portNo; };
-    // A register that could not be read may have been of it.
-    if (master && remarks.Errors() == 0 &&
-        std::none_of(description.registers.begin(), description.registers.end(), belongs)) {
-        remarks.Warning(port.line, "no register is of port " + std::to_string(record.portNo));
-    }
 }
 
-// What a priority promises: values get no older than this.
-struct Promise {
-    std::uint32_t priority;
-    double milliseconds;
+// The least time that one round of reads over a port's registers takes, as one read a turn.
+struct PollingRound {
+    std::size_t reads = 0;
+    double milliseconds = 0;
 };
-constexpr Promise Promises[] = {{3, 600}, {10, 10000}};
-
-void CheckPriorities(const Description& description, const DescribedPort& port, Remarks& remarks)
-{
-    std::set<std::uint32_t> used;
-    for (const DescribedRegister& each : description.registers) {
-        if (each.reg.key.portno == port.record.portNo) {
-            used.insert(each.reg.key.flag >> REG_FLAG_PRIORITY_SHIFT & REG_FLAG_PRIORITY_MASK);
-        }
-    }
-    const PollingRound round = RoundOf(description, port);
-    for (const Promise& promise : Promises) {
-        if (!used.contains(promise.priority) || round.milliseconds <= promise.milliseconds) continue;
-        remarks.Warning(port.line, "priority " + std::to_string(promise.priority) + " means values of at most " +
-                                       std::to_string(static_cast<unsigned>(promise.milliseconds)) +
-                                       " ms, but a round of " + std::to_string(round.reads) + " reads takes at least " +
-                                       std::to_string(static_cast<std::uint64_t>(round.milliseconds)) +
-                                       " ms: lower pause_ms, or raise the limits and gaps");
-    }
-}
 
 // Joins ranges into reads as polling does, and counts them.
 class ReadCounter
@@ -305,14 +281,10 @@ private:
     PollingRound round_;
 };
 
-}  // namespace
-
-PollingRound RoundOf(const Description& description, const DescribedPort& port)
+PollingRound RoundOf(const Registers& registers, const DescribedPort& port)
 {
     std::vector<RegKey> keys;
-    for (const DescribedRegister& each : description.registers) {
-        if (each.reg.key.portno == port.record.portNo) keys.push_back(each.reg.key);
-    }
+    for (const DescribedRegister* each : registers) keys.push_back(each->reg.key);
     std::sort(keys.begin(), keys.end(), [](const RegKey& a, const RegKey& b) {
         const auto order = [](const RegKey& key) {
             return std::tuple(key.plcno, key.regid, key.layout, SubaddrLow(key), GroupFlag(key), key.addr, key.width);
@@ -324,14 +296,47 @@ PollingRound RoundOf(const Description& description, const DescribedPort& port)
     return counter.Finish();
 }
 
+// What a priority promises: values get no older than this.
+struct Promise {
+    std::uint32_t priority;
+    double milliseconds;
+};
+constexpr Promise Promises[] = {{3, 600}, {10, 10000}};
+
+void CheckPriorities(const Registers& registers, const DescribedPort& port, Remarks& remarks)
+{
+    std::set<std::uint32_t> used;
+    for (const DescribedRegister* each : registers) {
+        used.insert(each->reg.key.flag >> REG_FLAG_PRIORITY_SHIFT & REG_FLAG_PRIORITY_MASK);
+    }
+    const PollingRound round = RoundOf(registers, port);
+    for (const Promise& promise : Promises) {
+        if (!used.contains(promise.priority) || round.milliseconds <= promise.milliseconds) continue;
+        remarks.Warning(port.line, "priority " + std::to_string(promise.priority) + " means values of at most " +
+                                       std::to_string(static_cast<unsigned>(promise.milliseconds)) +
+                                       " ms, but a round of " + std::to_string(round.reads) + " reads takes at least " +
+                                       std::to_string(static_cast<std::uint64_t>(round.milliseconds)) +
+                                       " ms: lower pause_ms, or raise the limits and gaps");
+    }
+}
+
+}  // namespace
+
 void CheckDescription(const Description& description, const std::string& userDir, Remarks& remarks)
 {
+    const bool whole = remarks.Errors() == 0;  // else a register that could not be read may have been of any port
+    std::map<std::uint16_t, Registers> registers;
+    for (const DescribedRegister& reg : description.registers) registers[reg.reg.key.portno].push_back(&reg);
     std::map<std::uint16_t, const DescribedPort*> ports;  // the first of a number
     for (const DescribedPort& port : description.ports) {
-        ports.emplace(port.record.portNo, &port);
-        CheckPort(description, port, remarks);
+        const Registers& own = registers[port.record.portNo];
+        CheckPort(port, remarks);
         CheckPaths(port, userDir, remarks);
-        CheckPriorities(description, port, remarks);
+        CheckPriorities(own, port, remarks);
+        if (whole && own.empty() && port.record.masterSlaveMode != MODE_SLAVE) {
+            remarks.Warning(port.line, "no register is of port " + std::to_string(port.record.portNo));
+        }
+        ports.emplace(port.record.portNo, &port);
     }
     for (const DescribedRegister& reg : description.registers) {
         CheckAddress(reg, remarks);

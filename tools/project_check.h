@@ -8,11 +8,3 @@
 
 // `userDir` is where the service will run, empty when that is not known.
 void CheckDescription(const voq::Description& description, const std::string& userDir, voq::Remarks& remarks);
-
-// The least time in milliseconds that one round of reads over a port's registers takes, as one read a turn, and how
-// many reads that are.
-struct PollingRound {
-    std::size_t reads = 0;
-    double milliseconds = 0;
-};
-PollingRound RoundOf(const voq::Description& description, const voq::DescribedPort& port);

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "client/bytes.h"
+#include "client/description/limits.h"
 #include "tools/commands.h"
 #include "tools/printable.h"
 #include "tools/project_csv.h"
@@ -53,7 +54,9 @@ void CheckResult(const ImportOptions& options, const std::string& ports, const C
 int ProjectImport(const ImportOptions& options)
 {
     voq::Remarks remarks(options.csv);
-    const CsvTable table = ParseCsv(voq::DescriptionText(options.csv), options.csv);
+    const std::string text = voq::DescriptionText(options.csv);
+    if (text.size() > voq::MaxDescriptionBytes) throw voq::Error(options.csv + ": longer than 8 MiB");
+    const CsvTable table = ParseCsv(text, options.csv);
     const CsvToml toml = TomlOfCsv(table, AddressesOf(options.addresses), remarks);
     std::string ports = options.ports.empty() ? "" : voq::DescriptionText(options.ports);
     if (!ports.empty() && ports.back() != '\n') ports += '\n';
