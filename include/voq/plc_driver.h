@@ -1,7 +1,7 @@
 /* The whole calling interface between the service and a PLC driver. Plain C; a driver needs nothing else.
  *
- * A driver is a shared library that exports PlcDrvCmd, and PlcDrvInfo if it likes (below). The service calls it with a command name, a target
- * and an array of pointers:
+ * A driver is a shared library that exports PlcDrvCmd, and PlcDrvInfo if it likes (below). The service calls PlcDrvCmd
+ * with a command name, a target and an array of pointers:
  *
  * command    target                     args
  * "Init"     address of the instance    { ComInfoRecord* }                             create the instance, store it
@@ -52,8 +52,9 @@ typedef int32_t (*PlcDrvCmdFn)(const char* command, void* target, void** args);
 /* Every driver defines this with default visibility. */
 __attribute__((visibility("default"))) int32_t PlcDrvCmd(const char* command, void* target, void** args);
 
-/* The second entry point, optional: what a driver says of itself to the tools that build project files. The service never
- * calls it. It is called without an instance, in any process, on any thread; it neither opens nor prints anything. */
+/* The second entry point, optional: what a driver says of itself to the tools that build project files. The service
+ * never calls it. It is called without an instance, in any process, on any thread; it neither opens nor prints
+ * anything. */
 #define PLC_DRV_INFO "PlcDrvInfo"
 
 typedef struct PlcDriverInfo {
@@ -68,7 +69,8 @@ typedef struct PlcDriverInfo {
     uint16_t wordLimit;
     uint16_t bitLimit;
     /* 0 when the driver can read the range. Else anything else, and `reason` holds why, in words that follow "NAME: ":
-     * at most `size` bytes, the zero at the end included. The range is a whole one, longer than the port's limits, too. */
+     * at most `size` bytes, the zero at the end included. The range is a whole one, longer than the port's limits, too.
+     */
     int32_t (*check)(const RegKey* key, char* reason, uint32_t size);
 } PlcDriverInfo;
 
