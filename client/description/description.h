@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "client/description/driver_info.h"
-#include "client/description/remarks.h"
 #include "client/description/meaning.h"
+#include "client/description/remarks.h"
 #include "client/project.h"
 #include "client/register.h"
 

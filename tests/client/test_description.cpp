@@ -128,11 +128,11 @@ TEST(Description, ChecksSayAllAtOnce)
               "13: warning: \"d\" is the same range as \"c\" of line 12: one record, shown as \"c\"\n"
               "13: warning: \"d\" (u32) overlaps \"b\" (u16) of line 11\n"
               "14: \"e\": no driver gets an element of 12 bytes, 8 is the most\n"
-              "14: \"e\": modbus_tcp: an element of 12 bytes is no whole number of words up to 4\n"
-              "15: \"f\": modbus_tcp: the range ends at address 65536, the last one is 65535\n"
+              "14: \"e\": modbus_tcp: elements are of 2, 4, 6 or 8 bytes\n"
+              "15: \"f\": modbus_tcp: it ends beyond address 65535\n"
               "16: \"g\": no value of u16 is within min and max\n"
               "17: \"h\": enum: 70000 (x) does not fit u16\n"
-              "18: \"i\": modbus_tcp: area 4 holds words, the register's type is bit\n"
+              "18: \"i\": modbus_tcp: bits are in areas 0 and 1\n"
               "19: type: \"u8\" is none of bit, u16, s16, u32, s32, float, double, raw:1 to raw:15\n"
               "19: unknown key \"nam\"\n");
 
