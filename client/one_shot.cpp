@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 namespace voq
 {
@@ -25,29 +26,30 @@ void LetGo()
     close_range(3, ~0u, 0);
 }
 
-void RemoveWhenThere(const PortDir& port, const OneShot& request, Clock::time_point end)
+void RemoveWhenThere(const PortDir& port, std::vector<OneShot> waiting, Clock::time_point end)
 {
     auto pause = std::chrono::milliseconds(10);
-    while (true) {
-        // Looked at before the answer: what a service that is gone had written is still removed.
-        const bool last = Clock::now() >= end || !FifoHasReader(request.fifo);
-        if (last || ReadResult(port, request.fileno)) return RemoveResult(port, request.fileno);
+    while (!waiting.empty()) {
+        // Looked at before the answers: what a service that is gone had written is still removed.
+        const bool last = Clock::now() >= end || !FifoHasReader(waiting[0].fifo);
+        std::erase_if(waiting, [&](const OneShot& request) {
+            const bool over = last || ReadResult(port, request.fileno);
+            if (over) RemoveResult(port, request.fileno);
+            return over;
+        });
+        if (waiting.empty()) return;
         std::this_thread::sleep_for(pause);
         pause = std::min(2 * pause, std::chrono::milliseconds(500));
     }
 }
 
-}  // namespace
-
-std::optional<ResultFile> Ask(const PortDir& port, const OneShot& request)
+// The answer that `look` finds. Its file does not stay, whatever is wrong with it.
+template <typename Look>
+std::optional<ResultFile> Taken(const PortDir& port, const OneShot& request, Look look)
 {
-    if (access(port.Dir().c_str(), W_OK | X_OK) != 0 && errno != ENOENT) {
-        throw SystemError(port.Dir() + ": the answer could not be removed", errno);
-    }
-    SendFrame(request.fifo, request.frame, request.writers);
     std::optional<ResultFile> result;
     try {
-        result = WaitResult(port, request.fileno, request.timeout, request.stopped);
+        result = look();
     } catch (...) {
         RemoveResult(port, request.fileno);
         throw;
@@ -61,7 +63,28 @@ std::optional<ResultFile> Ask(const PortDir& port, const OneShot& request)
     return result;
 }
 
-int RemoveLater(const PortDir& port, const OneShot& request, std::chrono::milliseconds atMost)
+}  // namespace
+
+void SendRequest(const PortDir& port, const OneShot& request)
+{
+    if (access(port.Dir().c_str(), W_OK | X_OK) != 0 && errno != ENOENT) {
+        throw SystemError(port.Dir() + ": the answer could not be removed", errno);
+    }
+    SendFrame(request.fifo, request.frame, request.writers);
+}
+
+std::optional<ResultFile> TakeAnswer(const PortDir& port, const OneShot& request)
+{
+    return Taken(port, request, [&] { return ReadResult(port, request.fileno); });
+}
+
+std::optional<ResultFile> Ask(const PortDir& port, const OneShot& request)
+{
+    SendRequest(port, request);
+    return Taken(port, request, [&] { return WaitResult(port, request.fileno, request.timeout, request.stopped); });
+}
+
+int RemoveLater(const PortDir& port, std::span<const OneShot> requests, std::chrono::milliseconds atMost)
 {
     const auto end = Clock::now() + atMost;
     const pid_t child = fork();
@@ -69,7 +92,7 @@ int RemoveLater(const PortDir& port, const OneShot& request, std::chrono::millis
     if (child > 0) return child;
     try {
         LetGo();
-        RemoveWhenThere(port, request, end);
+        RemoveWhenThere(port, {requests.begin(), requests.end()}, end);
         _exit(0);
     } catch (...) {
         _exit(1);

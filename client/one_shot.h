@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 
 #include "client/bytes.h"
@@ -29,8 +30,15 @@ struct OneShot {
 // when the caller may not remove files from the port's directory.
 std::optional<ResultFile> Ask(const PortDir& port, const OneShot& request);
 
-// Leaves a process behind that removes the answer when it comes. It ends then, when the service does, or when the time
-// is over. It keeps none of the caller's files open and no terminal. Returns its id; throws Error when there is none.
-int RemoveLater(const PortDir& port, const OneShot& request, std::chrono::milliseconds atMost);
+// The two halves of it, for several requests at once. SendRequest throws as Ask does; the request is then not sent.
+void SendRequest(const PortDir& port, const OneShot& request);
+// The answer, when it is there: its file is removed. Throws Error when it cannot be read or belongs to another request;
+// it is removed then too.
+std::optional<ResultFile> TakeAnswer(const PortDir& port, const OneShot& request);
+
+// Leaves a process behind that removes the answers when they come. It ends when the last one has, when the service
+// does, or when the time is over. It keeps none of the caller's files open and no terminal. Returns its id; throws
+// Error when there is none.
+int RemoveLater(const PortDir& port, std::span<const OneShot> requests, std::chrono::milliseconds atMost);
 
 }  // namespace voq

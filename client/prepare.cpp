@@ -116,7 +116,7 @@ Snapshot FilesOf(PreparedTable& table)
 
 }  // namespace
 
-Prepared PrepareDatabase(const Project& project, std::size_t index, const Stamp& stamp)
+Prepared PrepareDatabase(const Project& project, std::size_t index, const Stamp& stamp, const Told& told)
 {
     if (index >= project.ports.size()) {
         throw Error("there is no port " + std::to_string(index) + ": the project has " +
@@ -124,7 +124,9 @@ Prepared PrepareDatabase(const Project& project, std::size_t index, const Stamp&
     }
     Prepared prepared;
     PreparedTable table;
+    std::size_t done = 0;
     for (const RegKey& key : project.registers) {
+        if (told) told(done++, project.registers.size());
         if (key.portno != project.ports[index].portNo || key.convpara >> 16 != 0) continue;
         if (GetRegBuffLen(&key) > MaxRegionBytes) {
             prepared.refused.push_back(key);

@@ -18,7 +18,8 @@ struct Prepared {
 };
 
 // The database of the port at `index`, every record stamped with `stamp`. Throws Error when there is no such port, or
-// when the data file would be larger than the service can address.
-Prepared PrepareDatabase(const Project& project, std::size_t index, const Stamp& stamp);
+// when the data file would be larger than the service can address. Tells how many of the project's registers it has
+// placed.
+Prepared PrepareDatabase(const Project& project, std::size_t index, const Stamp& stamp, const Told& told = {});
 
 }  // namespace voq

@@ -37,12 +37,14 @@ OrgImage ReadOrg(const PortDir& port)
     return OrgImage{std::move(*bytes)};
 }
 
-void ReadRest(const PortDir& port, Snapshot& snapshot)
+void ReadRest(const PortDir& port, Snapshot& snapshot, const Told& told)
 {
     auto index = ReadLocked(port.Index());
     if (!index) throw Error(port.Index() + ": no such file");
     snapshot.index = std::move(*index);
-    for (const IndexItem& item : ParseIndex(snapshot.index)) {
+    const auto items = ParseIndex(snapshot.index);
+    for (const IndexItem& item : items) {
+        if (told) told(snapshot.maps.size(), items.size());
         char name[MapNameBytes];
         if (!MapFileName(item, name, sizeof name) || snapshot.maps.contains(name)) continue;
         snapshot.maps[name] = ReadLocked(port.Dir() + name);
@@ -54,13 +56,13 @@ void ReadRest(const PortDir& port, Snapshot& snapshot)
 
 }  // namespace
 
-Snapshot TakeSnapshot(const PortDir& port)
+Snapshot TakeSnapshot(const PortDir& port, const Told& told)
 {
     constexpr int attempts = 20;
     for (int i = 0; i < attempts; ++i) {
         Snapshot snapshot;
         snapshot.org = ReadOrg(port);
-        ReadRest(port, snapshot);
+        ReadRest(port, snapshot, told);
         if (SameStructure(snapshot.org, ReadOrg(port))) return snapshot;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }

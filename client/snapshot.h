@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -21,8 +22,12 @@ struct Snapshot {
     std::uint64_t dataSize = 0;
 };
 
+// Hears how far something is: so much of so much.
+using Told = std::function<void(std::size_t done, std::size_t of)>;
+
 // Copies the files, one lock at a time, until the org file's structure is the same before and behind the others.
-// Throws Error when a file is missing or unreadable, or when the structure never stops changing.
-Snapshot TakeSnapshot(const PortDir& port);
+// Throws Error when a file is missing or unreadable, or when the structure never stops changing. Tells how many of
+// the map files it has copied.
+Snapshot TakeSnapshot(const PortDir& port, const Told& told = {});
 
 }  // namespace voq
