@@ -28,6 +28,20 @@
 namespace
 {
 constexpr int Arguments = 6;
+constexpr char Help[] = R"(
+usage: voq PROJECT PORTINDEX DRIVERDIR USERDIR RECIPEDIR
+       voq --help | --version
+
+Serves one communication port of a panel until it is ended.
+
+  PROJECT    project file, ophmi.bin
+  PORTINDEX  port of the project to serve, from 0
+  DRIVERDIR  directory of the driver libraries
+  USERDIR    root of the port directories and of the local registers; must exist
+  RECIPEDIR  directory of the retained local registers; must exist
+
+The manual page voq(8) tells more.
+)";
 constexpr std::size_t LongPathBytes = 256;
 constexpr std::uint32_t WatchdogFirstPort = 515;
 constexpr std::uint32_t HeaderRetryMicroseconds = 10;
@@ -65,8 +79,18 @@ std::uint16_t PortArgument(const char* text)
     return static_cast<std::uint16_t>(value);
 }
 
+// One argument was never enough to serve a port.
+void AnswerQuestion(const char* argument)
+{
+    const bool help = std::strcmp(argument, "--help") == 0;
+    if (!help && std::strcmp(argument, "--version") != 0) return;
+    std::fputs(help ? Help + 1 : "voq " VOQ_VERSION "\n", stdout);
+    std::exit(EXIT_SUCCESS);
+}
+
 void ReadCommandLine(int count, char** arguments, CommandLine* line)
 {
+    if (count == 2) AnswerQuestion(arguments[1]);
     if (count != Arguments) {
         std::puts("voq command line error!");
         std::exit(-1);
