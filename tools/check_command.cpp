@@ -6,6 +6,7 @@
 #include "client/db_check.h"
 #include "tools/commands.h"
 #include "tools/printable.h"
+#include "tools/progress.h"
 
 int Check(const PortOptions& options, bool quiet)
 {
@@ -15,8 +16,9 @@ int Check(const PortOptions& options, bool quiet)
     // The service adds a record and its index entry one after the other. What is broken in one copy only was such a
     // moment; what stays broken is.
     for (int attempt = 0; attempt < 3; ++attempt) {
+        Progress progress("check: index maps");
         if (attempt != 0) std::this_thread::sleep_for(std::chrono::milliseconds(150));
-        snapshot = voq::TakeSnapshot(target.port);
+        snapshot = voq::TakeSnapshot(target.port, progress.Teller());
         findings = voq::CheckSnapshot(snapshot);
         if (!voq::HasViolation(findings)) break;
     }

@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "client/change.h"
+#include "tools/rows.h"
+#include "tools/selection.h"
 #include "tools/target.h"
 
 inline constexpr int ExitOk = 0;
@@ -50,6 +52,8 @@ int ProjectExport(const ProjectOptions& options, const std::string& output);
 int ProjectBuild(const ProjectOptions& options, const std::string& output);
 // Prints a project file as TOML that ProjectBuild takes.
 int ProjectShow(const std::string& file);
+// Prints the names of the described registers, one a line.
+int ProjectNames(const std::string& toml);
 // Throws voq::Error that begins with the file's name.
 voq::Project LoadProjectFile(const std::string& file);
 // Writes the register database that the service would build into a directory that is new or empty.
@@ -58,19 +62,33 @@ int ProjectPrepare(const std::string& file, std::uint16_t index, std::string dir
 int Compare(const std::string& a, const std::string& b);
 
 struct WatchOptions {
-    std::vector<std::string> what;  // names of the project's registers, or expressions
+    SelectOptions select;
     unsigned intervalMs = 200;
     double forSeconds = 0;  // 0: no limit
     unsigned count = 0;     // live values of every range; 0: no limit
+    bool plot = false;
+    double plotMinutes = 5;
 };
 // 0 when a live value was seen, 1 when none was.
-int Watch(const PortOptions& options, const WatchOptions& watch);
+int Watch(const PortOptions& options, const WatchOptions& watch, const OutputOptions& output);
+
+struct RequestTimes {
+    double timeoutSeconds = 10;
+    double graceSeconds = 600;  // how long a late answer is waited for in order to remove it
+};
+struct ReadOptions {
+    SelectOptions select;
+    RequestTimes times;
+    bool orders = false;  // values under every byte order
+};
+// 0 when the service read every range, else the status of the first failure in their order.
+int Read(const PortOptions& options, const ReadOptions& read, const OutputOptions& output);
 
 struct OneShotOptions {
     std::string what;  // name of a register of the project, or an expression
-    double timeoutSeconds = 10;
-    double graceSeconds = 600;  // how long a late answer is waited for in order to remove it
-    bool onlyWriter = false;    // no other client writes into the FIFO
+    RequestTimes times;
+    bool onlyWriter = false;  // no other client writes into the FIFO
+    bool raw = false;         // values to write are as they lie, not scaled
 };
 struct PulseOptions {
     std::optional<std::uint32_t> bit;
@@ -78,13 +96,12 @@ struct PulseOptions {
     std::uint32_t milliseconds = 0;
 };
 // 0 when the service did it, or one of the statuses of one-shot requests above.
-int Read(const PortOptions& options, const OneShotOptions& request);
 int Write(const PortOptions& options, const OneShotOptions& request, const std::vector<std::string>& values);
 int Change(const PortOptions& options, const OneShotOptions& request, const voq::ChangeText& change);
 int Pulse(const PortOptions& options, const OneShotOptions& request, const PulseOptions& pulse);
 
 // 0 when the whole database was shown, 1 when its chain is damaged.
-int Dump(const PortOptions& options, bool full);
+int Dump(const PortOptions& options, bool full, const OutputOptions& output);
 
 // 0 sound, 1 broken.
 int Check(const PortOptions& options, bool quiet);
@@ -93,11 +110,11 @@ struct TopOptions {
     unsigned intervalMs = 1000;
     bool allPorts = false;  // of the project
 };
-// Runs until a key or a signal ends it: 0.
-int Top(const PortOptions& options, const TopOptions& top);
+// Runs until a key or a signal ends it: 0. As rows it looks twice, an interval apart, and ends.
+int Top(const PortOptions& options, const TopOptions& top, const OutputOptions& output);
 
 // 0 when the service runs, 1 when it does not.
-int Status(const PortOptions& options, double waitSeconds);
+int Status(const PortOptions& options, double waitSeconds, const OutputOptions& output);
 // By the main loop's heartbeat alone, which takes no lock: 0 when it goes on or nothing is known of it, 1 when it
 // hangs, ExitLocked when it waits for a lock that another process holds. A driver call may last `driverSeconds`.
 int StatusOfHeartbeat(const PortOptions& options, double driverSeconds);

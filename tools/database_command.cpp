@@ -12,6 +12,7 @@
 #include "client/register.h"
 #include "tools/commands.h"
 #include "tools/printable.h"
+#include "tools/progress.h"
 #include "tools/write_file.h"
 #include "voq/reg_range.h"
 
@@ -25,9 +26,15 @@ Stamp Now()
     return {static_cast<std::int32_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_usec)};
 }
 
+// A sync for each: on flash the long part of it.
 void WriteFiles(const std::string& directory, const voq::Snapshot& files)
 {
-    for (const auto& [name, bytes] : files.maps) CreateFile(directory + "/" + name, *bytes);
+    Progress progress("prepare: index maps on the disk");
+    std::size_t done = 0;
+    for (const auto& [name, bytes] : files.maps) {
+        progress.At(done++, files.maps.size());
+        CreateFile(directory + "/" + name, *bytes);
+    }
     CreateFile(directory + "/data", voq::Bytes(files.dataSize));
     CreateFile(directory + "/index", files.index);
     CreateFile(directory + "/org", files.org.bytes);
@@ -55,7 +62,8 @@ voq::Snapshot Copy(const std::string& directory)
 {
     voq::PortDir place;
     place.own = directory;
-    voq::Snapshot snapshot = voq::TakeSnapshot(place);
+    Progress progress("compare: index maps");
+    voq::Snapshot snapshot = voq::TakeSnapshot(place, progress.Teller());
     if (snapshot.org.bytes.size() < sizeof(OrgHeader)) throw voq::Error(place.Org() + ": shorter than its header");
     return snapshot;
 }
@@ -68,7 +76,8 @@ int ProjectPrepare(const std::string& file, std::uint16_t index, std::string dir
     const voq::Project project = LoadProjectFile(file);
     voq::Prepared prepared;
     try {
-        prepared = voq::PrepareDatabase(project, index, Now());
+        Progress progress("prepare: registers");
+        prepared = voq::PrepareDatabase(project, index, Now(), progress.Teller());
     } catch (const voq::Error& error) {
         throw voq::Error(file + ": " + error.what());
     }

@@ -1,15 +1,14 @@
-// "voqctl read", "write", "change" and "pulse": one request each, and its answer as a sentence and an exit status.
+// "voqctl write", "change" and "pulse": one request each, and its answer as a sentence and an exit status.
 // Main thread; whatever ends the waiting, the answer's file does not stay.
 #include <chrono>
 #include <cstdio>
 #include <functional>
-#include <limits>
 
 #include "client/frame.h"
 #include "client/one_shot.h"
-#include "client/value_text.h"
 #include "tools/commands.h"
 #include "tools/printable.h"
+#include "tools/request_failure.h"
 #include "tools/stop.h"
 #include "voq/chg_desc.h"
 #include "voq/reg_range.h"
@@ -19,11 +18,6 @@ namespace
 {
 
 using voq::Bytes;
-
-std::chrono::milliseconds Milliseconds(double seconds)
-{
-    return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
-}
 
 // What does not fit is said before anything is sent.
 template <typename Build>
@@ -36,37 +30,17 @@ auto Checked(const std::string& what, Build build)
     }
 }
 
-int Failed(int status, const std::string& what, const std::string& sentence)
+int Failed(const std::string& what, const RequestFailure& failure)
 {
-    Complain(what + ": " + sentence);
-    return status;
-}
-
-int FailureOf(const std::string& what, const voq::ResultFile& result)
-{
-    const int code = result.item.result;
-    if (code == RT_REFUSED_TIMEOUT) {
-        return Failed(ExitRefused, what, "refused: the port is in time-out and other requests wait already");
-    }
-    if (code == PLC_ERROR && voq::WasRefused(result)) {
-        return Failed(ExitRefused, what, "refused: too many requests wait, or the port has a communication error");
-    }
-    if (code == PLC_TIMEOUT) return Failed(ExitPlcTimeout, what, "time-out: the PLC does not answer");
-    if (code == PLC_ERROR) return Failed(ExitComError, what, "communication error");
-    return Failed(ExitComError, what, "failed with code " + std::to_string(code));
+    Complain(what + ": " + failure.sentence);
+    return failure.status;
 }
 
 int Unanswered(const Target& target, const OneShotOptions& options, const voq::OneShot& request)
 {
-    const int status = Stopped != 0 ? ExitSignalBase + Stopped : ExitNoAnswer;
-    const std::string reason =
-        Stopped != 0 ? "interrupted" : "no answer within " + std::to_string(request.timeout.count()) + " ms";
-    const auto grace = Milliseconds(options.graceSeconds);
-    const int remover = voq::RemoveLater(target.port, request, grace);
-    return Failed(status, options.what,
-                  reason + "; the service may still carry the request out. Process " + std::to_string(remover) +
-                      " removes its answer " + target.port.Result(request.fileno) + " when it comes, for at most " +
-                      std::to_string(grace.count() / 1000) + " s");
+    RequestFailure failure = UnansweredFailure(request.timeout.count());
+    failure.sentence += LeftToRemover(target.port, {&request, 1}, options.times.graceSeconds);
+    return Failed(options.what, failure);
 }
 
 using BuildFrame = std::function<Bytes(std::uint16_t fileno)>;
@@ -80,17 +54,17 @@ int AskService(const Target& target, const PortOptions& port, const OneShotOptio
     request.fileno = voq::FileNumbers(target.port, port.numbers).Next();
     request.frame = Checked(options.what, [&] { return build(request.fileno); });
     request.writers = options.onlyWriter ? voq::Writers::OnlyThis : voq::Writers::Several;
-    request.timeout = Milliseconds(options.timeoutSeconds + moreSeconds);
+    request.timeout = Milliseconds(options.times.timeoutSeconds + moreSeconds);
     request.stopped = [] { return Stopped != 0; };
     CatchSignals();
     try {
         const auto result = voq::Ask(target.port, request);
         if (!result) return Unanswered(target, options, request);
-        if (result->item.result != PLC_SUCCESS) return FailureOf(options.what, *result);
+        if (result->item.result != PLC_SUCCESS) return Failed(options.what, FailureOf(*result));
         succeed(result->value);
         return ExitOk;
     } catch (const voq::ServiceNotRunning& error) {
-        return Failed(ExitNotRunning, options.what, error.what());
+        return Failed(options.what, {ExitNotRunning, "no service", error.what()});
     }
 }
 
@@ -105,35 +79,18 @@ int AskChange(const Target& target, const PortOptions& port, const OneShotOption
 
 }  // namespace
 
-int Read(const PortOptions& port, const OneShotOptions& options)
-{
-    const Target target = Resolve(port);
-    const voq::Register reg = ResolveRegister(target, options.what).reg;
-    if (ByteOrderMissing(target, reg)) NoteByteOrder();
-    const voq::ValueCoding coding = voq::CodingOf(reg, ByteOrderOf(target, reg.key));
-    return AskService(
-        target, port, options, 0, [&](std::uint16_t fileno) { return voq::ReadFrame(reg.key, fileno); },
-        [&](const Bytes& value) {
-            if (value.size() != GetRegBuffLen(&reg.key)) {
-                throw voq::Error(options.what + ": the answer holds " + std::to_string(value.size()) + " bytes of " +
-                                 std::to_string(GetRegBuffLen(&reg.key)));
-            }
-            constexpr std::size_t all = std::numeric_limits<std::size_t>::max();
-            std::printf("%s\n", voq::ValueText(coding, value, all).c_str());
-        });
-}
-
 int Write(const PortOptions& port, const OneShotOptions& options, const std::vector<std::string>& values)
 {
     const Target target = Resolve(port);
-    const voq::Register reg = ResolveRegister(target, options.what).reg;
-    RequireByteOrder(target, reg, options.what);
+    const voq::DescribedRegister described = ResolveRegister(target, options.what);
+    const voq::Register& reg = described.reg;
+    if (described.meaning.text == 0 || options.raw) RequireByteOrder(target, reg, options.what);
+    const voq::ValueCoding coding = voq::CodingOf(reg, ByteOrderOf(target, reg.key));
     const Bytes image = Checked(options.what, [&] {
-        if (values.size() != reg.key.width) {
-            throw voq::Error("the range has " + std::to_string(reg.key.width) + " element(s), " +
-                             std::to_string(values.size()) + " value(s) are given");
-        }
-        return voq::EncodeValues(voq::CodingOf(reg, ByteOrderOf(target, reg.key)), values);
+        const Bytes made =
+            voq::EncodeScaled(options.raw ? voq::Meaning{} : described.meaning, coding, reg.key.width, values);
+        if (options.raw) voq::RequireWithinLimits(described.meaning, coding, made);
+        return made;
     });
     return AskService(
         target, port, options, 0, [&](std::uint16_t fileno) { return voq::WriteFrame(reg.key, fileno, image); },

@@ -47,6 +47,16 @@ std::string Printable(std::string_view text)
     return result;
 }
 
+std::string Cut(const std::string& text, std::size_t width)
+{
+    std::size_t end = 0;
+    for (; end < text.size(); ++end) {
+        const bool begins = (static_cast<std::uint8_t>(text[end]) & 0xC0) != 0x80;
+        if (begins && width-- == 0) break;
+    }
+    return text.substr(0, end);
+}
+
 void Complain(const std::string& text)
 {
     std::fprintf(stderr, "voqctl: %s\n", Printable(text).c_str());

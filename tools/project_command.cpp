@@ -81,6 +81,14 @@ int ProjectBuild(const ProjectOptions& options, const std::string& output)
     return ExitOk;
 }
 
+int ProjectNames(const std::string& toml)
+{
+    for (const voq::DescribedRegister& reg : voq::LoadDescription(toml).registers) {
+        if (!reg.name.empty()) std::printf("%s\n", reg.name.c_str());
+    }
+    return ExitOk;
+}
+
 voq::Project LoadProjectFile(const std::string& file)
 {
     const auto bytes = voq::ReadLocked(file);

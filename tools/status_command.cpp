@@ -1,42 +1,61 @@
 // "voqctl status": does the service run, and how is its link? Main thread; only reads.
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <thread>
 
+#include "client/clock.h"
 #include "client/heartbeat.h"
 #include "client/port_status.h"
 #include "client/value_text.h"
 #include "tools/commands.h"
 #include "tools/printable.h"
+#include "tools/progress.h"
+#include "voq/rt_item.h"
 
 namespace
 {
 
 using Clock = std::chrono::steady_clock;
 
-// Reads the counter until it changes or the time is over. True when it moved.
-bool WatchdogMoves(const Target& target, double seconds)
+struct Counter {
+    std::optional<std::uint32_t> first;
+    bool moved = false;
+    std::uint32_t last = 0;
+};
+
+// Reads the counter until it changes or the time is over.
+void Watch(const Target& target, double seconds, Counter& counter)
 {
-    const auto first = voq::ReadWatchdog(target.port, target.index);
-    std::printf("watchdog    ");
-    if (!first) {
-        std::printf("no counter in %s\n", Printable(target.port.Srw()).c_str());
-        return false;
-    }
-    std::printf("%u", *first);
-    std::fflush(stdout);
-    const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
-    while (Clock::now() < end) {
+    Progress progress("status: seconds of looking at the watchdog");
+    const auto begin = Clock::now();
+    const auto end = begin + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    while (counter.first && !counter.moved && Clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         const auto now = voq::ReadWatchdog(target.port, target.index);
-        if (now && *now != *first) {
-            std::printf(" -> %u, moving\n", *now);
-            return true;
-        }
+        counter.moved = now && *now != *counter.first;
+        if (counter.moved) counter.last = *now;
+        const auto passed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count();
+        progress.At(static_cast<std::size_t>(passed), static_cast<std::size_t>(std::ceil(seconds)));
     }
-    std::printf(seconds > 0 ? ", not moving for %g s\n" : ", not watched\n", seconds);
-    return false;
+}
+
+void PrintCounter(const Target& target, double seconds, Counter& counter)
+{
+    std::printf("watchdog    ");
+    if (!counter.first) {
+        std::printf("no counter in %s\n", Printable(target.port.Srw()).c_str());
+        return;
+    }
+    std::printf("%u", *counter.first);
+    std::fflush(stdout);
+    Watch(target, seconds, counter);
+    if (counter.moved) {
+        std::printf(" -> %u, moving\n", counter.last);
+    } else {
+        std::printf(seconds > 0 ? ", not moving for %g s\n" : ", not watched\n", seconds);
+    }
 }
 
 const char* FifoText(voq::FifoState state)
@@ -89,25 +108,81 @@ bool Hangs(const std::optional<voq::Heartbeat>& heartbeat)
     return heartbeat && (heartbeat->beat == voq::Beat::Driver || heartbeat->beat == voq::Beat::Unknown);
 }
 
+const char* FifoWord(voq::FifoState state)
+{
+    return state == voq::FifoState::Read ? "read" : FifoText(state);
+}
+
+Cell StationsCell(const std::optional<std::vector<std::uint8_t>>& off)
+{
+    if (!off) return {};
+    std::vector<Cell> stations;
+    for (const std::uint8_t station : *off) stations.push_back(Cell::Number(station));
+    return Cell::List(std::move(stations));
+}
+
+Row StatusRow(const Target& target, const voq::PortStatus& status, const Counter& counter,
+              const std::optional<voq::Heartbeat>& heartbeat, bool runs)
+{
+    const bool org = status.org.has_value();
+    const auto records = [&](std::uint8_t state) {
+        const auto found = status.states.find(state);
+        if (!org) return Cell{};
+        return Cell::Number(found == status.states.end() ? 0 : found->second);
+    };
+    Row row;
+    row.emplace_back("time", Cell::Text(IsoTime(voq::NowMicroseconds())));
+    row.emplace_back("link", Cell::Text(std::string(voq::LinkName(target.port.link))));
+    row.emplace_back("port", Cell::Number(target.port.number));
+    row.emplace_back("running", Cell::Flag(runs));
+    row.emplace_back("timeout", Cell::Flag(status.timeout));
+    row.emplace_back("comerror", Cell::Flag(status.comerror));
+    row.emplace_back("guififo", Cell::Text(FifoWord(status.gui)));
+    row.emplace_back("mekfifo", Cell::Text(FifoWord(status.mek)));
+    row.emplace_back("waiting", Cell::Number(status.waiting));
+    row.emplace_back("oldest_waiting_s", status.waiting == 0 ? Cell{} : Cell::Seconds(status.oldestWaiting));
+    row.emplace_back("stations_off", StationsCell(status.stationsOff));
+    row.emplace_back("records", org ? Cell::Number(static_cast<std::int64_t>(status.org->records.size())) : Cell{});
+    row.emplace_back("never_read", records(0));
+    row.emplace_back("ok", records(PLC_SUCCESS));
+    row.emplace_back("time_out", records(PLC_TIMEOUT));
+    row.emplace_back("error", records(PLC_ERROR));
+    row.emplace_back("chain_damaged", org ? Cell::Flag(status.org->badLink.has_value()) : Cell{});
+    row.emplace_back("watchdog", counter.first ? Cell::Number(counter.moved ? counter.last : *counter.first) : Cell{});
+    row.emplace_back("watchdog_moved", Cell::Flag(counter.moved));
+    row.emplace_back("main_loop", heartbeat ? Cell::Text(voq::HeartbeatText(*heartbeat)) : Cell{});
+    row.emplace_back("directory", Cell::Text(target.port.Dir()));
+    return row;
+}
+
 }  // namespace
 
-int Status(const PortOptions& options, double waitSeconds)
+int Status(const PortOptions& options, double waitSeconds, const OutputOptions& output)
 {
+    const bool text = output.rows == RowForm::None;
     const Target target = Resolve(options);
     if (!std::filesystem::exists(target.port.Dir())) throw voq::Error(target.port.Dir() + ": no such directory");
     // First, and shown at once: what follows may wait for the lock that the service waits for.
     const auto heartbeat = LookAtHeartbeat(target.port, voq::DriverCallAtMost);
-    std::printf("directory   %s\n", Printable(target.port.Dir()).c_str());
-    PrintHeartbeat(heartbeat);
-    std::fflush(stdout);
+    if (text) {
+        std::printf("directory   %s\n", Printable(target.port.Dir()).c_str());
+        PrintHeartbeat(heartbeat);
+        std::fflush(stdout);
+    }
     const voq::PortStatus status = voq::ReadPortStatus(target.port);
-    Print(status);
-    const bool moves = WatchdogMoves(target, waitSeconds);
+    if (text) Print(status);
+    Counter counter{voq::ReadWatchdog(target.port, target.index)};
+    if (text) PrintCounter(target, waitSeconds, counter);
+    if (!text) Watch(target, waitSeconds, counter);
     const bool read = status.gui == voq::FifoState::Read || status.mek == voq::FifoState::Read;
     const bool unread = status.gui == voq::FifoState::NoReader && status.mek == voq::FifoState::NoReader;
     // The counter may be another port's.
-    const bool doubtful = moves && unread && !target.indexKnown;
-    const bool runs = (waitSeconds > 0 ? moves && !doubtful : read) && !Hangs(heartbeat);
+    const bool doubtful = counter.moved && unread && !target.indexKnown;
+    const bool runs = (waitSeconds > 0 ? counter.moved && !doubtful : read) && !Hangs(heartbeat);
+    if (!text) {
+        RowWriter(output.rows).Write(StatusRow(target, status, counter, heartbeat, runs));
+        return runs ? ExitOk : ExitNegative;
+    }
     std::printf("service     %s%s\n", runs ? "running" : "not running",
                 doubtful ? ": nobody reads its FIFOs; is the counter that of --index 0?" : "");
     return runs ? ExitOk : ExitNegative;

@@ -5,10 +5,15 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 
+#include "client/clock.h"
 #include "client/locked_file.h"
 #include "client/station_off.h"
+#include "client/value_text.h"
 #include "tools/commands.h"
+#include "tools/printable.h"
+#include "tools/range_rows.h"
 #include "tools/stop.h"
 #include "tools/top_model.h"
 #include "tools/top_screen.h"
@@ -173,14 +178,48 @@ bool WaitForKey(milliseconds atMost)
     return ready <= 0 || (keyboard.revents & ~POLLIN) == 0;
 }
 
+void WriteRow(const TopModel& model, const TopRange& range, RowWriter& rows)
+{
+    const TopPort& port = model.ports[range.port];
+    RangeState state{voq::StateName(range.node.state), voq::NowMicroseconds(), {}, {}};
+    if (range.node.state != 0) state.stamp = voq::StampMicroseconds(range.node.stamp);
+    const auto value = model.Value(range);
+    if (value) state.value = *value;
+    Row row = RangeRow(SelectedOf(port.target, range.node.key), state);
+    row.emplace_back("link", Cell::Text(std::string(voq::LinkName(port.target.port.link))));
+    row.emplace_back("period_s", range.period == 0 ? Cell{} : Cell::Seconds(range.period));
+    row.emplace_back("subscribed", Cell::Flag(range.subscribed));
+    row.emplace_back("station_off", Cell::Flag(port.StationOff(range.node.key.plcno)));
+    rows.Write(row);
+}
+
+// Two looks, since one alone tells no periods.
+int WriteRows(TopModel& model, RowForm form)
+{
+    model.Look();
+    const timespec interval = {model.Interval().count() / 1000, model.Interval().count() % 1000 * 1000000};
+    nanosleep(&interval, nullptr);
+    model.Look();
+    RowWriter rows(form);
+    for (const TopRange* range : model.Listed()) WriteRow(model, *range, rows);
+    int status = ExitOk;
+    for (const TopPort& port : model.ports) {
+        if (port.error.empty()) continue;
+        Complain(port.name + ": " + port.error);
+        status = ExitUsage;
+    }
+    return status;
+}
+
 }  // namespace
 
-int Top(const PortOptions& options, const TopOptions& top)
+int Top(const PortOptions& options, const TopOptions& top, const OutputOptions& output)
 {
     TopModel model(top.allPorts && !options.project.empty() ? ResolveAll(options) : std::vector{Resolve(options)},
                    milliseconds(top.intervalMs));
     CatchSignals();
     voq::LimitLockWaiting(LockPatience);
+    if (output.rows != RowForm::None) return WriteRows(model, output.rows);
     TopScreen screen;
     Session session(model);
     while (Stopped == 0 && !session.ended) {

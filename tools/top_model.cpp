@@ -185,6 +185,16 @@ void TopModel::ReadValue(TopRange& range)
     }
 }
 
+std::optional<voq::Bytes> TopModel::Value(const TopRange& range) const
+{
+    const TopPort& port = ports[range.port];
+    if (Failing(range) || !port.error.empty()) return std::nullopt;
+    const std::size_t length = GetRegBuffLen(&range.node.key);
+    auto bytes = voq::ReadLockedRange(port.target.port.Data(), range.node.dataoffset, length);
+    if (!bytes || bytes->size() != length) return std::nullopt;
+    return bytes;
+}
+
 std::string TopModel::AgeText(std::int64_t microseconds) const
 {
     if (microseconds == 0) return "-";

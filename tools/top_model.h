@@ -64,6 +64,8 @@ public:
     std::vector<TopRange*> Listed();
     // Reads the value, once a look.
     void ReadValue(TopRange& range);
+    // The whole value; nothing unless the range is ok and its region can be read.
+    std::optional<voq::Bytes> Value(const TopRange& range) const;
     // "-" for none, "never", "<2 s", "17 s", "5 min".
     std::string AgeText(std::int64_t microseconds) const;
 

@@ -26,7 +26,10 @@ struct Chosen {
 
 struct Options {
     PortOptions port;
+    OutputOptions output;
+    SelectOptions select;
     WatchOptions watch;
+    ReadOptions read;
     OneShotOptions oneShot;
     TopOptions top;
     voq::ChangeText change;
@@ -45,12 +48,17 @@ const CLI::Validator NotEmpty{[](std::string& text) { return text.empty() ? std:
                               ""};
 
 // CLI::Range alone lets "nan" pass.
-CLI::Validator Seconds(double most)
+CLI::Validator Between(double least, double most)
 {
     const auto check = [](std::string& text) {
         return std::isnan(std::strtod(text.c_str(), nullptr)) ? text + " is no number" : std::string();
     };
-    return CLI::Range(0.0, most) & CLI::Validator{check, ""};
+    return CLI::Range(least, most) & CLI::Validator{check, ""};
+}
+
+CLI::Validator Seconds(double most)
+{
+    return Between(0, most);
 }
 
 void AddPortOptions(CLI::App& command, Options& options)
@@ -150,6 +158,9 @@ void AddProject(CLI::App& app, Options& options, Chosen& chosen)
     CLI::App& show = *project.add_subcommand("show", "Print a project file as TOML");
     show.add_option("file", options.file, "ophmi.bin")->required();
     show.callback([&] { chosen = {[&] { return ProjectShow(options.file); }, ExitNegative}; });
+    CLI::App& names = *project.add_subcommand("names", "Print the names of a description's registers");
+    names.add_option("description", options.project.description, "Description (TOML)")->required();
+    names.callback([&] { chosen = {[&] { return ProjectNames(options.project.description); }, ExitNegative}; });
     CLI::App& prepare = *project.add_subcommand("prepare", "Build a port's register database without the service");
     prepare.add_option("file", options.file, "ophmi.bin")->required();
     prepare.add_option("--port-index", options.port.index, "Index of the port in the project")->required();
@@ -161,29 +172,74 @@ void AddProject(CLI::App& app, Options& options, Chosen& chosen)
     });
 }
 
+void AddRows(CLI::App& command, Options& options)
+{
+    OutputOptions& output = options.output;
+    const auto rows = [&output](RowForm form) { return [&output, form](std::int64_t) { output.rows = form; }; };
+    CLI::Option* json = command.add_flag_function("--json", rows(RowForm::Json), "One JSON object a line");
+    command.add_flag_function("--csv", rows(RowForm::Csv), "CSV behind a line of column names")->excludes(json);
+}
+
+void AddIso(CLI::App& command, Options& options)
+{
+    command.add_flag("--iso", options.output.iso, "Times as ISO 8601, UTC");
+}
+
+void AddRaw(CLI::App& command, Options& options)
+{
+    command.add_flag("--raw", options.output.raw, "Values as they lie: no scale, unit, names");
+}
+
+void AddSelection(CLI::App& command, Options& options)
+{
+    command.add_flag("--all", options.select.all, "Every register of the port in the project");
+    command.add_option("what", options.select.what, "Register names, patterns (pump*) or expressions");
+}
+
+void AddTimes(CLI::App& command, RequestTimes& times)
+{
+    command.add_option("--timeout", times.timeoutSeconds, "Seconds to wait for the answer")
+        ->check(Seconds(86400))
+        ->capture_default_str();
+    command.add_option("--grace", times.graceSeconds, "Seconds within which a later answer is still removed")
+        ->check(Seconds(86400))
+        ->capture_default_str();
+}
+
 CLI::App& AddOneShot(CLI::App& app, Options& options, const char* name, const char* description)
 {
     CLI::App& command = *app.add_subcommand(name, description);
     AddPortOptions(command, options);
     AddByteOrder(command, options);
     AddFifoOptions(command, options);
-    command.add_option("--timeout", options.oneShot.timeoutSeconds, "Seconds to wait for the answer")
-        ->check(Seconds(86400))
-        ->capture_default_str();
-    command.add_option("--grace", options.oneShot.graceSeconds, "Seconds within which a later answer is still removed")
-        ->check(Seconds(86400))
-        ->capture_default_str();
+    AddTimes(command, options.oneShot.times);
     command.add_option("what", options.oneShot.what, "Register name or expression")->required();
     return command;
 }
 
-void AddReadAndWrite(CLI::App& app, Options& options, Chosen& chosen)
+void AddRead(CLI::App& app, Options& options, Chosen& chosen)
 {
-    CLI::App& read = AddOneShot(app, options, "read", "Read a range from the PLC now");
-    read.callback([&] { chosen = {[&] { return Read(options.port, options.oneShot); }, ExitNegative}; });
+    CLI::App& read = *app.add_subcommand("read", "Read ranges from the PLC now");
+    AddPortOptions(read, options);
+    AddByteOrder(read, options);
+    AddFifoOptions(read, options);
+    AddTimes(read, options.read.times);
+    AddSelection(read, options);
+    AddRows(read, options);
+    AddIso(read, options);
+    AddRaw(read, options);
+    read.add_flag("--orders", options.read.orders, "Values under every byte order, side by side");
+    read.callback([&] {
+        options.read.select = options.select;
+        chosen = {[&] { return Read(options.port, options.read, options.output); }, ExitNegative};
+    });
+}
 
+void AddWrite(CLI::App& app, Options& options, Chosen& chosen)
+{
     CLI::App& write = AddOneShot(app, options, "write", "Write a range");
     write.add_flag("--only-writer", options.oneShot.onlyWriter, "Nobody else writes into the FIFO: any length goes");
+    write.add_flag("--raw", options.oneShot.raw, "Values as they lie: no scale, names");
     write.add_option("values", options.values, "One value an element")->required();
     write.callback([&] {
         chosen = {[&] { return Write(options.port, options.oneShot, options.values); }, ExitNegative};
@@ -232,8 +288,18 @@ void AddWatch(CLI::App& app, Options& options, Chosen& chosen)
         ->capture_default_str();
     watch.add_option("--count", options.watch.count, "End after so many live values of every range; 0: no limit")
         ->capture_default_str();
-    watch.add_option("what", options.watch.what, "Register names or expressions")->required();
-    watch.callback([&] { chosen = {[&] { return Watch(options.port, options.watch); }, ExitNegative}; });
+    AddSelection(watch, options);
+    AddRows(watch, options);
+    AddIso(watch, options);
+    AddRaw(watch, options);
+    watch.add_flag("--plot", options.watch.plot, "Draw the last minutes of up to four values");
+    watch.add_option("--minutes", options.watch.plotMinutes, "Minutes that --plot shows")
+        ->check(Between(0.1, 60))
+        ->capture_default_str();
+    watch.callback([&] {
+        options.watch.select = options.select;
+        chosen = {[&] { return Watch(options.port, options.watch, options.output); }, ExitNegative};
+    });
 }
 
 void AddTop(CLI::App& app, Options& options, Chosen& chosen)
@@ -244,9 +310,10 @@ void AddTop(CLI::App& app, Options& options, Chosen& chosen)
     top.add_option("--interval", options.top.intervalMs, "Milliseconds between looks")
         ->check(CLI::Range(100u, 60000u))
         ->capture_default_str();
+    AddRows(top, options);
     top.callback([&] {
         options.top.allPorts = top.count("--port") + top.count("--index") == 0;
-        chosen = {[&] { return Top(options.port, options.top); }, ExitUsage};
+        chosen = {[&] { return Top(options.port, options.top, options.output); }, ExitUsage};
     });
 }
 
@@ -256,7 +323,10 @@ void AddLookers(CLI::App& app, Options& options, Chosen& chosen)
     AddPortOptions(dump, options);
     AddByteOrder(dump, options);
     dump.add_flag("--full", options.full, "Whole regions");
-    dump.callback([&] { chosen = {[&] { return Dump(options.port, options.full); }, ExitUsage}; });
+    AddRows(dump, options);
+    AddIso(dump, options);
+    AddRaw(dump, options);
+    dump.callback([&] { chosen = {[&] { return Dump(options.port, options.full, options.output); }, ExitUsage}; });
 
     CLI::App& check = *app.add_subcommand("check", "Verify the register database");
     AddPortOptions(check, options);
@@ -273,13 +343,16 @@ void AddLookers(CLI::App& app, Options& options, Chosen& chosen)
     status.add_option("--wait", options.wait, "Seconds to wait for the watchdog, 0 to go by the FIFOs")
         ->check(Seconds(11))
         ->capture_default_str();
+    AddRows(status, options);
     status
         .add_option("--heartbeat", options.heartbeat, "Go by the main loop alone; its driver may take so many seconds")
-        ->check(Seconds(86400));
+        ->check(Seconds(86400))
+        ->excludes("--json")
+        ->excludes("--csv");
     status.callback([&] {
         chosen = {[&] {
                       return options.heartbeat ? StatusOfHeartbeat(options.port, *options.heartbeat)
-                                               : Status(options.port, options.wait);
+                                               : Status(options.port, options.wait, options.output);
                   },
                   ExitUsage};
     });
@@ -308,12 +381,14 @@ int main(int argc, char** argv)
     std::signal(SIGPIPE, SIG_IGN);
     CLI::App app{"voqctl: project files, registers and the register database of voq"};
     app.require_subcommand(1);
+    app.set_version_flag("--version", "voqctl " VOQ_VERSION);
     app.failure_message(
         [](const CLI::App*, const CLI::Error& error) { return "voqctl: " + Printable(error.what()) + "\n"; });
     Options options;
     Chosen chosen;
     AddProject(app, options, chosen);
-    AddReadAndWrite(app, options, chosen);
+    AddRead(app, options, chosen);
+    AddWrite(app, options, chosen);
     AddChanges(app, options, chosen);
     AddWatch(app, options, chosen);
     AddTop(app, options, chosen);

@@ -1,13 +1,13 @@
 // "voqctl watch": subscribes ranges, shows their values as the service refreshes them, and logs off again, however it
 // ends. Main thread. Needs SIGPIPE ignored, so that a closed output still logs off.
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
-#include <limits>
+#include <optional>
 
 #include "client/clock.h"
 #include "client/database.h"
@@ -15,8 +15,11 @@
 #include "client/frame.h"
 #include "client/value_text.h"
 #include "tools/commands.h"
+#include "tools/plot.h"
 #include "tools/printable.h"
+#include "tools/range_rows.h"
 #include "tools/stop.h"
+#include "tools/watch_screen.h"
 #include "voq/reg_range.h"
 
 namespace
@@ -26,10 +29,13 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::int64_t MostAsleep = 200'000'000;  // nanoseconds
 
-// What is shown of a range.
+constexpr std::size_t MostCurves = 4;
+constexpr std::chrono::milliseconds CurvesApart{200};  // a terminal need not follow every reading
+
+// What is known of a range.
 struct Shown {
     std::string state = "not registered";
-    std::string value = "-";
+    std::optional<voq::Bytes> value;
     std::int64_t stamp = 0;  // microseconds, 0 for none
     bool live = false;
 
@@ -37,38 +43,37 @@ struct Shown {
 };
 
 struct Watched {
-    std::string name;
-    voq::Register reg;
-    voq::ValueCoding coding;
+    Selected range;
+    std::optional<std::size_t> sharedWith;  // a watched range before it that is the same one under another name
     std::uint16_t fileno = 0;
     std::uint32_t offset = 0;     // of its record, 0 until found
     std::int64_t loggedOnAt = 0;  // microseconds; 0 while not logged on
     std::int64_t lastLive = 0;    // stamp of the last live value counted
     unsigned liveCount = 0;
-    Shown shown;
-    bool printed = false;
+    std::optional<Shown> printed;
+    std::optional<PlotHistory> history;
 };
 
-std::vector<Watched> ResolveRanges(const Target& target, const std::vector<std::string>& what)
+std::vector<Watched> Resolve(const Target& target, const SelectOptions& select)
 {
     std::vector<Watched> ranges;
-    for (const std::string& text : what) {
-        Watched range;
-        range.name = text;
-        range.reg = ResolveRegister(target, text).reg;
-        range.coding = voq::CodingOf(range.reg, ByteOrderOf(target, range.reg.key));
-        // The service would keep one entry for both, and the second log-off would not find it.
-        for (const Watched& other : ranges) {
-            if (SameRange(other.reg.key, range.reg.key)) {
-                throw UsageError(other.name + " and " + text + " are the same range");
-            }
+    for (Selected& selected : Select(target, select)) {
+        Watched range = {std::move(selected), {}, 0, 0, 0, 0, 0, {}, {}};
+        const auto same = std::find_if(ranges.begin(), ranges.end(), [&](const Watched& other) {
+            return SameRange(other.range.reg.key, range.range.reg.key);
+        });
+        if (same != ranges.end()) range.sharedWith = static_cast<std::size_t>(same - ranges.begin());
+        const bool asked = std::find(select.what.begin(), select.what.end(), range.range.name) != select.what.end();
+        if (range.sharedWith && asked) {
+            throw UsageError(same->range.name + " and " + range.range.name + " are the same range");
         }
-        ranges.push_back(range);
+        ranges.push_back(std::move(range));
     }
     return ranges;
 }
 
-// The subscriptions; going out of scope ends those that were made.
+// The subscriptions, one for each range: the service would keep one entry for two, and the second log-off would not
+// find it. Going out of scope ends those that were made.
 class Subscriptions
 {
 public:
@@ -76,11 +81,11 @@ public:
     ~Subscriptions()
     {
         for (Watched& range : ranges_) {
-            if (range.loggedOnAt == 0) continue;
+            if (range.loggedOnAt == 0 || range.sharedWith) continue;
             try {
-                voq::SendFrame(target_.fifo, voq::LogOffFrame(range.reg.key, range.fileno));
+                voq::SendFrame(target_.fifo, voq::LogOffFrame(range.range.reg.key, range.fileno));
             } catch (const std::exception& error) {
-                Complain(range.name + " is still logged on: " + error.what());
+                Complain(range.range.name + " is still logged on: " + error.what());
             }
         }
     }
@@ -115,8 +120,10 @@ private:
         for (Watched& range : ranges_) {
             if (range.loggedOnAt != 0) continue;
             const std::int64_t now = voq::NowMicroseconds();
-            voq::SendFrame(target_.fifo, voq::LogOnFrame(range.reg.key, range.fileno));
-            range.loggedOnAt = now;
+            if (!range.sharedWith) {
+                voq::SendFrame(target_.fifo, voq::LogOnFrame(range.range.reg.key, range.fileno));
+            }
+            range.loggedOnAt = range.sharedWith ? ranges_[*range.sharedWith].loggedOnAt : now;
         }
     }
 
@@ -127,9 +134,9 @@ private:
 Shown ReadShown(const voq::PortDir& port, Watched& range)
 {
     Shown shown;
-    if (range.offset == 0) range.offset = voq::FindRange(port, range.reg.key);
+    if (range.offset == 0) range.offset = voq::FindRange(port, range.range.reg.key);
     if (range.offset == 0) return shown;
-    const auto reading = voq::ReadRange(port, range.reg.key, range.offset);
+    auto reading = voq::ReadRange(port, range.range.reg.key, range.offset);
     if (!reading) {
         range.offset = 0;
         return shown;
@@ -137,7 +144,7 @@ Shown ReadShown(const voq::PortDir& port, Watched& range)
     shown.state = voq::StateName(reading->node.state);
     shown.stamp = voq::StampMicroseconds(reading->node.stamp);
     if (reading->node.state != 1) return shown;
-    shown.value = voq::ValueText(range.coding, reading->value, std::numeric_limits<std::size_t>::max());
+    shown.value = std::move(reading->value);
     shown.live = shown.stamp >= range.loggedOnAt;
     if (shown.live && shown.stamp != range.lastLive) {
         range.lastLive = shown.stamp;
@@ -151,42 +158,102 @@ std::string Age(const Shown& shown, std::int64_t now)
     return shown.stamp == 0 ? "-" : voq::AgeText(now - shown.stamp);
 }
 
-// One line a change: time, name, state, age, value, separated by tabs.
-void PrintChanges(std::vector<Watched>& ranges, const std::vector<Shown>& readings)
+std::string ValueOf(const Watched& range, const Shown& shown, const OutputOptions& output)
 {
-    const std::int64_t now = voq::NowMicroseconds();
+    return shown.value ? ShownText(range.range, *shown.value, output) : "-";
+}
+
+std::string ClockText(std::int64_t now)
+{
     const std::time_t seconds = now / 1000000;
     std::tm parts = {};
     char time[32];
     localtime_r(&seconds, &parts);
-    std::strftime(time, sizeof time, "%H:%M:%S", &parts);
-    for (std::size_t i = 0; i < ranges.size(); ++i) {
-        Watched& range = ranges[i];
-        if (range.printed && range.shown.Same(readings[i])) continue;
-        range.shown = readings[i];
-        range.printed = true;
-        std::printf("%s.%03d\t%s\t%s\t%s\t%s\n", time, static_cast<int>(now / 1000 % 1000), range.name.c_str(),
-                    range.shown.state.c_str(), Age(range.shown, now).c_str(), range.shown.value.c_str());
-    }
+    const std::size_t length = std::strftime(time, sizeof time, "%H:%M:%S", &parts);
+    std::snprintf(time + length, sizeof time - length, ".%03d", static_cast<int>(now / 1000 % 1000));
+    return time;
 }
 
-// The same lines over and over, cut to the terminal's width.
-void Redraw(std::vector<Watched>& ranges, const std::vector<Shown>& readings)
+// What is shown while watching, in one of three ways.
+class Output
 {
-    winsize window = {};
-    const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 1;
-    const std::size_t columns = known ? window.ws_col - 1u : 79;
-    const std::int64_t now = voq::NowMicroseconds();
-    if (ranges[0].printed) std::printf("\x1b[%zuA", ranges.size());
-    for (std::size_t i = 0; i < ranges.size(); ++i) {
-        char head[128];
-        std::snprintf(head, sizeof head, "%-24.60s  %-14s  %8s  ", ranges[i].name.c_str(), readings[i].state.c_str(),
-                      Age(readings[i], now).c_str());
-        const std::string line = (head + readings[i].value).substr(0, columns);
-        std::printf("\r%s\x1b[K\n", line.c_str());
-        ranges[i].printed = true;
+public:
+    Output(const WatchOptions& watch, const OutputOptions& output, std::vector<Watched>& ranges)
+        : output_(output), ranges_(ranges), rows_(output.rows), terminal_(isatty(STDOUT_FILENO) == 1)
+    {
+        if (!watch.plot || !terminal_ || output.rows != RowForm::None) return;
+        for (Watched& range : ranges) range.history.emplace(static_cast<std::int64_t>(watch.plotMinutes * 60e6));
     }
-}
+
+    void Show(const std::vector<Shown>& readings)
+    {
+        const std::int64_t now = voq::NowMicroseconds();
+        if (!terminal_ || output_.rows != RowForm::None) return ShowChanges(readings, now);
+        for (std::size_t i = 0; i < ranges_.size(); ++i) {
+            if (ranges_[i].history) ranges_[i].history->Add({now, Number(ranges_[i], readings[i])});
+        }
+        if (ranges_[0].history && Clock::now() < nextCurves_) return;
+        nextCurves_ = Clock::now() + CurvesApart;
+        Redraw(readings, now);
+    }
+
+private:
+    // One line or row a change.
+    void ShowChanges(const std::vector<Shown>& readings, std::int64_t now)
+    {
+        for (std::size_t i = 0; i < ranges_.size(); ++i) {
+            Watched& range = ranges_[i];
+            if (range.printed && range.printed->Same(readings[i])) continue;
+            range.printed = readings[i];
+            if (output_.rows == RowForm::None) {
+                PrintLine(range, readings[i], now);
+            } else {
+                WriteRow(range, readings[i], now);
+            }
+        }
+    }
+
+    // Time, name, state, age, value, separated by tabs.
+    void PrintLine(const Watched& range, const Shown& shown, std::int64_t now) const
+    {
+        std::printf("%s\t%s\t%s\t%s\t%s\n", (output_.iso ? IsoTime(now) : ClockText(now)).c_str(),
+                    Printable(range.range.name).c_str(), shown.state.c_str(), Age(shown, now).c_str(),
+                    ValueOf(range, shown, output_).c_str());
+    }
+
+    void WriteRow(const Watched& range, const Shown& shown, std::int64_t now)
+    {
+        RangeState state{shown.state, now, {}, {}};
+        if (shown.stamp != 0) state.stamp = shown.stamp;
+        if (shown.value) state.value = *shown.value;
+        rows_.Write(RangeRow(range.range, state));
+    }
+
+    void Redraw(const std::vector<Shown>& readings, std::int64_t now)
+    {
+        std::vector<WatchLine> lines;
+        for (std::size_t i = 0; i < ranges_.size(); ++i) {
+            const Watched& range = ranges_[i];
+            char head[160];
+            std::snprintf(head, sizeof head, "%-24.60s  %-14s  %8s  ", Printable(range.range.name).c_str(),
+                          readings[i].state.c_str(), Age(readings[i], now).c_str());
+            lines.push_back({head + ValueOf(range, readings[i], output_), range.history ? &*range.history : nullptr});
+        }
+        screen_.Draw(lines);
+    }
+
+    double Number(const Watched& range, const Shown& shown) const
+    {
+        return shown.value ? NumberOf(range.range, *shown.value, output_.raw) : NAN;
+    }
+
+    const OutputOptions& output_;
+    std::vector<Watched>& ranges_;
+    RowWriter rows_;
+    bool terminal_;
+    WatchScreen screen_;
+    Clock::time_point nextCurves_ = {};
+};
 
 bool AllCounted(const std::vector<Watched>& ranges, unsigned count)
 {
@@ -212,22 +279,17 @@ bool Sleep(Subscriptions& subscriptions, Clock::time_point until)
 }
 
 void ShowUntilDone(const voq::PortDir& port, const WatchOptions& watch, Subscriptions& subscriptions,
-                   std::vector<Watched>& ranges)
+                   std::vector<Watched>& ranges, Output& output)
 {
     bool served = true;
-    const bool terminal = isatty(STDOUT_FILENO) == 1;
     const auto limit = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(watch.forSeconds));
     const auto end = Clock::now() + limit;
     while (Stopped == 0) {
         std::vector<Shown> readings;
         for (Watched& range : ranges) {
-            readings.push_back(served ? ReadShown(port, range) : Shown{.state = "no service"});
+            readings.push_back(served ? ReadShown(port, range) : Shown{"no service", {}, 0, false});
         }
-        if (terminal) {
-            Redraw(ranges, readings);
-        } else {
-            PrintChanges(ranges, readings);
-        }
+        output.Show(readings);
         if (std::fflush(stdout) != 0) break;
         if (AllCounted(ranges, watch.count)) break;
         if (watch.forSeconds > 0 && Clock::now() >= end) break;
@@ -236,19 +298,33 @@ void ShowUntilDone(const voq::PortDir& port, const WatchOptions& watch, Subscrip
     }
 }
 
+void RequireCurves(const std::vector<Watched>& ranges)
+{
+    if (ranges.size() > MostCurves) {
+        throw UsageError("--plot draws up to " + std::to_string(MostCurves) + " values, not " +
+                         std::to_string(ranges.size()));
+    }
+    for (const Watched& range : ranges) {
+        if (range.range.coding.type.kind != voq::ValueKind::Raw && range.range.meaning.text == 0) continue;
+        throw UsageError("--plot: " + range.range.name + " is no number");
+    }
+}
+
 }  // namespace
 
-int Watch(const PortOptions& options, const WatchOptions& watch)
+int Watch(const PortOptions& options, const WatchOptions& watch, const OutputOptions& output)
 {
     const Target target = Resolve(options);
-    std::vector<Watched> ranges = ResolveRanges(target, watch.what);
-    const auto missing = [&](const Watched& range) { return ByteOrderMissing(target, range.reg); };
+    std::vector<Watched> ranges = Resolve(target, watch.select);
+    if (watch.plot) RequireCurves(ranges);
+    const auto missing = [&](const Watched& range) { return ByteOrderMissing(target, range.range.reg); };
     if (std::any_of(ranges.begin(), ranges.end(), missing)) NoteByteOrder();
     CatchSignals();
     {
+        Output shown(watch, output, ranges);
         Subscriptions subscriptions(target, ranges);
         subscriptions.Begin(options.numbers);
-        ShowUntilDone(target.port, watch, subscriptions, ranges);
+        ShowUntilDone(target.port, watch, subscriptions, ranges, shown);
     }
     for (const Watched& range : ranges) {
         if (range.liveCount != 0) return ExitOk;
