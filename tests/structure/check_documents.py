@@ -2,7 +2,8 @@
 """Compares the documents with the sources: check_documents.py TREE.
 
 Every message text of the service stands in docs/operating.md, every one of the Modbus drivers in docs/modbus.md, and the
-texts there in the sources; the record tables of docs/files.md say what the layouts assert; every link of a document leads to a file and a heading.
+texts there in the sources; the record tables of docs/files.md say what the layouts assert; the tables of voqctl's exit
+statuses have those of the tool; every link of a document leads to a file and a heading.
 """
 import pathlib
 import re
@@ -49,6 +50,15 @@ def check_records(tree):
             yield f"files.md: the fields of {name} do not follow one another to {size}"
 
 
+def check_statuses(tree):
+    """voqctl's exit statuses: the documents' tables have those that the tool knows, signals apart."""
+    known = set(re.findall(r"^inline constexpr int Exit\w+ = (\d+);", (tree / "tools/commands.h").read_text(), re.M))
+    for name, section, row in (("docs/voqctl.md", r"^## Exit status$(.*?)^(?=\w)", r"^\| (\d+)(?: \+ N)? \|"),
+                               ("packaging/man/voqctl.1", r"^\.SH EXIT STATUS$(.*?)^\.SH", r"^\.(?:B|RI) (\d+)")):
+        listed = set(re.findall(row, re.search(section, (tree / name).read_text(), re.M | re.S)[1], re.M))
+        yield from (f"{name}: exit status {status} is only in one of it and tools/commands.h" for status in known ^ listed)
+
+
 def headings(path):
     return {re.sub(r"[^\w\- ]", "", line.lstrip("# ")).strip().lower().replace(" ", "-")
             for line in path.read_text().splitlines() if line.startswith("#")}
@@ -66,7 +76,7 @@ def check_links(tree):
 def main():
     tree = pathlib.Path(sys.argv[1]).resolve()
     checks = (check_messages(tree, "service", "operating.md"), check_messages(tree, "drivers/modbus", "modbus.md"),
-              check_records(tree), check_links(tree))
+              check_records(tree), check_statuses(tree), check_links(tree))
     wrong = [line for check in checks for line in check]
     print("\n".join(wrong + [f"{len(wrong)} wrong"]))
     return 1 if wrong else 0
