@@ -45,7 +45,7 @@ def test_plant_runs_and_changes(plant):
     assert master.read_holding_registers(110, count=2, slave=1).registers == [0x3FC0, 0]
     assert master.read_holding_registers(214, count=2, slave=2).registers == [0, 0x3FC0]
     assert master.read_holding_registers(246, count=2, slave=2).registers == [1, 0x2345]
-    assert ctl("read", *PLACE, "pump2.power") == "1.5\n"
+    assert ctl("read", *PLACE, "pump2.power") == "1.5 W\n"
 
     against = ("project", "diff", PLANT, "--dir", USER, "--running", PROJECT)
     assert ctl(*against) == ""
