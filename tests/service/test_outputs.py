@@ -26,7 +26,7 @@ ADDRESSED = {"pump1": Key(0), "pump2": Key(1), "pumps": Key(2, 2), "label": Key(
 VALUES = {"pump1": b"\0\xd7", "pump2": b"\0\2", "pumps": b"\1\0\0\7", "label": b'a"\\,\x1b\xff\0\0', "flow": b"\x41\xac\0\0"}
 SHOWN = {"pump1": 21.5, "pump2": "on, slow", "pumps": [256, 7], "alarm": "hot", "label": r'a"\,\x1b\xff', "flow": 21.5}
 RAW = {"pump1": 215, "pump2": 2, "pumps": [256, 7], "alarm": 2, "label": [24866, 23596, 7167, 0], "flow": 21.5}
-CHANGING = "time", "age_s", "watchdog", "period_s", "subscribed"  # between two calls
+CHANGING = "time", "age_s", "watchdog", "main_loop", "period_s", "subscribed"  # between two calls
 COMMON = ["time", "name", "port", "station", "expression", "state", "age_s", "value", "unit", "raw"]
 
 
