@@ -93,8 +93,9 @@ def test_change_flag(start, index, port):
         return [(int(speed), int(rest, 16)) for speed, rest in trace(r"^line (\d+) (\w+)$")][-1:]
 
     wait_for(lambda: line() == [(termios.B9600, EIGHT)], "the line as the project has it")
-    at, system = 4 * (index + 515), (USER / "srw0.dat").read_bytes()  # of the size that it had
-    assert len(system) == 9000 and any(system[at: at + 4]) and not any(system[:at] + system[at + 4:])
+    at = 4 * (index + 515)
+    system = wait_for(lambda: any((panel := (USER / "srw0.dat").read_bytes())[at: at + 4]) and panel, "the watchdog")
+    assert len(system) == 9000 and not any(system[:at] + system[at + 4:])  # of the size that it had
     cleared, told = bytearray(b"\7" * 60), []
     cleared[20 + index] = cleared[20 + port] = 0
     SRB.write_bytes(bytes(20 + index))
