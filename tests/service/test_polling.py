@@ -83,7 +83,8 @@ def test_a_plc_with_holes(start):
     sim.dig()
     again = b"".join(log_off(key, key.addr) for key in keys) + b"".join(log_on(key, key.addr) for key in keys)
     service.send(again)
-    assert sim.cycle(1) == [(0, 154)] and service.node(keys[5]).state == 1
+    wait_for(lambda: sim.cycle(1) == [(0, 154)], "one read for all")
+    assert service.node(keys[5]).state == 1
 
 
 def test_logged_off_in_the_middle_of_a_round(start):
