@@ -197,8 +197,7 @@ void WriteRow(const TopModel& model, const TopRange& range, RowWriter& rows)
 int WriteRows(TopModel& model, RowForm form)
 {
     model.Look();
-    const timespec interval = {model.Interval().count() / 1000, model.Interval().count() % 1000 * 1000000};
-    nanosleep(&interval, nullptr);
+    poll(nullptr, 0, static_cast<int>(model.Interval().count()));  // unlike a sleep, ends with a signal
     model.Look();
     RowWriter rows(form);
     for (const TopRange* range : model.Listed()) WriteRow(model, *range, rows);
