@@ -113,6 +113,9 @@ struct TopOptions {
 // Runs until a key or a signal ends it: 0. As rows it looks twice, an interval apart, and ends.
 int Top(const PortOptions& options, const TopOptions& top, const OutputOptions& output);
 
+// How the subscribed ranges are polled: those that are meant, or all. 1 when there are none.
+int Explain(const PortOptions& options, const SelectOptions& select, const OutputOptions& output);
+
 // 0 when the service runs, 1 when it does not.
 int Status(const PortOptions& options, double waitSeconds, const OutputOptions& output);
 // By the main loop's heartbeat alone, which takes no lock: 0 when it goes on or nothing is known of it, 1 when it

@@ -338,6 +338,15 @@ void AddLookers(CLI::App& app, Options& options, Chosen& chosen)
     compare.add_option("b", options.other, "Directory of the second")->required()->check(NotEmpty);
     compare.callback([&] { chosen = {[&] { return Compare(options.file, options.other); }, ExitUsage}; });
 
+    CLI::App& explain = *app.add_subcommand("explain", "Say how ranges are polled and what would make it faster");
+    AddPortOptions(explain, options);
+    explain.add_flag_function(
+        "--json", [&](std::int64_t) { options.output.rows = RowForm::Json; }, "One JSON object a line");
+    explain.add_option("what", options.select.what, "Register names, patterns or expressions; all without any");
+    explain.callback([&] {
+        chosen = {[&] { return Explain(options.port, options.select, options.output); }, ExitUsage};
+    });
+
     CLI::App& status = *app.add_subcommand("status", "Show whether the service runs");
     AddPortOptions(status, options);
     status.add_option("--wait", options.wait, "Seconds to wait for the watchdog, 0 to go by the FIFOs")
