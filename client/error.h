@@ -1,9 +1,9 @@
-// The one exception of the client library: its text is complete and meant for a person.
+// What the client library throws: an Error, whose text is complete and meant for a person, or one of its kinds.
 #pragma once
 
-#include <cstring>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace voq
 {
@@ -14,10 +14,31 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-// A failed system call: "<what>: <system's text>".
-inline Error SystemError(const std::string& what, int number)
+// The system refused a call.
+class SystemFailure : public Error
 {
-    return Error(what + ": " + std::strerror(number));
+public:
+    using Error::Error;
+};
+
+// Another process kept a file locked for longer than is waited.
+class LockHeld : public Error
+{
+public:
+    using Error::Error;
+};
+
+// A file of the service, or an answer, holds what cannot be.
+class Damaged : public Error
+{
+public:
+    using Error::Error;
+};
+
+// A failed system call: "<what>: <system's text>".
+inline SystemFailure SystemError(const std::string& what, int number)
+{
+    return SystemFailure(what + ": " + std::system_category().message(number));
 }
 
 }  // namespace voq

@@ -1,6 +1,7 @@
 // The way of a frame into a client FIFO.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -17,11 +18,21 @@ public:
     using Error::Error;
 };
 
-// Writes one frame. A FIFO takes frames up to 4096 bytes as a whole; a longer one can be cut by another writer and is
-// refused unless the caller says that it is the only writer. Waits up to five seconds for room. The process must ignore
-// SIGPIPE. Throws ServiceNotRunning or Error.
+// The service has not made room in time.
+class FifoFull : public Error
+{
+public:
+    using Error::Error;
+};
+
+// Writes one frame, or several whole ones. A FIFO takes up to 4096 bytes as a whole; what is longer can be cut by
+// another writer and is refused unless the caller says that it is the only writer. Waits for room for at most so long,
+// and once a part of a longer frame is written for five seconds more. Raises no SIGPIPE. Throws ServiceNotRunning,
+// FifoFull or Error.
 enum class Writers { Several, OnlyThis };
-void SendFrame(const std::string& fifo, std::span<const std::uint8_t> frame, Writers writers = Writers::Several);
+inline constexpr std::chrono::milliseconds FifoPatience{5000};
+void SendFrame(const std::string& fifo, std::span<const std::uint8_t> frame, Writers writers = Writers::Several,
+               std::chrono::milliseconds patience = FifoPatience);
 
 // True when a process has the FIFO open for reading. False also when there is no FIFO.
 bool FifoHasReader(const std::string& fifo);

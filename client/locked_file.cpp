@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <thread>
 
@@ -16,7 +17,7 @@ namespace voq
 namespace
 {
 
-std::optional<std::chrono::milliseconds> LockPatience;
+thread_local std::optional<std::chrono::milliseconds> Patience;
 
 // A file opened for reading, or for reading and writing and then made when it is missing, and locked as a whole;
 // closing it releases the lock.
@@ -33,7 +34,7 @@ public:
             throw SystemError(path, errno);
         }
         try {
-            if (!S_ISREG(Status().st_mode)) throw Error(path + ": not a regular file");
+            if (!S_ISREG(Status().st_mode)) throw Damaged(path + ": not a regular file");
             Lock();
         } catch (...) {
             close(fd_);
@@ -53,16 +54,22 @@ public:
     Bytes Read(std::uint64_t offset, std::size_t length) const
     {
         Bytes bytes(length);
+        bytes.resize(ReadInto(offset, bytes));
+        return bytes;
+    }
+
+    // Returns how many bytes there were.
+    std::size_t ReadInto(std::uint64_t offset, std::span<std::uint8_t> into) const
+    {
         std::size_t have = 0;
-        while (have < length) {
-            const ssize_t n = pread(fd_, bytes.data() + have, length - have, static_cast<off_t>(offset + have));
+        while (have < into.size()) {
+            const ssize_t n = pread(fd_, into.data() + have, into.size() - have, static_cast<off_t>(offset + have));
             if (n < 0 && errno == EINTR) continue;
             if (n < 0) throw SystemError(path_, errno);
             if (n == 0) break;
             have += static_cast<std::size_t>(n);
         }
-        bytes.resize(have);
-        return bytes;
+        return have;
     }
 
     void Resize(std::size_t size) const
@@ -81,23 +88,26 @@ private:
     void Lock() const
     {
         const auto begin = std::chrono::steady_clock::now();
+        auto pause = std::chrono::microseconds(50);
         struct flock lock = {};
         lock.l_type = type_;
         lock.l_whence = SEEK_SET;
         // The waiting form knows no limit.
-        while (fcntl(fd_, LockPatience ? F_SETLK : F_SETLKW, &lock) != 0) {
+        while (fcntl(fd_, Patience ? F_OFD_SETLK : F_OFD_SETLKW, &lock) != 0) {
             if (errno == EINTR) continue;
-            const bool held = LockPatience && (errno == EAGAIN || errno == EACCES);
+            const bool held = Patience && (errno == EAGAIN || errno == EACCES);
             if (!held) throw SystemError(path_ + ": lock", errno);
-            if (std::chrono::steady_clock::now() - begin > *LockPatience)
-                throw Error(path_ + ": locked by " + Holder(lock));
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            if (std::chrono::steady_clock::now() - begin > *Patience) {
+                throw LockHeld(path_ + ": locked by " + Holder(lock));
+            }
+            std::this_thread::sleep_for(pause);
+            pause = std::min(2 * pause, std::chrono::microseconds(1000));
         }
     }
 
     std::string Holder(struct flock lock) const
     {
-        const bool known = fcntl(fd_, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+        const bool known = fcntl(fd_, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK && lock.l_pid > 0;
         return known ? "process " + std::to_string(lock.l_pid) : "another process";
     }
 
@@ -115,9 +125,14 @@ private:
 
 }  // namespace
 
-void LimitLockWaiting(std::chrono::milliseconds atMost)
+LockPatience::LockPatience(std::chrono::milliseconds atMost) : before_(Patience)
 {
-    LockPatience = atMost;
+    Patience = atMost;
+}
+
+LockPatience::~LockPatience()
+{
+    Patience = before_;
 }
 
 std::optional<Bytes> ReadLocked(const std::string& path)
@@ -126,8 +141,8 @@ std::optional<Bytes> ReadLocked(const std::string& path)
     if (!file.Exists()) return std::nullopt;
     const std::uint64_t size = file.Size();
     if (size > MaxFileBytes) {
-        throw Error(path + ": " + std::to_string(size) + " bytes, more than the " + std::to_string(MaxFileBytes) +
-                    " that are read");
+        throw Damaged(path + ": " + std::to_string(size) + " bytes, more than the " + std::to_string(MaxFileBytes) +
+                      " that are read");
     }
     return file.Read(0, static_cast<std::size_t>(size));
 }
@@ -137,6 +152,14 @@ std::optional<Bytes> ReadLockedRange(const std::string& path, std::uint64_t offs
     const LockedFile file(path);
     if (!file.Exists()) return std::nullopt;
     return file.Read(offset, length);
+}
+
+bool ReadLockedPieces(const std::string& path, std::span<FilePiece> pieces)
+{
+    const LockedFile file(path);
+    if (!file.Exists()) return false;
+    for (FilePiece& piece : pieces) piece.have = file.ReadInto(piece.offset, piece.into);
+    return true;
 }
 
 std::optional<std::uint64_t> FileSize(const std::string& path)

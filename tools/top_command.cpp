@@ -27,7 +27,7 @@ using Clock = std::chrono::steady_clock;
 constexpr char Help[] = "q quit  s sort  r reverse  f filter  / find  Tab port  t station  + - interval";
 constexpr milliseconds ShortestInterval{100}, LongestInterval{60000};
 constexpr milliseconds LongestWait{200};  // a signal can come just before the wait
-constexpr milliseconds LockPatience{1000};
+constexpr milliseconds LongestLock{1000};
 constexpr int Idle = 9;  // times as long as the last look took: the files belong to the service and its clients
 constexpr int Redraw = 'L' - '@', Escape = 0x1B, Delete = 0x7F;
 
@@ -217,7 +217,7 @@ int Top(const PortOptions& options, const TopOptions& top, const OutputOptions& 
     TopModel model(top.allPorts && !options.project.empty() ? ResolveAll(options) : std::vector{Resolve(options)},
                    milliseconds(top.intervalMs));
     CatchSignals();
-    voq::LimitLockWaiting(LockPatience);
+    const voq::LockPatience patience(LongestLock);
     if (output.rows != RowForm::None) return WriteRows(model, output.rows);
     TopScreen screen;
     Session session(model);
