@@ -1,10 +1,13 @@
-// Request numbers. They name result files and subscriptions of the whole port, so every client keeps to a range of its
-// own.
+// Request numbers. They name result files and subscriptions of the whole port, so a client claims those that it uses:
+// in the port's claims file, where a claim ends with the client, however that ends.
 #pragma once
 
 #include <cstdint>
+#include <unordered_set>
 
+#include "client/error.h"
 #include "client/port_dir.h"
+#include "voq/claim.h"
 
 namespace voq
 {
@@ -14,22 +17,50 @@ struct FileNumberRange {
     std::uint16_t last = 59999;
 };
 
-// Hands out numbers of the range for which neither a result file nor a payload file exists, each once, from a random
-// start. Subscriptions leave no file: two clients that share a range can, rarely, pick the same number.
+// Every number of the range is taken.
+class NoNumber : public Error
+{
+public:
+    using Error::Error;
+};
+
+// The numbers that one client holds. One thread. Opens the claims file with the first number, and then closes what
+// clients that are gone have left open under theirs: their subscriptions, and answers that nobody fetched.
 class FileNumbers
 {
 public:
     // Throws Error when the range is empty.
-    FileNumbers(PortDir port, FileNumberRange range = {});
+    explicit FileNumbers(PortDir port, FileNumberRange range = {});
+    // Gives all numbers back; what Note said of them stays for whoever comes next.
+    ~FileNumbers();
+    FileNumbers(const FileNumbers&) = delete;
+    FileNumbers& operator=(const FileNumbers&) = delete;
 
-    // Throws Error when every number of the range is taken.
+    // A number that no client holds and for which there is neither a result file nor a payload file; from a random
+    // start on. Throws NoNumber, or Error.
     std::uint16_t Next();
+    // Says what is open under a number that is held, before it is sent. Throws Error.
+    void Note(std::uint16_t number, const RegRequest& request);
+    // Nothing is open under it any more.
+    void GiveBack(std::uint16_t number);
+
+    // The descriptor that holds the numbers, -1 before the first.
+    int Descriptor() const { return file_; }
 
 private:
+    void Open();
+    void Sweep();
+    bool Lock(std::uint16_t number, bool on) const;
+    bool Close(std::uint16_t number, const RegRequest& left) const;
+    bool InUse(std::uint16_t number) const;
+    RegRequest Noted(std::uint16_t number) const;
+    void Store(std::uint16_t number, const RegRequest& request) const;
+
     PortDir port_;
     FileNumberRange range_;
-    std::uint32_t offset_;    // of the next candidate in the range
-    std::uint32_t used_ = 0;  // candidates tried so far
+    std::uint32_t offset_;  // of the next candidate in the range
+    int file_ = -1;
+    std::unordered_set<std::uint16_t> held_;
 };
 
 }  // namespace voq

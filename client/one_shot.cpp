@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <thread>
 #include <vector>
 
@@ -18,12 +19,22 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-void LetGo()
+// Closes everything but one descriptor, -1 for none.
+void LetGo(int kept)
 {
     setsid();
     const int null = open("/dev/null", O_RDWR);
     for (int fd = 0; fd <= 2; ++fd) dup2(null, fd);
-    close_range(3, ~0u, 0);
+    const auto descriptor = static_cast<unsigned>(kept);
+    if (kept > 3) close_range(3, descriptor - 1, 0);
+    close_range(kept < 3 ? 3 : descriptor + 1, ~0u, 0);
+}
+
+// The answer's file does not stay, and the number is free again.
+void End(const PortDir& port, const OneShot& request)
+{
+    RemoveResult(port, request.fileno);
+    request.numbers->GiveBack(request.fileno);
 }
 
 void RemoveWhenThere(const PortDir& port, std::vector<OneShot> waiting, Clock::time_point end)
@@ -34,7 +45,7 @@ void RemoveWhenThere(const PortDir& port, std::vector<OneShot> waiting, Clock::t
         const bool last = Clock::now() >= end || !FifoHasReader(waiting[0].fifo);
         std::erase_if(waiting, [&](const OneShot& request) {
             const bool over = last || ReadResult(port, request.fileno);
-            if (over) RemoveResult(port, request.fileno);
+            if (over) End(port, request);
             return over;
         });
         if (waiting.empty()) return;
@@ -43,7 +54,7 @@ void RemoveWhenThere(const PortDir& port, std::vector<OneShot> waiting, Clock::t
     }
 }
 
-// The answer that `look` finds. Its file does not stay, whatever is wrong with it.
+// The answer that `look` finds; the request is over then, and when something is wrong with it.
 template <typename Look>
 std::optional<ResultFile> Taken(const PortDir& port, const OneShot& request, Look look)
 {
@@ -51,26 +62,39 @@ std::optional<ResultFile> Taken(const PortDir& port, const OneShot& request, Loo
     try {
         result = look();
     } catch (...) {
-        RemoveResult(port, request.fileno);
+        End(port, request);
         throw;
     }
     if (!result) return std::nullopt;
-    RemoveResult(port, request.fileno);
+    End(port, request);
     const auto key = RecordAt<RegKey>(request.frame, FrameHeaderBytes);
     if (!key || std::memcmp(&*key, &result->item.key, sizeof *key) != 0) {
-        throw Error("the answer is that of another client, which uses the same request number");
+        throw Damaged("the answer is that of another client, which uses the same request number");
     }
     return result;
 }
 
 }  // namespace
 
+RegRequest OneShotNote(std::span<const std::uint8_t> frame)
+{
+    RegRequest request = RecordAt<RegRequest>(frame, FrameHeaderBytes).value_or(RegRequest{});
+    request.orgoffset = static_cast<std::uint32_t>(std::time(nullptr));
+    return request;
+}
+
 void SendRequest(const PortDir& port, const OneShot& request)
 {
     if (access(port.Dir().c_str(), W_OK | X_OK) != 0 && errno != ENOENT) {
         throw SystemError(port.Dir() + ": the answer could not be removed", errno);
     }
-    SendFrame(request.fifo, request.frame, request.writers);
+    try {
+        request.numbers->Note(request.fileno, OneShotNote(request.frame));
+        SendFrame(request.fifo, request.frame, request.writers);
+    } catch (...) {
+        End(port, request);
+        throw;
+    }
 }
 
 std::optional<ResultFile> TakeAnswer(const PortDir& port, const OneShot& request)
@@ -91,7 +115,7 @@ int RemoveLater(const PortDir& port, std::span<const OneShot> requests, std::chr
     if (child < 0) throw SystemError("fork", errno);
     if (child > 0) return child;
     try {
-        LetGo();
+        LetGo(requests.empty() ? -1 : requests[0].numbers->Descriptor());
         RemoveWhenThere(port, {requests.begin(), requests.end()}, end);
         _exit(0);
     } catch (...) {

@@ -1,8 +1,20 @@
 // Paths of one port's files. Pure; any thread.
 #include "client/port_dir.h"
 
+#include <charconv>
+
 namespace voq
 {
+
+namespace
+{
+
+std::string Prefix(LinkType link)
+{
+    return link == LinkType::Serial ? "com_" : link == LinkType::Can ? "can_" : "tcp_";
+}
+
+}  // namespace
 
 const char* LinkName(LinkType link)
 {
@@ -31,11 +43,32 @@ std::optional<LinkType> LinkFromByte(std::uint8_t byte)
     return static_cast<LinkType>(byte);
 }
 
+std::string PortDir::Name() const
+{
+    return Prefix(link) + std::to_string(number);
+}
+
 std::string PortDir::Dir() const
 {
     if (!own.empty()) return own + "/";
-    const char* kind = link == LinkType::Serial ? "/com_" : link == LinkType::Can ? "/can_" : "/tcp_";
-    return user + kind + std::to_string(number) + "/";
+    return user + "/" + Name() + "/";
+}
+
+std::optional<PortDir> PortOfDirectory(std::string_view path)
+{
+    while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
+    const std::size_t slash = path.rfind('/');
+    const std::string_view name = slash == std::string_view::npos ? path : path.substr(slash + 1);
+    PortDir port;
+    port.user = slash == std::string_view::npos ? "." : slash == 0 ? "" : path.substr(0, slash);
+    for (const LinkType link : {LinkType::Serial, LinkType::Can, LinkType::Ethernet}) {
+        const std::string prefix = Prefix(link);
+        if (!name.starts_with(prefix)) continue;
+        port.link = link;
+        const auto [end, error] = std::from_chars(name.data() + prefix.size(), name.data() + name.size(), port.number);
+        if (error == std::errc() && end == name.data() + name.size() && port.Name() == name) return port;
+    }
+    return std::nullopt;
 }
 
 std::string PortDir::Map(const IndexItem& item) const

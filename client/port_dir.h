@@ -25,12 +25,15 @@ struct PortDir {
     std::uint16_t number = 0;
     std::string own = {};  // the directory itself, where it is none below a user data directory
 
-    std::string Dir() const;  // ends with "/"
+    std::string Name() const;  // "tcp_1", when it lies below a user data directory
+    std::string Dir() const;   // ends with "/"
     std::string Org() const { return Dir() + "org"; }
     std::string Data() const { return Dir() + "data"; }
     std::string Index() const { return Dir() + "index"; }
     std::string GuiFifo() const { return Dir() + "guififo"; }
     std::string MekFifo() const { return Dir() + "mekfifo"; }
+    std::string Lock() const { return Dir() + "lock"; }
+    std::string Claims() const { return Dir() + "claims"; }
     std::string Timeout() const { return Dir() + "timeout"; }
     std::string ComError() const { return Dir() + "comerror"; }
     std::string Stats() const { return Dir() + "stats"; }
@@ -39,6 +42,9 @@ struct PortDir {
     std::string RtData(std::uint16_t fileno) const { return Dir() + "rtData" + std::to_string(fileno); }
     std::string Srw() const { return user + "/srw0.dat"; }
 };
+
+// The port whose files lie in a directory: a path that ends in "tcp_N", "com_N" or "can_N". Nothing for any other.
+std::optional<PortDir> PortOfDirectory(std::string_view path);
 
 // Byte offset of the watchdog's two words in the SRW file, for the port at `index` of the project.
 constexpr std::uint64_t WatchdogOffset(std::uint16_t index)

@@ -49,9 +49,8 @@ using Succeed = std::function<void(const Bytes& value)>;
 int AskService(const Target& target, const PortOptions& port, const OneShotOptions& options, double moreSeconds,
                const BuildFrame& build, const Succeed& succeed)
 {
-    voq::OneShot request;
-    request.fifo = target.fifo;
-    request.fileno = voq::FileNumbers(target.port, port.numbers).Next();
+    voq::FileNumbers numbers(target.port, port.numbers);
+    voq::OneShot request{.fifo = target.fifo, .numbers = &numbers, .fileno = numbers.Next()};
     request.frame = Checked(options.what, [&] { return build(request.fileno); });
     request.writers = options.onlyWriter ? voq::Writers::OnlyThis : voq::Writers::Several;
     request.timeout = Milliseconds(options.times.timeoutSeconds + moreSeconds);

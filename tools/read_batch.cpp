@@ -70,7 +70,8 @@ private:
         try {
             UnderWay asked = {range, {}, {}};
             asked.request.fifo = target_.fifo;
-            asked.request.fileno = Number();
+            asked.request.numbers = &numbers_;
+            asked.request.fileno = numbers_.Next();
             asked.request.frame = voq::ReadFrame(ranges_[range.index].reg.key, asked.request.fileno);
             asked.request.timeout = Milliseconds(times_.timeoutSeconds);
             voq::SendRequest(target_.port, asked.request);
@@ -81,14 +82,6 @@ private:
         } catch (const voq::Error& error) {
             Fail(range.index, {ExitNegative, "error", error.what()});
         }
-    }
-
-    std::uint16_t Number()
-    {
-        if (free_.empty()) return numbers_.Next();
-        const std::uint16_t number = free_.back();
-        free_.pop_back();
-        return number;
     }
 
     // Takes the answers that have come. False when none has.
@@ -112,7 +105,6 @@ private:
 
     void Answered(const UnderWay& asked, const voq::ResultFile& result, bool amongOthers)
     {
-        free_.push_back(asked.request.fileno);
         ReadAnswer& answer = answers_[asked.range.index];
         const std::uint32_t length = GetRegBuffLen(&ranges_[asked.range.index].reg.key);
         if (result.item.result == PLC_SUCCESS && result.value.size() == length) {
@@ -153,7 +145,6 @@ private:
     const std::vector<Selected>& ranges_;
     voq::FileNumbers numbers_;
     std::vector<ReadAnswer> answers_;
-    std::vector<std::uint16_t> free_;  // numbers whose answers were taken
     std::deque<Waiting> waiting_;
     std::vector<UnderWay> underWay_;
     std::size_t most_ = MostUnderWay;  // under way at the same time

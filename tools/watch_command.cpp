@@ -77,13 +77,17 @@ std::vector<Watched> Resolve(const Target& target, const SelectOptions& select)
 class Subscriptions
 {
 public:
-    Subscriptions(const Target& target, std::vector<Watched>& ranges) : target_(target), ranges_(ranges) {}
+    Subscriptions(const Target& target, std::vector<Watched>& ranges, voq::FileNumberRange numbers)
+        : target_(target), ranges_(ranges), numbers_(target.port, numbers)
+    {
+    }
     ~Subscriptions()
     {
         for (Watched& range : ranges_) {
             if (range.loggedOnAt == 0 || range.sharedWith) continue;
             try {
                 voq::SendFrame(target_.fifo, voq::LogOffFrame(range.range.reg.key, range.fileno));
+                numbers_.GiveBack(range.fileno);
             } catch (const std::exception& error) {
                 Complain(range.range.name + " is still logged on: " + error.what());
             }
@@ -92,10 +96,11 @@ public:
     Subscriptions(const Subscriptions&) = delete;
     Subscriptions& operator=(const Subscriptions&) = delete;
 
-    void Begin(voq::FileNumberRange numbers)
+    void Begin()
     {
-        voq::FileNumbers filenos(target_.port, numbers);
-        for (Watched& range : ranges_) range.fileno = filenos.Next();
+        for (Watched& range : ranges_) {
+            if (!range.sharedWith) range.fileno = numbers_.Next();
+        }
         LogOn();
     }
 
@@ -120,15 +125,23 @@ private:
         for (Watched& range : ranges_) {
             if (range.loggedOnAt != 0) continue;
             const std::int64_t now = voq::NowMicroseconds();
-            if (!range.sharedWith) {
-                voq::SendFrame(target_.fifo, voq::LogOnFrame(range.range.reg.key, range.fileno));
-            }
+            if (!range.sharedWith) LogOn(range);
             range.loggedOnAt = range.sharedWith ? ranges_[*range.sharedWith].loggedOnAt : now;
         }
     }
 
+    void LogOn(const Watched& range)
+    {
+        const voq::Bytes frame = voq::LogOnFrame(range.range.reg.key, range.fileno);
+        RegRequest note = *voq::RecordAt<RegRequest>(frame, FrameHeaderBytes);
+        if (target_.fifo == target_.port.GuiFifo()) note.subcmd = ClaimThroughGui;
+        numbers_.Note(range.fileno, note);
+        voq::SendFrame(target_.fifo, frame);
+    }
+
     const Target& target_;
     std::vector<Watched>& ranges_;
+    voq::FileNumbers numbers_;
 };
 
 Shown ReadShown(const voq::PortDir& port, Watched& range)
@@ -322,8 +335,8 @@ int Watch(const PortOptions& options, const WatchOptions& watch, const OutputOpt
     CatchSignals();
     {
         Output shown(watch, output, ranges);
-        Subscriptions subscriptions(target, ranges);
-        subscriptions.Begin(options.numbers);
+        Subscriptions subscriptions(target, ranges, options.numbers);
+        subscriptions.Begin();
         ShowUntilDone(target.port, watch, subscriptions, ranges, shown);
     }
     for (const Watched& range : ranges) {
