@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <sstream>
 
 #include "client/error.h"
 #include "client/value_image.h"
@@ -289,6 +290,30 @@ constexpr NamedOperation Operations[] = {
 };
 
 }  // namespace
+
+ChangeText ParseChange(std::string_view text)
+{
+    ChangeText change;
+    std::istringstream words{std::string(text)};
+    words >> change.operation;
+    for (std::string word; words >> word;) {
+        std::string value;
+        if (word == "wrap") {
+            change.wrap = true;
+        } else if (word == "bounce") {
+            change.bounce = true;
+        } else if (word == "reversed") {
+            change.reversed = true;
+        } else if (word != "min" && word != "max") {
+            change.operands.push_back(word);
+        } else if (words >> value) {
+            (word == "min" ? change.minimum : change.maximum) = value;
+        } else {
+            throw Error("\"" + word + "\" without a value");
+        }
+    }
+    return change;
+}
 
 ChangeRequest BuildChange(const Register& reg, std::uint16_t byteOrder, const ChangeText& change)
 {

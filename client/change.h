@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "client/bytes.h"
@@ -31,6 +32,10 @@ struct ChangeText {
     bool bounce = false;
     bool reversed = false;  // add as sub and the reverse: the direction that a bounce left
 };
+
+// "OPERATION [OPERAND...] [min VALUE] [max VALUE] [wrap] [bounce] [reversed]", words separated by spaces. Only the
+// words are told apart here.
+ChangeText ParseChange(std::string_view text);
 
 ChangeRequest BuildChange(const Register& reg, std::uint16_t byteOrder, const ChangeText& change);
 

@@ -9,6 +9,7 @@
 #include "client/description/description.h"
 #include "client/description/limits.h"
 #include "client/error.h"
+#include "client/numbers.h"
 #include "client/prepare.h"
 #include "client/value_text.h"
 #include "tools/commands.h"
@@ -279,6 +280,47 @@ TEST(Project, ManyNamesAreNoQuadraticSearch)
         return std::clock() - begin;
     };
     EXPECT_LT(clocksFor(50000), 25 * clocksFor(5000));
+}
+
+TEST(Numbers, LieInImagesAndComeBack)
+{
+    struct Case {
+        const char* text;
+        std::uint16_t order;
+        double number;
+        Bytes image;
+    };
+    const std::vector<Case> cases = {
+        {"s1:a1:u16@0", 0, 0x1234, {0x34, 0x12}},
+        {"s1:a1:s16@0", 1, -2, {0xFF, 0xFE}},
+        {"s1:a1:s32@0,big_endian", 0, -2, {0xFF, 0xFF, 0xFF, 0xFE}},
+        {"s1:a1:u16@0,bcd", 0, 1234, {0x34, 0x12}},
+        {"s1:a1:u32@0,bcd", 0, 12345678, {0x78, 0x56, 0x34, 0x12}},
+        {"s1:a1:float@0", 0, 1.5, {0, 0, 0xC0, 0x3F}},
+        {"s1:a1:double@0,big_endian", 0, 1.5, {0x3F, 0xF8, 0, 0, 0, 0, 0, 0}},
+        {"s1:a1:bit@0", 0, 1, {1}},
+    };
+    for (const Case& each : cases) {
+        const auto coding = voq::CodingOf(voq::ParseExpression(each.text, 1), each.order);
+        EXPECT_EQ(voq::EncodeNumbers(coding, {&each.number, 1}), each.image) << each.text;
+        double number = 0;
+        EXPECT_EQ(voq::DecodeNumbers(coding, each.image, {&number, 1}), 1u);
+        EXPECT_EQ(number, each.number) << each.text;
+    }
+    const auto coding = [](const char* text) { return voq::CodingOf(voq::ParseExpression(text, 1), 0); };
+    double number = 0;
+    std::int64_t integer = 0;
+    const auto encode = [&](const char* text, double value) {
+        return ErrorOf([&] { voq::EncodeNumbers(coding(text), {&value, 1}); });
+    };
+    const Bytes noBcd = {0x1A, 0};
+    voq::DecodeNumbers(coding("s1:a1:u16@0,bcd"), noBcd, {&number, 1});
+    EXPECT_NE(number, number);
+    EXPECT_HAS(ErrorOf([&] { voq::DecodeIntegers(coding("s1:a1:u16@0,bcd"), noBcd, {&integer, 1}); }), "no packed BCD");
+    EXPECT_HAS(encode("s1:a1:u16@0,bcd", 10000), "does not fit u16 in BCD");
+    EXPECT_HAS(encode("s1:a1:float@0", 1e39), "does not fit float");
+    EXPECT_HAS(encode("s1:a1:u16@0", number), "does not fit");
+    EXPECT_HAS(ErrorOf([&] { voq::EncodeIntegers(coding("s1:a1:float@0"), {&integer, 1}); }), "is no integer");
 }
 
 }  // namespace
