@@ -24,7 +24,7 @@
  * Threads. The library has no state of its own. A port with its ranges and requests is used by one thread at a time,
  * whichever that is; different ports, of the same directory too, are independent of one another.
  *
- * Processes. Handles do not survive a fork: in the child every call on them but voq_port_close returns VOQ_FORKED, and
+ * Processes. Handles do not survive a fork: in the child every call on them that could fail returns VOQ_FORKED, and
  * voq_port_close gives up the child's copies and leaves the parent's port as it is. Call it in a child that does not
  * exec at once: as long as a child holds its copy, the parent's request numbers stay taken.
  *
@@ -85,9 +85,9 @@ const char* voq_version(void);
 
 /* ------------------------------------------------------------------------------------------------------ projects */
 
-/* Reads a project's description (TOML), or a built project file, which has no names. `error` may be NULL. VOQ_INVALID
- * when the file is none or not to be read; *project is then NULL. A project is not changed by any call: any number of
- * threads may use it, and any number of ports be opened by it. */
+/* Reads a project's description (TOML). `error` may be NULL. VOQ_INVALID when the file is none or not to be read;
+ * *project is then NULL. A project is not changed by any call: any number of threads may use it, and any number of
+ * ports be opened by it. */
 int voq_project_load(const char* file, voq_project** project, struct voq_error* error);
 /* Ports opened by it live on. NULL does nothing. */
 void voq_project_free(voq_project* project);
@@ -166,7 +166,7 @@ struct voq_fields {
 int voq_range_new_fields(voq_port* port, const struct voq_fields* fields, size_t size, voq_range** range);
 
 /* Ends the subscription and gives up the requests of the range. NULL does nothing. An event that names the range is
- * dropped. Does not wait: a log-off that finds the FIFO full is sent later. */
+ * dropped. Does not wait: the log-off is sent later, as that of voq_unsubscribe. */
 void voq_range_free(voq_range* range);
 
 enum voq_type {
@@ -191,12 +191,13 @@ void* voq_range_user(const voq_range* range);
 
 /* ------------------------------------------------------------------------------------------------- subscriptions */
 
-/* From now on the service polls the range, and voq_port_dispatch keeps its value. Does not wait. With no service, or a
- * full FIFO, the log-on is sent when there is one, or room; after each restart of the service again. VOQ_OK also when
- * it is subscribed already. VOQ_INVALID when another range of this port handle is the same registers: use that one.
- * VOQ_NO_NUMBER, VOQ_LOCKED, VOQ_SYSTEM. */
+/* From now on the service polls the range, and voq_port_dispatch keeps its value. The log-on is sent by the next
+ * voq_port_dispatch that finds a service and room in its FIFO, and after each restart of the service again. VOQ_OK also
+ * when it is subscribed already. Ranges of the same registers share one subscription. VOQ_NO_NUMBER, VOQ_LOCKED,
+ * VOQ_SYSTEM. */
 int voq_subscribe(voq_range* range);
-/* VOQ_OK also when it is not subscribed. The last value is forgotten. */
+/* VOQ_OK also when it is not subscribed. The last value is forgotten; the log-off is sent by the next
+ * voq_port_dispatch, or by voq_port_close. */
 int voq_unsubscribe(voq_range* range);
 
 enum voq_state {
@@ -322,6 +323,27 @@ int voq_decode_integers(const voq_range* range, const void* image, size_t length
 int voq_encode_doubles(const voq_range* range, const double* values, size_t count, void* image, size_t size);
 int voq_encode_integers(const voq_range* range, const int64_t* values, size_t count, void* image, size_t size);
 
+/* What the values of a range mean to a person: of a range made by the name of a description's register, else nothing.
+ */
+struct voq_meaning {
+    const char* unit;    /* of the scaled value, "" for none. Texts live with the range */
+    const char* comment; /* "" for none */
+    double scale;        /* scaled value = number * scale + offset; 1 and 0 when it is not scaled */
+    double offset;
+    double minimum;   /* of the scaled value, NaN for none */
+    double maximum;   /* the same */
+    int32_t decimals; /* of the scaled value, -1: as many as scale and offset need */
+    int32_t text;     /* characters that the whole range holds as a text, 0 when it is none */
+};
+/* `size` is sizeof(struct voq_meaning). */
+int voq_range_meaning(const voq_range* range, struct voq_meaning* meaning, size_t size);
+
+/* Between an image and text as a person reads and types it: scaled, with the names of a description's numbers and bits,
+ * a text as a text; of a range without a description as voq_format and voq_parse. voq_enter refuses what is outside
+ * minimum and maximum. */
+int voq_show(const voq_range* range, const void* image, size_t length, char* text, size_t size);
+int voq_enter(const voq_range* range, const char* text, void* image, size_t size);
+
 /* Between an image and text, the elements separated by spaces, as voqctl prints and takes them; for every type.
  * voq_format stores at most `size` bytes, the ending zero included, and returns the whole text's length. voq_parse
  * returns the bytes stored. */
@@ -353,6 +375,38 @@ struct voq_status {
 /* One look at the port's files now; copies the register table: not for every turn of a loop. `size` is
  * sizeof(struct voq_status). */
 int voq_port_status(voq_port* port, struct voq_status* status, size_t size);
+
+struct voq_calls { /* driver calls of the service since it started */
+    uint64_t calls;
+    uint64_t ok;
+    uint64_t timeouts;
+    uint64_t errors;
+    uint64_t refused;   /* the device does not know the range */
+    uint64_t answer_us; /* time of all answers together; answers are ok and refused */
+    uint64_t lost_us;   /* time of all calls that ended with a time-out */
+    uint64_t longest_us;
+};
+struct voq_statistics {
+    int64_t started_us;        /* microseconds since 1970: start of the service. Counters begin there */
+    uint64_t turns;            /* of its main loop */
+    struct voq_calls reads;    /* driver reads, of all stations */
+    struct voq_calls writes;   /* driver writes */
+    uint64_t rounds;           /* ways once through all subscribed ranges */
+    uint64_t round_us;         /* length of the last one */
+    uint32_t round_reads;      /* driver reads in it */
+    uint32_t round_ranges;     /* ranges in it */
+    uint64_t answered;         /* one-shot requests that were done */
+    uint64_t answered_timeout; /* that the PLC did not answer */
+    uint64_t answered_error;   /* that failed otherwise */
+    uint64_t refused;          /* that the service did not take */
+    uint32_t listed;           /* that wait now */
+    uint32_t subscribed;       /* ranges that any client is subscribed to now */
+};
+/* What the service counts, as it was a moment ago; takes no lock. The same of a service that has ended, until the next
+ * starts. VOQ_NO_VALUE when it keeps no statistics. `size` is sizeof(struct voq_statistics). */
+int voq_port_statistics(voq_port* port, struct voq_statistics* statistics, size_t size);
+/* Reads and writes of one PLC station, 0 to 255, together. `size` is sizeof(struct voq_calls). */
+int voq_port_station(voq_port* port, unsigned station, struct voq_calls* calls, size_t size);
 
 #ifdef __cplusplus
 }

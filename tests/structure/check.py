@@ -14,11 +14,13 @@ LAYERS = ["value", "arch", "state", "stats", "rdchgwr", "database", "list", "com
 BESIDE = {  # folder: the rows it may include
     "include": {"include"},
     "value": {"include", "value"},
+    "client/c": {"include", "client", "client/c"},
     "client": {"include", "value", "client"},
     "tools": {"include", "value", "client", "tools"},
     "drivers/sim": {"include", "drivers/sim"},
     "drivers/modbus": {"include", "drivers/modbus"},
     "examples/driver": {"include"},
+    "examples/client": {"include"},
 }
 OS_HEADERS = {"thread", "mutex", "shared_mutex", "condition_variable", "future", "filesystem", "fstream", "iostream",
               "csignal"}
