@@ -86,6 +86,7 @@ public:
     LiveService(const LiveService&) = delete;
     LiveService& operator=(const LiveService&) = delete;
 
+    [[nodiscard]] std::string PortFolder() const { return folder_ + "/u/com_1"; }
     [[nodiscard]] SimControl& Sim() const { return *sim_; }
     [[nodiscard]] std::vector<SimCall> CallsSince(std::uint32_t sequence) const
     {

@@ -20,7 +20,7 @@ from figures import HEADINGS, Figure, table, write_json  # noqa: E402
 SOURCE = pathlib.Path(__file__).resolve().parent
 MEMORY = "/dev/shm"
 RANGES = 2000
-PARTS = ["refresh", "oneshot", "logon", "first_build", "running", "alternatives"]
+PARTS = ["refresh", "oneshot", "client", "logon", "first_build", "running", "alternatives"]
 EMPTY_LIST_WAIT_MS = 50  # what a turn of the service waits on top of its pause
 TARGET_MS = 100  # a refresh of all registers, for the service and what stands beside it
 
@@ -100,6 +100,21 @@ class Bench:
         for name, line in by_name.items():
             if name != "one-shot unsubscribed turn":
                 self.add(names.get(name, name), line["unit"], line, goals.get(name))
+
+    # The client library
+
+    def client(self):
+        by_name = {line["figure"]: line for line in self.program("client", *(["quick"] if self.quick else []))}
+        told = by_name["client told"]
+        # A change comes anywhere between two polls, and waits for the next: one turn at the most.
+        limit = statistics.median(by_name["client turn"]["service"]) + 5
+        self.add("client library: CPU of a program that reads 300 ranges ten times a second", "%",
+                 by_name["client following"], ("value", "<=", 1))
+        self.add("client library: a change told to a waiting program, one subscription", "ms", told, ("value", "<=", limit))
+        self.add("the same: a turn", "ms", by_name["client turn"])
+        self.add(f"client library: growth by {by_name['client growth']['size']:,} times opening and closing", "kB",
+                 by_name["client growth"], ("value", "<=", 64))
+        self.add("client library, Python: 300 values", "ms", by_name["client python"], ("value", "<=", 5))
 
     # Growth
 
