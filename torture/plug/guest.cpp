@@ -197,7 +197,7 @@ std::vector<RegKey> LookBehind()
 
 void Run(const Task& task)
 {
-    voq::LimitLockWaiting(std::chrono::milliseconds(WaitMs));
+    const voq::LockPatience patience{std::chrono::milliseconds(WaitMs)};
     Check(mkdir("/d", 0777) == 0 || errno == EEXIST, "/d");
     if (std::strcmp(task.storage, "format") == 0) return Format(task);
     MountStorage(task);

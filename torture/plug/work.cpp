@@ -14,6 +14,7 @@
 #include "client/locked_file.h"
 #include "client/one_shot.h"
 #include "client/register.h"
+#include "client/result_file.h"
 #include "guest.h"
 #include "voq/reg_range.h"
 
@@ -119,8 +120,9 @@ void Client::OnAndOff()
 bool Client::Ask(std::uint16_t fileno, const voq::Bytes& frame)
 {
     voq::RemoveResult(Port, fileno);  // of a run before
-    const auto answer =
-        voq::Ask(Port, {Fifo(), fileno, frame, voq::Writers::Several, std::chrono::milliseconds(WaitMs), {}});
+    voq::SendFrame(Fifo(), frame);
+    const auto answer = voq::WaitResult(Port, fileno, std::chrono::milliseconds(WaitMs), {});
+    voq::RemoveResult(Port, fileno);
     if (!answer) throw voq::Error("waited in vain for an answer");
     if (answer->item.result != PLC_SUCCESS) Say("failed " + std::to_string(answer->item.result));
     return answer->item.result == PLC_SUCCESS;
