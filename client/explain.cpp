@@ -18,6 +18,7 @@ namespace
 {
 
 constexpr std::uint32_t TenMilliseconds = 10000, TwoSeconds = 2000000;
+constexpr std::uint32_t ShortestTimeOut = 1000;
 constexpr std::uint32_t WidestGap = 255;  // what a setting holds
 // The longest request of Modbus, the usual limit of other protocols too.
 constexpr std::uint32_t ManyWords = 125, ManyBits = 2000;
@@ -184,8 +185,9 @@ private:
         for (std::size_t number = 0; number < stations_.size(); ++number) {
             const StatsStation& station = stations_[number];
             if (station.timeouts == 0 || station.ok + station.refused == 0) continue;
-            const std::uint64_t waited = station.lostTime / station.timeouts;
-            if (station.longest < waited * 4 / 5) continue;
+            // The longest: a driver that passes a lost station over does not wait at all.
+            const std::uint64_t waited = station.longestLost;
+            if (waited < ShortestTimeOut || station.longest < waited * 4 / 5) continue;
             advice_.push_back({Advice::Kind::TimeOut,
                                "station " + std::to_string(number) + " took " + DurationText(station.longest) +
                                    " for an answer, and the driver waits " + DurationText(waited) +

@@ -240,7 +240,7 @@ struct StatsStation {
     std::int64_t lastGood;        // wall; of the last answer, 0 for none
     std::int64_t lastBad;         // wall; of the last time-out or error, 0 for none
     std::uint32_t lastBadResult;  // the driver's result then
-    std::uint32_t reserved;
+    std::uint32_t longestLost;    // us; of a call that ended with a time-out
 };
 
 inline constexpr std::uint32_t StatsStations = 256;  // as many as a key can name
@@ -251,7 +251,7 @@ static_assert(offsetof(StatsStation, ok) == 16 && offsetof(StatsStation, timeout
 static_assert(offsetof(StatsStation, errors) == 32 && offsetof(StatsStation, refused) == 40);
 static_assert(offsetof(StatsStation, answerTime) == 48 && offsetof(StatsStation, lostTime) == 56);
 static_assert(offsetof(StatsStation, lastGood) == 64 && offsetof(StatsStation, lastBad) == 72);
-static_assert(offsetof(StatsStation, lastBadResult) == 80 && offsetof(StatsStation, reserved) == 84);
+static_assert(offsetof(StatsStation, lastBadResult) == 80 && offsetof(StatsStation, longestLost) == 84);
 
 // Flags of a subscribed range.
 inline constexpr std::uint32_t STATS_RANGE_SUBSCRIBED =

@@ -62,6 +62,7 @@ void TimedCall::Ended(std::int32_t driverResult)
     CountCall(station, driverResult, us);
     (Answered(driverResult) ? station.lastGood : station.lastBad) = now;
     if (!Answered(driverResult)) station.lastBadResult = static_cast<std::uint32_t>(driverResult);
+    if (driverResult == PLC_DRV_TIMEOUT) Raise(station.longestLost, us);
     Show(station);
 
     if (kind_ == Kind::Write) return;
