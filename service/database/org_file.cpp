@@ -128,17 +128,23 @@ bool OrgFile::WriteHeader(const OrgHeader& header) const
     return false;
 }
 
-bool OrgFile::WriteNode(std::uint32_t offset, const OrgNode& node)
+bool OrgFile::WriteNodes(std::uint32_t offset, std::span<const OrgNode> nodes)
 {
     changed_ = true;
-    if (offset > MostOrgBytes - sizeof node || !file_.WriteRecord(offset, node)) {
-        std::printf("*VOQ*org file %s: record at offset %u not written\r\n", OrgFileName, offset);
-        Forget(offset);
-        return false;
+    const bool written = offset <= MostOrgBytes - nodes.size_bytes() &&
+                         file_.WriteAt(offset, nodes.data(), nodes.size_bytes());
+    if (!written) std::printf("*VOQ*org file %s: record at offset %u not written\r\n", OrgFileName, offset);
+    std::uint32_t at = offset;
+    for (const OrgNode& node : nodes) {
+        if (written) {
+            Renew(at, node);
+        } else {
+            Forget(at);
+        }
+        at += sizeof node;
     }
-    Renew(offset, node);
-    size_ = std::max<std::uint32_t>(size_, offset + sizeof node);
-    return true;
+    if (written) size_ = std::max(size_, at);
+    return written;
 }
 
 std::uint32_t OrgFile::AppendOffset() const

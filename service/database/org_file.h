@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "arch/work_file.h"
 #include "database/database_lock.h"
@@ -26,7 +27,9 @@ public:
     // Reads or writes the record at an offset. A read outside the records, a short one, or a failed write is reported
     // with file and offset and yields false.
     [[nodiscard]] bool ReadNode(std::uint32_t offset, OrgNode& node);
-    [[nodiscard]] bool WriteNode(std::uint32_t offset, const OrgNode& node);
+    [[nodiscard]] bool WriteNode(std::uint32_t offset, const OrgNode& node) { return WriteNodes(offset, {&node, 1}); }
+    // The same for records that lie side by side, the first of them at the offset.
+    [[nodiscard]] bool WriteNodes(std::uint32_t offset, std::span<const OrgNode> nodes);
 
     // Where the next record is appended: the end of the file. A record cut off at the end is not counted.
     [[nodiscard]] std::uint32_t AppendOffset() const;
@@ -55,7 +58,7 @@ public:
     [[nodiscard]] bool Valid() const { return valid_; }
     [[nodiscard]] bool Damaged() const { return damaged_; }
     [[nodiscard]] std::uint32_t Offset() const { return offset_; }
-    [[nodiscard]] OrgNode& Node() { return node_; }
+    [[nodiscard]] const OrgNode& Node() const { return node_; }
     void Next();
 
 private:

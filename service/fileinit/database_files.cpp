@@ -172,8 +172,9 @@ void RefreshStamps()
         OrgHeader header;
         if (!file.OpenRW() || !file.ReadHeader(header)) return;
         for (OrgWalk at(file, header.head); at.Valid(); at.Next()) {
-            GetCurrentTime(&at.Node().stamp);
-            static_cast<void>(file.WriteNode(at.Offset(), at.Node()));
+            OrgNode record = at.Node();
+            GetCurrentTime(&record.stamp);
+            static_cast<void>(file.WriteNode(at.Offset(), record));
         }
     }
     std::printf("*VOQ*load orglist=%d mS\r\n", GetTimePassed(start.seconds, start.microseconds));

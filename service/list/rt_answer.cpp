@@ -48,17 +48,15 @@ void UpdateSubscribed(const RegKey& key, const void* buffer)
     const std::uint64_t end = AnswerEnd(key);
 
     const MutexLock lock(DatabaseLock);
-    OrgFile file;
-    if (!file.OpenRW()) return;
-    ValueWriter values;
-    for (OrgWalk at(file, first); at.Valid() && SameGroup(at.Node().key, key); at.Next()) {
+    FreshRecords records;
+    if (!records.Open()) return;
+    for (OrgWalk at(records.Org(), first); at.Valid() && SameGroup(at.Node().key, key); at.Next()) {
         const RegKey& range = at.Node().key;
         const bool inside = range.addr >= key.addr && AnswerEnd(range) <= end;
-        if (inside) StoreValue(file, at, values, key, buffer, GetRegBuffLen(&key));
+        if (inside) records.AddValue(at, key, buffer, GetRegBuffLen(&key));
         if (!inside && range.addr >= end) break;
     }
-    values.SyncChanges();
-    file.SyncChanges();
+    records.Finish();
 }
 
 void AnswerAndRemove(std::uint16_t slot, const void* buffer)

@@ -3,9 +3,10 @@
 #include "oper/read_plan.h"
 
 #include <algorithm>
+#include <span>
 
 #include "arch/clock.h"
-#include "database/data_file.h"
+#include "database/write_through.h"
 #include "voq/reg_range.h"
 #include "voq/rt_item.h"
 
@@ -44,28 +45,24 @@ void WriteBackRead(const ReadPlan& plan, int result, StampRule rule)
     GetCurrentTime(&now);
     const RegKey& read = plan.key;
     const std::uint64_t packEnd = PollEnd(read);
+    const std::span<const unsigned char> values(ReadBuffer, GetRegBuffLen(&read));
 
     const MutexLock lock(DatabaseLock);
-    OrgFile file;
-    if (!file.OpenRW()) return;
-    ValueWriter values;
-    for (OrgWalk at(file, plan.orgOffset); at.Valid(); at.Next()) {
-        OrgNode& record = at.Node();
+    FreshRecords records;
+    if (!records.Open()) return;
+    for (OrgWalk at(records.Org(), plan.orgOffset); at.Valid(); at.Next()) {
+        OrgNode record = at.Node();
         if (!SameGroup(record.key, read)) break;
-        const bool inside = PollEnd(record.key) <= packEnd && ValueWithin(read, GetRegBuffLen(&read), record.key);
-        if (inside) {
-            const bool lost =
-                result == PLC_SUCCESS && values.Copy(record, read, ReadBuffer, GetRegBuffLen(&read)) != Copied::Stored;
+        if (PollEnd(record.key) <= packEnd && ValueWithin(read, values.size(), record.key)) {
             if (rule == StampRule::PerRecord) GetCurrentTime(&now);
             record.stamp = now;
-            // State 1 would promise the value.
-            record.state = static_cast<std::uint8_t>(lost ? PLC_ERROR : result);
-            static_cast<void>(file.WriteNode(at.Offset(), record));
+            record.state = static_cast<std::uint8_t>(result);
+            const bool fresh = result == PLC_SUCCESS;
+            records.Add(at.Offset(), record, fresh ? values.subspan(ValueOffset(read, record.key)) : values.first(0));
         }
         if (record.key.addr >= packEnd) break;
     }
-    values.SyncChanges();
-    file.SyncChanges();
+    records.Finish();
 }
 
 void WriteBackRefused(const ReadPlan& plan)
