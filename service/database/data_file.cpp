@@ -14,7 +14,8 @@ namespace
 constexpr std::uint32_t PageBytes = 4096;  // the least that is read of the file
 constexpr std::uint32_t JoinBytes = 8;     // fewer equal bytes do not end a run: the largest element is not torn
 
-// Part of the data file, as it is or is about to be. Whole pages begin it, and any region fits behind the first of them.
+// Part of the data file, as it is or is about to be. Whole pages begin it, and any region fits behind the first of
+// them.
 unsigned char Block[PageBytes + MaxRegionBytes] VOQ_GUARDED_BY(DatabaseLock);
 
 void ReportUnwritten(std::uint32_t at, std::uint32_t size)
@@ -92,13 +93,13 @@ void ValueWriter::StoreInBlock(OrgNode& record, const unsigned char* value, std:
 {
     const std::uint32_t at = record.dataoffset;
     unsigned char* const present = Block + (at - blockStart_);
-    if (std::memcmp(present, value, size) == 0) {
-        Flush();
-        return;
-    }
+    const bool same = std::memcmp(present, value, size) == 0;
+    if (same || at != regionEnd_) Flush();
+    regionEnd_ = at + size;
+    if (same) return;
     for (std::uint32_t i = 0; i < size; ++i) {
         if (present[i] == value[i]) continue;
-        const bool joins = runFirst_ != nullptr && at + i >= runEnd_ && at + i - runEnd_ < JoinBytes;
+        const bool joins = runFirst_ != nullptr && at + i - runEnd_ < JoinBytes;
         if (!joins) {
             Flush();
             runFirst_ = &record;

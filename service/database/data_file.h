@@ -21,9 +21,9 @@ enum class Copied {
     Failed,   // the file could not be opened or written; after a message. Part of the value may have been stored
 };
 
-// The data file for the values of one operation, opened with the first of them. What the regions hold is read in blocks.
-// Only what differs is written, a run of it in one call, over as many records as lie side by side; a run is written when
-// it ends, so that a record stays where it is until Flush() has returned.
+// The data file for the values of one operation, opened with the first of them. What the regions hold is read in
+// blocks. Only what differs is written, a run of it in one call, over as many records as lie side by side; a run is
+// written when it ends, so that a record stays where it is until Flush() has returned.
 class ValueWriter
 {
 public:
@@ -49,6 +49,7 @@ private:
     bool refused_ = false;  // could not be opened
     bool changed_ = false;
     std::uint32_t blockStart_ = 0, blockEnd_ = 0;  // of what the block holds of the file
+    std::uint32_t regionEnd_ = 0;                  // of the value stored last
     std::uint32_t runStart_ = 0, runEnd_ = 0;      // of what differs and is not written yet, in the block
     OrgNode* runFirst_ = nullptr;                  // the records that it belongs to, in an array of the caller's
     OrgNode* runLast_ = nullptr;

@@ -131,8 +131,8 @@ bool OrgFile::WriteHeader(const OrgHeader& header) const
 bool OrgFile::WriteNodes(std::uint32_t offset, std::span<const OrgNode> nodes)
 {
     changed_ = true;
-    const bool written = offset <= MostOrgBytes - nodes.size_bytes() &&
-                         file_.WriteAt(offset, nodes.data(), nodes.size_bytes());
+    const bool written =
+        offset <= MostOrgBytes - nodes.size_bytes() && file_.WriteAt(offset, nodes.data(), nodes.size_bytes());
     if (!written) std::printf("*VOQ*org file %s: record at offset %u not written\r\n", OrgFileName, offset);
     std::uint32_t at = offset;
     for (const OrgNode& node : nodes) {

@@ -11,8 +11,8 @@
 #include "voq/reg_key.h"
 
 // The records that one operation brings up to date, and the files that it changes for that. Records are gathered; the
-// values of those gathered go to the data file before the records go to the org file, and what lies side by side goes in
-// one call. One such operation runs at a time, under the register database lock.
+// values of those gathered go to the data file before the records go to the org file, and what lies side by side goes
+// in one call. One such operation runs at a time, under the register database lock.
 class FreshRecords
 {
 public:
@@ -20,8 +20,8 @@ public:
     [[nodiscard]] bool Open() VOQ_REQUIRES(DatabaseLock) { return org_.OpenRW(); }
     [[nodiscard]] OrgFile& Org() { return org_; }
 
-    // The record at `offset` as it is to be written. `source` begins with its value and lasts until Finish(); empty when
-    // there is none to store. A value that cannot be stored makes the state PLC_ERROR: 1 would promise the value.
+    // The record at `offset` as it is to be written. `source` begins with its value and lasts until Finish(); empty
+    // when there is none to store. A value that cannot be stored makes the state PLC_ERROR: 1 would promise the value.
     void Add(std::uint32_t offset, const OrgNode& record, std::span<const unsigned char> source)
         VOQ_REQUIRES(DatabaseLock);
     // The same for a value that lies in the `length` bytes at `bytes`, the value of `sourceKey`: state 1, stamped now.
