@@ -16,6 +16,7 @@ RwLock rt_rwlock;
 RtItem GuiRtList[RtSlots];
 SlotListHead GuiListHead = EmptySlotList;
 std::atomic<std::int32_t> rtDataFileCount{0};
+WakeUp RequestListed;
 
 namespace
 {
@@ -108,7 +109,9 @@ std::uint16_t AddRtList(const RegRequest& request, std::uint16_t listcmd, std::u
         code = PLC_ERROR;
     if (code == Admitted) {
         slot = LinkRequest(request.key, listcmd, fileno);
-        if (slot == NoSlot) {
+        if (slot != NoSlot) {
+            RequestListed.Wake();
+        } else {
             RemoveFile(RtPath::Payload(fileno).Text());
             code = PLC_ERROR;
         }

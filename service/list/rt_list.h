@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "arch/lock.h"
+#include "arch/wake_up.h"
 #include "list/slot_list.h"
 #include "voq/request.h"
 #include "voq/rt_item.h"
@@ -18,6 +19,7 @@ extern RwLock rt_rwlock;
 extern RtItem GuiRtList[RtSlots];
 extern SlotListHead GuiListHead VOQ_GUARDED_BY(rt_rwlock);
 extern std::atomic<std::int32_t> rtDataFileCount;  // listed requests; written under rt_rwlock, read without it
+extern WakeUp RequestListed;                       // woken behind each request that is listed; the main loop waits
 
 // Empties the list; main thread, before either service thread can list a request.
 void ResetRtList() VOQ_EXCLUDES(rt_rwlock);

@@ -36,6 +36,8 @@ std::bitset<RtSlots> HadTurn;
 // Reads that a joined read was refused for: each is read alone.
 std::bitset<RtSlots> ReadAlone;
 
+std::uint32_t RunningMs[RtSlots];  // how long the pulse lasts that a pending request runs; 0 when it waits for no time
+
 // First entry that is wanted, or RtEnd.
 std::uint16_t FindRt(bool (*wanted)(std::uint16_t slot))
 {
@@ -113,7 +115,10 @@ bool ServeChange(std::uint16_t slot)
     const int result = DoRdChgWr(item.key, item.command & SubcmdMask, operand, &item.pulsetime,
                                  static_cast<std::uint32_t>(GetMsFormStart()), PlcOps);
     item.result = static_cast<std::uint8_t>(result);
-    if (item.result == 0 || result == RT_PENDING) return false;
+    if (item.result == 0 || result == RT_PENDING) {
+        RunningMs[slot] = item.pulsetime != 0 ? PulseMs(operand) : 0;
+        return false;
+    }
     EndPulse(slot, result == PLC_SUCCESS);
     const auto answer = static_cast<std::uint16_t>(result);
     std::memcpy(ReadBuffer, &answer, sizeof answer);
@@ -233,6 +238,18 @@ void ServeReads()
     }
 }
 
+// How long the request can do without a pass, at most `most`.
+std::uint32_t CanWait(std::uint16_t slot, std::uint32_t most)
+{
+    const RtItem& item = GuiRtList[slot];
+    if (item.result != RT_PENDING) return RtIdle(item) ? 0 : most;
+    const std::uint32_t length = RunningMs[slot];
+    if (length == 0) return most;
+    const std::uint32_t passed = static_cast<std::uint32_t>(GetMsFormStart()) - item.pulsetime;
+    return passed >= length ? 0
+                            : static_cast<std::uint32_t>(std::min<std::uint64_t>(most, 1000ull * (length - passed)));
+}
+
 // A read while it grows over waiting ones. Ends are computed in 64 bits.
 class RtWidening
 {
@@ -269,6 +286,16 @@ void OperRtList()
     ServeReads();
     const UncountedFailures uncounted;
     PutLeftOverPulseBack(PlcOps);
+}
+
+std::uint32_t RtIdleMicroseconds(std::uint32_t most)
+{
+    std::uint16_t slot = FirstRt();
+    for (int steps = 0; slot != RtEnd && steps < RtSlots && most > 0; ++steps) {
+        most = CanWait(slot, most);
+        slot = NextRt(slot);
+    }
+    return most;
 }
 
 void GetRtRdPack(RegKey& key, std::uint16_t slot)

@@ -12,5 +12,9 @@ extern std::uint32_t MaxRtList;  // each phase serves at most MaxRtList + 1 requ
 // they take turns, and a pass that served nothing else serves one more write.
 void OperRtList();
 
+// How long the main loop may wait without holding up a request, at most `most`: not at all while one is listed that a
+// pass may serve. A pending one is no reason to end the wait before its pulse is over.
+[[nodiscard]] std::uint32_t RtIdleMicroseconds(std::uint32_t most);
+
 // Widens `key`, the slot's key, over the waiting reads behind the slot, up to the port's request limit.
 void GetRtRdPack(RegKey& key, std::uint16_t slot);

@@ -82,6 +82,13 @@ int DoPulse(RegKey key, std::span<const unsigned char> desc, std::uint32_t* puls
     return result;
 }
 
+std::uint32_t PulseMs(std::span<const unsigned char> desc)
+{
+    ChgDesc head;
+    std::memcpy(&head, desc.data(), sizeof head);
+    return head.size * WidthUnitMs;
+}
+
 bool NoteOfPulse(const RegKey& key, std::span<const unsigned char> desc, PulseNote* note)
 {
     ChgDesc head;

@@ -14,6 +14,9 @@
 int DoPulse(RegKey key, std::span<const unsigned char> desc, std::uint32_t* pulseTime, std::uint32_t nowMs,
             const DrvOps& ops);
 
+// How long the pulse of a descriptor lasts that DoPulse has taken.
+[[nodiscard]] std::uint32_t PulseMs(std::span<const unsigned char> desc);
+
 // The note of the pulse that the descriptor asks for. False when it asks for none, or for one that DoPulse refuses.
 [[nodiscard]] bool NoteOfPulse(const RegKey& key, std::span<const unsigned char> desc, PulseNote* note);
 

@@ -19,7 +19,7 @@ std::uint32_t DivRt;
 namespace
 {
 constexpr std::uint32_t ChecksEvery = 20;          // turns
-constexpr std::uint32_t IdleMicroseconds = 50000;  // nothing to poll
+constexpr std::uint32_t IdleMicroseconds = 50000;  // nothing to poll; a request ends it
 constexpr std::uint32_t DefaultMaxRtList = 3;
 constexpr std::uint32_t ManyRequests = 20;  // above it a gateway box serves a share of the list in each pass
 
@@ -80,6 +80,16 @@ void OrgListPass()
     }
 }
 
+// The wait of a turn that has nothing to poll.
+void Idle()
+{
+    RequestListed.Clear();
+    const std::uint32_t wait = RtIdleMicroseconds(IdleMicroseconds);
+    if (wait == 0) return;
+    const Waiting waiting(StatsWait::Pause);
+    RequestListed.Wait(wait);
+}
+
 void MasterTurn(std::uint32_t turn, std::uint32_t orgCount)
 {
     if (turn % DivRt == 0) RealTimePass();
@@ -87,7 +97,7 @@ void MasterTurn(std::uint32_t turn, std::uint32_t orgCount)
     CountListed(static_cast<std::uint32_t>(rtDataFileCount.load(std::memory_order_relaxed)), subscriptions);
     if (subscriptions != 0) FastListPass();
     if (orgCount == 0 || LoopReStart != 0) {
-        if (subscriptions == 0) Pause(IdleMicroseconds);
+        if (subscriptions == 0) Idle();
     } else if (OrgListPassDue(turn)) {
         OrgListPass();
     }

@@ -1,9 +1,15 @@
 """When the main loop does what, seen from outside: a preloaded shim notes its sleeps, looks and opens (shim.c)."""
-from voqtest import USER, WORK, Key, com_info, log_off, log_on, traced, wait_for
+import itertools
+import struct
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+from voqtest import (CHANGE, READ, SANITIZER, USER, WORK, Key, com_info, frame, log_off, log_on, read_locked, shim, traced,
+                     wait_for)
 
 PAUSE = 3
 TURN_END = f"usleep {PAUSE * 1000}"
-IDLE, CHECKS = "usleep 50000", "access /tmp/srb0.dat"
+IDLE, CHECKS = "wait", "access /tmp/srb0.dat"
 ORG_READ, ORG_WRITE = "open /u/com_1/org r", "open /u/com_1/org r+"
 
 
@@ -76,3 +82,37 @@ def test_end_of_chain_stops_the_org_list_pass(start):
     wait_for(lambda: all(n.state == 1 for n in service.chain()), "first reads")
     _, seen = more_turns(20)
     assert all(events[:1] == [IDLE] and ORG_READ not in events for events in seen)
+
+
+def answered(service, *numbers):
+    """Waits for answers and takes them away."""
+    for number in numbers:
+        path = service.dir / str(number)
+        wait_for(lambda: path.exists() and len(read_locked(path)) > 40, f"answer {number}")
+        path.unlink()
+
+
+@pytest.mark.sanitized
+def test_a_request_ends_the_idle_wait(start):
+    """Nothing but a request ends it here: one that is missed, or waited over, is never answered."""
+    service = start(com_info(pause=0), environment={} if SANITIZER else shim(VOQ_ENDLESS="1"))
+
+    def ask(client, base):
+        for burst, number in itertools.product((1, 1, 13), range(base, base + 400, 20)):
+            numbers = range(number, number + burst)
+            service.send(b"".join(frame(READ, Key(100 * n), n) for n in numbers), client)
+            answered(service, *numbers)
+
+    ask("mek", 1000)
+    with ThreadPoolExecutor() as both:  # at once
+        list(both.map(ask, ("gui", "mek"), (2000, 3000)))
+
+
+def test_a_running_pulse_does_not_end_the_idle_wait(start):
+    service = start(com_info(pause=1), environment=traced())
+    before = (WORK / "trace").read_text().count(IDLE)
+    operand = struct.pack("<HHHBBHH", 8, 0, 12, 3, 0, 1, 10)  # a second
+    service.send(frame(CHANGE, Key(8), 7, subcmd=0x20, payload=operand))
+    answered(service, 7)
+    trace = (WORK / "trace").read_text()
+    assert trace.count(IDLE) - before > 15 and trace.count("usleep 1000\n") < 200

@@ -212,6 +212,15 @@ int usleep(useconds_t microseconds)
     return NEXT(usleep)(microseconds);
 }
 
+/* Another thread may end it; with VOQ_ENDLESS nothing else does. */
+int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, const struct timespec* end)
+{
+    const struct timespec never = {end->tv_sec + 86400, 0};
+    note("wait\n");
+    return NEXT_AS(sizeof(long) == 4 ? "__pthread_cond_clockwait64" : "pthread_cond_clockwait", pthread_cond_clockwait)(
+        condition, mutex, clock, getenv("VOQ_ENDLESS") ? &never : end);
+}
+
 unsigned sleep(unsigned seconds)
 {
     return NEXT(usleep)(1000 * seconds), 0;
