@@ -10,14 +10,11 @@
 
 Stamp VoqStartTime;
 
-namespace
+std::int32_t MsBetween(const Stamp& earlier, const Stamp& later)
 {
-std::int32_t Elapsed(const Stamp& now, std::int32_t seconds, std::int32_t microseconds)
-{
-    const std::int64_t wholeSeconds = std::int64_t{now.seconds} - seconds;
-    return static_cast<std::int32_t>(wholeSeconds * 1000 + now.microseconds / 1000 - microseconds / 1000);
+    const std::int64_t wholeSeconds = std::int64_t{later.seconds} - earlier.seconds;
+    return static_cast<std::int32_t>(wholeSeconds * 1000 + later.microseconds / 1000 - earlier.microseconds / 1000);
 }
-}  // namespace
 
 void GetCurrentTime(Stamp* now)
 {
@@ -45,7 +42,7 @@ std::int32_t GetTimePassed(std::int32_t seconds, std::int32_t microseconds)
 {
     Stamp now;
     GetCurrentTime(&now);
-    return Elapsed(now, seconds, microseconds);
+    return MsBetween({seconds, microseconds}, now);
 }
 
 std::int32_t GetMsFormStart()
@@ -57,7 +54,7 @@ std::int32_t NodeTimePassed(std::int32_t seconds, std::int32_t microseconds)
 {
     Stamp now;
     GetCurrentTime(&now);
-    const std::int32_t passed = Elapsed(now, seconds, microseconds);
+    const std::int32_t passed = MsBetween({seconds, microseconds}, now);
     if (passed < 0) {
         std::printf("*VOQ*!NodeTimePassed wrong =%d!cur_sec=%d,node_sec=%d,cur_us=%d,Node_us=%d\r\n", passed,
                     now.seconds, seconds, now.microseconds, microseconds);

@@ -14,6 +14,9 @@ void GetCurrentTime(Stamp* now);
 std::int64_t WallMicroseconds();
 std::uint64_t MonoMicroseconds();
 
+// Milliseconds from an earlier moment to a later one, as below.
+[[nodiscard]] std::int32_t MsBetween(const Stamp& earlier, const Stamp& later);
+
 // Milliseconds from an earlier moment to now, negative when it lies in the future. Each microsecond part is divided
 // before it is subtracted, so 9 s 1999 us to 10 s 999 us are 999 ms. Computed in 64 bits, the low 32 returned.
 std::int32_t GetTimePassed(std::int32_t seconds, std::int32_t microseconds);

@@ -2,6 +2,7 @@
 #include "comm/com_monitor.h"
 
 #include <cstdio>
+#include <cstring>
 
 #include "arch/box_path.h"
 #include "arch/fs.h"
@@ -54,7 +55,10 @@ int CheckStaionEnable()
     WorkFile file;
     if (!file.OpenRW(RetainedSettings)) return -1;
     const std::uint32_t words = RetainedStations(ComInfo.portNo);
+    StationWords before;
+    std::memcpy(before, StationDisable, sizeof before);
     if (file.Size() >= words) static_cast<void>(file.ReadSome(words, StationDisable, sizeof StationDisable));
+    if (std::memcmp(before, StationDisable, sizeof before) != 0) ++SwitchChanges;
     return file.Close();
 }
 

@@ -11,6 +11,7 @@
 #include "database/data_file.h"
 #include "database/index.h"
 #include "database/place_hint.h"
+#include "state/counters.h"
 #include "state/paths.h"
 #include "voq/reg_range.h"
 
@@ -79,6 +80,7 @@ struct Neighbours {
 // Appends the value region and writes the new record, which nothing names yet, to the disk.
 bool WriteNewRecord(OrgFile& file, std::uint32_t here, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
 {
+    RecordsAdded.fetch_add(1, std::memory_order_relaxed);
     return AddRegion(node) && file.WriteNode(here, node) && file.Sync();
 }
 
@@ -140,6 +142,7 @@ bool InsertInFront(OrgFile& file, const OrgHeader& header, std::uint32_t before,
 // Writes the first record of an empty list, over whatever the file holds where the first record belongs.
 bool WriteFirstRecord(OrgFile& file, OrgNode& node) VOQ_REQUIRES(DatabaseLock)
 {
+    RecordsAdded.fetch_add(1, std::memory_order_relaxed);
     if (!AddRegion(node)) return false;
     const OrgHeader header{1, OrgFirstRecord, OrgFirstRecord};
     if (!file.WriteHeader(header)) return false;

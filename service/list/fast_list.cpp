@@ -13,6 +13,7 @@ static_assert(StatsRanges == FastSlots);
 RwLock fast_rwlock;
 FastItem OrgFastList[FastSlots];
 SlotListHead OrgFastListHead = EmptySlotList;
+std::uint32_t FastListChanges;
 std::uint16_t CurrentFastList;
 
 namespace
@@ -66,6 +67,7 @@ void RemoveEntry(std::uint16_t slot) VOQ_REQUIRES(fast_rwlock)
 {
     const std::uint16_t next = OrgFastList[slot].next;
     Entries().Unlink(slot);
+    ++FastListChanges;
     if (OrgFastListHead.count == 0) {
         CurrentFastList = 0;
     } else if (CurrentFastList == slot) {
@@ -78,6 +80,7 @@ void ResetFastList()
 {
     const WriteLock lock(fast_rwlock);
     Entries().Reset();
+    ++FastListChanges;
     CurrentFastList = 0;
 }
 
@@ -103,6 +106,7 @@ std::uint16_t AddFastIndex(RegKey key, std::uint16_t fileno, std::uint32_t orgof
     }
     if (OrgFastListHead.count == 0) CurrentFastList = slot;
     Entries().LinkBefore(slot, place.slot);
+    ++FastListChanges;
     FastItem& item = OrgFastList[slot];
     item.logtimes = 1;
     item.key = key;

@@ -28,6 +28,8 @@ extern RwLock fast_rwlock;
 extern FastItem OrgFastList[FastSlots] VOQ_GUARDED_BY(fast_rwlock);
 extern SlotListHead OrgFastListHead VOQ_GUARDED_BY(fast_rwlock);
 
+extern std::uint32_t FastListChanges VOQ_GUARDED_BY(fast_rwlock);  // entries added and removed so far; wraps
+
 // Entry at which the next fast-list pass starts. The service threads touch it under the write lock; the main thread
 // moves it under the read lock, which keeps them out.
 extern std::uint16_t CurrentFastList;

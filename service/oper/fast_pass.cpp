@@ -11,6 +11,7 @@
 #include "oper/priority.h"
 #include "oper/read_plan.h"
 #include "oper/refusals.h"
+#include "oper/rest.h"
 #include "stats/pass_stats.h"
 #include "stats/range_stats.h"
 #include "voq/reg_range.h"
@@ -18,6 +19,7 @@
 namespace
 {
 Halving Halves;
+Rest Nothing;  // since a walk over the whole list
 
 // A read to make, the subscription that it begins with, and the barrier that it tries to cross.
 struct PlannedRead {
@@ -62,15 +64,22 @@ class FastCursor
 public:
     // The lock is held for as long as the cursor lives.
     FastCursor(OrgFile& file, std::uint16_t slot) VOQ_REQUIRES_SHARED(fast_rwlock)
-        : file_(file), items_(OrgFastList), head_(OrgFastListHead.head), slot_(slot), now_(SteadyMs())
+        : file_(file),
+          items_(OrgFastList),
+          head_(OrgFastListHead.head),
+          slot_(slot),
+          whole_(slot == head_),
+          mark_(FastListChanges),
+          now_(SteadyMs())
     {
+        GetCurrentTime(&wall_);
         SkipUnusable();
     }
 
     [[nodiscard]] bool Valid() const { return slot_ != FastEnd; }
     [[nodiscard]] const OrgNode& Node() const { return node_; }
     [[nodiscard]] std::uint32_t Offset() const { return items_[slot_].orgoffset; }
-    [[nodiscard]] bool Due() const { return PackOrNot(node_) != 0 && !RefusedAlone.Waits(Entry(), now_); }
+    [[nodiscard]] bool Due();
 
     void Next()
     {
@@ -86,7 +95,11 @@ public:
     void PassOver();
     [[nodiscard]] bool Barred();
 
-    void SearchEnded() { CurrentFastList = head_; }
+    void SearchEnded()
+    {
+        CurrentFastList = head_;
+        if (whole_) Nothing.Begin(untilDueUs_, mark_);
+    }
     void Joins() { JoinedRanges.Add(slot_, items_[slot_].orgoffset, node_.key); }
     void StopHere()
     {
@@ -108,6 +121,10 @@ private:
     std::uint16_t head_;
     std::uint16_t slot_;
     OrgNode node_{};
+    bool whole_;  // the walk began at the head
+    std::uint32_t mark_;
+    std::uint32_t untilDueUs_ = LongestRestUs;  // until the first of those seen falls due
+    Stamp wall_;                                // the clocks are asked once a walk
     std::uint64_t now_;
     Subscription first_;
     Subscription crossed_;
@@ -140,6 +157,17 @@ void FastCursor::SkipUnusable()
     slot_ = FastEnd;
 }
 
+bool FastCursor::Due()
+{
+    std::uint64_t until = UntilDueUs(node_, wall_);
+    if (PackOrNot(node_, wall_) != 0) {
+        if (!RefusedAlone.Waits(Entry(), now_)) return true;
+        until = 1000 * (RefusedAlone.RetryAt(Entry()) - now_);
+    }
+    untilDueUs_ = static_cast<std::uint32_t>(std::min<std::uint64_t>(untilDueUs_, until));
+    return false;
+}
+
 void FastCursor::PassOver()
 {
     if (RefusedAlone.Known(Entry())) refusedEnd_ = std::min(refusedEnd_, PollEnd(node_.key));
@@ -160,6 +188,7 @@ bool PlanFastRead(bool packed, PlannedRead& read)
 {
     RoundEnds = false;
     const ReadLock listLock(fast_rwlock);
+    if (Nothing.Holds(FastListChanges)) return false;
     const MutexLock databaseLock(DatabaseLock);
     if (CurrentFastList == 0) CurrentFastList = OrgFastListHead.head;
     OrgFile file;

@@ -5,6 +5,7 @@
 #include "comm/plc_oper.h"
 #include "oper/halving.h"
 #include "oper/read_plan.h"
+#include "oper/rest.h"
 #include "state/counters.h"
 #include "stats/pass_stats.h"
 #include "voq/reg_range.h"
@@ -15,12 +16,23 @@ std::uint16_t LoopReStart;
 namespace
 {
 Halving Halves;
+Rest Nothing;  // since a walk over the whole chain
+
+// Differs when a record was added, or when a time-out that kept all records from being due is over.
+std::uint32_t Mark()
+{
+    const bool timeout = GlobeTimeout.load(std::memory_order_relaxed) != 0;
+    return RecordsAdded.load(std::memory_order_relaxed) << 1 | (timeout ? 1 : 0);
+}
 
 // Walks the chain; a record that was never read is due while its station is on and the port is not in time-out.
 class OrgCursor
 {
 public:
-    OrgCursor(OrgFile& file, std::uint32_t offset) : file_(file), walk_(file, offset) { GetCurrentTime(&started_); }
+    OrgCursor(OrgFile& file, std::uint32_t offset) : file_(file), walk_(file, offset), first_(offset), mark_(Mark())
+    {
+        GetCurrentTime(&started_);
+    }
 
     [[nodiscard]] bool Valid() const { return walk_.Valid(); }
     [[nodiscard]] const OrgNode& Node() { return walk_.Node(); }
@@ -39,7 +51,11 @@ public:
     [[nodiscard]] std::uint32_t BeginRead() { return Halves.Most(Node().key); }
     void PassOver() {}
     [[nodiscard]] static bool Barred() { return false; }
-    void SearchEnded() { CurrentNode = ChainHead(); }
+    void SearchEnded()
+    {
+        CurrentNode = ChainHead();
+        if (first_ == CurrentNode) Nothing.Begin(LongestRestUs, mark_);
+    }
 
     void Joins()
     {
@@ -70,6 +86,8 @@ private:
 
     OrgFile& file_;
     OrgWalk walk_;
+    std::uint32_t first_;
+    std::uint32_t mark_;
     Stamp started_;
     std::uint32_t joined_ = 0;
     WantedElements wanted_;
@@ -104,7 +122,7 @@ void OrgPass(bool packed)
 {
     CountPass(Pass::Org);
     ReadPlan plan;
-    if (!PlanOrgRead(packed, plan)) return;
+    if (Nothing.Holds(Mark()) || !PlanOrgRead(packed, plan)) return;
     const int result = PlcOper(plan.key, ReadBuffer, PLC_READ_ONCE);
     if (LastRefused) {
         Refused(plan);

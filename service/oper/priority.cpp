@@ -53,8 +53,17 @@ std::int32_t GetRegPri(const RegKey& key)
 
 std::int32_t PackOrNot(const OrgNode& record)
 {
+    Stamp now;
+    GetCurrentTime(&now);
+    return PackOrNot(record, now);
+}
+
+std::int32_t PackOrNot(const OrgNode& record, const Stamp& now)
+{
     if (StationDisabled(record.key.plcno)) return 0;
-    const std::int32_t age = NodeTimePassed(record.stamp.seconds, record.stamp.microseconds);
+    std::int32_t age = MsBetween(record.stamp, now);
+    // Reports a clock that went back.
+    if (age < 0) age = NodeTimePassed(record.stamp.seconds, record.stamp.microseconds);
     const std::int32_t priority = GetRegPri(record.key);
     switch (priority) {
         case 0:
@@ -68,4 +77,16 @@ std::int32_t PackOrNot(const OrgNode& record)
         default:
             return 1;
     }
+}
+
+std::uint32_t UntilDueUs(const OrgNode& record, const Stamp& now)
+{
+    if (StationDisabled(record.key.plcno)) return UINT32_MAX;
+    const std::int32_t priority = GetRegPri(record.key);
+    if (priority == 1 || priority < 0) return 0;
+    const std::uint32_t dueAt = priority == 0 ? 1 : PackPriStartTime[priority];
+    const std::int32_t age = MsBetween(record.stamp, now);
+    if (age < 0 || static_cast<std::uint32_t>(age) >= dueAt) return 0;
+    // Ages count the clock's whole milliseconds.
+    return (dueAt - static_cast<std::uint32_t>(age)) * 1000 - static_cast<std::uint32_t>(now.microseconds % 1000);
 }

@@ -24,3 +24,8 @@ std::int32_t GetRegPri(const RegKey& key);
 
 // 0: not due now. Anything else: due.
 std::int32_t PackOrNot(const OrgNode& record);
+// The same at a moment not long ago.
+std::int32_t PackOrNot(const OrgNode& record, const Stamp& now);
+
+// Microseconds from `now` until a record falls due that is not; UINT32_MAX when time alone does not make it due.
+[[nodiscard]] std::uint32_t UntilDueUs(const OrgNode& record, const Stamp& now);

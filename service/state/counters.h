@@ -14,6 +14,12 @@ inline std::atomic<std::int32_t> GlobeComError{0};
 // GUI log-ons minus GUI log-offs. Written by the GUI service thread, read by the main thread.
 inline std::atomic<std::int32_t> LogOnAmount{0};
 
+// Records that were added to the org list. Written under the register database lock, read by the main thread.
+inline std::atomic<std::uint32_t> RecordsAdded{0};
+
+// How often the stations' switches have changed. Main thread only.
+inline std::uint32_t SwitchChanges = 0;
+
 // Disabled PLC stations, one bit each. Main thread only.
 inline StationWords StationDisable;
 

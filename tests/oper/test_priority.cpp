@@ -1,12 +1,17 @@
-// When a range is due, by its priority class and the age of its value. The clock stands still unless a test moves it.
+// When a range is due, by its priority class and the age of its value. The clock stands still unless a test moves it. And
+// when nothing that is due need be looked for again.
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
 #include <array>
 
+#include "list/log_on_off.h"
+#include "oper/fast_pass.h"
+#include "oper/org_pass.h"
 #include "oper/priority.h"
 #include "state/counters.h"
 #include "support/capture.h"
+#include "support/scratch.h"
 
 std::int64_t NowUs = 1'700'000'000'500'000;
 
@@ -46,4 +51,50 @@ TEST(Priority, AgeDecidesByClass)
     StationDisable[12] = 1 << 8;
     EXPECT_EQ(0, due(Always, 5000));
     EXPECT_EQ("", Output([&] { EXPECT_EQ(0, due(0, -5)); }));
+}
+
+// True when the pass looks at the records: it opens the org file, and says so when there is none.
+static bool Looks(void (*pass)())
+{
+    const std::string away = std::string(OrgFileName) + "-away";
+    std::filesystem::rename(OrgFileName, away);
+    const std::string said = Output([pass] { pass(); });
+    std::filesystem::rename(away, OrgFileName);
+    return !said.empty();
+}
+
+TEST(Rest, LastsUntilThereMayBeSomethingToRead)
+{
+    const Scratch scratch;
+    FakeDriver::Use();
+    InitPriRange();
+    ComInfo.wordLimit = 64;
+    CurrentNode = 0;
+    NowUs += 300;  // ages count the clock's whole milliseconds
+    const auto ends = [](void (*pass)(), auto cause) {
+        for (int turn = 0; turn < 5; ++turn) Output([pass] { pass(); });  // to the end, from the head, and again
+        EXPECT_FALSE(Looks(pass));
+        cause();
+        EXPECT_TRUE(Looks(pass));
+    };
+    RegKey keys[] = {WordKey(0, 64), WordKey(100, 64)};
+    for (RegKey& key : keys) {
+        key.flag = 10u << REG_FLAG_PRIORITY_SHIFT;  // every two seconds
+        ends(OperOrgList, [&key] { CheckOrgList(&key); });
+    }
+    AddFastIndex(keys[0], 1, 12);
+    ends(OperFastList, [&] { AddFastIndex(keys[1], 2, 68); });
+    ends(OperFastList, [] { DelFastIndex(2); });
+    GlobeTimeout = 1;
+    ends(OperOrgList, [] { GlobeTimeout = 0; });
+    for (const auto pass : {OperOrgList, OperFastList}) ends(pass, [] { ++SwitchChanges; });
+    const auto after = [&ends](void (*pass)(), int us) {
+        ends(pass, [=] {
+            NowUs += us - 1;
+            EXPECT_FALSE(Looks(pass));
+            NowUs += 1;
+        });
+    };
+    after(OperOrgList, 1'000'000);
+    after(OperFastList, 1'000'000 - 300);  // one of the two that its records last has passed
 }

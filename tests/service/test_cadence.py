@@ -45,35 +45,47 @@ def test_idle_turns_and_checks(start):
 
 
 def test_org_list_cadence(start):
-    """A last record that fills the limit keeps the org-list pass going; it opens the org file when it runs."""
-    key = Key(0, 64)
-    service = start(com_info(pause=PAUSE), [key], environment=traced())
-    wait_for(lambda: service.node(key).state == 1, "the first read")
+    """As long as there are records that were never read, the pass reads one when it runs: it opens the org file."""
+    keys = [Key(100 * n, 64, plcno=1 + n // 500) for n in range(3000)]
+    service = start(com_info(pause=PAUSE), keys, environment=traced())
     logged_on = 0
 
-    def settle(logged_on):
+    def settle(more):
         """Log-ons that count, undone by the other client so that nothing is subscribed."""
-        service.send(b"".join(log_on(key, 9, 12) for _ in range(logged_on)))
-        wait_for(lambda: ORG_WRITE in turns()[-1], "polling")
-        service.send(b"".join(log_off(key, 9, 12) for _ in range(logged_on)), "mek")
-        wait_for(lambda: ORG_WRITE not in sum(turns()[-3:], []), "no polling")
+        service.send(log_on(keys[0], 9, 12) * more)
+        wait_for(lambda: service.peek("LogOnAmount") == logged_on + more, "log-ons")
+        service.send(log_off(keys[0], 9, 12) * more, "mek")
+        wait_for(lambda: service.peek("OrgFastListHead") & 0xFFFF == 0, "no polling")
 
-    for more, divisor in ((0, 1), (4, 1), (1, 2), (4, 2), (3, 3), (8, 5)):
-        if more:
-            settle(more)
-        first, seen = more_turns(45)
+    def runs_every(divisor, amount=45):
+        first, seen = more_turns(amount)
         for turn, events in enumerate(seen, first):
             assert events.count(ORG_READ) == (turn % divisor == 0) and IDLE not in events, (turn, divisor)
             assert (CHECKS in events) == ((turn + 1) % 20 == 0)
+
+    for more, divisor in ((0, 1), (4, 1), (1, 2), (4, 2), (3, 3), (8, 5)):
+        settle(more)
+        runs_every(divisor)
         logged_on += more
         assert divisor == logged_on // 5 + 1
-    service.send(log_on(key, 9, 12) * 60, "mek")  # the mek's log-ons do not count
-    wait_for(lambda: ORG_WRITE in turns()[-1], "polling")
-    service.send_drained(log_off(key, 9, 12) * 40)  # more log-offs than log-ons do not stop the pass
-    service.send(log_off(key, 9, 12) * 60, "mek")
-    wait_for(lambda: ORG_WRITE not in sum(turns()[-3:], []), "no polling")
-    first, seen = more_turns(20)
-    assert all(events.count(ORG_READ) == 1 for events in seen)
+    service.send_drained(log_on(keys[0], 9, 12) * 60, "mek")  # the mek's log-ons do not count
+    service.send_drained(log_off(keys[0], 9, 12) * 40)  # more log-offs than log-ons do not stop the pass
+    service.send(log_off(keys[0], 9, 12) * 60, "mek")
+    wait_for(lambda: service.count("error!!!") == 40 and service.peek("LogOnAmount") < 0, "log-offs")
+    runs_every(1, 20)
+    assert service.chain()[-1].state == 0
+
+
+def test_an_org_list_that_is_read_rests(start):
+    """A last record that fills the limit keeps the org-list pass going, but it looks once a second."""
+    key, fresh = Key(0, 64), Key(100, 64)
+    service = start(com_info(pause=PAUSE), [key], environment=traced())
+    for known in (key, fresh):
+        wait_for(lambda: service.node(known).state == 1, "the first read")
+        _, seen = more_turns(60)
+        assert sum(ORG_READ in events for events in seen) < 20 and IDLE not in sum(seen, [])
+        service.send_drained(log_off(fresh, 9))  # registers it
+        wait_for(lambda: service.node(fresh), "a new record")
 
 
 def test_end_of_chain_stops_the_org_list_pass(start):
