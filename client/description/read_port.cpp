@@ -79,7 +79,7 @@ ComInfoRecord DefaultPort(std::uint8_t link, const PlcDriverInfo* info)
     port.linkType = link;
     port.wordLimit = 64;
     port.bitLimit = 128;
-    port.pause = 5;
+    port.pause = 1;
     if (info != nullptr) {
         port.byteOrder = info->byteOrder;
         port.wordLimit = info->wordLimit;
