@@ -159,7 +159,7 @@ TEST(Project, PlacesAndRoundTrip)
     const std::size_t comm = u32(u32(20) + 32), record = comm + u32(comm + 4);
     EXPECT_EQ(u32(comm), 1u);
     EXPECT_EQ(voq::Hex(std::span(file).subspan(record, 60)),
-              "000000000200000001000000310300000100007f0000ac3a2c01000000000000000000000000400080000a1005"
+              "000000000200000001000000310300000100007f0000ac3a2c01000000000000000000000000400080000a1001"
               "000000000000000000000000000000");
     const std::size_t table = u32(u32(u32(20) + 40)), last = table + u32(table + 4 + 4 * (6 + 5));
     EXPECT_EQ(u32(table), 6u);

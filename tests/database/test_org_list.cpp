@@ -10,20 +10,8 @@
 TEST_F(DatabaseTest, WritesGoFromTheRecordToTheHeader)
 {
     for (const RegKey& key : {Key(1, 2, 5, 1), Key(2, 2, 5, 1)}) LogOn(key);
-    std::string written;  // "file@offset+bytes " for a write, "file! " for a sync, ".! " for the folder's
-    Tap = [&](const FileChange& change) {
-        if (change.descriptor < 0) return AllOf(change);
-        const auto path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(change.descriptor));
-        written += std::filesystem::is_directory(path) ? "." : path.filename().string();
-        written += change.kind == FileChange::Sync
-                       ? "! "
-                       : "@" + std::to_string(change.offset) + "+" + std::to_string(change.size) + " ";
-        return AllOf(change);
-    };
-    const auto trace = [&](const RegKey& key, OrgMode mode) {
-        written.clear();
-        Output([&] { EXPECT_EQ(0, Request(key, mode)); });
-        return written;
+    const auto trace = [](const RegKey& key, OrgMode mode) {
+        return ChangesOf([&] { EXPECT_EQ(0, Request(key, mode)); });
     };
     EXPECT_EQ(
         "data@4+2 data! org@124+56 org! org@68+56 org@12+56 org@0+12 im1_10_2_0@0+12 "
@@ -35,7 +23,6 @@ TEST_F(DatabaseTest, WritesGoFromTheRecordToTheHeader)
         trace(Key(3, 2, 5, 1), OrgMode::LogOff));
     EXPECT_EQ("data@8+2 data! org@236+56 org! org@12+56 org@0+12 index@0+16 index! org! ",
               trace(Key(1, 2, 4, 1), OrgMode::Register));
-    Tap = nullptr;
 }
 
 TEST_F(DatabaseTest, RefusalsLeaveNothingBehind)

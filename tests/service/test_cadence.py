@@ -76,18 +76,6 @@ def test_org_list_cadence(start):
     assert service.chain()[-1].state == 0
 
 
-def test_an_org_list_that_is_read_rests(start):
-    """A last record that fills the limit keeps the org-list pass going, but it looks once a second."""
-    key, fresh = Key(0, 64), Key(100, 64)
-    service = start(com_info(pause=PAUSE), [key], environment=traced())
-    for known in (key, fresh):
-        wait_for(lambda: service.node(known).state == 1, "the first read")
-        _, seen = more_turns(60)
-        assert sum(ORG_READ in events for events in seen) < 20 and IDLE not in sum(seen, [])
-        service.send_drained(log_off(fresh, 9))  # registers it
-        wait_for(lambda: service.node(fresh), "a new record")
-
-
 def test_end_of_chain_stops_the_org_list_pass(start):
     """A widened read that reaches the end of the chain is the last of the pass: then the loop idles."""
     service = start(com_info(pause=PAUSE), [Key(0, 10), Key(10, 10), Key(20, 10)], environment=traced())

@@ -19,6 +19,23 @@ void StoreFiles(const std::string& folder, const Files& files)
     for (const auto& [name, bytes] : files) std::ofstream(folder + name, std::ios::binary) << bytes;
 }
 
+std::string ChangesOf(const std::function<void()>& work)
+{
+    std::string changes;
+    Tap = [&](const FileChange& change) {
+        if (change.descriptor < 0) return AllOf(change);
+        const auto path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(change.descriptor));
+        changes += std::filesystem::is_directory(path) ? "." : path.filename().string();
+        changes += change.kind == FileChange::Sync
+                       ? "! "
+                       : "@" + std::to_string(change.offset) + "+" + std::to_string(change.size) + " ";
+        return AllOf(change);
+    };
+    Output(work);
+    Tap = nullptr;
+    return changes;
+}
+
 std::vector<voq::OrgRecord> Records(const std::string& org)
 {
     return voq::WalkChain({voq::Bytes(org.begin(), org.end())}).records;

@@ -37,6 +37,9 @@ inline void SetWord(std::string& bytes, std::size_t at, std::uint32_t value)
     bytes.replace(at, 4, reinterpret_cast<const char*>(&value), 4);
 }
 
+// What the work writes and syncs: "file@offset+bytes " for a write, "file! " for a sync, ".! " for the folder's.
+std::string ChangesOf(const std::function<void()>& work);
+
 // The records in chain order, as a client reads them.
 std::vector<voq::OrgRecord> Records(const std::string& org);
 // What the client library's check has against a database, empty when sound.
