@@ -1,6 +1,6 @@
 // Polling without the service: reads one-word registers that lie side by side and makes the file changes of the
-// service's write-back: values that differ from what is there, and every record; each file is forced to the disk once,
-// when it was changed.
+// service's write-back: the values, from the first to the last byte that differs from what is there, in one write, the
+// records in another; each file is forced to the disk once, when it was changed.
 #pragma once
 
 #include <sys/time.h>
@@ -23,9 +23,9 @@ public:
 class BarePolling
 {
 public:
-    // The records of the org file in the folder are taken as they lie; record i is register i. With `locks` clients are
-    // kept out as the service keeps them out: the org file is opened and locked for the plan and for the write-back of
-    // a read, the data file for the latter. Else both files stay open and nobody is kept out.
+    // The records of the org file in the folder are taken as they lie; record i is register i, and so is region i. With
+    // `locks` clients are kept out as the service keeps them out: the org file is opened and locked for the plan and
+    // for the write-back of a read, the data file for the latter. Else both files stay open and nobody is kept out.
     BarePolling(const std::string& folder, std::size_t ranges, bool locks)
         : org_(folder + "org"), data_(folder + "data"), records_(ranges)
     {
@@ -70,21 +70,19 @@ private:
     {
         timeval now;
         gettimeofday(&now, nullptr);
-        bool changed = false;
+        const std::size_t bytes = 2u * count, at = records_[first].dataoffset;
+        unsigned char present[2 * 125];
+        data.Get(present, bytes, at);
+        std::size_t from = 0, to = bytes;
+        while (from < to && present[from] == values[from]) ++from;
+        while (from < to && present[to - 1] == values[to - 1]) --to;
+        if (from < to) data.Put(values + from, to - from, at + from);
         for (std::size_t i = first; i < first + count; ++i) {
-            OrgNode& record = records_[i];
-            const unsigned char* value = values + 2 * (i - first);
-            unsigned char present[2];
-            data.Get(present, sizeof present, record.dataoffset);
-            if (std::memcmp(present, value, sizeof present) != 0) {
-                data.Put(value, sizeof present, record.dataoffset);
-                changed = true;
-            }
-            record.stamp = {static_cast<std::int32_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_usec)};
-            record.state = 1;
-            org.Put(&record, sizeof record, OrgFirstRecord + sizeof record * i);
+            records_[i].stamp = {static_cast<std::int32_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_usec)};
+            records_[i].state = 1;
         }
-        if (changed) data.Sync();
+        org.Put(&records_[first], count * sizeof(OrgNode), OrgFirstRecord + first * sizeof(OrgNode));
+        if (from < to) data.Sync();
         org.Sync();
     }
 

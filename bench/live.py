@@ -18,16 +18,16 @@ AREA = 4       # holding registers, an area of plain memory in the simulator
 TRANSFER = 64  # words in one driver request
 
 
-def key(i, groups=1):
-    """A one-word range of station 1 that is always due; with groups, dealt out to so many areas."""
-    return struct.pack("<IIHBBHHII", 1 << 16, 0, 1, 1, 0x22, AREA + i % groups, 1, i // groups, 0)
+def key(i, groups=1, priority=1):
+    """A one-word range of station 1, always due; with groups, dealt out to so many areas."""
+    return struct.pack("<IIHBBHHII", priority << 16, 0, 1, 1, 0x22, AREA + i % groups, 1, i // groups, 0)
 
 
-def project(registers, pause_ms, groups=1, plc_port=None):
+def project(registers, pause_ms, groups=1, plc_port=None, transfer=TRANSFER, priority=1):
     """Port number 1, serial or, with a PLC, on Ethernet, and registers side by side."""
     com = bytearray(60)
     struct.pack_into("<HHHBBB", com, 8, 1, 0, 0, 0, 0, 0)
-    struct.pack_into("<HHBBB", com, 38, TRANSFER, 256, 1, 16, pause_ms)
+    struct.pack_into("<HHBBB", com, 38, transfer, 256, 1, 16, pause_ms)
     if plc_port is not None:
         com[4] = 2
         struct.pack_into("<I", com, 16, 0x7F000001)
@@ -42,7 +42,7 @@ def project(registers, pause_ms, groups=1, plc_port=None):
     first = 4 + 8 * registers
     table = struct.pack("<I", registers) + bytes(4 * registers)
     table += b"".join(struct.pack("<I", first + KEY_BYTES * i) for i in range(registers))
-    return bytes(file) + table + b"".join(key(i, groups) for i in range(registers))
+    return bytes(file) + table + b"".join(key(i, groups, priority) for i in range(registers))
 
 
 def cpu_seconds(process):
@@ -103,11 +103,12 @@ class Place:
         process.wait()
         self.processes.remove(process)
 
-    def plc(self, delay_us):
-        """A PLC on Modbus TCP; sets plc_port."""
+    def plc(self, delay_us, changing=False):
+        """A PLC on Modbus TCP, whose registers may change with each read; sets plc_port."""
         self.plc_port = free_port()
         self.counters = self.folder / "counters"
-        process = self.start(self.build / "bin/bench_plc", self.plc_port, delay_us, self.counters)
+        process = self.start(self.build / "bin/bench_plc", self.plc_port, delay_us, self.counters,
+                             *(["changing"] if changing else []))
 
         def listening():
             with socket.socket() as probe:
@@ -125,7 +126,7 @@ class Place:
         (self.folder / "sim").write_bytes(settings)
         return {"VOQ_SIM": str(self.folder / "sim")}
 
-    def service(self, registers=0, pause_ms=10, groups=1, modbus=False, **environment):
+    def service(self, registers=0, pause_ms=10, groups=1, modbus=False, transfer=TRANSFER, priority=1, **environment):
         """The service, started up; a second start finds the database of the first."""
         for name in ("d/Serial", "d/Ethernet", "u", "r"):
             (self.folder / name).mkdir(parents=True, exist_ok=True)
@@ -133,7 +134,8 @@ class Place:
             if not (self.folder / f"d/{link}/drv_1.so").exists():
                 (self.folder / f"d/{link}/drv_1.so").symlink_to(self.build / f"drivers/{driver}.so")
         self.port = self.folder / ("u/tcp_1" if modbus else "u/com_1")
-        (self.folder / "p").write_bytes(project(registers, pause_ms, groups, self.plc_port if modbus else None))
+        (self.folder / "p").write_bytes(project(registers, pause_ms, groups, self.plc_port if modbus else None,
+                                                transfer, priority))
         (self.folder / "log").write_bytes(b"")
         process = self.start(self.build / "bin/voq", self.folder / "p", 0, self.folder / "d", self.folder / "u",
                              self.folder / "r", **environment)
@@ -173,3 +175,10 @@ def cpu_share(process, windows, seconds):
         shares.append(100 * (cpu_seconds(process) - used) / passed)
         waits.append((status(process, "voluntary_ctxt_switches") - waited) / passed)
     return shares, waits
+
+
+def block_device(folder):
+    """Bytes written to the device below the folder so far, and the flushes that it was asked for."""
+    device = os.stat(folder).st_dev
+    fields = pathlib.Path(f"/sys/dev/block/{os.major(device)}:{os.minor(device)}/stat").read_text().split()
+    return int(fields[6]) * 512, int(fields[15])

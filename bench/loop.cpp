@@ -2,9 +2,7 @@
 //     loop poll FOLDER RANGES LIMIT PERIOD_MS PAUSE_MS locks|open DRIVER|PORT
 //         reads one-word registers, LIMIT in a request, a refresh every PERIOD_MS (0: at once) with PAUSE_MS behind
 //         each request, and makes the service's file changes in FOLDER
-//     loop walk FOLDER PAUSE_MS
-//         opens the org file and looks at the state of every record, in the order of the file, then waits
-//     loop wait MS MS
+//     loop wait MS...
 //         waits the one, then the other
 #include <algorithm>
 #include <cctype>
@@ -47,32 +45,10 @@ void Poll(char** argv)
     }
 }
 
-void Walk(char** argv)
-{
-    const std::string path = std::string(argv[0]) + "org";
-    const unsigned pauseMs = static_cast<unsigned>(std::atoi(argv[1]));
-    while (true) {
-        {
-            const RawFile org(path, O_RDONLY);
-            OrgHeader header;
-            org.Get(&header, sizeof header, 0);
-            OrgNode block[256];  // few enough for the nearest memory
-            for (std::size_t done = 0; done < header.count; done += std::size(block)) {
-                const std::size_t here = std::min<std::size_t>(std::size(block), header.count - done);
-                org.Get(block, here * sizeof(OrgNode), OrgFirstRecord + done * sizeof(OrgNode));
-                for (std::size_t i = 0; i < here; ++i) {
-                    if (block[i].state == 0) Fail("a record that was not read");
-                }
-            }
-        }
-        usleep(pauseMs * 1000);
-    }
-}
-
 void Wait(char** argv)
 {
     while (true) {
-        for (int i = 0; i < 2; ++i) usleep(static_cast<useconds_t>(std::atoi(argv[i])) * 1000);
+        for (char** ms = argv; *ms != nullptr; ++ms) usleep(static_cast<useconds_t>(std::atoi(*ms)) * 1000);
     }
 }
 }  // namespace
@@ -80,7 +56,6 @@ void Wait(char** argv)
 int main(int argc, char** argv)
 {
     if (argc == 9 && std::strcmp(argv[1], "poll") == 0) Poll(argv + 2);
-    if (argc == 4 && std::strcmp(argv[1], "walk") == 0) Walk(argv + 2);
-    if (argc == 4 && std::strcmp(argv[1], "wait") == 0) Wait(argv + 2);
+    if (argc >= 3 && std::strcmp(argv[1], "wait") == 0) Wait(argv + 2);
     return 2;
 }

@@ -1,6 +1,7 @@
 /* A fast PLC for the benchmarks: holding registers of a Modbus TCP station, any number of connections, a settable
- * delay. plc PORT DELAY_MICROSECONDS COUNTERS Counts what it serves in the file COUNTERS: two 64-bit words, requests
- * and registers. Ends when it is killed. */
+ * delay. plc PORT DELAY_MICROSECONDS COUNTERS [changing] Counts what it serves in the file COUNTERS: two 64-bit words,
+ * requests and registers. With "changing" both bytes of a register differ each time it is read. Ends when it is killed.
+ */
 #include <errno.h>
 #include <fcntl.h>
 #include <modbus/modbus.h>
@@ -18,12 +19,20 @@ static struct {
     atomic_ullong requests, registers;
 } * counters;
 static useconds_t delay_us;
+static int changing;
 static modbus_mapping_t* mapping;
 
 static void fail(const char* what)
 {
     perror(what);
     exit(2);
+}
+
+static void change(const uint8_t* query)
+{
+    const unsigned first = (unsigned)(query[FUNCTION_AT + 1] << 8 | query[FUNCTION_AT + 2]);
+    const unsigned count = (unsigned)(query[COUNT_AT] << 8 | query[COUNT_AT + 1]);
+    for (unsigned i = first; i < first + count && i < REGISTERS; i++) mapping->tab_registers[i] += 0x0101;
 }
 
 static void* serve(void* argument)
@@ -34,6 +43,7 @@ static void* serve(void* argument)
     while ((length = modbus_receive(connection, query)) >= 0) {
         if (length == 0) continue;
         if (delay_us > 0) usleep(delay_us);
+        if (changing) change(query);
         if (modbus_reply(connection, query, length, mapping) < 0) break;
         atomic_fetch_add(&counters->requests, 1);
         if (query[FUNCTION_AT] == MODBUS_FC_READ_HOLDING_REGISTERS)
@@ -55,7 +65,8 @@ static void map_counters(const char* path)
 
 int main(int argc, char** argv)
 {
-    if (argc != 4) return 2;
+    if (argc != 4 && argc != 5) return 2;
+    changing = argc == 5;
     delay_us = (useconds_t)atoi(argv[2]);
     map_counters(argv[3]);
     mapping = modbus_mapping_new(0, 0, REGISTERS, 0);

@@ -1,8 +1,8 @@
 // Polls one-word holding registers and writes the values to files. Runs until it is killed.
 //     node poll.js MODULES PORT RANGES LIMIT PERIOD_MS FOLDER values|changes
 // values: one write of all values to FOLDER/values after each refresh, not forced to the disk.
-// changes: the service's changes instead, on its org and data files in FOLDER: a value, a record, each forced to the
-// disk; without locks, which node does not offer, and with both files kept open.
+// changes: the service's changes instead, on its org and data files in FOLDER: the values of a read when they differ,
+// then the records, each file forced to the disk; without locks, which node does not offer, and with both files kept open.
 "use strict";
 const fs = require("fs");
 const path = require("path");
@@ -26,17 +26,21 @@ class ServiceFiles {
     }
 
     store(first, values) {
-        const now = Date.now();
-        for (let i = 0; 2 * i < values.length; i++) {
-            fs.writeSync(this.data, values, 2 * i, 2, 2 * (first + i));
+        const now = Date.now(), count = values.length / 2;
+        const present = Buffer.alloc(values.length);
+        fs.readSync(this.data, present, 0, present.length, 2 * first);
+        if (!present.equals(values)) {
+            fs.writeSync(this.data, values, 0, values.length, 2 * first);
             fs.fsyncSync(this.data);
-            const at = HeaderBytes + RecordBytes * (first + i);
+        }
+        const start = HeaderBytes + RecordBytes * first;
+        for (let at = start; at < start + RecordBytes * count; at += RecordBytes) {
             this.records.writeInt32LE(Math.floor(now / 1000), at + StampAt);
             this.records.writeInt32LE(now % 1000 * 1000, at + StampAt + 4);
             this.records[at + StateAt] = 1;
-            fs.writeSync(this.org, this.records, at, RecordBytes, at);
-            fs.fsyncSync(this.org);
         }
+        fs.writeSync(this.org, this.records, start, RecordBytes * count, start);
+        fs.fsyncSync(this.org);
     }
 }
 
