@@ -159,11 +159,9 @@ void FastCursor::SkipUnusable()
 
 bool FastCursor::Due()
 {
-    std::uint64_t until = UntilDueUs(node_, wall_);
-    if (PackOrNot(node_, wall_) != 0) {
-        if (!RefusedAlone.Waits(Entry(), now_)) return true;
-        until = 1000 * (RefusedAlone.RetryAt(Entry()) - now_);
-    }
+    const bool due = PackOrNot(node_, wall_) != 0;
+    if (due && !RefusedAlone.Waits(Entry(), now_)) return true;
+    const std::uint64_t until = due ? 1000 * (RefusedAlone.RetryAt(Entry()) - now_) : UntilDueUs(node_, wall_);
     untilDueUs_ = static_cast<std::uint32_t>(std::min<std::uint64_t>(untilDueUs_, until));
     return false;
 }

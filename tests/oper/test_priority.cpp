@@ -1,5 +1,5 @@
-// When a range is due, by its priority class and the age of its value. The clock stands still unless a test moves it. And
-// when nothing that is due need be looked for again.
+// When a range is due, by its priority class and the age of its value. The clock stands still unless a test moves it.
+// And when nothing that is due need be looked for again.
 #include <gtest/gtest.h>
 #include <sys/time.h>
 

@@ -213,7 +213,8 @@ int usleep(useconds_t microseconds)
 }
 
 /* Another thread may end it; with VOQ_ENDLESS nothing else does. */
-int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, const struct timespec* end)
+int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                           const struct timespec* end)
 {
     const struct timespec never = {end->tv_sec + 86400, 0};
     note("wait\n");
