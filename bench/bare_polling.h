@@ -71,11 +71,10 @@ private:
         timeval now;
         gettimeofday(&now, nullptr);
         const std::size_t bytes = 2u * count, at = records_[first].dataoffset;
-        unsigned char present[2 * 125];
-        data.Get(present, bytes, at);
+        data.Get(present_.data(), bytes, at);
         std::size_t from = 0, to = bytes;
-        while (from < to && present[from] == values[from]) ++from;
-        while (from < to && present[to - 1] == values[to - 1]) --to;
+        while (from < to && present_[from] == values[from]) ++from;
+        while (from < to && present_[to - 1] == values[to - 1]) --to;
         if (from < to) data.Put(values + from, to - from, at + from);
         for (std::size_t i = first; i < first + count; ++i) {
             records_[i].stamp = {static_cast<std::int32_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_usec)};
@@ -88,5 +87,6 @@ private:
 
     std::string org_, data_;
     std::vector<OrgNode> records_;
+    std::vector<unsigned char> present_ = std::vector<unsigned char>(2 * 125);  // what the regions hold
     std::unique_ptr<RawFile> keptOrg_, keptData_;
 };

@@ -33,7 +33,7 @@ extern "C" int fcntl(int file, int command, ...)
     va_start(rest, command);
     void* const argument = va_arg(rest, void*);
     va_end(rest);
-    if (command == F_SETLKW) ++FileWorkSoFar.locks;
+    if (command == F_SETLK || command == F_SETLKW) ++FileWorkSoFar.locks;
     return static_cast<int>(syscall(SYS_fcntl, file, command, argument));
 }
 

@@ -257,8 +257,8 @@ void Throughput(const Report& report, const char* what, bool idle, int seconds)
 {
     const LiveService service(1, true);
     if (!idle) Subscribe(service, 1);
-    const double quiet = idle ? 1e6 / TurnOfIdlePort() : QuietRate(service);
     service.Sim().delayUs = DelayUs;
+    const double quiet = idle ? 1e6 / TurnOfIdlePort() : QuietRate(service);
     const double paper = 2 * PerPhase * 1e6 / PassOnPaperUs(quiet, 2 * PerPhase);
     Window window(service, 200);
     window.Run(NowUs() + 1e6);
