@@ -154,6 +154,8 @@ def test_held_lock_and_full_fifo(start):
             assert time.monotonic() - begin < 20 * SLOW
         live(level)
         service.process.send_signal(signal.SIGSTOP)
+        tasks = pathlib.Path(f"/proc/{service.process.pid}/task")
+        wait_for(lambda: all("T (stopped)" in (t / "status").read_text() for t in tasks.iterdir()), "threads that stand")
         with contextlib.suppress(BlockingIOError):
             fifo = os.open(service / "mekfifo", os.O_WRONLY | os.O_NONBLOCK)
             while True:
