@@ -17,6 +17,7 @@ BESIDE = {  # folder: the rows it may include
     "client/c": {"include", "client", "client/c"},
     "client": {"include", "value", "client"},
     "tools": {"include", "value", "client", "tools"},
+    "web": {"include", "value", "client", "web"},
     "drivers/sim": {"include", "drivers/sim"},
     "drivers/modbus": {"include", "drivers/modbus"},
     "examples/driver": {"include"},
