@@ -40,7 +40,7 @@ def test_holes_and_a_station_that_is_away(start):
     whole_round(service, 4)
     service.sim.dig(Key(21))
     wait_for(lambda: [row["refused_since"] for row in explained()["range"]].count(None) == 4, "the refused range")
-    service.sim.fail(Sim.TIMEOUT, station=2)
+    service.sim.fail(Sim.TIMEOUT, station=2, delay_us=2000)
     service.send(log_on(Key(7, plcno=2), 9))
     wait_for(lambda: any("station 2 does not answer" in row["text"] for row in explained()["advice"]), "the lost station")
     said = voqctl("explain", "s1:a1:u16@20*2", "s1:a1:u16@77")
