@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -34,7 +35,9 @@ struct CsvToml {
 };
 
 // What is wrong goes to `remarks`, by line of the table.
-CsvToml TomlOfCsv(const CsvTable& table, CsvAddresses addresses, voq::Remarks& remarks);
+// `tell` (may be empty) hears how many rows of how many.
+using TellRows = std::function<void(std::size_t, std::size_t)>;
+CsvToml TomlOfCsv(const CsvTable& table, CsvAddresses addresses, voq::Remarks& remarks, const TellRows& tell = {});
 
 // The registers as a table that TomlOfCsv takes; columns that nobody needs are left out.
 std::string CsvOfDescription(const voq::Description& description);

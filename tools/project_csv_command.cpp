@@ -6,6 +6,7 @@
 #include "client/description/limits.h"
 #include "tools/commands.h"
 #include "tools/printable.h"
+#include "tools/progress.h"
 #include "tools/project_csv.h"
 #include "tools/write_file.h"
 
@@ -27,6 +28,12 @@ void Write(const std::string& output, const std::string& text)
     }
 }
 
+CsvToml Converted(const CsvTable& table, CsvAddresses addresses, voq::Remarks& remarks)
+{
+    Progress progress("import: rows");
+    return TomlOfCsv(table, addresses, remarks, progress.Teller());
+}
+
 // Ports that stand in for those of a description that is not given.
 std::string AnyPorts(const CsvToml& toml)
 {
@@ -39,7 +46,9 @@ std::string AnyPorts(const CsvToml& toml)
 void CheckResult(const ImportOptions& options, const std::string& ports, const CsvToml& toml, voq::Remarks& remarks)
 {
     voq::Remarks all(options.ports);
-    voq::ReadDescription(ports + toml.text, DriverDirsOf(options.drivers), all);
+    Progress progress("import: registers");
+    voq::ReadDescription(ports + toml.text, DriverDirsOf(options.drivers), all,
+                         [&](std::size_t done) { progress.At(done); });
     const auto before = static_cast<std::size_t>(std::count(ports.begin(), ports.end(), '\n'));
     for (const voq::Remark& each : all.InOrder()) {
         if (each.line <= before) throw voq::Error(all.Text(each));
@@ -57,7 +66,7 @@ int ProjectImport(const ImportOptions& options)
     const std::string text = voq::DescriptionText(options.csv);
     if (text.size() > voq::MaxDescriptionBytes) throw voq::Error(options.csv + ": longer than 8 MiB");
     const CsvTable table = ParseCsv(text, options.csv);
-    const CsvToml toml = TomlOfCsv(table, AddressesOf(options.addresses), remarks);
+    const CsvToml toml = Converted(table, AddressesOf(options.addresses), remarks);
     std::string ports = options.ports.empty() ? "" : voq::DescriptionText(options.ports);
     if (!ports.empty() && ports.back() != '\n') ports += '\n';
     CheckResult(options, ports.empty() ? AnyPorts(toml) : ports, toml, remarks);

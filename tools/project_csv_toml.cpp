@@ -135,13 +135,16 @@ public:
     {
     }
 
-    CsvToml Run()
+    CsvToml Run(const TellRows& tell)
     {
         if (table_.rows.empty()) remarks_.Error(1, "the first line names the columns");
         if (table_.rows.empty()) return toml_;
         ReadHeader();
         if (remarks_.Errors() != 0) return toml_;
-        for (std::size_t i = 1; i < table_.rows.size(); ++i) ReadRow(table_.rows[i]);
+        for (std::size_t i = 1; i < table_.rows.size(); ++i) {
+            ReadRow(table_.rows[i]);
+            if (tell) tell(i, table_.rows.size() - 1);
+        }
         CloseBlock();
         return std::move(toml_);
     }
@@ -261,7 +264,7 @@ private:
 
 }  // namespace
 
-CsvToml TomlOfCsv(const CsvTable& table, CsvAddresses addresses, voq::Remarks& remarks)
+CsvToml TomlOfCsv(const CsvTable& table, CsvAddresses addresses, voq::Remarks& remarks, const TellRows& tell)
 {
-    return Importer(table, addresses, remarks).Run();
+    return Importer(table, addresses, remarks).Run(tell);
 }

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -59,8 +60,9 @@ Description ParseDescription(const std::string& text, const std::string& file,
 Description LoadDescription(const std::string& file, const DriverDirs& drivers = StandardDriverDirs());
 
 // Everything that is wrong goes to `remarks`, which has the file's name; the result holds what could be read. Nothing
-// is thrown for what the text says.
-Description ReadDescription(const std::string& text, const DriverDirs& drivers, Remarks& remarks);
+// is thrown for what the text says. `tell` (may be empty) hears how many registers were read.
+Description ReadDescription(const std::string& text, const DriverDirs& drivers, Remarks& remarks,
+                            const std::function<void(std::size_t)>& tell = {});
 // The text of a description's file, or as much of it as is refused. Throws Error when it cannot be read.
 std::string DescriptionText(const std::string& file);
 

@@ -34,9 +34,10 @@ void ReadTables(const toml::table& file, Reading& reading)
 
 }  // namespace
 
-Description ReadDescription(const std::string& text, const DriverDirs& drivers, Remarks& remarks)
+Description ReadDescription(const std::string& text, const DriverDirs& drivers, Remarks& remarks,
+                            const std::function<void(std::size_t)>& tell)
 {
-    Reading reading{{}, remarks, drivers};
+    Reading reading{{}, remarks, drivers, tell};
     if (!WithinDescriptionLimits(text, remarks)) return {};
     try {
         const toml::table file = toml::parse(text, remarks.File());

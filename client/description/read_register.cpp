@@ -237,6 +237,7 @@ void Add(Table& table, const Row& row, std::string name, Reading& reading)
     }
     described.reg.order = OrderOf(row, described.reg, reading);
     registers.push_back(std::move(described));
+    if (reading.tell) reading.tell(registers.size());
 }
 
 void AddCopy(Table& table, const Row& row, const Repeat& repeat, std::uint32_t copy, Reading& reading)

@@ -37,6 +37,7 @@ struct Reading {
     Description text;
     Remarks& remarks;
     const DriverDirs& drivers;
+    const std::function<void(std::size_t)>& tell;                 // registers so far; may be empty
     std::set<std::string, std::less<>> names = {};                // of registers
     std::map<std::uint16_t, PortPlace> ports = {};                // by number
     std::set<std::pair<std::uint8_t, std::uint16_t>> links = {};  // link and number
