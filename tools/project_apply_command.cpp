@@ -37,6 +37,26 @@ std::string Range(const RegKey& key)
     return voq::Expression({key, voq::TypeOfSize(RegElemSize(&key))});
 }
 
+// What a registered range has otherwise, in the description's words.
+std::string Otherwise(const RegKey& registered, const RegKey& described)
+{
+    constexpr std::uint32_t priority = REG_FLAG_PRIORITY_MASK << REG_FLAG_PRIORITY_SHIFT;
+    std::string text;
+    const auto compare = [&](const char* key, std::uint32_t is, std::uint32_t wanted) {
+        if (is == wanted) return;
+        text += (text.empty() ? "" : "; ") + std::string(key) + ": " + std::to_string(is) + ", described " +
+                std::to_string(wanted);
+    };
+    compare("priority", (registered.flag & priority) >> REG_FLAG_PRIORITY_SHIFT,
+            (described.flag & priority) >> REG_FLAG_PRIORITY_SHIFT);
+    compare("bcd", (registered.flag & REG_FLAG_BCD) != 0, (described.flag & REG_FLAG_BCD) != 0);
+    compare("flag", registered.flag & ~(priority | REG_FLAG_BCD), described.flag & ~(priority | REG_FLAG_BCD));
+    compare("convpara", registered.convpara, described.convpara);
+    compare("subaddr", registered.subaddr, described.subaddr);
+    compare("port", registered.portno, described.portno);
+    return text;
+}
+
 // What only a restart brings. False when nobody can tell.
 bool Settings(const Target& target, const std::string& running, std::vector<std::string>& lines)
 {
@@ -53,7 +73,8 @@ bool Settings(const Target& target, const std::string& running, std::vector<std:
 void PrintLeft(const ProjectDifference& difference, bool applied)
 {
     for (const ChangedRange& each : difference.changed) {
-        std::printf("~ %s  registered as %s\n", Name(*each.described).c_str(), Range(each.registered).c_str());
+        std::printf("~ %s  %s\n", Name(*each.described).c_str(),
+                    Otherwise(each.registered, each.described->reg.key).c_str());
     }
     for (const RegKey& key : difference.gone) std::printf("- %s\n", Range(key).c_str());
     if (!applied || (difference.changed.empty() && difference.gone.empty())) return;
