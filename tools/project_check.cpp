@@ -2,6 +2,7 @@
 #include "tools/project_check.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <map>
 #include <set>
 #include <tuple>
@@ -21,6 +22,10 @@ namespace
 
 constexpr std::size_t MaxPath = 63;               // of the service's working files
 constexpr std::uint64_t AddressEnd = 1ull << 32;  // one behind the last address
+
+constexpr std::uint32_t Bauds[] = {110,   300,   600,   1200,   2400,   4800,   9600,   14400,  19200,
+                                   28800, 38400, 57600, 115200, 230400, 460800, 500000, 576000, 921600};
+constexpr std::uint16_t FirstPanelArea = 253, LastPanelArea = 257;
 
 using Registers = std::vector<const DescribedRegister*>;  // of one port
 
@@ -42,6 +47,13 @@ std::uint32_t LimitOf(const ComInfoRecord& port, const RegKey& key)
 const char* LimitName(const RegKey& key)
 {
     return IsBits(key) ? "bit_limit" : "word_limit";
+}
+
+std::string Short(double number)
+{
+    char text[40];
+    std::snprintf(text, sizeof text, "%.9g", number);
+    return text;
 }
 
 // The number that a manual prints for address 0 of an area, five or six digits long; 0 for areas whose numbers look
@@ -90,7 +102,8 @@ void CheckSize(const DescribedRegister& reg, const ComInfoRecord& port, Remarks&
                                     " bytes, 8 is the most");
     } else if (limit != 0 && std::uint64_t{limit} * ElemBytes(key) < UnitBytes(key)) {
         remarks.Error(reg.line, NameOf(reg) + ": " + LimitName(key) + " = " + std::to_string(limit) +
-                                    " is less than one address, it is never read");
+                                    " elements are less than one address, " + std::to_string(UnitBytes(key)) +
+                                    " bytes: it is never read");
     } else if (limit != 0 && key.width > limit) {
         remarks.Warning(reg.line, NameOf(reg) + ": " + LimitName(key) + " = " + std::to_string(limit) + " cuts its " +
                                       std::to_string(key.width) + " elements into " +
@@ -99,17 +112,29 @@ void CheckSize(const DescribedRegister& reg, const ComInfoRecord& port, Remarks&
     }
 }
 
+// A limit that the type keeps by itself: the type is another than was meant, or the limit is.
+void CheckLimit(const DescribedRegister& reg, const char* key, const std::optional<double>& limit, double low,
+                double high, Remarks& remarks)
+{
+    if (!limit || (*limit >= low && *limit <= high)) return;
+    remarks.Warning(reg.line, NameOf(reg) + ": " + key + " = " + Short(*limit) + " limits nothing, " +
+                                  voq::TypeName(reg.reg.type) + " holds " + Short(low) + " to " + Short(high));
+}
+
 void CheckMeaning(const DescribedRegister& reg, Remarks& remarks)
 {
     const voq::Meaning& meaning = reg.meaning;
     if (reg.reg.type.kind == voq::ValueKind::Raw || meaning.text != 0) return;
     const voq::ValueCoding coding = voq::CodingOf(reg.reg, 0);
     const double low = voq::LowestValue(coding).number, high = voq::HighestValue(coding).number;
-    const double a = low * meaning.scale + meaning.offset, b = high * meaning.scale + meaning.offset;
-    if ((meaning.minimum && *meaning.minimum > std::max(a, b)) ||
-        (meaning.maximum && *meaning.maximum < std::min(a, b))) {
+    const auto [least, most] =
+        std::minmax({low * meaning.scale + meaning.offset, high * meaning.scale + meaning.offset});
+    if ((meaning.minimum && *meaning.minimum > most) || (meaning.maximum && *meaning.maximum < least)) {
         remarks.Error(reg.line,
                       NameOf(reg) + ": no value of " + voq::TypeName(reg.reg.type) + " is within min and max");
+    } else {
+        CheckLimit(reg, "min", meaning.minimum, least, most, remarks);
+        CheckLimit(reg, "max", meaning.maximum, least, most, remarks);
     }
     if (!meaning.numberNames) return;
     for (const voq::NamedNumber& each : *meaning.numberNames) {
@@ -118,6 +143,14 @@ void CheckMeaning(const DescribedRegister& reg, Remarks& remarks)
         remarks.Error(reg.line, NameOf(reg) + ": enum: " + std::to_string(each.number) + " (" + each.name +
                                     ") does not fit " + voq::TypeName(reg.reg.type));
     }
+}
+
+void CheckPanel(const DescribedRegister& reg, Remarks& remarks)
+{
+    const RegKey& key = reg.reg.key;
+    if (key.portno != REG_PORT_LOCAL || (key.regid >= FirstPanelArea && key.regid <= LastPanelArea)) return;
+    remarks.Warning(reg.line, NameOf(reg) + ": the panel's own registers have no area " + std::to_string(key.regid) +
+                                  ", but 253 (RW), 254 (LB), 255 (LW), 256 (SRW) and 257 (SRB)");
 }
 
 void CheckDriver(const DescribedRegister& reg, const DescribedPort& port, Remarks& remarks)
@@ -138,6 +171,12 @@ std::string TypeOf(const DescribedRegister& reg)
     return reg.meaning.text != 0 ? "text" : voq::TypeName(reg.reg.type);
 }
 
+// Of one type, but no element of the one is an element of the other.
+bool Torn(const RegKey& key, const RegKey& other)
+{
+    return (std::uint64_t{key.addr} - other.addr) * UnitBytes(key) % ElemBytes(key) != 0;
+}
+
 void CheckPair(const DescribedRegister& reg, const DescribedRegister& other, Remarks& remarks)
 {
     const auto& [first, second] = std::minmax(reg, other, [](const auto& a, const auto& b) { return a.line < b.line; });
@@ -145,6 +184,8 @@ void CheckPair(const DescribedRegister& reg, const DescribedRegister& other, Rem
     if (SameRange(first.reg.key, second.reg.key)) {
         remarks.Warning(second.line, NameOf(second) + " is the same range as " + NameOf(first) + line +
                                          ": one record, shown as " + NameOf(first));
+    } else if (TypeOf(first) == TypeOf(second)) {
+        remarks.Warning(second.line, NameOf(second) + " overlaps a part of an element of " + NameOf(first) + line);
     } else {
         remarks.Warning(second.line, NameOf(second) + " (" + TypeOf(second) + ") overlaps " + NameOf(first) + " (" +
                                          TypeOf(first) + ")" + line);
@@ -168,7 +209,8 @@ void CheckOverlaps(const Description& description, Remarks& remarks)
         const bool same = before != nullptr && SameRange(before->reg.key, key) && before->reg.key.portno == key.portno;
         if (same) CheckPair(*each, *before, remarks);
         for (const auto& [type, other] : farthest) {
-            if (type != TypeOf(*each) && PollEnd(other->reg.key) > key.addr && !(same && other == before)) {
+            const bool fits = type == TypeOf(*each) && !Torn(key, other->reg.key);
+            if (!fits && PollEnd(other->reg.key) > key.addr && !(same && other == before)) {
                 CheckPair(*each, *other, remarks);
             }
         }
@@ -203,10 +245,19 @@ void CheckNumber(const DescribedPort& port, Remarks& remarks)
     }
 }
 
+void CheckBaud(const DescribedPort& port, Remarks& remarks)
+{
+    const std::uint32_t baud = port.record.baudOrAddress;
+    if (port.record.linkType != LINK_SERIAL || std::find(std::begin(Bauds), std::end(Bauds), baud) != std::end(Bauds))
+        return;
+    remarks.Warning(port.line, "baud = " + std::to_string(baud) + " is no usual speed of a line");
+}
+
 void CheckPort(const DescribedPort& port, Remarks& remarks)
 {
     const ComInfoRecord& record = port.record;
     CheckNumber(port, remarks);
+    CheckBaud(port, remarks);
     const bool master = record.masterSlaveMode != MODE_SLAVE;
     if (port.info != nullptr && port.info->linkType != record.linkType) {
         const auto link = voq::LinkFromByte(port.info->linkType);
@@ -342,7 +393,10 @@ void CheckDescription(const Description& description, const std::string& userDir
         CheckAddress(reg, remarks);
         CheckMeaning(reg, remarks);
         const auto port = ports.find(reg.reg.key.portno);
-        if (port == ports.end()) continue;
+        if (port == ports.end()) {
+            CheckPanel(reg, remarks);
+            continue;
+        }
         CheckSize(reg, port->second->record, remarks);
         CheckDriver(reg, *port->second, remarks);
     }

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
+#include <set>
 
 namespace voq
 {
@@ -30,6 +31,22 @@ DriverAnswer AskLibrary(const std::string& path)
     return {nullptr, path + " has no " PLC_DRV_INFO};
 }
 
+// " (modbus_rtu, modbus_tcp and the like are)", for a name that is mistyped.
+std::string Others(const DriverDirs& dirs)
+{
+    constexpr std::size_t most = 16;
+    std::set<std::string> names;
+    std::error_code none;
+    for (const std::string& dir : dirs) {
+        for (const auto& file : std::filesystem::directory_iterator(dir, none)) {
+            if (file.path().extension() == ".so" && names.size() < most) names.insert(file.path().stem().string());
+        }
+    }
+    std::string all;
+    for (const std::string& name : names) all += (all.empty() ? " (there is " : ", ") + name;
+    return all.empty() ? "" : all + ")";
+}
+
 }  // namespace
 
 DriverDirs StandardDriverDirs()
@@ -51,7 +68,7 @@ DriverAnswer AskDriver(const std::string& name, const DriverDirs& dirs)
         if (access(path.c_str(), F_OK) == 0) return AskLibrary(path);
         all += (all.empty() ? "" : " or ") + dir;
     }
-    return {nullptr, "there is no " + name + ".so in " + all};
+    return {nullptr, "there is no " + name + ".so in " + all + Others(dirs)};
 }
 
 std::string WhyRefused(const PlcDriverInfo& driver, const RegKey& key)

@@ -19,7 +19,7 @@ DriverDirs StandardDriverDirs();
 
 struct DriverAnswer {
     const PlcDriverInfo* info = nullptr;
-    std::string why;  // why there is none: "modbus.so is neither in A nor in B"
+    std::string why;  // why there is none: "there is no modbus.so in A or B (there is sim)"
 };
 
 // `name` is that of a library without ".so": letters, digits, "_" and "-".

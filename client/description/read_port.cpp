@@ -14,6 +14,8 @@ namespace
 
 constexpr const char* LinkNames[] = {"serial", "can", "ethernet"};  // in the order of the link type's values
 
+constexpr std::uint32_t NoAddress = 0xFFFFFFFF;  // of one that cannot be read: it is not missing as well
+
 std::optional<std::uint32_t> ParseAddress(const std::string& text)
 {
     unsigned a = 0, b = 0, c = 0, d = 0;
@@ -94,8 +96,26 @@ ComInfoRecord DefaultPort(std::uint8_t link, const PlcDriverInfo* info)
     return port;
 }
 
-void ReadLine(Table& table, ComInfoRecord& port)
+// Keys that the port's link has no use for.
+void RefuseOthers(Table& table, std::uint8_t link)
 {
+    const auto refuse = [&](const char* key, const char* links) {
+        if (table.HasOwn(key))
+            table.FailAt(key, std::string("is for ") + links + " ports, this one is " + LinkNames[link]);
+    };
+    if (link == LINK_ETHERNET) return refuse("baud", "serial and can");
+    refuse("address", "ethernet");
+    refuse("tcp_port", "ethernet");
+}
+
+// `linkKnown`: else which keys a port has is not known either.
+void ReadLine(Table& table, ComInfoRecord& port, bool linkKnown)
+{
+    if (!linkKnown) {
+        for (const char* key : {"baud", "address", "tcp_port"}) table.Take(key);
+        return;
+    }
+    RefuseOthers(table, port.linkType);
     Store(port.lineMode, table.Number("line_mode", 0, 2));
     Store(port.dataBits, table.Number("data_bits", DataBitsLow(port.linkType), DataBitsHigh(port.linkType)));
     Store(port.stopBits, table.Number("stop_bits", StopBitsLow(port.linkType), StopBitsHigh(port.linkType)));
@@ -107,7 +127,7 @@ void ReadLine(Table& table, ComInfoRecord& port)
     if (const auto text = table.Text("address")) {
         const auto address = ParseAddress(*text);
         if (!address) table.FailAt("address", "\"" + *text + "\" is not an IPv4 address");
-        Store(port.baudOrAddress, address);
+        port.baudOrAddress = address.value_or(NoAddress);
     }
     if (const auto value = table.Number("tcp_port", 0, 0xFFFF)) SetParaWord(port, 0, *value);
 }
@@ -156,7 +176,7 @@ void ReadPort(const toml::node& node, Reading& reading)
     const auto number = table.Number("number", 0, 0xFFFF);
     if (!number && !text && table.Good()) table.FailHere("number is missing");
     Store(port.record.portNo, number);
-    ReadLine(table, port.record);
+    ReadLine(table, port.record, link || text || port.info != nullptr);
     ReadLimits(table, port.record);
     port.namedOrder =
         table.HasOwn("byte_order") ? table.Take("byte_order")->is_string() : port.info != nullptr && !text;

@@ -54,6 +54,7 @@ void NameTarget(Connection& connection, const ComInfoRecord& info);
 
 // Whether a request to the unit can be answered at all.
 [[nodiscard]] bool ServesUnit(std::uint8_t unit);
+extern const char* const UnitsServed;  // in words
 
 // Makes the connection ready for one request to a unit, of which `payload` bytes are values: opens it if need be and
 // throws away what nobody asked for. `limitMs`, the station's time for its answer, becomes the time that is to be

@@ -23,7 +23,7 @@ bool ReadOnly(const RegKey& key)
 
 const char* MapBits(const RegKey& key, Direction direction, Range& range)
 {
-    if (key.regid != COILS && key.regid != DISCRETE_INPUTS) return "bits are in areas 0 and 1";
+    if (key.regid != COILS && key.regid != DISCRETE_INPUTS) return "bits are in areas 0 (coils) and 1 (discrete)";
     range.first = key.addr;
     range.count = key.width;
     range.step = direction == Direction::Read ? MaxReadBits : MaxWriteBits;
@@ -35,7 +35,8 @@ const char* MapBits(const RegKey& key, Direction direction, Range& range)
 // requests: its halves could be of different moments.
 const char* MapRegisters(const RegKey& key, Direction direction, Range& range)
 {
-    if (key.regid != HOLDING_REGISTERS && key.regid != INPUT_REGISTERS) return "registers are in areas 3 and 4";
+    if (key.regid != HOLDING_REGISTERS && key.regid != INPUT_REGISTERS)
+        return "registers are in areas 3 (input) and 4 (holding)";
     const std::uint32_t size = ElemBytes(key);
     const std::uint64_t offset = std::uint64_t{key.addr} * UnitBytes(key);
     if (size != 2 && size != 4 && size != 6 && size != 8) return "elements are of 2, 4, 6 or 8 bytes";

@@ -134,7 +134,7 @@ std::int32_t Transfer(Connection& connection, const PlcRequest* request, const C
     FollowTarget(connection, *info);
     const RegKey& key = *request->key;
     Range range;
-    const char* why = ServesUnit(key.plcno) ? MapRange(key, request->length, direction, range) : "no such station";
+    const char* why = ServesUnit(key.plcno) ? MapRange(key, request->length, direction, range) : UnitsServed;
     if (why != nullptr) {
         NameTarget(connection, *info);
         ReportKey(connection.messages, connection.reporter.name, key, why);

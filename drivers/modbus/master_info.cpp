@@ -15,7 +15,7 @@ std::int32_t Check(const RegKey* key, char* reason, std::uint32_t size)
     if (key == nullptr || reason == nullptr) return PLC_DRV_ERROR;
     Range range;
     const auto length = static_cast<std::int32_t>(GetRegBuffLen(key));
-    const char* why = ServesUnit(key->plcno) ? MapRange(*key, length, Direction::Read, range) : "no such station";
+    const char* why = ServesUnit(key->plcno) ? MapRange(*key, length, Direction::Read, range) : UnitsServed;
     if (why == nullptr) return PLC_DRV_OK;
     std::snprintf(reason, size, "%s", why);
     return PLC_DRV_REFUSED;

@@ -52,6 +52,8 @@ void NameTarget(Connection& connection, const ComInfoRecord& info)
     NameLine(info, connection.reporter);
 }
 
+const char* const UnitsServed = "stations are 1 to 247";
+
 bool ServesUnit(std::uint8_t unit)
 {
     return unit != Broadcast && unit <= LastUnit;

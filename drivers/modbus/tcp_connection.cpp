@@ -70,6 +70,8 @@ void NameTarget(Connection& connection, const ComInfoRecord& info)
     std::snprintf(connection.reporter.name, sizeof connection.reporter.name, "%s:%u", text, endpoint.port);
 }
 
+const char* const UnitsServed = "stations are 0 to 247, and 255";
+
 bool ServesUnit(std::uint8_t unit)
 {
     return unit <= LastUnit || unit == MODBUS_TCP_SLAVE;

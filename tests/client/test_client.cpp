@@ -222,7 +222,7 @@ TEST(Project, ErrorsNameFileAndLine)
         {port + "\ncolour = 1", "t:5: unknown key \"colour\""},
         {"[port]", "t:1: port must be written as [[port]]"},
         {"[[port]]\nnumber = 1", "t:1: link is missing"},
-        {port + "address = \"1.2.3.4\"", "t:4: unknown key \"address\""},
+        {port + "address = \"1.2.3.4\"", "t:4: address: is for ethernet ports, this one is can"},
         {"[[port]]\nlink = \"ethernet\"\nnumber = 1\naddress = \"1.2.3.256\"", "t:4: address: "},
         {port + port, "t:4: there is a port of this link and number already"},
         {reg + "count = -1", "t:7: count -1 is not within 1 to 65535"},
