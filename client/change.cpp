@@ -98,6 +98,8 @@ void RequireNumber(const Subject& on, bool fractions)
         throw Error("takes one element, the range has " + Str(on.reg.key.width));
     }
     if (ServiceAgrees(on.reg, on.byteOrder)) return;
+    if (on.reg.order)
+        throw Error("the service computes in the byte order of the port, the register has its own: write it");
     throw Error(
         "the service takes the register's bytes as the port's byte-order word says, not as big_endian does; the word "
         "must say the same (--project, --byte-order)");

@@ -88,7 +88,7 @@ struct OneShotOptions {
     std::string what;  // name of a register of the project, or an expression
     RequestTimes times;
     bool onlyWriter = false;  // no other client writes into the FIFO
-    bool raw = false;         // values to write are as they lie, not scaled
+    bool raw = false;         // values, steps and limits are as they lie, not scaled
 };
 struct PulseOptions {
     std::optional<std::uint32_t> bit;

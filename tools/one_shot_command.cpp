@@ -6,6 +6,7 @@
 
 #include "client/frame.h"
 #include "client/one_shot.h"
+#include "tools/change_meaning.h"
 #include "tools/commands.h"
 #include "tools/printable.h"
 #include "tools/request_failure.h"
@@ -32,7 +33,8 @@ auto Checked(const std::string& what, Build build)
 
 int Failed(const std::string& what, const RequestFailure& failure)
 {
-    Complain(what + ": " + failure.sentence);
+    const bool either = failure.status == ExitComError;
+    Complain(what + ": " + failure.sentence + (either ? ", or the PLC refused: the service's log says which" : ""));
     return failure.status;
 }
 
@@ -99,10 +101,12 @@ int Write(const PortOptions& port, const OneShotOptions& options, const std::vec
 int Change(const PortOptions& port, const OneShotOptions& options, const voq::ChangeText& change)
 {
     const Target target = Resolve(port);
-    const voq::Register reg = ResolveRegister(target, options.what).reg;
-    RequireByteOrder(target, reg, options.what);
-    const voq::ChangeRequest request =
-        Checked(options.what, [&] { return voq::BuildChange(reg, ByteOrderOf(target, reg.key), change); });
+    const voq::DescribedRegister described = ResolveRegister(target, options.what);
+    RequireByteOrder(target, described.reg, options.what);
+    const std::uint16_t order = ByteOrderOf(target, described.reg.key);
+    const voq::ChangeRequest request = Checked(options.what, [&] {
+        return voq::BuildChange(described.reg, order, AsItLies(described, order, change, options.raw));
+    });
     return AskChange(target, port, options, 0, request, [&](const Bytes& value) {
         const std::uint16_t result = voq::RecordAt<std::uint16_t>(value, 0).value_or(0);
         const bool bounces = change.bounce || change.reversed;

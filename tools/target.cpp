@@ -77,7 +77,7 @@ Target Resolve(const PortOptions& options)
     } else if (target.project) {
         ResolveIndex(options, target);
     } else {
-        throw UsageError("which port? Give --port with --link, or --project with --index");
+        throw UsageError("which port? Give --project (and --index, when it has several ports), or --port (and --link)");
     }
     if (options.fifo != "gui" && options.fifo != "mek") {
         throw UsageError("--fifo: \"" + options.fifo + "\" is neither gui nor mek");

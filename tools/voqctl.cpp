@@ -253,12 +253,14 @@ void AddChanges(CLI::App& app, Options& options, Chosen& chosen)
         .add_option("operation", options.change.operation,
                     "add, sub, and, or, xor, not, toggle, set, clear, digit-up, digit-down, field")
         ->required();
-    change.add_option("operands", options.change.operands, "STEP, MASK, BIT, POSITION, or FIRST COUNT VALUE");
+    change.add_option("operands", options.change.operands,
+                      "STEP, MASK, BIT (number or name), POSITION, or FIRST COUNT VALUE");
     change.add_option("--min", options.change.minimum, "Lower limit of add and sub");
     change.add_option("--max", options.change.maximum, "Upper limit of add and sub");
     change.add_flag("--wrap", options.change.wrap, "Go on from the other limit");
     change.add_flag("--bounce", options.change.bounce, "Turn round at a limit");
     change.add_flag("--reversed", options.change.reversed, "Add as sub and the reverse, as a bounce left it");
+    change.add_flag("--raw", options.oneShot.raw, "Step and limits as they lie: no scale");
     change.callback([&] {
         chosen = {[&] { return Change(options.port, options.oneShot, options.change); }, ExitNegative};
     });

@@ -123,12 +123,13 @@ enum voq_option {
     VOQ_LOCK_MS = 2,     /* how long a locked file is waited for, 0 to 60000; at first 1000 */
     VOQ_INTERVAL_MS = 3, /* least time between two readings of the subscribed values, 0 to 60000; at first 0: whenever
                             the service has written. What changes twice meanwhile is told once */
-    VOQ_FIRST_NUMBER =
-        4, /* the range of request numbers to take from, 1 to 65535; at first 50000 to 59999. Before the */
-    VOQ_LAST_NUMBER = 5, /* first subscription or request only */
-    VOQ_GUI_FIFO = 6,    /* 1: requests go through the panel GUI's FIFO; at first 0. As above */
-    VOQ_ONLY_WRITER = 7  /* 1: nobody else writes into the FIFO, so that values above 4061 bytes can be written; at
-                            first 0 */
+    /* The range of request numbers to take from, 1 to 65535; at first 50000 to 59999. Before the first subscription or
+     * request only. */
+    VOQ_FIRST_NUMBER = 4,
+    VOQ_LAST_NUMBER = 5,
+    VOQ_GUI_FIFO = 6,   /* 1: requests go through the panel GUI's FIFO; at first 0. As above */
+    VOQ_ONLY_WRITER = 7 /* 1: nobody else writes into the FIFO, so that values above 4061 bytes can be written; at
+                           first 0 */
 };
 /* VOQ_INVALID for what is no option, or out of its range. */
 int voq_port_set(voq_port* port, enum voq_option option, long value);
@@ -242,10 +243,10 @@ enum voq_event_type {
     VOQ_CHANGED = 1,  /* range: its value, state or liveness is another than told before. Several changes between two
                          dispatches are one event, with the last value */
     VOQ_ANSWERED = 2, /* request: its result is there, that its time is over too */
-    VOQ_SERVICE_LOST =
-        3, /* the service has ended. What is under way is answered VOQ_NO_SERVICE; values stay, not live */
-    VOQ_SERVICE_BACK =
-        4, /* a service serves the port, for the first time or again: subscriptions have been made again */
+    /* The service has ended. What is under way is answered VOQ_NO_SERVICE; values stay, not live. */
+    VOQ_SERVICE_LOST = 3,
+    /* A service serves the port, for the first time or again: subscriptions have been made again. */
+    VOQ_SERVICE_BACK = 4,
     VOQ_LINK_CHANGED = 5 /* the link to the PLC began to fail, or does no longer: see voq_port_link */
 };
 struct voq_event {
@@ -271,7 +272,8 @@ int voq_read(voq_range* range, void* image, size_t size, int timeout_ms);
 /* Writes the whole range; `length` is voq_range_bytes. */
 int voq_write(voq_range* range, const void* image, size_t length, int timeout_ms);
 /* The same with numbers, one for each element: as voq_decode_doubles and voq_encode_doubles say. voq_read_values
- * returns how many elements it stored. */
+ * returns how many elements it stored. Numbers are as they lie in the PLC, without the scale and the limits of a
+ * description: voq_enter and voq_show have both. */
 int voq_read_values(voq_range* range, double* values, size_t count, int timeout_ms);
 int voq_write_values(voq_range* range, const double* values, size_t count, int timeout_ms);
 
@@ -282,7 +284,7 @@ int voq_write_values(voq_range* range, const double* values, size_t count, int t
  *     digit-up POSITION, digit-down POSITION            position 1 is the units digit
  *     field FIRST COUNT VALUE                           COUNT bits from bit FIRST on
  * `reversed` (may be NULL) becomes 1 when a bounce has turned the direction and the next step is to be made with
- * "reversed", else 0. */
+ * "reversed", else 0. Operands are as they lie: the description's scale and limits are not looked at. */
 int voq_change(voq_range* range, const char* change, int* reversed, int timeout_ms);
 /* Sets a bit to `value` and after 100 to 6553500 ms, in steps of 100, to the opposite; `bit` -1 is that of a single
  * bit. Answered when the bit is back: `timeout_ms` counts from there. */

@@ -4,6 +4,7 @@
 #include "client/description/description.h"
 #include "client/error.h"
 #include "client/value_text.h"
+#include "tools/change_meaning.h"
 #include "tools/project_check.h"
 #include "tools/project_csv.h"
 
@@ -112,6 +113,48 @@ TEST(Description, ValuesAsTheyMean)
                  voq::Error);
 }
 
+TEST(Description, NamesOfARowBesideThoseAround)
+{
+    const voq::Description text = voq::ParseDescription(
+        Port + "enum = ['off', 'on']\n" +
+            Block("{ name = 'a', address = 0 }, { name = 'b', address = 1, enum = ['no', 'yes'] },\n"
+                  "{ name = 'c', address = 2, bits = ['p', 'q'] }, { name = 'd', address = 3, text = 2 },\n") +
+            "[[block]]\nstation = 1\narea = 4\ntype = 'u16'\nbits = ['x', 'y']\nregisters = [\n"
+            "{ name = 'e', address = 10 }, { name = 'f', address = 11, enum = { 1 = 'one' } } ]\n",
+        "t");
+    const auto one = [&](const char* name) { return Shown(text, name, {'\0', 1}); };
+    EXPECT_EQ(one("a") + one("b") + one("c") + one("e") + one("f") + Shown(text, "d", {'h', 'i'}), "onyespxonehi");
+}
+
+// The change as it goes to the service: the operation, and step, minimum and maximum as they lie.
+std::string Lies(const voq::Description& text, const char* name, const char* change, bool raw = false)
+{
+    try {
+        const voq::ChangeText is = AsItLies(*text.Find(name), text.ByteOrderOf(1), voq::ParseChange(change), raw);
+        return is.operation + ' ' + is.operands[0] + ' ' + is.minimum.value_or("-") + ' ' + is.maximum.value_or("-");
+    } catch (const voq::Error& error) {
+        return error.what();
+    }
+}
+
+TEST(Description, ChangesAsTheyMean)
+{
+    const voq::Description text = voq::ParseDescription(
+        Port + Block("{ name = 'speed', address = 0, scale = 0.1, min = 0.05, max = 100 },\n"
+                     "{ name = 'turned', address = 1, scale = -0.5, offset = 10, min = -10, max = 5 },\n"
+                     "{ name = 'flow', address = 2, type = 'float', max = 1.5 },\n"
+                     "{ name = 'plain', address = 4, max = 70000 }, { name = 'word', address = 5, bits = ['p', 'q'] }"),
+        "t");
+    EXPECT_EQ(Lies(text, "speed", "add 5"), "add 50 1 1000");
+    EXPECT_EQ(Lies(text, "speed", "add 5 max 20.5"), "add 50 1 205");
+    EXPECT_EQ(Lies(text, "speed", "add 5 max 205", true), "add 5 1 205");
+    EXPECT_EQ(Lies(text, "speed", "sub 0.25"), "the step 0.25 is no multiple of 0.1");
+    EXPECT_EQ(Lies(text, "speed", "add 1 max 1001", true), "100.1 is above the maximum of 100");
+    EXPECT_EQ(Lies(text, "turned", "add 2 min 0"), "sub 4 10 20") << "a falling scale exchanges directions and limits";
+    EXPECT_EQ(Lies(text, "flow", "add 0.5") + ", " + Lies(text, "plain", "add 1"), "add 0.5 - 1.5, add 1 - -");
+    EXPECT_EQ(Lies(text, "word", "set q") + Lies(text, "word", "set r"), "set 1 - -\"r\" is no bit of the register");
+}
+
 TEST(Description, ChecksSayAllAtOnce)
 {
     const std::string rows =
@@ -132,9 +175,30 @@ TEST(Description, ChecksSayAllAtOnce)
               "15: \"f\": modbus_tcp: it ends beyond address 65535\n"
               "16: \"g\": no value of u16 is within min and max\n"
               "17: \"h\": enum: 70000 (x) does not fit u16\n"
-              "18: \"i\": modbus_tcp: bits are in areas 0 and 1\n"
+              "18: \"i\": modbus_tcp: bits are in areas 0 (coils) and 1 (discrete)\n"
               "19: type: \"u8\" is none of bit, u16, s16, u32, s32, float, double, raw:1 to raw:15\n"
               "19: unknown key \"nam\"\n");
+
+    const std::string odd =
+        "{ name = 'a', address = 1, min = -5 }, { name = 'b', address = 2, scale = 0.1, max = 7000 },\n"
+        "{ name = 'c', address = 10, type = 'u32' }, { name = 'd', address = 11, type = 'u32' }";
+    EXPECT_EQ(
+        Found(Port + Block(odd) + Block("{ name = 'p', address = 0 }", "port = 255\n")),
+        "10: warning: \"a\": min = -5 limits nothing, u16 holds 0 to 65535\n"
+        "10: warning: \"b\": max = 7000 limits nothing, u16 holds 0 to 6553.5\n"
+        "11: warning: \"c\" overlaps a part of an element of \"d\"\n"
+        "19: warning: \"p\": the panel's own registers have no area 4, but 253 (RW), 254 (LB), 255 (LW), 256 (SRW) "
+        "and 257 (SRB)\n");
+    EXPECT_EQ(
+        Found("[[port]]\nnumber = 255\ndriver = 'modbus_tcp'\naddress = 'plc.local'\nbaud = 9600\nword_limit = 1\n" +
+              Block("{ name = 'q', address = 1, address_bytes = 4 }")),
+        "1: port 255 stands for the panel's own registers: no register of a PLC can be of it\n"
+        "4: address: \"plc.local\" is not an IPv4 address\n"
+        "5: baud: is for serial and can ports, this one is ethernet\n"
+        "12: \"q\": word_limit = 1 elements are less than one address, 4 bytes: it is never read\n");
+    EXPECT_EQ(Found("[[port]]\nnumber = 1\ndriver = 'modbus_rtu'\nbaud = 9601\n[[register]]\nname = 'a'\nstation = "
+                    "0\narea = 4\ntype = 'u16'\naddress = 0\n"),
+              "1: warning: baud = 9601 is no usual speed of a line\n5: \"a\": modbus_rtu: stations are 1 to 247\n");
 
     const std::string slow = "[[port]]\nnumber = 1\nlink = 'can'\npacking = false\npause_ms = 200\n";
     const std::string four = "{ address = 1 }, { address = 2 }, { address = 3 }, { address = 4 }";
@@ -174,8 +238,9 @@ TEST(Description, MistakesOfForm)
         {"[[block]]\nstation = 1\n", "5: registers is missing\n"},
     };
     for (const auto& [text, found] : bad) EXPECT_EQ(Found(Port + text), found) << text;
-    EXPECT_TRUE(Found("[[port]]\nnumber = 1\ndriver = 'none'\nlink = 'can'\n")
-                    .starts_with("3: driver: there is no none.so in "));
+    const std::string none = Found("[[port]]\nnumber = 1\ndriver = 'none'\naddress = '10.0.0.1'\n");
+    EXPECT_TRUE(none.starts_with("3: driver: there is no none.so in ")) << none;
+    EXPECT_TRUE(none.find("(there is ") != none.npos && none.find("unknown key") == none.npos) << none;
 }
 
 std::string Imported(const std::string& csv, CsvAddresses addresses, voq::Remarks& remarks)
