@@ -43,7 +43,8 @@ class Meaning(NamedTuple):
 
 
 class Range:
-    """Made by port["..."]. An element is an int, a float or, of raw types, bytes; a value of one element is that element,
+    """Made by port["..."]. An element is an int, a float or, of raw types, bytes, as it lies in the PLC
+    (`text` and `enter` scale it and keep the description's limits); a value of one element is that element,
     of several a list."""
 
     def __init__(self, port: Port, text: str) -> None:
