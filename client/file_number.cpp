@@ -12,6 +12,7 @@
 
 #include "client/fifo.h"
 #include "client/frame.h"
+#include "client/kept_numbers.h"
 #include "voq/org_record.h"
 
 namespace voq
@@ -103,11 +104,13 @@ bool FileNumbers::Close(std::uint16_t number, const RegRequest& left) const
         const bool answered = unlink(port_.Result(number).c_str()) == 0;
         return answered || std::time(nullptr) - std::int64_t{left.orgoffset} > ClaimForgottenSeconds;
     }
+    const auto by = KeptNumbers(port_).LogOffBy(left.key, number, left.orgoffset);
+    if (!by) return true;
     try {
         // With any offset but 0 the service looks for the number alone, and counts nothing that a restart has
         // forgotten.
         const std::string fifo = left.subcmd == ClaimThroughGui ? port_.GuiFifo() : port_.MekFifo();
-        SendFrame(fifo, LogOffFrame(left.key, number, OrgFirstRecord), Writers::Several, std::chrono::milliseconds(0));
+        SendFrame(fifo, LogOffFrame(left.key, *by, OrgFirstRecord), Writers::Several, std::chrono::milliseconds(0));
         return true;
     } catch (const ServiceNotRunning&) {
         return true;

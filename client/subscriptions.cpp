@@ -35,14 +35,14 @@ auto Place(const RegKey& key)
     return std::make_tuple(GroupNumber(key), key.addr, key.width);
 }
 
-RegRequest LogOnNote(const Followed& followed, bool gui)
+RegRequest LogOnNote(const Followed& followed, bool gui, std::uint32_t sentTo)
 {
     RegRequest note = {};
     note.key = followed.key;
     note.cmd = static_cast<std::uint8_t>(RequestCommand::LogOn);
     note.subcmd = gui ? ClaimThroughGui : 0;
     note.fileno = followed.fileno;
-    note.orgoffset = followed.offset;
+    note.orgoffset = sentTo;
     return note;
 }
 
@@ -88,9 +88,7 @@ void Subscriptions::Remove(Range& range)
     std::erase(followed->ranges, &range);
     if (!followed->ranges.empty()) return;
     if (followed->loggedOn) {
-        RegRequest logOff = LogOnNote(*followed, gui_);
-        logOff.orgoffset = followed->loggedOnBy;
-        logOffs_.push_back(logOff);
+        logOffs_.push_back({followed->key, followed->fileno, followed->loggedOnBy, followed->loggedOnTo});
     } else {
         numbers_.GiveBack(followed->fileno);
     }
@@ -110,7 +108,7 @@ void Subscriptions::EndAll(std::chrono::milliseconds patience)
 
 void Subscriptions::ServiceGone()
 {
-    for (const RegRequest& logOff : logOffs_) numbers_.GiveBack(logOff.fileno);
+    for (const LogOff& logOff : logOffs_) numbers_.GiveBack(logOff.fileno);
     logOffs_.clear();
     toLogOn_ = !followed_.empty();
     for (const auto& each : followed_) {
@@ -130,13 +128,17 @@ void Subscriptions::Send(std::chrono::milliseconds patience)
 
 void Subscriptions::SendLogOffs(std::chrono::milliseconds patience)
 {
+    if (logOffs_.empty()) return;
+    const KeptNumbers kept(port_);
     while (!logOffs_.empty()) {
         const std::size_t count = std::min(logOffs_.size(), FramesAtOnce);
         Bytes frames;
         for (std::size_t i = 0; i < count; ++i) {
-            Append(frames, LogOffFrame(logOffs_[i].key, logOffs_[i].fileno, logOffs_[i].orgoffset));
+            const LogOff& each = logOffs_[i];
+            const auto by = kept.LogOffBy(each.key, each.fileno, each.loggedOnTo);
+            if (by) Append(frames, LogOffFrame(each.key, *by, each.loggedOnBy));
         }
-        SendFrame(fifo_, frames, Writers::Several, patience);
+        if (!frames.empty()) SendFrame(fifo_, frames, Writers::Several, patience);
         for (std::size_t i = 0; i < count; ++i) numbers_.GiveBack(logOffs_[i].fileno);
         logOffs_.erase(logOffs_.begin(), logOffs_.begin() + static_cast<std::ptrdiff_t>(count));
     }
@@ -160,11 +162,16 @@ void Subscriptions::PrepareLogOns()
 
 void Subscriptions::SendLogOns(std::chrono::milliseconds patience)
 {
+    const KeptNumbers kept(port_);
     Some batch;
     Bytes frames;
     const auto send = [&] {
         SendFrame(fifo_, frames, Writers::Several, patience);
-        for (Followed* each : batch) each->loggedOn = true;
+        for (Followed* each : batch) {
+            each->loggedOn = true;
+            each->loggedOnTo = kept.Service();
+            numbers_.Note(each->fileno, LogOnNote(*each, gui_, each->loggedOnTo));
+        }
         batch.clear();
         frames.clear();
     };
@@ -172,12 +179,24 @@ void Subscriptions::SendLogOns(std::chrono::milliseconds patience)
         if (each->loggedOn) continue;
         each->loggedOnBy = each->offset;
         if (each->offset == 0) each->before = {};
-        numbers_.Note(each->fileno, LogOnNote(*each, gui_));
+        TakeFreeNumber(*each, kept);
+        numbers_.Note(each->fileno, LogOnNote(*each, gui_, 0));
         Append(frames, LogOnFrame(each->key, each->fileno, each->offset));
         batch.push_back(each.get());
         if (batch.size() == FramesAtOnce) send();
     }
     if (!batch.empty()) send();
+}
+
+// A number that its client has given back is not free as long as the service keeps a range under it for other clients.
+void Subscriptions::TakeFreeNumber(Followed& followed, const KeptNumbers& kept)
+{
+    for (std::uint32_t tries = 0; kept.UsesForOther(followed.fileno, followed.key); ++tries) {
+        if (tries == StatsRanges) throw NoNumber("the service keeps a subscription under every request number");
+        const std::uint16_t next = numbers_.Next();
+        numbers_.GiveBack(followed.fileno);
+        followed.fileno = next;
+    }
 }
 
 // Compares the records that were not compared yet with everything that is not found. Records are only ever added behind

@@ -13,6 +13,7 @@
 #include "client/bytes.h"
 #include "client/file_number.h"
 #include "client/gather.h"
+#include "client/kept_numbers.h"
 #include "client/port_dir.h"
 #include "voq/org_record.h"
 
@@ -45,6 +46,7 @@ struct Followed {
     std::uint16_t fileno = 0;
     bool loggedOn = false;
     std::uint32_t loggedOnBy = 0;  // record offset that the log-on named, 0 for none
+    std::uint32_t loggedOnTo = 0;  // see KeptNumbers::Service
     Stamp before = {};             // of the record at the log-on
 };
 
@@ -71,7 +73,7 @@ public:
     // Something is to be sent.
     bool Waiting() const { return toLogOn_ || !logOffs_.empty(); }
     // Looks up the records of what is to be logged on, and sends what waits. Throws FifoFull when it still waits then,
-    // ServiceNotRunning, LockHeld or Error.
+    // ServiceNotRunning, LockHeld, NoNumber or Error.
     void Send(std::chrono::milliseconds patience);
 
     // Reads what the service has written. Throws LockHeld or Error: what was not read is read by the next call.
@@ -79,10 +81,16 @@ public:
 
 private:
     using Some = std::vector<Followed*>;
+    struct LogOff {
+        RegKey key;
+        std::uint16_t fileno;
+        std::uint32_t loggedOnBy, loggedOnTo;
+    };
 
     void SendLogOffs(std::chrono::milliseconds patience);
     void SendLogOns(std::chrono::milliseconds patience);
     void PrepareLogOns();
+    void TakeFreeNumber(Followed& followed, const KeptNumbers& kept);
     void LookUp();
     void ReadRecords(const Some& which, std::vector<OrgNode>& nodes);
     void ReadValues(const Some& which, const std::vector<OrgNode>& nodes);
@@ -95,7 +103,7 @@ private:
     std::string fifo_;
     Changed changed_;
     std::vector<std::unique_ptr<Followed>> followed_;
-    std::vector<RegRequest> logOffs_;
+    std::vector<LogOff> logOffs_;
     bool toLogOn_ = false;
     std::uint64_t compared_ = 0;  // bytes of the org file that everything not found was compared with
     Gather records_, values_;     // these are members so that a round allocates nothing

@@ -55,7 +55,7 @@ def test_org_list_cadence(start):
         service.send(log_on(keys[0], 9, 12) * more)
         wait_for(lambda: service.peek("LogOnAmount") == logged_on + more, "log-ons")
         service.send(log_off(keys[0], 9, 12) * more, "mek")
-        wait_for(lambda: service.peek("OrgFastListHead") & 0xFFFF == 0, "no polling")
+        wait_for(lambda: service.subscribed() == 0, "no polling")
 
     def runs_every(divisor, amount=45):
         first, seen = more_turns(amount)

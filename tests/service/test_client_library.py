@@ -12,6 +12,7 @@ import threading
 import time
 
 import pytest
+from test_stats import Stats
 from voqtest import ALWAYS, ARM, BUILD, SANITIZER, SLOW, Key, com_info, frame, log_on, program, wait_for
 
 if not (SANITIZER or ARM):
@@ -54,10 +55,6 @@ def kinds(port, wanted):
     return seen
 
 
-def subscribed(service):
-    return service.peek("OrgFastListHead") & 0xFFFF
-
-
 @PYTHON
 def test_values_follow_and_one_shots(start):
     service = start(com_info(pause=1))
@@ -84,7 +81,7 @@ def test_values_follow_and_one_shots(start):
         assert status["running"] == 1 and status["subscribed"] == 1 and status["under_way"] == 0
         level.unsubscribe()
         assert level.reading is None and other.reading.live
-    wait_for(lambda: subscribed(service) == 0, "the log-off")
+    wait_for(lambda: service.subscribed() == 0, "the log-off")
     with pytest.raises(voq.InvalidError, match="closed"):
         level.read()
     with pytest.raises(voq.NoPortError):
@@ -126,7 +123,7 @@ def test_service_that_fails_and_restarts(start):
         assert kinds(port, "service_back")[-1] == "service_back"
         live(level)
         assert port.status()["restarts"] == 1
-    wait_for(lambda: subscribed(service) == 0, "the log-off")
+    wait_for(lambda: service.subscribed() == 0, "the log-off")
 
 
 def locked_numbers():
@@ -169,16 +166,23 @@ def test_held_lock_and_full_fifo(start):
         live(late)
 
 
-@PYTHON
-def test_numbers_are_claimed_and_given_back(start):
-    service = start(com_info(pause=1))
-    few = {"first_number": 700, "last_number": 701}
-    script = ("import os, voq\nport = voq.Port('/u/com_1', byte_order=0, first_number=700, last_number=701)\n"
+def subscriber(first, last):
+    """A process that has subscribed LEVEL by a number from `first` to `last`."""
+    script = (f"import voq\nport = voq.Port('{PLACE}', byte_order=0, first_number={first}, last_number={last})\n"
               f"r = port['{LEVEL}'].subscribe()\nwhile not r.reading.live: port.poll(1)\nprint('live', flush=True)\n")
     environment = {**os.environ, "PYTHONPATH": "/co/client/python"}
     child = subprocess.Popen([sys.executable, "-c", script + "input()"], env=environment, text=True,
                              stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-    assert child.stdout.readline() == "live\n" and subscribed(service) == 1
+    assert child.stdout.readline() == "live\n"
+    return child
+
+
+@PYTHON
+def test_numbers_are_claimed_and_given_back(start):
+    service = start(com_info(pause=1))
+    few = {"first_number": 700, "last_number": 701}
+    child = subscriber(700, 701)
+    assert service.subscribed() == 1
     with opened(**few) as port:
         port["s1:a1:u16@50,priority=1"].subscribe()
         with pytest.raises(voq.Error, match="no request number from 700 to 701 is free") as raised:
@@ -187,8 +191,8 @@ def test_numbers_are_claimed_and_given_back(start):
         child.kill()
         child.wait()
         port["s1:a1:u16@60"].read()  # by the number of the dead
-        wait_for(lambda: subscribed(service) == 1, "the subscription of the dead ended")
-    wait_for(lambda: subscribed(service) == 0, "the log-off")
+        wait_for(lambda: service.subscribed() == 1, "the subscription of the dead ended")
+    wait_for(lambda: service.subscribed() == 0, "the log-off")
 
     # What is done in a child process is nothing to the parent's port.
     with opened(**few) as port:
@@ -199,14 +203,52 @@ def test_numbers_are_claimed_and_given_back(start):
             code = _library.library.port_dispatch(port._handle)
             port.close()
             os._exit(0 if code == _library.FORKED else 1)
-        assert os.waitpid(child, 0)[1] == 0 and subscribed(service) == 1 and len(locked_numbers()) == 1
+        assert os.waitpid(child, 0)[1] == 0 and service.subscribed() == 1 and len(locked_numbers()) == 1
         stamp = level.reading.stamp
         wait_for(lambda: port.poll(0.1) is not None and level.reading.stamp > stamp, "the next value")
 
 
 @PYTHON
+def test_clients_share_a_range(start):
+    """Each log-off takes one subscription away, whoever made the entry, and none that is not its own."""
+    service = start(com_info(pause=1))
+
+    def shared_by(count):
+        wait_for(lambda: Stats(service).ranges().get(0, (0,))[0] == count, f"{count} log-ons")
+
+    children = [subscriber(700, 700)]
+    with opened(first_number=701, last_number=701) as second:
+        live(second[LEVEL].subscribe())
+        children.append(subscriber(702, 702))
+        shared_by(3)
+        for child in children:
+            child.kill()
+            child.wait()
+        with opened(first_number=700, last_number=702) as third:
+            third["s1:a1:u16@50"].read()  # by a number of the dead, who are logged off
+        shared_by(1)
+        # The service keeps the range under 700 still.
+        with opened(first_number=700, last_number=700) as third, pytest.raises(voq.Error, match="no request number"):
+            third["s1:a1:u16@50"].subscribe()
+            third.poll(5)
+    shared_by(0)
+
+    # A client that slept through a restart has nothing to log off.
+    with opened() as awake, opened() as asleep:
+        for port in (awake, asleep):
+            live(port[LEVEL].subscribe())
+        service.stop()
+        service = start(com_info(pause=1))
+        live(awake[LEVEL].subscribe())
+        asleep.close()
+        awake["s1:a1:u16@50"].read()  # is taken after whatever that one sent
+        shared_by(1)
+
+
+@PYTHON
 def test_asyncio(start):
     service = start(com_info(pause=1))
+    service.send(b"", "mek")
 
     async def main(port):
         level = port[LEVEL].subscribe()
@@ -234,7 +276,7 @@ def test_threads_with_ports_of_their_own(start):
     service = start(com_info(pause=1))
     assert exercise("threads", PLACE, 2) == "done\n"
     if not (SANITIZER or ARM):
-        wait_for(lambda: subscribed(service) == 0, "all log-offs")
+        wait_for(lambda: service.subscribed() == 0, "all log-offs")
         records = (_library.ErrorRecord, _library.EventRecord, _library.ReadingRecord, _library.MeaningRecord,
                    _library.StatusRecord, _library.CallsRecord, _library.StatisticsRecord)
         assert exercise("sizes").split() == [str(ctypes.sizeof(record)) for record in records]

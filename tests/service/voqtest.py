@@ -330,6 +330,10 @@ class Service:
         with open(f"/proc/{self.process.pid}/mem", "rb", 0) as memory:
             return struct.unpack("<i", os.pread(memory.fileno(), 4, int(base, 16) + symbols()[name]))[0]
 
+    def subscribed(self):
+        """The ranges that clients are subscribed to."""
+        return self.peek("OrgFastListHead") & 0xFFFF
+
     def trim_output(self):
         if self.out_path.stat().st_size > 50_000_000:
             os.truncate(self.out_path, 0)
