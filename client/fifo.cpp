@@ -103,10 +103,15 @@ void SendFrame(const std::string& fifo, std::span<const std::uint8_t> frame, Wri
     close(fd);
 }
 
+void RequireReader(const std::string& fifo)
+{
+    close(OpenFifo(fifo));
+}
+
 bool FifoHasReader(const std::string& fifo)
 {
     try {
-        close(OpenFifo(fifo));
+        RequireReader(fifo);
         return true;
     } catch (const ServiceNotRunning&) {
         return false;

@@ -34,6 +34,8 @@ inline constexpr std::chrono::milliseconds FifoPatience{5000};
 void SendFrame(const std::string& fifo, std::span<const std::uint8_t> frame, Writers writers = Writers::Several,
                std::chrono::milliseconds patience = FifoPatience);
 
+// Throws ServiceNotRunning when nobody reads the FIFO, or Error.
+void RequireReader(const std::string& fifo);
 // True when a process has the FIFO open for reading. False also when there is no FIFO.
 bool FifoHasReader(const std::string& fifo);
 

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "client/locked_file.h"
+#include "client/remover.h"
 
 namespace voq
 {
@@ -101,9 +102,8 @@ void Port::Ask(Asked& asked, const Requests::BuildFrame& build, const Begin& how
 {
     const LockPatience patience(settings_.lockPatience);
     Start();
-    const std::string fifo = settings_.throughGui ? directory_.GuiFifo() : directory_.MekFifo();
     watch_.WatchAnswers(true);
-    requests_->Begin(asked, build, {fifo, settings_.writers, how.patience}, how.deadline);
+    requests_->Begin(asked, build, {Fifo(), settings_.writers, how.patience}, how.deadline);
     if (how.quiet) quiet_ = &asked;
     Plan();
 }
@@ -113,6 +113,13 @@ void Port::GiveUp(Asked& asked)
     Drop(nullptr, &asked);
     if (quiet_ == &asked) quiet_ = nullptr;
     if (requests_) requests_->GiveUp(asked);
+}
+
+int Port::LeaveRemover(milliseconds atMost)
+{
+    Start();
+    requests_->GiveUpAll();
+    return voq::LeaveRemover(*requests_, *numbers_, Fifo(), atMost);
 }
 
 void Port::Drop(const Range* range, const Asked* asked)
@@ -162,8 +169,7 @@ void Port::Dispatch()
 // Whether a service serves the port, and whether it is the one that did.
 void Port::LookAtPort(bool lockGivenUp)
 {
-    const std::string fifo = settings_.throughGui ? directory_.GuiFifo() : directory_.MekFifo();
-    const ServiceLook look = LookAtService(directory_, fifo);
+    const ServiceLook look = LookAtService(directory_, Fifo());
     // A process that is not known by its number is another one when the lock was given up meanwhile.
     const bool known = look.process != 0 && service_.process != 0;
     const bool same = known ? look.SameAs(service_) : look.running && service_.running && !lockGivenUp;

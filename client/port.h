@@ -68,6 +68,9 @@ public:
     };
     void Ask(Asked& asked, const Requests::BuildFrame& build, const Begin& how);
     void GiveUp(Asked& asked);
+    // Gives everything up that is under way, and leaves a process behind that removes the answers when they come, as
+    // remover.h says. Returns its id.
+    int LeaveRemover(std::chrono::milliseconds atMost);
     std::size_t UnderWay() const { return requests_ ? requests_->UnderWay() : 0; }
 
     // For poll (POLLIN): something is to be dispatched.
@@ -91,6 +94,7 @@ public:
     void Abandon();
 
 private:
+    std::string Fifo() const { return settings_.throughGui ? directory_.GuiFifo() : directory_.MekFifo(); }
     void Start();
     void LookAtPort(bool lockGivenUp);
     void LookAtLink();

@@ -5,11 +5,11 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <ctime>
 #include <utility>
 #include <vector>
 
 #include "client/frame.h"
-#include "client/one_shot.h"
 #include "client/result_file.h"
 
 namespace voq
@@ -32,6 +32,14 @@ Outcome OutcomeOf(const ResultFile& result)
     }
 }
 
+// What is noted of a one-shot's number: its request, with the time.
+RegRequest NoteOf(std::span<const std::uint8_t> frame)
+{
+    RegRequest request = RecordAt<RegRequest>(frame, FrameHeaderBytes).value_or(RegRequest{});
+    request.orgoffset = static_cast<std::uint32_t>(std::time(nullptr));
+    return request;
+}
+
 }  // namespace
 
 Requests::Requests(const PortDir& port, FileNumbers& numbers, Answered answered)
@@ -50,7 +58,7 @@ void Requests::Begin(Asked& asked, const BuildFrame& build, const Way& way, Cloc
         const Bytes frame = build(number);
         const auto at = entries_.insert({number, {&asked, *RecordAt<RegKey>(frame, FrameHeaderBytes), deadline}}).first;
         try {
-            numbers_.Note(number, OneShotNote(frame));
+            numbers_.Note(number, NoteOf(frame));
             SendFrame(way.fifo, frame, way.writers, way.patience);
         } catch (...) {
             entries_.erase(at);
@@ -61,6 +69,7 @@ void Requests::Begin(Asked& asked, const BuildFrame& build, const Way& way, Cloc
         throw;
     }
     asked.outcome = Outcome::Pending;
+    asked.result = 0;
     asked.fileno = number;
 }
 
@@ -68,6 +77,11 @@ void Requests::GiveUp(Asked& asked)
 {
     const auto at = entries_.find(asked.fileno);
     if (at != entries_.end() && at->second.asked == &asked) at->second.asked = nullptr;
+}
+
+void Requests::GiveUpAll()
+{
+    for (auto& [number, entry] : entries_) entry.asked = nullptr;
 }
 
 void Requests::End(Entry& entry, Outcome outcome)
@@ -92,6 +106,7 @@ bool Requests::Fetch(std::uint16_t number)
     if (entry.asked == nullptr) return true;
     const bool own = std::memcmp(&entry.key, &result->item.key, sizeof entry.key) == 0;
     if (!own) entry.asked->damage = "the answer is that of another client, which uses the same request number";
+    entry.asked->result = result->item.result;
     entry.asked->value = std::move(result->value);
     End(entry, own ? OutcomeOf(*result) : Outcome::PlcError);
     return true;
@@ -124,6 +139,7 @@ void Requests::ServiceGone()
     Entries ended;
     ended.swap(entries_);
     for (auto& [number, entry] : ended) {
+        RemoveResult(port_, number);  // one that was cut short
         numbers_.GiveBack(number);
         End(entry, Outcome::NoService);
     }

@@ -32,6 +32,7 @@ enum class Outcome : std::uint8_t {
 struct Asked {
     Outcome outcome = Outcome::Pending;
     Bytes value;              // of a read that is done: the value; of a change: its two result bytes
+    int result = 0;           // of the answer, as the service gave it; 0 without one
     std::string damage = {};  // why an answer could not be used; then the outcome is PlcError
     std::uint16_t fileno = 0;
 };
@@ -55,6 +56,7 @@ public:
     void Begin(Asked& asked, const BuildFrame& build, const Way& way, Clock::time_point deadline);
     // Nobody wants the answer any more; of one that is answered, nothing.
     void GiveUp(Asked& asked);
+    void GiveUpAll();
 
     // Fetches answers: of these numbers, or all that are there. Throws LockHeld or Error.
     void Collect(std::span<const std::uint16_t> numbers);

@@ -1,9 +1,7 @@
 // The answer to a one-shot request: a file in the port's directory, named by the request number.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
-#include <functional>
 #include <optional>
 
 #include "client/bytes.h"
@@ -20,11 +18,6 @@ struct ResultFile {
 
 // The answer, or nothing while it is missing or shorter than its head (the service has created but not yet filled it).
 std::optional<ResultFile> ReadResult(const PortDir& port, std::uint16_t fileno);
-
-// Polls for the answer until it is there, the time is over, or `stopped` says so. The file stays; RemoveResult frees
-// the number.
-std::optional<ResultFile> WaitResult(const PortDir& port, std::uint16_t fileno, std::chrono::milliseconds timeout,
-                                     const std::function<bool()>& stopped = {});
 
 // True for the answer to a request that the service never listed: it stands in no list, not even as the last one.
 inline bool WasRefused(const ResultFile& result)

@@ -1,19 +1,15 @@
 // "voqctl write", "change" and "pulse": one request each, and its answer as a sentence and an exit status.
 // Main thread; whatever ends the waiting, the answer's file does not stay.
-#include <chrono>
 #include <cstdio>
 #include <functional>
 
 #include "client/frame.h"
-#include "client/one_shot.h"
+#include "tools/ask.h"
 #include "tools/change_meaning.h"
 #include "tools/commands.h"
 #include "tools/printable.h"
-#include "tools/request_failure.h"
 #include "tools/stop.h"
 #include "voq/chg_desc.h"
-#include "voq/reg_range.h"
-#include "voq/rt_item.h"
 
 namespace
 {
@@ -31,42 +27,24 @@ auto Checked(const std::string& what, Build build)
     }
 }
 
-int Failed(const std::string& what, const RequestFailure& failure)
-{
-    const bool either = failure.status == ExitComError;
-    Complain(what + ": " + failure.sentence + (either ? ", or the PLC refused: the service's log says which" : ""));
-    return failure.status;
-}
-
-int Unanswered(const Target& target, const OneShotOptions& options, const voq::OneShot& request)
-{
-    RequestFailure failure = UnansweredFailure(request.timeout.count());
-    failure.sentence += LeftToRemover(target.port, {&request, 1}, options.times.graceSeconds);
-    return Failed(options.what, failure);
-}
-
-using BuildFrame = std::function<Bytes(std::uint16_t fileno)>;
 using Succeed = std::function<void(const Bytes& value)>;
 
 int AskService(const Target& target, const PortOptions& port, const OneShotOptions& options, double moreSeconds,
-               const BuildFrame& build, const Succeed& succeed)
+               const voq::Requests::BuildFrame& build, const Succeed& succeed)
 {
-    voq::FileNumbers numbers(target.port, port.numbers);
-    voq::OneShot request{.fifo = target.fifo, .numbers = &numbers, .fileno = numbers.Next()};
-    request.frame = Checked(options.what, [&] { return build(request.fileno); });
-    request.writers = options.onlyWriter ? voq::Writers::OnlyThis : voq::Writers::Several;
-    request.timeout = Milliseconds(options.times.timeoutSeconds + moreSeconds);
-    request.stopped = [] { return Stopped != 0; };
+    Checked(options.what, [&] { return build(0); });
     CatchSignals();
-    try {
-        const auto result = voq::Ask(target.port, request);
-        if (!result) return Unanswered(target, options, request);
-        if (result->item.result != PLC_SUCCESS) return Failed(options.what, FailureOf(*result));
-        succeed(result->value);
+    AskOptions how{options.times, options.onlyWriter};
+    how.times.timeoutSeconds += moreSeconds;
+    const Answer answer = Ask(target, port, how, {build}).front();
+    if (!answer.failure) {
+        succeed(answer.value);
         return ExitOk;
-    } catch (const voq::ServiceNotRunning& error) {
-        return Failed(options.what, {ExitNotRunning, "no service", error.what()});
     }
+    const bool either = answer.failure->status == ExitComError;
+    Complain(options.what + ": " + answer.failure->sentence +
+             (either ? ", or the PLC refused: the service's log says which" : ""));
+    return answer.failure->status;
 }
 
 int AskChange(const Target& target, const PortOptions& port, const OneShotOptions& options, double moreSeconds,

@@ -1,14 +1,14 @@
 // "voqctl project diff" and "voqctl project apply". Main thread.
-#include <unistd.h>
-
 #include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <cstdio>
+#include <span>
 
-#include "client/clock.h"
 #include "client/fifo.h"
-#include "client/frame.h"
 #include "client/locked_file.h"
 #include "tools/commands.h"
+#include "tools/port.h"
 #include "tools/printable.h"
 #include "tools/project_diff.h"
 #include "tools/stop.h"
@@ -16,8 +16,7 @@
 namespace
 {
 
-constexpr std::size_t AtOnce = 50;  // log-ons between two looks
-constexpr unsigned LookMicroseconds = 20 * 1000;
+constexpr std::size_t AtOnce = 50;  // log-ons before what is registered is told
 
 voq::OrgImage ReadOrg(const voq::PortDir& port)
 {
@@ -91,63 +90,46 @@ void PrintSettings(bool known, const std::vector<std::string>& lines)
     if (!known) std::printf("port settings not compared: give --running with the project file of the service\n");
 }
 
-// Logs ranges on and off again, so that the service makes their records.
-class Registration
+// Logs some ranges on until the service has made their records, or the time is over. Those in time are printed. Returns
+// how many were not.
+std::size_t RegisterSome(const Target& target, const PortOptions& options,
+                         std::span<const voq::DescribedRegister* const> regs, voq::Port::Clock::time_point until)
 {
-public:
-    Registration(const Target& target, voq::FileNumberRange numbers) : target_(target), numbers_(target.port, numbers)
-    {
+    std::vector<voq::Range> ranges(regs.size());
+    const auto port = OpenPort(target, options);
+    for (std::size_t i = 0; i < regs.size(); ++i) {
+        ranges[i].key = regs[i]->reg.key;
+        port->Subscribe(ranges[i]);
     }
-
-    void LogOn(const voq::DescribedRegister& reg)
-    {
-        const std::uint16_t fileno = numbers_.Next();
-        voq::SendFrame(target_.fifo, voq::LogOnFrame(reg.reg.key, fileno));
-        waiting_.push_back({&reg, fileno});
+    const auto there = [](const voq::Range& range) { return range.followed->state != voq::StateUnknown; };
+    while (!std::all_of(ranges.begin(), ranges.end(), there) && Stopped == 0 && voq::Port::Clock::now() < until) {
+        Await(*port, until);
+        if (!port->Running()) voq::RequireReader(target.fifo);
+        while (port->NextEvent()) continue;
     }
-
-    // Waits until the records are there; those in time are printed and logged off. Returns how many were not.
-    std::size_t Finish(std::int64_t until)
-    {
-        std::size_t late = 0;
-        for (const Waiting& each : waiting_) {
-            while (voq::FindRange(target_.port, each.reg->reg.key) == 0 && Stopped == 0 &&
-                   voq::NowMicroseconds() < until) {
-                usleep(LookMicroseconds);
-            }
-            const bool there = voq::FindRange(target_.port, each.reg->reg.key) != 0;
-            voq::SendFrame(target_.fifo, voq::LogOffFrame(each.reg->reg.key, each.fileno));
-            if (there) std::printf("+ %s\n", Name(*each.reg).c_str());
-            if (!there) Complain(Name(*each.reg) + ": not registered in time");
-            late += there ? 0 : 1;
+    std::size_t late = 0;
+    for (std::size_t i = 0; i < regs.size(); ++i) {
+        if (there(ranges[i])) {
+            std::printf("+ %s\n", Name(*regs[i]).c_str());
+            continue;
         }
-        waiting_.clear();
-        return late;
+        Complain(Name(*regs[i]) + ": not registered in time");
+        ++late;
     }
-
-private:
-    struct Waiting {
-        const voq::DescribedRegister* reg;
-        std::uint16_t fileno;
-    };
-    const Target& target_;
-    voq::FileNumbers numbers_;
-    std::vector<Waiting> waiting_;
-};
+    return late;
+}
 
 std::size_t Register(const Target& target, const PortOptions& options, const ProjectDifference& difference,
                      double timeoutSeconds)
 {
-    const std::int64_t until = voq::NowMicroseconds() + static_cast<std::int64_t>(timeoutSeconds * 1e6);
-    std::size_t late = 0;
-    for (std::size_t at = 0; at < difference.added.size() && late == 0; at += AtOnce) {
-        Registration registration(target, options.numbers);
-        const std::size_t end = std::min(at + AtOnce, difference.added.size());
-        for (std::size_t i = at; i < end; ++i) registration.LogOn(*difference.added[i]);
-        late = registration.Finish(until);
-        if (late != 0) late += difference.added.size() - end;
+    const auto until = voq::Port::Clock::now() + std::chrono::microseconds(std::llround(timeoutSeconds * 1e6));
+    const std::span added(difference.added);
+    for (std::size_t at = 0; at < added.size(); at += AtOnce) {
+        const auto some = added.subspan(at, std::min(AtOnce, added.size() - at));
+        const std::size_t late = RegisterSome(target, options, some, until);
+        if (late != 0) return late + added.size() - at - some.size();
     }
-    return late;
+    return 0;
 }
 
 }  // namespace

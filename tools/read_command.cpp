@@ -2,34 +2,54 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "client/frame.h"
+#include "tools/ask.h"
 #include "tools/commands.h"
 #include "tools/orders.h"
 #include "tools/printable.h"
 #include "tools/range_rows.h"
-#include "tools/read_batch.h"
 #include "tools/stop.h"
+#include "voq/reg_range.h"
 
 namespace
 {
 
-void PrintRow(RowWriter& rows, const Selected& range, const ReadAnswer& answer, bool orders)
+void PrintRow(RowWriter& rows, const Selected& range, const Answer& answer, bool orders)
 {
     RangeState state{answer.failure ? answer.failure->state : "ok", answer.at, {}, {}};
-    if (answer.value) {
+    if (!answer.failure) {
         state.stamp = answer.at;
-        state.value = *answer.value;
+        state.value = answer.value;
     }
     Row row = RangeRow(range, state);
     if (orders) AddOrders(row, range, state.value);
     rows.Write(row);
 }
 
-void PrintText(const Selected& range, const ReadAnswer& answer, const OutputOptions& output, bool named)
+void PrintText(const Selected& range, const Answer& answer, const OutputOptions& output, bool named)
 {
-    if (!answer.value) return;
+    if (answer.failure) return;
     if (output.iso) std::printf("%s\t", IsoTime(answer.at).c_str());
     if (named) std::printf("%s\t", Printable(range.name).c_str());
-    std::printf("%s\n", ShownText(range, *answer.value, output).c_str());
+    std::printf("%s\n", ShownText(range, answer.value, output).c_str());
+}
+
+std::vector<Answer> ReadAll(const Target& target, const PortOptions& port, const RequestTimes& times,
+                            const std::vector<Selected>& ranges)
+{
+    std::vector<voq::Requests::BuildFrame> reads;
+    for (const Selected& range : ranges) {
+        reads.emplace_back([&range](std::uint16_t fileno) { return voq::ReadFrame(range.reg.key, fileno); });
+    }
+    std::vector<Answer> answers = Ask(target, port, {.times = times, .progress = "read: ranges"}, reads);
+    for (std::size_t i = 0; i < ranges.size(); ++i) {
+        const std::uint32_t length = GetRegBuffLen(&ranges[i].reg.key);
+        if (answers[i].failure || answers[i].value.size() == length) continue;
+        answers[i].failure = {
+            ExitNegative, "error",
+            "the answer holds " + std::to_string(answers[i].value.size()) + " bytes of " + std::to_string(length)};
+    }
+    return answers;
 }
 
 }  // namespace
@@ -45,14 +65,14 @@ int Read(const PortOptions& port, const ReadOptions& read, const OutputOptions& 
         NoteByteOrder();
     }
     CatchSignals();
-    const std::vector<ReadAnswer> answers = ReadTogether(target, port.numbers, read.times, ranges);
+    const std::vector<Answer> answers = ReadAll(target, port, read.times, ranges);
     RowWriter rows(output.rows);
     int status = ExitOk;
     for (std::size_t i = 0; i < ranges.size(); ++i) {
         if (output.rows != RowForm::None) {
             PrintRow(rows, ranges[i], answers[i], read.orders);
-        } else if (read.orders && answers[i].value) {
-            PrintOrders(ranges[i], *answers[i].value);
+        } else if (read.orders && !answers[i].failure) {
+            PrintOrders(ranges[i], answers[i].value);
         } else {
             PrintText(ranges[i], answers[i], output, !NamesOne(read.select));
         }

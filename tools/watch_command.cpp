@@ -12,22 +12,21 @@
 #include "client/clock.h"
 #include "client/database.h"
 #include "client/fifo.h"
-#include "client/frame.h"
 #include "client/value_text.h"
 #include "tools/commands.h"
 #include "tools/plot.h"
+#include "tools/port.h"
 #include "tools/printable.h"
 #include "tools/range_rows.h"
 #include "tools/stop.h"
 #include "tools/watch_screen.h"
 #include "voq/reg_range.h"
+#include "voq/rt_item.h"
 
 namespace
 {
 
 using Clock = std::chrono::steady_clock;
-
-constexpr std::int64_t MostAsleep = 200'000'000;  // nanoseconds
 
 constexpr std::size_t MostCurves = 4;
 constexpr std::chrono::milliseconds CurvesApart{200};  // a terminal need not follow every reading
@@ -44,123 +43,42 @@ struct Shown {
 
 struct Watched {
     Selected range;
-    std::optional<std::size_t> sharedWith;  // a watched range before it that is the same one under another name
-    std::uint16_t fileno = 0;
-    std::uint32_t offset = 0;     // of its record, 0 until found
-    std::int64_t loggedOnAt = 0;  // microseconds; 0 while not logged on
-    std::int64_t lastLive = 0;    // stamp of the last live value counted
+    voq::Range followed = {};
+    std::int64_t counted = 0;  // stamp of the last live value that was
     unsigned liveCount = 0;
-    std::optional<Shown> printed;
-    std::optional<PlotHistory> history;
+    std::optional<Shown> printed = {};
+    std::optional<PlotHistory> history = {};
 };
 
 std::vector<Watched> Resolve(const Target& target, const SelectOptions& select)
 {
     std::vector<Watched> ranges;
     for (Selected& selected : Select(target, select)) {
-        Watched range = {std::move(selected), {}, 0, 0, 0, 0, 0, {}, {}};
         const auto same = std::find_if(ranges.begin(), ranges.end(), [&](const Watched& other) {
-            return SameRange(other.range.reg.key, range.range.reg.key);
+            return SameRange(other.followed.key, selected.reg.key);
         });
-        if (same != ranges.end()) range.sharedWith = static_cast<std::size_t>(same - ranges.begin());
-        const bool asked = std::find(select.what.begin(), select.what.end(), range.range.name) != select.what.end();
-        if (range.sharedWith && asked) {
-            throw UsageError(same->range.name + " and " + range.range.name + " are the same range");
+        const bool asked = std::find(select.what.begin(), select.what.end(), selected.name) != select.what.end();
+        if (same != ranges.end() && asked) {
+            throw UsageError(same->range.name + " and " + selected.name + " are the same range");
         }
-        ranges.push_back(std::move(range));
+        const RegKey key = selected.reg.key;
+        ranges.push_back({.range = std::move(selected), .followed = {.key = key}});
     }
     return ranges;
 }
 
-// The subscriptions, one for each range: the service would keep one entry for two, and the second log-off would not
-// find it. Going out of scope ends those that were made.
-class Subscriptions
-{
-public:
-    Subscriptions(const Target& target, std::vector<Watched>& ranges, voq::FileNumberRange numbers)
-        : target_(target), ranges_(ranges), numbers_(target.port, numbers)
-    {
-    }
-    ~Subscriptions()
-    {
-        for (Watched& range : ranges_) {
-            if (range.loggedOnAt == 0 || range.sharedWith) continue;
-            try {
-                voq::SendFrame(target_.fifo, voq::LogOffFrame(range.range.reg.key, range.fileno));
-                numbers_.GiveBack(range.fileno);
-            } catch (const std::exception& error) {
-                Complain(range.range.name + " is still logged on: " + error.what());
-            }
-        }
-    }
-    Subscriptions(const Subscriptions&) = delete;
-    Subscriptions& operator=(const Subscriptions&) = delete;
-
-    void Begin()
-    {
-        for (Watched& range : ranges_) {
-            if (!range.sharedWith) range.fileno = numbers_.Next();
-        }
-        LogOn();
-    }
-
-    // A service that has ended forgot its subscriptions: they are made again when it is back. False while it is away.
-    bool Keep()
-    {
-        if (!voq::FifoHasReader(target_.fifo)) {
-            for (Watched& range : ranges_) range.loggedOnAt = 0;
-            return false;
-        }
-        try {
-            LogOn();
-            return true;
-        } catch (const voq::ServiceNotRunning&) {
-            return false;
-        }
-    }
-
-private:
-    void LogOn()
-    {
-        for (Watched& range : ranges_) {
-            if (range.loggedOnAt != 0) continue;
-            const std::int64_t now = voq::NowMicroseconds();
-            if (!range.sharedWith) LogOn(range);
-            range.loggedOnAt = range.sharedWith ? ranges_[*range.sharedWith].loggedOnAt : now;
-        }
-    }
-
-    void LogOn(const Watched& range)
-    {
-        const voq::Bytes frame = voq::LogOnFrame(range.range.reg.key, range.fileno);
-        RegRequest note = *voq::RecordAt<RegRequest>(frame, FrameHeaderBytes);
-        if (target_.fifo == target_.port.GuiFifo()) note.subcmd = ClaimThroughGui;
-        numbers_.Note(range.fileno, note);
-        voq::SendFrame(target_.fifo, frame);
-    }
-
-    const Target& target_;
-    std::vector<Watched>& ranges_;
-    voq::FileNumbers numbers_;
-};
-
-Shown ReadShown(const voq::PortDir& port, Watched& range)
+Shown ReadShown(Watched& range)
 {
     Shown shown;
-    if (range.offset == 0) range.offset = voq::FindRange(port, range.range.reg.key);
-    if (range.offset == 0) return shown;
-    auto reading = voq::ReadRange(port, range.range.reg.key, range.offset);
-    if (!reading) {
-        range.offset = 0;
-        return shown;
-    }
-    shown.state = voq::StateName(reading->node.state);
-    shown.stamp = voq::StampMicroseconds(reading->node.stamp);
-    if (reading->node.state != 1) return shown;
-    shown.value = std::move(reading->value);
-    shown.live = shown.stamp >= range.loggedOnAt;
-    if (shown.live && shown.stamp != range.lastLive) {
-        range.lastLive = shown.stamp;
+    const voq::Followed& followed = *range.followed.followed;
+    if (followed.state == voq::StateUnknown) return shown;
+    shown.state = voq::StateName(static_cast<std::uint8_t>(followed.state));
+    shown.stamp = voq::StampMicroseconds(followed.stamp);
+    if (followed.state != PLC_SUCCESS || followed.value.empty()) return shown;
+    shown.value = followed.value;
+    shown.live = followed.live;
+    if (shown.live && shown.stamp != range.counted) {
+        range.counted = shown.stamp;
         ++range.liveCount;
     }
     return shown;
@@ -276,38 +194,29 @@ bool AllCounted(const std::vector<Watched>& ranges, unsigned count)
     return count != 0;
 }
 
-// Sleeps until the next reading, the end or a signal, and keeps the subscriptions meanwhile: a service can be started
-// again between two readings. False when it was away.
-bool Sleep(Subscriptions& subscriptions, Clock::time_point until)
+// Shows what changes when it does, and everything once an interval.
+void ShowUntilDone(voq::Port& port, const WatchOptions& watch, std::vector<Watched>& ranges, Output& output)
 {
-    bool served = true;
-    while (Stopped == 0) {
-        if (!subscriptions.Keep()) served = false;
-        const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(until - Clock::now()).count();
-        if (left <= 0) break;
-        const timespec time = {0, static_cast<long>(std::min<std::int64_t>(left, MostAsleep))};
-        nanosleep(&time, nullptr);
-    }
-    return served;
-}
-
-void ShowUntilDone(const voq::PortDir& port, const WatchOptions& watch, Subscriptions& subscriptions,
-                   std::vector<Watched>& ranges, Output& output)
-{
-    bool served = true;
     const auto limit = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(watch.forSeconds));
-    const auto end = Clock::now() + limit;
+    const auto end = watch.forSeconds > 0 ? Clock::now() + limit : Clock::time_point::max();
+    auto next = Clock::now();
     while (Stopped == 0) {
-        std::vector<Shown> readings;
-        for (Watched& range : ranges) {
-            readings.push_back(served ? ReadShown(port, range) : Shown{"no service", {}, 0, false});
+        bool changed = false, served = port.Running();
+        while (const auto event = port.NextEvent()) {
+            changed = true;
+            if (event->type == voq::EventType::ServiceLost) served = false;
         }
-        output.Show(readings);
-        if (std::fflush(stdout) != 0) break;
-        if (AllCounted(ranges, watch.count)) break;
-        if (watch.forSeconds > 0 && Clock::now() >= end) break;
-        const auto next = Clock::now() + std::chrono::milliseconds(watch.intervalMs);
-        served = Sleep(subscriptions, watch.forSeconds > 0 ? std::min(next, end) : next);
+        if (changed || Clock::now() >= next) {
+            std::vector<Shown> readings;
+            for (Watched& range : ranges) {
+                readings.push_back(served ? ReadShown(range) : Shown{"no service", {}, 0, false});
+            }
+            output.Show(readings);
+            if (std::fflush(stdout) != 0 || AllCounted(ranges, watch.count)) break;
+            next = Clock::now() + std::chrono::milliseconds(watch.intervalMs);
+        }
+        if (Clock::now() >= end) break;
+        Await(port, std::min(next, end));
     }
 }
 
@@ -335,9 +244,13 @@ int Watch(const PortOptions& options, const WatchOptions& watch, const OutputOpt
     CatchSignals();
     {
         Output shown(watch, output, ranges);
-        Subscriptions subscriptions(target, ranges, options.numbers);
-        subscriptions.Begin();
-        ShowUntilDone(target.port, watch, subscriptions, ranges, shown);
+        voq::PortSettings settings;
+        settings.interval = std::chrono::milliseconds(watch.intervalMs);
+        const auto port = OpenPort(target, options, settings);
+        for (Watched& range : ranges) port->Subscribe(range.followed);
+        Await(*port, Clock::now());
+        if (!port->Running()) voq::RequireReader(target.fifo);
+        ShowUntilDone(*port, watch, ranges, shown);
     }
     for (const Watched& range : ranges) {
         if (range.liveCount != 0) return ExitOk;

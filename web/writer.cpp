@@ -4,9 +4,8 @@
 #include <chrono>
 
 #include "client/frame.h"
-#include "client/one_shot.h"
+#include "client/port.h"
 #include "client/value_text.h"
-#include "voq/rt_item.h"
 
 namespace voq::web
 {
@@ -17,7 +16,7 @@ namespace
 constexpr std::chrono::milliseconds AnswerWithin{10000};
 constexpr std::chrono::milliseconds RemoveWithin{30000};
 
-struct Outcome {
+struct Answer {
     unsigned status;
     std::string text;
 };
@@ -28,14 +27,27 @@ Bytes ImageOf(const Model::Writing& what, const std::vector<std::string>& values
     return EncodeScaled(what.meaning, what.coding, what.reg.key.width, values);
 }
 
-Outcome Failure(const ResultFile& result)
+Answer AnswerOf(Outcome outcome)
 {
-    if (result.item.result == PLC_TIMEOUT) return {504, "the PLC does not answer"};
-    if (WasRefused(result)) return {503, "the service did not take the request"};
+    switch (outcome) {
+        case Outcome::Done:
+            return {200, "written"};
+        case Outcome::PlcTimeout:
+            return {504, "the PLC does not answer"};
+        case Outcome::Refused:
+            return {503, "the service did not take the request"};
+        case Outcome::Pending:
+        case Outcome::NoAnswer:
+            return {504, "no answer in time; the service may still carry the write out"};
+        case Outcome::NoService:
+            return {504, "the service ended before it answered; it may have carried the write out"};
+        case Outcome::PlcError:
+            break;
+    }
     return {502, "communication error, or the PLC refused"};
 }
 
-Outcome Written(const Model::Writing& what, const std::vector<std::string>& values)
+Answer Written(const Model::Writing& what, const std::vector<std::string>& values)
 {
     Bytes image;
     try {
@@ -44,17 +56,14 @@ Outcome Written(const Model::Writing& what, const std::vector<std::string>& valu
         return {422, error.what()};
     }
     try {
-        FileNumbers numbers(what.dir);
-        OneShot request{.fifo = what.dir.MekFifo(), .numbers = &numbers, .fileno = numbers.Next()};
-        request.frame = WriteFrame(what.reg.key, request.fileno, image);
-        request.timeout = AnswerWithin;
-        const auto result = Ask(what.dir, request);
-        if (!result) {
-            RemoveLater(what.dir, {&request, 1}, RemoveWithin);
-            return {504, "no answer in time; the service may still carry the write out"};
-        }
-        if (result->item.result != PLC_SUCCESS) return Failure(*result);
-        return {200, "written"};
+        Port port(what.dir);
+        Asked asked;
+        const auto until = Port::Clock::now() + AnswerWithin;
+        port.Ask(asked, [&](std::uint16_t fileno) { return WriteFrame(what.reg.key, fileno, image); },
+                 {until, FifoPatience, true});
+        while (!port.WaitFor(asked, until)) continue;
+        if (asked.outcome == Outcome::NoAnswer) port.LeaveRemover(RemoveWithin);
+        return AnswerOf(asked.outcome);
     } catch (const Error& error) {
         return {503, error.what()};
     }
@@ -92,12 +101,12 @@ void Writer::Run()
         changed_.wait(lock, [this] { return job_ || ending_; });
         if (!job_) return;
         lock.unlock();
-        const Outcome outcome = Written(job_->what, job_->values);
+        const Answer answer = Written(job_->what, job_->values);
         const Done done = job_->done;
         lock.lock();
         job_.reset();
         lock.unlock();
-        done(outcome.status, outcome.text);
+        done(answer.status, answer.text);
         lock.lock();
     }
 }

@@ -223,7 +223,7 @@ def test_watch(start):
     assert ["s1:a1:u16@0*2", "ok", "513 1027"] in [line[:2] + line[3:] for line in lines]
     names = {f"s1:a1:u16@{text}" for text in ("0*2", "0", "50,priority=1")}
     assert lines[-1][1] == "ok" and {line[0] for line in lines} == names
-    wait_for(lambda: all(n.logtimes == 0 for n in service.chain()), "log-off")
+    wait_for(lambda: service.subscribed() == 0, "log-off")
     service.sim.fail(service.sim.ERROR)
     done = voqctl("watch", "--interval", 10, "--for", 0.3, "s1:a1:u16@0")
     assert done.returncode == 1 and "\terror\t" in done.stdout
@@ -237,16 +237,16 @@ def test_watch(start):
 def test_watch_goes_on_with_the_next_service(start):
     service = start(ordered(pause=1), [Key(0, 1)])
     watch = begin("watch", "--interval", 10, "--for", 60 * SLOW, "s1:a1:u16@0")
-    wait_for(lambda: service.node(Key(0, 1)).logtimes == 1, "the first log-on")
+    wait_for(lambda: service.subscribed() == 1, "the first log-on")
     service.stop()
     assert any(b"\tno service\t" in line for line in watch.stdout)
     service = start(ordered(pause=1))
-    wait_for(lambda: service.node(Key(0, 1)).logtimes == 2, "the second log-on")  # the first one's count stays
+    wait_for(lambda: service.subscribed() == 1, "the second log-on")
     service.sim.set(Key(0, 1), b"\7\0")  # read since, unlike what is kept of the first one
     assert any(line.endswith(b"\t7\n") for line in watch.stdout)
     watch.send_signal(signal.SIGINT)
     watch.communicate()
-    wait_for(lambda: service.node(Key(0, 1)).logtimes == 1, "log-off")
+    wait_for(lambda: service.subscribed() == 0, "log-off")
     assert watch.returncode == 0
 
 

@@ -12,7 +12,6 @@
 #include "client/fifo.h"
 #include "client/frame.h"
 #include "client/locked_file.h"
-#include "client/one_shot.h"
 #include "client/register.h"
 #include "client/result_file.h"
 #include "guest.h"
@@ -121,9 +120,9 @@ bool Client::Ask(std::uint16_t fileno, const voq::Bytes& frame)
 {
     voq::RemoveResult(Port, fileno);  // of a run before
     voq::SendFrame(Fifo(), frame);
-    const auto answer = voq::WaitResult(Port, fileno, std::chrono::milliseconds(WaitMs), {});
+    std::optional<voq::ResultFile> answer;
+    WaitFor("an answer", [&] { return (answer = voq::ReadResult(Port, fileno)).has_value(); });
     voq::RemoveResult(Port, fileno);
-    if (!answer) throw voq::Error("waited in vain for an answer");
     if (answer->item.result != PLC_SUCCESS) Say("failed " + std::to_string(answer->item.result));
     return answer->item.result == PLC_SUCCESS;
 }
