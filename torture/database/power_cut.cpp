@@ -219,7 +219,7 @@ Operation RunOf(const Database& database, unsigned number)
 // The tables' lengths let the next record lie across the end of a sector at every place where it can.
 void PowerCut(Database& database, bool thorough)
 {
-    Cutter cutter{database, thorough ? 14u : 11u, thorough ? 2000u : 40u, thorough ? 10u : 8u};
+    Cutter cutter{database, thorough ? 12u : 11u, thorough ? 400u : 40u, thorough ? 10u : 8u};
     const std::vector<std::size_t> tables = {8, 18, 27, 36, 45, 54, 63};
     for (std::size_t table = 0; table < (thorough ? tables.size() : 1); ++table) {
         for (const Operation& operation : Operations(database, tables[table])) cutter.Run(operation);
