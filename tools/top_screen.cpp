@@ -59,7 +59,7 @@ std::string RangesLine(const TopModel& model, const TopPort& port)
         slowest = std::max(slowest, range.period);
         oldest = std::max(oldest, range.age);
     }
-    std::string text = "        " + voq::StatesText(port.status);
+    std::string text = "        " + voq::StatesText(port.status.states);
     if (port.status.org->badLink) text += ", CHAIN DAMAGED";
     text += Format("  subscribed %zu: slowest %s, oldest %s", subscribed, model.AgeText(slowest).c_str(),
                    model.AgeText(oldest).c_str());
