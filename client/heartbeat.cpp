@@ -57,8 +57,7 @@ Heartbeat ReadHeartbeat(const Statistics& stats, microseconds driverCallAtMost, 
     heartbeat.turns = main.turns;
     heartbeat.age = Since(main.turnMono, now);
 
-    if (const StatsThread* const locked =
-            Waits(stats, StatsWait::Lock, std::min(lockAtMost, driverCallAtMost), now)) {
+    if (const StatsThread* const locked = Waits(stats, StatsWait::Lock, std::min(lockAtMost, driverCallAtMost), now)) {
         if (const auto holder = HolderOf(locked->file)) {
             heartbeat.beat = Beat::Lock;
             heartbeat.waiting = Since(locked->since, now);

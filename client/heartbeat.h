@@ -39,8 +39,8 @@ struct Heartbeat {
 bool WriterLives(const Statistics& stats);
 
 // `driverCallAtMost`: when the main loop, or another thread that it then waits for, counts as hanging; a shorter one
-// than `lockAtMost` goes for locks too. Who holds a lock is asked at the moment of the call: nobody, and it holds nothing
-// up.
+// than `lockAtMost` goes for locks too. Who holds a lock is asked at the moment of the call: nobody, and it holds
+// nothing up.
 Heartbeat ReadHeartbeat(const Statistics& stats, std::chrono::microseconds driverCallAtMost = DriverCallAtMost,
                         std::chrono::microseconds lockAtMost = LockAtMost);
 

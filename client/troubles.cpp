@@ -83,8 +83,7 @@ public:
             const auto number = static_cast<std::uint8_t>(i);
             if (std::find(off_.begin(), off_.end(), number) != off_.end()) continue;
             if (Fails(number)) {
-                const std::string text =
-                    FailureText(statistics_.stations[i], number, now_, statistics_.header.started);
+                const std::string text = FailureText(statistics_.stations[i], number, now_, statistics_.header.started);
                 troubles.push_back({Trouble::Kind::Station, number, text});
             } else if (const unsigned refused = subscribed_[i].refused; refused != 0) {
                 troubles.push_back({Trouble::Kind::Refused, number,
@@ -118,7 +117,8 @@ std::vector<Trouble> Troubles(const Statistics& statistics, const Heartbeat& hea
     std::vector<Trouble> troubles;
     if (const auto trouble = OfMainLoop(heartbeat)) troubles.push_back(*trouble);
     if (statistics.port.driver == 0) {
-        troubles.push_back({Trouble::Kind::Driver, {},
+        troubles.push_back({Trouble::Kind::Driver,
+                            {},
                             "no driver is loaded, so that nothing reaches the PLC: put it where the service's log says "
                             "(dlopen), and start the service again"});
     }

@@ -181,17 +181,20 @@ void RequireByteOrder(const Target& target, const voq::Register& reg, const std:
         const std::uint16_t word = ByteOrderOf(target, reg.key);
         if (target.service && voq::NeedsByteOrder(reg) && word != OrderOfService(target, reg.key)) {
             Complain(what + ": the service goes by another byte-order word than " +
-                     (target.byteOrder ? "--byte-order" : "the project") + ": what it computes is wrong for one of them");
+                     (target.byteOrder ? "--byte-order" : "the project") +
+                     ": what it computes is wrong for one of them");
         }
         return;
     }
-    throw UsageError(
-        what + ": nothing says how the PLC lays out the bytes of a " + voq::TypeName(reg.type) +
-        ", and no service runs: give --project or --byte-order (0: lowest byte first); to write, big_endian in the expression or raw:" +
-        std::to_string(reg.type.elemSize) + " will do too");
+    throw UsageError(what + ": nothing says how the PLC lays out the bytes of a " + voq::TypeName(reg.type) +
+                     ", and no service runs: give --project or --byte-order (0: lowest byte first); to write, "
+                     "big_endian in the expression or raw:" +
+                     std::to_string(reg.type.elemSize) + " will do too");
 }
 
 void NoteByteOrder()
 {
-    Complain("nothing says how the PLC lays out bytes (no service, --project, --byte-order): values are shown lowest byte first");
+    Complain(
+        "nothing says how the PLC lays out bytes (no service, --project, --byte-order): values are shown lowest byte "
+        "first");
 }
