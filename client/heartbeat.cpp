@@ -1,13 +1,10 @@
 // Judges heartbeats.
 #include "client/heartbeat.h"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
 
 #include "client/register.h"
 #include "client/value_text.h"
@@ -23,23 +20,6 @@ using std::chrono::microseconds;
 microseconds Since(std::uint64_t mono, std::uint64_t now)
 {
     return microseconds(now > mono ? now - mono : 0);
-}
-
-// Who holds a lock that keeps a writer out; nothing when nobody does. The service itself holds none that it waits for.
-std::optional<LockHolder> HolderOf(const std::string& path)
-{
-    const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    const bool held = fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
-    close(fd);
-    if (!held) return std::nullopt;
-    LockHolder holder{lock.l_pid, ""};
-    std::ifstream name("/proc/" + std::to_string(holder.pid) + "/comm");
-    std::getline(name, holder.name);
-    return holder;
 }
 
 bool IsWait(const StatsThread& thread, StatsWait what)
@@ -69,7 +49,7 @@ bool WriterLives(const Statistics& stats)
     return kill(static_cast<pid_t>(stats.header.pid), 0) == 0 || errno == EPERM;
 }
 
-Heartbeat ReadHeartbeat(const Statistics& stats, microseconds driverCallAtMost)
+Heartbeat ReadHeartbeat(const Statistics& stats, microseconds driverCallAtMost, microseconds lockAtMost)
 {
     const std::uint64_t now = NowMono();
     const StatsThread& main = stats.Thread(StatsThreadOf::Main);
@@ -77,8 +57,7 @@ Heartbeat ReadHeartbeat(const Statistics& stats, microseconds driverCallAtMost)
     heartbeat.turns = main.turns;
     heartbeat.age = Since(main.turnMono, now);
 
-    if (const StatsThread* const locked =
-            Waits(stats, StatsWait::Lock, std::min<microseconds>(LockAtMost, driverCallAtMost), now)) {
+    if (const StatsThread* const locked = Waits(stats, StatsWait::Lock, std::min(lockAtMost, driverCallAtMost), now)) {
         if (const auto holder = HolderOf(locked->file)) {
             heartbeat.beat = Beat::Lock;
             heartbeat.waiting = Since(locked->since, now);
@@ -108,8 +87,7 @@ std::string HeartbeatText(const Heartbeat& heartbeat)
             return "hangs in the driver for " + AgeText(heartbeat.waiting.count()) + ", " + KeyText(heartbeat.key);
         case Beat::Lock:
             return "the lock on " + heartbeat.file + " is waited for since " + AgeText(heartbeat.waiting.count()) +
-                   ", held by process " + std::to_string(heartbeat.holder.pid) +
-                   (heartbeat.holder.name.empty() ? "" : " (" + heartbeat.holder.name + ")");
+                   ", held by " + HolderText(heartbeat.holder);
         case Beat::Unknown:
             return "stands still for " + AgeText(heartbeat.age.count());
     }

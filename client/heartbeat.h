@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "client/lock_holder.h"
 #include "client/stats.h"
 
 namespace voq
@@ -24,11 +25,6 @@ enum class Beat : std::uint8_t {
     Unknown,  // stands still, and not for any of these
 };
 
-struct LockHolder {
-    std::int64_t pid = 0;  // 0: the system does not tell
-    std::string name;      // of its program, empty when the system does not tell
-};
-
 struct Heartbeat {
     Beat beat = Beat::Beats;
     std::uint64_t turns = 0;
@@ -43,9 +39,10 @@ struct Heartbeat {
 bool WriterLives(const Statistics& stats);
 
 // `driverCallAtMost`: when the main loop, or another thread that it then waits for, counts as hanging; a shorter one
-// than LockAtMost goes for locks too. Who holds a lock is asked at the moment of the call: nobody, and it holds nothing
-// up.
-Heartbeat ReadHeartbeat(const Statistics& stats, std::chrono::microseconds driverCallAtMost = DriverCallAtMost);
+// than `lockAtMost` goes for locks too. Who holds a lock is asked at the moment of the call: nobody, and it holds
+// nothing up.
+Heartbeat ReadHeartbeat(const Statistics& stats, std::chrono::microseconds driverCallAtMost = DriverCallAtMost,
+                        std::chrono::microseconds lockAtMost = LockAtMost);
 
 // In words: "turn 123, begun 3 ms ago", "hangs in the driver for 160 s: read of ...".
 std::string HeartbeatText(const Heartbeat& heartbeat);

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "client/error.h"
+#include "client/lock_holder.h"
 
 namespace voq
 {
@@ -98,17 +99,11 @@ private:
             const bool held = Patience && (errno == EAGAIN || errno == EACCES);
             if (!held) throw SystemError(path_ + ": lock", errno);
             if (std::chrono::steady_clock::now() - begin > *Patience) {
-                throw LockHeld(path_ + ": locked by " + Holder(lock));
+                throw LockHeld(path_ + ": locked by " + HolderText(HolderOf(path_).value_or(LockHolder{})));
             }
             std::this_thread::sleep_for(pause);
             pause = std::min(2 * pause, std::chrono::microseconds(1000));
         }
-    }
-
-    std::string Holder(struct flock lock) const
-    {
-        const bool known = fcntl(fd_, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK && lock.l_pid > 0;
-        return known ? "process " + std::to_string(lock.l_pid) : "another process";
     }
 
     struct stat Status() const

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <set>
 
 #include "client/clock.h"
 #include "client/fifo.h"
@@ -23,6 +24,14 @@ bool Exists(const std::string& path)
     return access(path.c_str(), F_OK) == 0;
 }
 
+// When the service made a marker.
+std::int64_t Since(const std::string& path)
+{
+    struct stat file = {};
+    if (stat(path.c_str(), &file) != 0) return 0;
+    return std::int64_t{file.st_mtim.tv_sec} * 1000000 + file.st_mtim.tv_nsec / 1000;
+}
+
 FifoState LookAtFifo(const std::string& path)
 {
     if (!Exists(path)) return FifoState::Missing;
@@ -34,10 +43,11 @@ void CountWaiting(const std::string& directory, PortStatus& status)
     std::error_code error;
     std::int64_t since = NowMicroseconds();
     for (std::filesystem::directory_iterator at(directory, error), end; !error && at != end; at.increment(error)) {
-        struct stat file = {};
-        if (!at->path().filename().string().starts_with("rtData") || stat(at->path().c_str(), &file) != 0) continue;
+        if (!at->path().filename().string().starts_with("rtData")) continue;
+        const std::int64_t written = Since(at->path());
+        if (written == 0) continue;
         ++status.waiting;
-        since = std::min(since, std::int64_t{file.st_mtim.tv_sec} * 1000000 + file.st_mtim.tv_nsec / 1000);
+        since = std::min(since, written);
     }
     status.oldestWaiting = NowMicroseconds() - since;
 }
@@ -49,8 +59,10 @@ PortStatus ReadPortStatus(const PortDir& port)
     PortStatus status;
     status.directory = Exists(port.Dir());
     if (!status.directory) return status;
-    status.timeout = Exists(port.Timeout());
-    status.comerror = Exists(port.ComError());
+    status.timeoutSince = Since(port.Timeout());
+    status.comerrorSince = Since(port.ComError());
+    status.timeout = status.timeoutSince != 0;
+    status.comerror = status.comerrorSince != 0;
     status.gui = LookAtFifo(port.GuiFifo());
     status.mek = LookAtFifo(port.MekFifo());
     CountWaiting(port.Dir(), status);
@@ -72,13 +84,34 @@ std::optional<std::uint32_t> ReadWatchdog(const PortDir& port, std::uint16_t ind
     return bytes ? RecordAt<std::uint32_t>(*bytes, 0) : std::nullopt;
 }
 
-std::string StatesText(const PortStatus& status)
+std::string StatesText(const std::map<std::uint8_t, unsigned>& states)
 {
     std::string text;
-    for (const auto& [state, count] : status.states) {
+    for (const auto& [state, count] : states) {
         text += (text.empty() ? "" : ", ") + StateName(state) + " " + std::to_string(count);
     }
     return text;
+}
+
+std::optional<SplitStates> SplitBySubscription(const PortStatus& status, const Statistics& statistics)
+{
+    if (!status.org) return std::nullopt;
+    std::set<std::uint32_t> subscribed;
+    for (const StatsRange& row : statistics.ranges) {
+        if ((row.flags & STATS_RANGE_SUBSCRIBED) != 0) subscribed.insert(row.orgOffset);
+    }
+    SplitStates split;
+    for (const OrgRecord& record : status.org->records) {
+        ++(subscribed.contains(record.offset) ? split.subscribed : split.others)[record.node.state];
+    }
+    return split;
+}
+
+unsigned CountOf(const std::map<std::uint8_t, unsigned>& states)
+{
+    unsigned all = 0;
+    for (const auto& [state, count] : states) all += count;
+    return all;
 }
 
 }  // namespace voq

@@ -10,6 +10,7 @@
 
 #include "client/database.h"
 #include "client/port_dir.h"
+#include "client/stats.h"
 
 namespace voq
 {
@@ -20,8 +21,9 @@ enum class FifoState : std::uint8_t { Missing, NoReader, Read };
 inline constexpr unsigned WatchdogSeconds = 11;
 
 struct PortStatus {
-    bool directory = false;                  // false: there is nothing else to see
-    bool timeout = false, comerror = false;  // the markers of a failing link
+    bool directory = false;                            // false: there is nothing else to see
+    bool timeout = false, comerror = false;            // the markers of a failing link
+    std::int64_t timeoutSince = 0, comerrorSince = 0;  // microseconds since 1970, of a marker that is there
     FifoState gui = FifoState::Missing, mek = FifoState::Missing;
     // One-shot writes and changes that wait; waiting reads leave no file.
     unsigned waiting = 0;
@@ -38,6 +40,17 @@ PortStatus ReadPortStatus(const PortDir& port);
 std::optional<std::uint32_t> ReadWatchdog(const PortDir& port, std::uint16_t index);
 
 // "ok 12, never read 2", in ascending order of the states.
-std::string StatesText(const PortStatus& status);
+std::string StatesText(const std::map<std::uint8_t, unsigned>& states);
+
+// The records on the chain by state, apart: those of subscribed ranges, which the service reads over and over, and
+// those of all others, which it has read once.
+struct SplitStates {
+    std::map<std::uint8_t, unsigned> subscribed, others;
+};
+// Nothing when there is no org file.
+std::optional<SplitStates> SplitBySubscription(const PortStatus& status, const Statistics& statistics);
+
+// How many there are in all states.
+unsigned CountOf(const std::map<std::uint8_t, unsigned>& states);
 
 }  // namespace voq

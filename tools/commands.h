@@ -116,6 +116,10 @@ int Top(const PortOptions& options, const TopOptions& top, const OutputOptions& 
 // How the subscribed ranges are polled: those that are meant, or all. 1 when there are none.
 int Explain(const PortOptions& options, const SelectOptions& select, const OutputOptions& output);
 
+// Reads every range that the port knows once: 0 when each has its value, else the status of the first failure in the
+// order of the records, ExitNoAnswer when not all were read in time, ExitNotRunning.
+int Refresh(const PortOptions& options, double timeoutSeconds);
+
 // 0 when the service runs, 1 when it does not.
 int Status(const PortOptions& options, double waitSeconds, const OutputOptions& output);
 // By the main loop's heartbeat alone, which takes no lock: 0 when it goes on or nothing is known of it, 1 when it

@@ -157,7 +157,7 @@ int Dump(const PortOptions& options, bool full, const OutputOptions& output)
 {
     const Target target = Resolve(options);
     const voq::PortDir& port = target.port;
-    if (!target.byteOrder && !target.project) NoteByteOrder();
+    if (!ByteOrderKnown(target)) NoteByteOrder();
     const auto org = voq::ReadLocked(port.Org());
     if (!org) throw voq::Error(port.Org() + ": no such file");
     const auto data = voq::ReadLocked(port.Data());

@@ -7,7 +7,9 @@
 
 #include "client/clock.h"
 #include "client/heartbeat.h"
+#include "client/locked_file.h"
 #include "client/port_status.h"
+#include "client/troubles.h"
 #include "client/value_text.h"
 #include "tools/commands.h"
 #include "tools/printable.h"
@@ -18,6 +20,16 @@ namespace
 {
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::microseconds;
+
+constexpr std::chrono::seconds SlowLock{1};      // a lock that holds the service up for longer is told of
+constexpr std::chrono::seconds LongestLock{10};  // then the process that holds it is named
+
+// What a service that lives shows of itself.
+struct Shown {
+    voq::Statistics statistics;
+    voq::Heartbeat heartbeat;
+};
 
 struct Counter {
     std::optional<std::uint32_t> first;
@@ -73,39 +85,76 @@ std::string StationsText(const std::optional<std::vector<std::uint8_t>>& off)
     return text;
 }
 
-void Print(const voq::PortStatus& status)
+std::string MarkerText(bool there, std::int64_t since, const std::optional<Shown>& shown)
 {
-    std::printf("timeout     %s\n", status.timeout ? "set" : "not set");
-    std::printf("comerror    %s\n", status.comerror ? "set" : "not set");
+    if (!there) return "not set";
+    std::string text = "set for " + voq::AgeText(voq::NowMicroseconds() - since);
+    if (shown && since < shown->statistics.header.started) text += ", by an earlier run";
+    return text;
+}
+
+void PrintStates(const char* name, const std::map<std::uint8_t, unsigned>& states, const char* more = "")
+{
+    std::printf("%-11s %u%s%s%s\n", name, voq::CountOf(states), states.empty() ? "" : ", ",
+                voq::StatesText(states).c_str(), more);
+}
+
+void PrintRecords(const voq::PortStatus& status, const std::optional<Shown>& shown)
+{
+    if (!status.org) {
+        std::printf("records     no org file\n");
+        return;
+    }
+    PrintStates("records", status.states, status.org->badLink ? ", chain damaged" : "");
+    if (!shown) return;
+    const auto split = voq::SplitBySubscription(status, shown->statistics);
+    PrintStates("subscribed", split->subscribed);
+    PrintStates("others", split->others);
+}
+
+void Print(const voq::PortStatus& status, const std::optional<Shown>& shown)
+{
+    std::printf("timeout     %s\n", MarkerText(status.timeout, status.timeoutSince, shown).c_str());
+    std::printf("comerror    %s\n", MarkerText(status.comerror, status.comerrorSince, shown).c_str());
     std::printf("guififo     %s\n", FifoText(status.gui));
     std::printf("mekfifo     %s\n", FifoText(status.mek));
     const std::string oldest = status.waiting == 0 ? "" : ", the oldest for " + voq::AgeText(status.oldestWaiting);
     std::printf("one-shots   %u write(s) and change(s) waiting%s\n", status.waiting, oldest.c_str());
-    std::printf("stations    %s", StationsText(status.stationsOff).c_str());
-    if (!status.org) {
-        std::printf("\nrecords     no org file\n");
-        return;
-    }
-    std::printf("\nrecords     %zu%s%s%s\n", status.org->records.size(), status.states.empty() ? "" : ", ",
-                voq::StatesText(status).c_str(), status.org->badLink ? ", chain damaged" : "");
+    std::printf("stations    %s\n", StationsText(status.stationsOff).c_str());
+    PrintRecords(status, shown);
 }
 
 // Nothing when the service that runs shows no statistics, or when none runs.
-std::optional<voq::Heartbeat> LookAtHeartbeat(const voq::PortDir& port, std::chrono::microseconds driverCallAtMost)
+std::optional<Shown> LookAtService(const voq::PortDir& port, microseconds driverCallAtMost, microseconds lockAtMost)
 {
-    const auto stats = voq::ReadStatistics(port.Stats());
+    auto stats = voq::ReadStatistics(port.Stats());
     if (!stats || !voq::WriterLives(*stats)) return std::nullopt;
-    return voq::ReadHeartbeat(*stats, driverCallAtMost);
+    const voq::Heartbeat heartbeat = voq::ReadHeartbeat(*stats, driverCallAtMost, lockAtMost);
+    return Shown{std::move(*stats), heartbeat};
 }
 
-void PrintHeartbeat(const std::optional<voq::Heartbeat>& heartbeat)
+std::vector<voq::Trouble> TroublesOf(const std::optional<Shown>& shown, const voq::PortStatus& status)
 {
-    std::printf("main loop   %s\n", heartbeat ? Printable(voq::HeartbeatText(*heartbeat)).c_str() : "nothing known");
+    if (!shown) return {};
+    return voq::Troubles(shown->statistics, shown->heartbeat, status.stationsOff.value_or(std::vector<std::uint8_t>{}),
+                         voq::NowMicroseconds());
 }
 
-bool Hangs(const std::optional<voq::Heartbeat>& heartbeat)
+const char* DriverText(const std::optional<Shown>& shown)
 {
-    return heartbeat && (heartbeat->beat == voq::Beat::Driver || heartbeat->beat == voq::Beat::Unknown);
+    if (!shown) return "nothing known";
+    return shown->statistics.port.driver != 0 ? "loaded" : "none";
+}
+
+void PrintService(const std::optional<Shown>& shown)
+{
+    const std::string loop = shown ? voq::HeartbeatText(shown->heartbeat) : "nothing known";
+    std::printf("main loop   %s\n", Printable(loop).c_str());
+}
+
+bool Hangs(const std::optional<Shown>& shown)
+{
+    return shown && (shown->heartbeat.beat == voq::Beat::Driver || shown->heartbeat.beat == voq::Beat::Unknown);
 }
 
 const char* FifoWord(voq::FifoState state)
@@ -121,15 +170,46 @@ Cell StationsCell(const std::optional<std::vector<std::uint8_t>>& off)
     return Cell::List(std::move(stations));
 }
 
+using States = std::map<std::uint8_t, unsigned>;
+
+Cell StateCell(bool known, const States& states, std::uint8_t state)
+{
+    const auto found = states.find(state);
+    return known ? Cell::Number(found == states.end() ? 0 : found->second) : Cell{};
+}
+
+// What came later stands behind the rest.
+void AddDiagnosis(Row& row, const voq::PortStatus& status, const std::optional<Shown>& shown)
+{
+    const auto split = shown ? voq::SplitBySubscription(status, shown->statistics) : std::nullopt;
+    const States subscribed = split ? split->subscribed : States{};
+    const auto age = [](bool there, std::int64_t since) {
+        return there ? Cell::Seconds(voq::NowMicroseconds() - since) : Cell{};
+    };
+    std::vector<Cell> failing, problems;
+    for (const voq::Trouble& trouble : TroublesOf(shown, status)) {
+        problems.push_back(Cell::Text(trouble.text));
+        if (trouble.kind == voq::Trouble::Kind::Station) failing.push_back(Cell::Number(*trouble.station));
+    }
+    const bool locked = shown && shown->heartbeat.beat == voq::Beat::Lock && shown->heartbeat.holder.pid != 0;
+    row.emplace_back("timeout_age_s", age(status.timeout, status.timeoutSince));
+    row.emplace_back("comerror_age_s", age(status.comerror, status.comerrorSince));
+    row.emplace_back("driver", shown ? Cell::Flag(shown->statistics.port.driver != 0) : Cell{});
+    row.emplace_back("subscribed", split ? Cell::Number(voq::CountOf(subscribed)) : Cell{});
+    row.emplace_back("subscribed_never_read", StateCell(split.has_value(), subscribed, 0));
+    row.emplace_back("subscribed_ok", StateCell(split.has_value(), subscribed, PLC_SUCCESS));
+    row.emplace_back("subscribed_time_out", StateCell(split.has_value(), subscribed, PLC_TIMEOUT));
+    row.emplace_back("subscribed_error", StateCell(split.has_value(), subscribed, PLC_ERROR));
+    row.emplace_back("lock_holder", locked ? Cell::Number(shown->heartbeat.holder.pid) : Cell{});
+    row.emplace_back("stations_failing", shown ? Cell::List(std::move(failing)) : Cell{});
+    row.emplace_back("problems", shown ? Cell::List(std::move(problems)) : Cell{});
+}
+
 Row StatusRow(const Target& target, const voq::PortStatus& status, const Counter& counter,
-              const std::optional<voq::Heartbeat>& heartbeat, bool runs)
+              const std::optional<Shown>& shown, bool runs)
 {
     const bool org = status.org.has_value();
-    const auto records = [&](std::uint8_t state) {
-        const auto found = status.states.find(state);
-        if (!org) return Cell{};
-        return Cell::Number(found == status.states.end() ? 0 : found->second);
-    };
+    const auto records = [&](std::uint8_t state) { return StateCell(org, status.states, state); };
     Row row;
     row.emplace_back("time", Cell::Text(IsoTime(voq::NowMicroseconds())));
     row.emplace_back("link", Cell::Text(std::string(voq::LinkName(target.port.link))));
@@ -150,8 +230,9 @@ Row StatusRow(const Target& target, const voq::PortStatus& status, const Counter
     row.emplace_back("chain_damaged", org ? Cell::Flag(status.org->badLink.has_value()) : Cell{});
     row.emplace_back("watchdog", counter.first ? Cell::Number(counter.moved ? counter.last : *counter.first) : Cell{});
     row.emplace_back("watchdog_moved", Cell::Flag(counter.moved));
-    row.emplace_back("main_loop", heartbeat ? Cell::Text(voq::HeartbeatText(*heartbeat)) : Cell{});
+    row.emplace_back("main_loop", shown ? Cell::Text(voq::HeartbeatText(shown->heartbeat)) : Cell{});
     row.emplace_back("directory", Cell::Text(target.port.Dir()));
+    AddDiagnosis(row, status, shown);
     return row;
 }
 
@@ -163,14 +244,16 @@ int Status(const PortOptions& options, double waitSeconds, const OutputOptions& 
     const Target target = Resolve(options);
     if (!std::filesystem::exists(target.port.Dir())) throw voq::Error(target.port.Dir() + ": no such directory");
     // First, and shown at once: what follows may wait for the lock that the service waits for.
-    const auto heartbeat = LookAtHeartbeat(target.port, voq::DriverCallAtMost);
+    const auto shown = LookAtService(target.port, voq::DriverCallAtMost, SlowLock);
     if (text) {
         std::printf("directory   %s\n", Printable(target.port.Dir()).c_str());
-        PrintHeartbeat(heartbeat);
+        PrintService(shown);
+        std::printf("driver      %s\n", DriverText(shown));
         std::fflush(stdout);
     }
+    const voq::LockPatience patience(LongestLock);
     const voq::PortStatus status = voq::ReadPortStatus(target.port);
-    if (text) Print(status);
+    if (text) Print(status, shown);
     Counter counter{voq::ReadWatchdog(target.port, target.index)};
     if (text) PrintCounter(target, waitSeconds, counter);
     if (!text) Watch(target, waitSeconds, counter);
@@ -178,10 +261,13 @@ int Status(const PortOptions& options, double waitSeconds, const OutputOptions& 
     const bool unread = status.gui == voq::FifoState::NoReader && status.mek == voq::FifoState::NoReader;
     // The counter may be another port's.
     const bool doubtful = counter.moved && unread && !target.indexKnown;
-    const bool runs = (waitSeconds > 0 ? counter.moved && !doubtful : read) && !Hangs(heartbeat);
+    const bool runs = (waitSeconds > 0 ? counter.moved && !doubtful : read) && !Hangs(shown);
     if (!text) {
-        RowWriter(output.rows).Write(StatusRow(target, status, counter, heartbeat, runs));
+        RowWriter(output.rows).Write(StatusRow(target, status, counter, shown, runs));
         return runs ? ExitOk : ExitNegative;
+    }
+    for (const voq::Trouble& trouble : TroublesOf(shown, status)) {
+        std::printf("problem     %s\n", Printable(trouble.text).c_str());
     }
     std::printf("service     %s%s\n", runs ? "running" : "not running",
                 doubtful ? ": nobody reads its FIFOs; is the counter that of --index 0?" : "");
@@ -190,13 +276,12 @@ int Status(const PortOptions& options, double waitSeconds, const OutputOptions& 
 
 int StatusOfHeartbeat(const PortOptions& options, double driverSeconds)
 {
-    const auto atMost =
-        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::duration<double>(driverSeconds));
-    const auto heartbeat = LookAtHeartbeat(Resolve(options).port, atMost);
-    if (!heartbeat || heartbeat->beat == voq::Beat::Beats) {
-        PrintHeartbeat(heartbeat);
+    const auto atMost = std::chrono::duration_cast<microseconds>(std::chrono::duration<double>(driverSeconds));
+    const auto shown = LookAtService(Resolve(options).port, atMost, voq::LockAtMost);
+    if (!shown || shown->heartbeat.beat == voq::Beat::Beats) {
+        PrintService(shown);
         return ExitOk;
     }
-    std::fprintf(stderr, "voqctl: main loop: %s\n", Printable(voq::HeartbeatText(*heartbeat)).c_str());
-    return Hangs(heartbeat) ? ExitNegative : ExitLocked;
+    std::fprintf(stderr, "voqctl: main loop: %s\n", Printable(voq::HeartbeatText(shown->heartbeat)).c_str());
+    return Hangs(shown) ? ExitNegative : ExitLocked;
 }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "client/heartbeat.h"
 #include "client/value_image.h"
 #include "tools/printable.h"
 #include "voq/reg_range.h"
@@ -25,6 +26,17 @@ voq::Description Load(const PortOptions& options)
         return voq::LoadDescription(options.project, DriverDirsOf(options.drivers));
     } catch (const voq::Error& error) {
         throw UsageError(error.what());
+    }
+}
+
+std::optional<ServiceOrder> OrderOfService(const voq::PortDir& port)
+{
+    try {
+        const auto statistics = voq::ReadStatistics(port.Stats());
+        if (!statistics || !voq::WriterLives(*statistics)) return std::nullopt;
+        return ServiceOrder{statistics->port.comInfo.byteOrder, statistics->port.panelOrder};
+    } catch (const voq::Error&) {
+        return std::nullopt;  // who may not read it has to say the word
     }
 }
 
@@ -82,6 +94,7 @@ Target Resolve(const PortOptions& options)
     if (options.fifo != "gui" && options.fifo != "mek") {
         throw UsageError("--fifo: \"" + options.fifo + "\" is neither gui nor mek");
     }
+    target.service = OrderOfService(target.port);
     target.fifo = options.fifo == "gui" ? target.port.GuiFifo() : target.port.MekFifo();
     if (options.numbers.first > options.numbers.last) {
         throw UsageError("--first-number: " + std::to_string(options.numbers.first) + " is above --last-number " +
@@ -135,28 +148,53 @@ voq::DescribedRegister ResolveRegister(const Target& target, const std::string& 
                      std::to_string(target.port.number));
 }
 
+namespace
+{
+
+std::uint16_t OrderOfService(const Target& target, const RegKey& key)
+{
+    return key.portno == REG_PORT_LOCAL ? target.service->panel : target.service->port;
+}
+
+}  // namespace
+
 std::uint16_t ByteOrderOf(const Target& target, const RegKey& key)
 {
     if (target.byteOrder) return *target.byteOrder;
-    if (!target.project) return 0;
-    return target.project->ByteOrderOf(key.portno, static_cast<std::uint8_t>(target.port.link));
+    if (target.project) return target.project->ByteOrderOf(key.portno, static_cast<std::uint8_t>(target.port.link));
+    return target.service ? OrderOfService(target, key) : 0;
+}
+
+bool ByteOrderKnown(const Target& target)
+{
+    return target.byteOrder || target.project || target.service;
 }
 
 bool ByteOrderMissing(const Target& target, const voq::Register& reg)
 {
-    return !target.byteOrder && !target.project && voq::NeedsByteOrder(reg);
+    return !ByteOrderKnown(target) && voq::NeedsByteOrder(reg);
 }
 
 void RequireByteOrder(const Target& target, const voq::Register& reg, const std::string& what)
 {
-    if (!ByteOrderMissing(target, reg)) return;
-    throw UsageError(
-        what + ": nothing says how the PLC lays out the bytes of a " + voq::TypeName(reg.type) +
-        ": give --project or --byte-order (0: lowest byte first); to write, big_endian in the expression or raw:" +
-        std::to_string(reg.type.elemSize) + " will do too");
+    if (!ByteOrderMissing(target, reg)) {
+        const std::uint16_t word = ByteOrderOf(target, reg.key);
+        if (target.service && voq::NeedsByteOrder(reg) && word != OrderOfService(target, reg.key)) {
+            Complain(what + ": the service goes by another byte-order word than " +
+                     (target.byteOrder ? "--byte-order" : "the project") +
+                     ": what it computes is wrong for one of them");
+        }
+        return;
+    }
+    throw UsageError(what + ": nothing says how the PLC lays out the bytes of a " + voq::TypeName(reg.type) +
+                     ", and no service runs: give --project or --byte-order (0: lowest byte first); to write, "
+                     "big_endian in the expression or raw:" +
+                     std::to_string(reg.type.elemSize) + " will do too");
 }
 
 void NoteByteOrder()
 {
-    Complain("nothing says how the PLC lays out bytes (--project, --byte-order): values are shown lowest byte first");
+    Complain(
+        "nothing says how the PLC lays out bytes (no service, --project, --byte-order): values are shown lowest byte "
+        "first");
 }

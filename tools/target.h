@@ -28,7 +28,13 @@ struct PortOptions {
     std::optional<std::uint16_t> index;   // place of the port in the project
     std::string fifo = "mek";
     voq::FileNumberRange numbers;
-    std::optional<std::uint16_t> byteOrder;  // in place of the project's words
+    std::optional<std::uint16_t> byteOrder;  // in place of the project's and the service's words
+};
+
+// The byte-order words that a running service goes by.
+struct ServiceOrder {
+    std::uint16_t port = 0;
+    std::uint16_t panel = 0;
 };
 
 struct Target {
@@ -38,6 +44,7 @@ struct Target {
     bool indexKnown = false;  // false: nobody said it
     std::optional<voq::Description> project;
     std::optional<std::uint16_t> byteOrder;
+    std::optional<ServiceOrder> service;  // none runs, or none that shows its statistics
 };
 
 // Throws UsageError.
@@ -56,12 +63,16 @@ voq::DescribedRegister ResolveRegister(const Target& target, const std::string& 
 // A range as the project describes it, or with the type of its element size, without a name.
 voq::DescribedRegister Describe(const Target& target, const RegKey& key);
 
-// The byte-order word for a range: the panel's for its own registers, else the port's; 0 where nothing tells.
+// The byte-order word for a range: the panel's for its own registers, else the port's. It is that of the option, of the
+// project, or of the service that runs, in this order; 0 where nothing tells.
 std::uint16_t ByteOrderOf(const Target& target, const RegKey& key);
 
-// True when a range's values hang on a byte-order word and neither the project nor an option gives one.
+// True when something tells the words.
+bool ByteOrderKnown(const Target& target);
+// True when a range's values hang on a byte-order word and nothing gives one.
 bool ByteOrderMissing(const Target& target, const voq::Register& reg);
-// For what changes a value: throws UsageError when the word is missing.
+// For what changes a value: throws UsageError when the word is missing, and says on standard error that the running
+// service goes by another one.
 void RequireByteOrder(const Target& target, const voq::Register& reg, const std::string& what);
 // For what shows a value: says on standard error that the word is missing.
 void NoteByteOrder();

@@ -24,14 +24,15 @@ namespace
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-constexpr char Help[] = "q quit  s sort  r reverse  f filter  / find  Tab port  t station  + - interval";
+constexpr char Help[] = "q quit  p stations  s r sort  f filter  / find  Tab port  t off  + - interval";
+constexpr char StationsHelp[] = "q quit  p ranges  Tab port  t station off or on  + - interval";
 constexpr milliseconds ShortestInterval{100}, LongestInterval{60000};
 constexpr milliseconds LongestWait{200};  // a signal can come just before the wait
 constexpr milliseconds LongestLock{1000};
 constexpr int Idle = 9;  // times as long as the last look took: the files belong to the service and its clients
 constexpr int Redraw = 'L' - '@', Escape = 0x1B, Delete = 0x7F;
 
-// What the keys do. The selected range stays selected while the order changes around it, except at the beginning of the
+// What the keys do. The selected row stays selected while the order changes around it, except at the beginning of the
 // list: there the beginning is what is looked at.
 class Session
 {
@@ -55,29 +56,35 @@ public:
         const std::string note = asked_    ? "Switch " + StationText() + "? y/n"
                                  : typing_ ? "find: " + model_.find
                                            : note_;
-        screen.Draw(model_, listed_, position_, note);
+        if (stationsShown_) {
+            screen.Draw(model_, stations_, position_, note);
+        } else {
+            screen.Draw(model_, listed_, position_, note);
+        }
     }
 
     void Handle(int key, std::size_t page)
     {
         if (key == KEY_RESIZE) return;
-        note_ = Help;
+        note_ = stationsShown_ ? StationsHelp : Help;
         if (asked_) return Switch(key == 'y');
         if (typing_) return Type(key);
         if (key == KEY_UP) Move(1, 0);
         if (key == KEY_DOWN) Move(0, 1);
         if (key == KEY_PPAGE) Move(page, 0);
         if (key == KEY_NPAGE) Move(0, page);
-        if (key == KEY_HOME) Move(listed_.size(), 0);
-        if (key == KEY_END) Move(0, listed_.size());
+        if (key == KEY_HOME) Move(Rows(), 0);
+        if (key == KEY_END) Move(0, Rows());
         if (key == '+') model_.SetInterval(std::min(model_.Interval() * 2, LongestInterval));
         if (key == '-') model_.SetInterval(std::max(model_.Interval() / 2, ShortestInterval));
         if (key == Redraw) clearok(curscr, true);
         if (key == 't') Ask();
         if (key == '\t') NextPort();
+        if (key == 'p') TurnPage();
+        ended = key == 'q';
+        if (stationsShown_) return;
         if (key == 's' || key == 'r' || key == 'f') Order(key);
         typing_ = key == '/';
-        ended = key == 'q';
     }
 
 private:
@@ -87,21 +94,50 @@ private:
         bool off;
     };
 
+    std::size_t Rows() const { return stationsShown_ ? stations_.size() : listed_.size(); }
+
     void List()
     {
         listed_ = model_.Listed();
+        stations_ = model_.Stations();
+        position_ = position_ == 0 ? 0 : stationsShown_ ? FoundStation() : FoundRange();
+        Move(0, 0);
+    }
+
+    std::size_t FoundRange() const
+    {
         const auto at = std::find_if(listed_.begin(), listed_.end(), [this](const TopRange* range) {
             return std::pair(range->port, range->offset) == selected_;
         });
-        if (position_ != 0 && at != listed_.end()) position_ = static_cast<std::size_t>(at - listed_.begin());
-        Move(0, 0);
+        return at == listed_.end() ? position_ : static_cast<std::size_t>(at - listed_.begin());
+    }
+
+    std::size_t FoundStation() const
+    {
+        const auto at = std::find_if(stations_.begin(), stations_.end(), [this](const TopStation& station) {
+            return std::pair(station.port, std::uint32_t{station.number}) == selected_;
+        });
+        return at == stations_.end() ? position_ : static_cast<std::size_t>(at - stations_.begin());
     }
 
     void Move(std::size_t back, std::size_t ahead)
     {
         position_ -= std::min(position_, back);
-        position_ = std::min(position_ + ahead, listed_.empty() ? 0 : listed_.size() - 1);
-        if (!listed_.empty()) selected_ = {listed_[position_]->port, listed_[position_]->offset};
+        position_ = std::min(position_ + ahead, Rows() == 0 ? 0 : Rows() - 1);
+        if (Rows() == 0) return;
+        if (stationsShown_) {
+            selected_ = {stations_[position_].port, stations_[position_].number};
+        } else {
+            selected_ = {listed_[position_]->port, listed_[position_]->offset};
+        }
+    }
+
+    void TurnPage()
+    {
+        stationsShown_ = !stationsShown_;
+        note_ = stationsShown_ ? StationsHelp : Help;
+        position_ = 0;
+        List();
     }
 
     void Order(int key)
@@ -134,10 +170,10 @@ private:
 
     void Ask()
     {
-        if (listed_.empty()) return;
-        const TopRange& range = *listed_[position_];
-        const std::uint8_t station = range.node.key.plcno;
-        asked_ = {range.port, station, !model_.ports[range.port].StationOff(station)};
+        if (Rows() == 0) return;
+        const std::size_t port = selected_.first;
+        const std::uint8_t station = stationsShown_ ? stations_[position_].number : listed_[position_]->node.key.plcno;
+        asked_ = {port, station, !model_.ports[port].StationOff(station)};
     }
 
     std::string StationText() const
@@ -163,8 +199,10 @@ private:
     TopModel& model_;
     Clock::time_point looked_ = {}, rested_ = {};
     std::vector<TopRange*> listed_;
-    std::size_t position_ = 0;                        // of the selected range
-    std::pair<std::size_t, std::uint32_t> selected_;  // its port and offset
+    std::vector<TopStation> stations_;
+    bool stationsShown_ = false;                      // in place of the ranges
+    std::size_t position_ = 0;                        // of the selected row
+    std::pair<std::size_t, std::uint32_t> selected_;  // its port, and the range's offset or the station's number
     std::optional<Switching> asked_;
     bool typing_ = false;
     std::string note_ = Help;

@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "client/clock.h"
+#include "client/heartbeat.h"
 #include "client/locked_file.h"
 #include "client/value_text.h"
 #include "voq/reg_range.h"
@@ -85,9 +86,9 @@ void TopModel::SetInterval(std::chrono::milliseconds interval)
 void TopModel::Look()
 {
     ++look_;
-    const std::int64_t apart = voq::NowMicroseconds() - began_;
-    lateness_ = look_ > 1 && apart > interval_.count() * 1250 ? apart : 0;
-    began_ += apart;
+    apart_ = voq::NowMicroseconds() - began_;
+    lateness_ = look_ > 1 && apart_ > interval_.count() * 1250 ? apart_ : 0;
+    began_ += apart_;
     for (std::size_t i = 0; i < ports.size(); ++i) {
         try {
             LookAt(i);
@@ -102,6 +103,7 @@ void TopModel::LookAt(std::size_t index)
 {
     TopPort& port = ports[index];
     const bool missed = !port.error.empty();
+    LookAtCounters(port);
     LookAtWatchdog(port);
     port.status = voq::ReadPortStatus(port.target.port);
     std::map<std::uint32_t, TopRange> before;
@@ -114,6 +116,27 @@ void TopModel::LookAt(std::size_t index)
         TopRange& range = port.ranges[record.offset];
         range = same ? std::move(known->second) : NewRange(port, index, record);
         Refresh(range, record.node, missed);
+    }
+}
+
+void TopModel::LookAtCounters(TopPort& port) const
+{
+    std::optional<TopCounters> before;
+    before.swap(port.counters);
+    auto statistics = voq::ReadStatistics(port.target.port.Stats());
+    if (!statistics || !voq::WriterLives(*statistics)) return;
+    port.counters.emplace().statistics = std::move(*statistics);
+    port.counters->callRate.resize(StatsStations);
+    const voq::Statistics& now = port.counters->statistics;
+    if (!before || before->statistics.header.started != now.header.started || apart_ <= 0) return;
+    const voq::Statistics& then = before->statistics;
+    const auto rate = [this](std::uint64_t more, std::uint64_t less) {
+        return static_cast<double>(more - less) * 1e6 / static_cast<double>(apart_);
+    };
+    port.counters->turnRate = rate(now.Thread(StatsThreadOf::Main).turns, then.Thread(StatsThreadOf::Main).turns);
+    port.counters->readRate = rate(now.driver.reads.calls, then.driver.reads.calls);
+    for (std::size_t i = 0; i < StatsStations; ++i) {
+        port.counters->callRate[i] = rate(now.stations[i].calls, then.stations[i].calls);
     }
 }
 
@@ -163,6 +186,33 @@ std::vector<TopRange*> TopModel::Listed()
                      [this](const TopRange* a, const TopRange* b) { return Before(sort, *a, *b); });
     if (reversed) std::reverse(listed.begin(), listed.end());
     return listed;
+}
+
+std::int64_t TopModel::AgeOf(std::int64_t time) const
+{
+    return time == 0 ? Never : std::max(voq::NowMicroseconds() - time, LivelyAge());
+}
+
+std::vector<TopStation> TopModel::Stations() const
+{
+    std::vector<TopStation> stations;
+    for (std::size_t i = 0; i < ports.size(); ++i) {
+        const TopPort& port = ports[i];
+        if ((only && *only != i) || !port.counters) continue;
+        const voq::Statistics& statistics = port.counters->statistics;
+        std::vector<bool> wanted(StatsStations);
+        for (const StatsRange& row : statistics.ranges) {
+            if ((row.flags & STATS_RANGE_SUBSCRIBED) != 0) wanted[row.key.plcno] = true;
+        }
+        for (std::size_t n = 0; n < StatsStations; ++n) {
+            const auto number = static_cast<std::uint8_t>(n);
+            const StatsStation& counts = statistics.stations[n];
+            if (counts.calls == 0 && !wanted[n] && !port.StationOff(number)) continue;
+            stations.push_back(
+                {i, number, counts, port.counters->callRate[n], AgeOf(counts.lastGood), AgeOf(counts.lastBad)});
+        }
+    }
+    return stations;
 }
 
 void TopModel::ReadValue(TopRange& range)

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "client/port_status.h"
+#include "client/stats.h"
 #include "client/value_image.h"
 #include "tools/target.h"
 
@@ -29,6 +30,23 @@ struct TopRange {
     unsigned valueLook = 0;
 };
 
+// What a service counts, of its own since it started; rates are those between the last two looks.
+struct TopCounters {
+    voq::Statistics statistics;
+    double turnRate = 0, readRate = 0;  // a second
+    std::vector<double> callRate;       // by station
+};
+
+// A station of a port that was called, or that clients want something of, or that is switched off.
+struct TopStation {
+    std::size_t port = 0;
+    std::uint8_t number = 0;
+    StatsStation counts = {};
+    double rate = 0;        // calls a second
+    std::int64_t good = 0;  // age of the last answer, and of the last failure, as a range's age
+    std::int64_t bad = 0;
+};
+
 enum class Watchdog : std::uint8_t { NoCounter, NotSeenYet, Moving, Late };
 
 struct TopPort {
@@ -39,7 +57,8 @@ struct TopPort {
     std::map<std::uint32_t, TopRange> ranges = {};  // by org offset
     Watchdog watchdog = Watchdog::NoCounter;
     std::uint32_t counter = 0;
-    std::int64_t counterSince = 0;  // when it took that value, microseconds
+    std::int64_t counterSince = 0;             // when it took that value, microseconds
+    std::optional<TopCounters> counters = {};  // of a service that lives and shows them
 
     bool StationOff(std::uint8_t station) const;
 };
@@ -62,6 +81,8 @@ public:
     void Look();
     // The ranges to list. The pointers hold until the next look.
     std::vector<TopRange*> Listed();
+    // The stations of the ports that are shown, by their numbers.
+    std::vector<TopStation> Stations() const;
     // Reads the value, once a look.
     void ReadValue(TopRange& range);
     // The whole value; nothing unless the range is ok and its region can be read.
@@ -81,10 +102,13 @@ private:
     std::int64_t LivelyAge() const { return 2 * std::max<std::int64_t>(interval_.count() * 1000, lateness_); }
     void LookAt(std::size_t index);
     void LookAtWatchdog(TopPort& port);
+    void LookAtCounters(TopPort& port) const;
+    std::int64_t AgeOf(std::int64_t time) const;
     void Refresh(TopRange& range, const OrgNode& node, bool missed);
 
     std::chrono::milliseconds interval_;
     std::int64_t began_ = 0;     // the last look, microseconds
+    std::int64_t apart_ = 0;     // from the one before
     std::int64_t lateness_ = 0;  // how long after the one before, when that was much more than the interval
     unsigned look_ = 0;
 };

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "client/explain.h"
 #include "client/value_text.h"
 #include "tools/printable.h"
 
@@ -59,7 +60,7 @@ std::string RangesLine(const TopModel& model, const TopPort& port)
         slowest = std::max(slowest, range.period);
         oldest = std::max(oldest, range.age);
     }
-    std::string text = "        " + voq::StatesText(port.status);
+    std::string text = "        " + voq::StatesText(port.status.states);
     if (port.status.org->badLink) text += ", CHAIN DAMAGED";
     text += Format("  subscribed %zu: slowest %s, oldest %s", subscribed, model.AgeText(slowest).c_str(),
                    model.AgeText(oldest).c_str());
@@ -69,19 +70,60 @@ std::string RangesLine(const TopModel& model, const TopPort& port)
     return text;
 }
 
-std::string Title(const TopModel& model, std::size_t listed)
+std::string Clock(const TopModel& model)
 {
     std::tm parts = {};
     const std::time_t lookedAt = model.LookedAt();
     localtime_r(&lookedAt, &parts);
     char clock[16];
     std::strftime(clock, sizeof clock, "%H:%M:%S", &parts);
-    std::string text =
-        Format("%s  %zu ranges  sort %s%s  filter %s  every %s", clock, listed,
-               TopSortNames[static_cast<int>(model.sort)], model.reversed ? " reversed" : "",
-               TopFilterNames[static_cast<int>(model.filter)], voq::AgeText(model.Interval().count() * 1000).c_str());
+    return clock;
+}
+
+std::string Every(const TopModel& model)
+{
+    return "  every " + voq::AgeText(model.Interval().count() * 1000);
+}
+
+std::string Title(const TopModel& model, std::size_t listed)
+{
+    std::string text = Format("%s  %zu ranges  sort %s%s  filter %s", Clock(model).c_str(), listed,
+                              TopSortNames[static_cast<int>(model.sort)], model.reversed ? " reversed" : "",
+                              TopFilterNames[static_cast<int>(model.filter)]) +
+                       Every(model);
     if (!model.find.empty()) text += "  find " + model.find;
     return text;
+}
+
+// What the service of a port counts.
+std::string CountersLine(const TopPort& port)
+{
+    if (!port.error.empty()) return "        " + port.error;
+    if (!port.counters) return "        no statistics: no service runs";
+    const TopCounters& counters = *port.counters;
+    const StatsLoop& loop = counters.statistics.loop;
+    std::uint64_t refused = 0;
+    for (const StatsIntake& intake : counters.statistics.intakes) refused += intake.refused + intake.refusedTimeout;
+    const auto number = [](std::uint64_t value) { return static_cast<unsigned long long>(value); };
+    return Format("        %.0f turns/s  %.0f reads/s  round %s, %u reads  subscribed %u  one-shots ok %llu, bad %llu",
+                  counters.turnRate, counters.readRate, voq::DurationText(loop.round.length).c_str(), loop.round.reads,
+                  loop.subscribed, number(loop.answeredOk),
+                  number(loop.answeredTimeout + loop.answeredError + refused));
+}
+
+std::string StationLine(const TopModel& model, const TopStation& station, bool selected)
+{
+    const TopPort& port = model.ports[station.port];
+    const StatsStation& counts = station.counts;
+    const std::uint64_t answers = counts.ok + counts.refused;
+    const std::string mean = answers == 0 ? "-" : voq::DurationText(counts.answerTime / answers);
+    const std::string longest = answers == 0 ? "-" : voq::DurationText(counts.longest);
+    const auto number = [](std::uint64_t value) { return static_cast<unsigned long long>(value); };
+    return Format("%c%-7.7s %3u%-4s %8llu %5.0f %6llu %6llu %5llu %7s %7s %7s %7s", selected ? '>' : ' ',
+                  port.name.c_str(), unsigned{station.number}, port.StationOff(station.number) ? " off" : "",
+                  number(counts.calls), station.rate, number(counts.timeouts), number(counts.errors),
+                  number(counts.refused), mean.c_str(), longest.c_str(), model.AgeText(station.good).c_str(),
+                  model.AgeText(station.bad).c_str());
 }
 
 int NameWidth()
@@ -134,30 +176,56 @@ TopScreen::~TopScreen()
 void TopScreen::Draw(TopModel& model, const std::vector<TopRange*>& listed, std::size_t selected,
                      const std::string& note)
 {
+    const std::string heading = Format(" %-7s %3s%-4s %-*s %-10s %6s %7s  VALUE", "PORT", "PLC", "", NameWidth(),
+                                       "RANGE", "STATE", "AGE", "PERIOD");
+    const auto line = [&](std::size_t row, bool chosen) {
+        model.ReadValue(*listed[row]);
+        return RangeLine(model, *listed[row], chosen);
+    };
+    Draw(model,
+         {Title(model, listed.size()), heading, [&](const TopPort& port) { return RangesLine(model, port); },
+          listed.size(), line},
+         selected, note);
+}
+
+void TopScreen::Draw(const TopModel& model, const std::vector<TopStation>& stations, std::size_t selected,
+                     const std::string& note)
+{
+    const std::string heading = Format(" %-7s %3s%-4s %8s %5s %6s %6s %5s %7s %7s %7s %7s", "PORT", "PLC", "", "CALLS",
+                                       "/S", "T-OUT", "ERROR", "REFUS", "MEAN", "LONGEST", "GOOD", "BAD");
+    const auto line = [&](std::size_t row, bool chosen) { return StationLine(model, stations[row], chosen); };
+    Draw(model,
+         {Clock(model) + Format("  %zu stations", stations.size()) + Every(model), heading, CountersLine,
+          stations.size(), line},
+         selected, note);
+}
+
+void TopScreen::Draw(const TopModel& model, const Table& table, std::size_t selected, const std::string& note)
+{
     const std::size_t height = static_cast<std::size_t>(std::max(LINES, 6));
-    // Not all ports, so that some ranges are seen too.
+    // Not all ports, so that some rows are seen too.
     const std::size_t from = model.only.value_or(0);
     const std::size_t ports = model.only ? 1 : std::min(model.ports.size(), (height - 4) / 2);
     page_ = std::max<std::size_t>(height - 2 * ports, 4) - 3;
     first_ = std::min(first_, selected);
     first_ = std::max(first_ + page_, selected + 1) - page_;
-    if (first_ + page_ > listed.size()) first_ = listed.size() - std::min(page_, listed.size());
-    const std::size_t end = std::min(first_ + page_, listed.size());
-    for (std::size_t i = first_; i < end; ++i) model.ReadValue(*listed[i]);
+    if (first_ + page_ > table.count) first_ = table.count - std::min(page_, table.count);
+    const std::size_t end = std::min(first_ + page_, table.count);
+    std::vector<std::string> shown;  // first of all: they may say something of their port
+    for (std::size_t i = first_; i < end; ++i) shown.push_back(table.line(i, i == selected));
 
     erase();
     int row = 0;
     const bool hidden = !model.only && ports < model.ports.size();
-    PutLine(row++, Title(model, listed.size()) + (hidden ? "  more ports: Tab" : ""));
+    PutLine(row++, table.title + (hidden ? "  more ports: Tab" : ""));
     for (std::size_t i = from; i < from + ports; ++i) {
         PutLine(row++, PortLine(model, model.ports[i]));
-        PutLine(row++, RangesLine(model, model.ports[i]));
+        PutLine(row++, table.ofPort(model.ports[i]));
     }
     attron(A_REVERSE);
-    PutLine(row++, Format(" %-7s %3s%-4s %-*s %-10s %6s %7s  VALUE", "PORT", "PLC", "", NameWidth(), "RANGE", "STATE",
-                          "AGE", "PERIOD"));
+    PutLine(row++, table.heading);
     attroff(A_REVERSE);
-    for (std::size_t i = first_; i < end; ++i) PutLine(row++, RangeLine(model, *listed[i], i == selected));
+    for (const std::string& line : shown) PutLine(row++, line);
     // Last, over whatever a small screen left there.
     move(LINES - 1, 0);
     clrtoeol();

@@ -42,6 +42,7 @@ struct Options {
     double wait = 11;
     std::optional<double> heartbeat;
     double registering = 30;
+    double refreshing = 60;
 };
 
 const CLI::Validator NotEmpty{[](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); },
@@ -93,26 +94,22 @@ void AddDescription(CLI::App& command, Options& options)
 
 void AddTables(CLI::App& project, Options& options, Chosen& chosen)
 {
-    CLI::App& import = *project.add_subcommand("import", "Make a description of a table of registers");
+    CLI::App& taken = *project.add_subcommand("import", "Make a description of a table of registers");
     ImportOptions& table = options.import;
-    import.add_option("csv", table.csv, "Table (CSV)")->required();
-    import.add_option("--ports", table.ports, "Description to put the registers behind: ports and stations");
-    import.add_option("-o,--output", table.output, "File to write, standard output when not given")->check(NotEmpty);
-    import.add_option("--addresses", table.addresses, "How addresses are written: plain, manual (40001), hex")
+    taken.add_option("csv", table.csv, "Table (CSV)")->required();
+    taken.add_option("--ports", table.ports, "Description to put the registers behind: ports and stations");
+    taken.add_option("-o,--output", table.output, "File to write, standard output when not given")->check(NotEmpty);
+    taken.add_option("--addresses", table.addresses, "How addresses are written: plain, manual (40001), hex")
         ->check(CLI::IsMember({"plain", "manual", "hex"}))
         ->default_val("plain");
-    import.add_option("--drivers", table.drivers, "Directory of drivers, in place of the usual ones")->check(NotEmpty);
-    import.callback([&] { chosen = {[&] { return ProjectImport(options.import);
-}
-, ExitUsage
-};  // namespace
-});
+    taken.add_option("--drivers", table.drivers, "Directory of drivers, in place of the usual ones")->check(NotEmpty);
+    taken.callback([&] { chosen = {[&] { return ProjectImport(options.import); }, ExitUsage}; });
 
-CLI::App& write = *project.add_subcommand("export", "Print the registers of a description as a table");
-AddDescription(write, options);
-write.add_flag("--csv")->description("As CSV, which is all there is")->required();
-write.add_option("-o,--output", options.file, "File to write, standard output when not given")->check(NotEmpty);
-write.callback([&] { chosen = {[&] { return ProjectExport(options.project, options.file); }, ExitUsage}; });
+    CLI::App& given = *project.add_subcommand("export", "Print the registers of a description as a table");
+    AddDescription(given, options);
+    given.add_flag("--csv")->description("As CSV, which is all there is")->required();
+    given.add_option("-o,--output", options.file, "File to write, standard output when not given")->check(NotEmpty);
+    given.callback([&] { chosen = {[&] { return ProjectExport(options.project, options.file); }, ExitUsage}; });
 }
 
 void AddAgainstRunning(CLI::App& project, Options& options, Chosen& chosen)
@@ -304,6 +301,17 @@ void AddWatch(CLI::App& app, Options& options, Chosen& chosen)
     });
 }
 
+void AddRefresh(CLI::App& app, Options& options, Chosen& chosen)
+{
+    CLI::App& refresh = *app.add_subcommand("refresh", "Read every range that the port knows once");
+    AddPortOptions(refresh, options);
+    AddFifoOptions(refresh, options);
+    refresh.add_option("--timeout", options.refreshing, "Seconds for all of it")
+        ->check(Seconds(86400))
+        ->capture_default_str();
+    refresh.callback([&] { chosen = {[&] { return Refresh(options.port, options.refreshing); }, ExitNegative}; });
+}
+
 void AddTop(CLI::App& app, Options& options, Chosen& chosen)
 {
     CLI::App& top = *app.add_subcommand("top", "Show ports and their ranges, live");
@@ -402,6 +410,7 @@ int main(int argc, char** argv)
     AddWrite(app, options, chosen);
     AddChanges(app, options, chosen);
     AddWatch(app, options, chosen);
+    AddRefresh(app, options, chosen);
     AddTop(app, options, chosen);
     AddLookers(app, options, chosen);
     try {

@@ -15,7 +15,7 @@ from voqtest import SLOW, USER, WORK, WRITE, Key, com_info, frame, log_on, progr
 
 PORTS = """port = [{link = "serial", number = 1}, {link = "ethernet", number = 2}]
 register = [{name = "level", port = 1, station = 1, area = 1, type = "u16", address = 0}]\n"""
-HELP = "q quit  s sort  r reverse  f filter  / find  Tab port  t station  + - interval"
+HELP = "q quit  p stations  s r sort  f filter  / find  Tab port  t off  + - interval"
 RETAINED = pathlib.Path("/disk/hmi/rcp/srw.dat")
 
 
