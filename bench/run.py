@@ -22,7 +22,7 @@ from figures import HEADINGS, Figure, table, write_json  # noqa: E402
 SOURCE = pathlib.Path(__file__).resolve().parent
 MEMORY = "/dev/shm"
 RANGES = 2000
-PARTS = ["refresh", "oneshot", "client", "logon", "first_build", "running", "alternatives", "wear"]
+PARTS = ["refresh", "oneshot", "client", "web", "logon", "first_build", "running", "alternatives", "wear"]
 EMPTY_LIST_WAIT_MS = 50  # what a turn of the service waits on top of its pause, unless a request comes
 LONGEST = 125  # registers that Modbus moves in one request
 TARGET_MS = 100  # a refresh of all registers, for the service and what stands beside it
@@ -139,6 +139,19 @@ class Bench:
         self.add(f"client library: growth by {by_name['client growth']['size']:,} times opening and closing", "kB",
                  by_name["client growth"], ("value", "<=", 64))
         self.add("client library, Python: 300 values", "ms", by_name["client python"], ("value", "<=", 5))
+
+    def web(self):
+        os.environ["VOQ_BUILD"] = str(self.build)
+        import web  # behind the environment, which its helpers read
+        samples = web.measure(self.samples(60, 8), lambda *what: print("  web", *what, file=sys.stderr, flush=True))
+        load = f"{web.RANGES} ranges, {web.READERS} browsers"
+        self.figures.append(Figure(f"voq-web: CPU of {load}", "% of a core", samples["cpu"], goal=("value", "<=", 3)))
+        self.figures.append(Figure(f"voq-web: memory of its own, {load}", "MiB", samples["memory"], goal=("value", "<=", 6), scale=1 / 1024))
+        if not samples["first"]:
+            self.missing.append("first view of voq-web's page: there is no chromedriver")
+            return
+        self.figures.append(Figure("voq-web: first view", "ms", samples["next"], goal=("value", "<=", 300)))
+        self.figures.append(Figure("the same, of a browser that has just started", "ms", samples["first"]))
 
     # Growth
 

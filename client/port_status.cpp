@@ -54,7 +54,7 @@ void CountWaiting(const std::string& directory, PortStatus& status)
 
 }  // namespace
 
-PortStatus ReadPortStatus(const PortDir& port)
+PortStatus ReadPortMarkers(const PortDir& port)
 {
     PortStatus status;
     status.directory = Exists(port.Dir());
@@ -71,6 +71,13 @@ PortStatus ReadPortStatus(const PortDir& port)
     } catch (const Error&) {
         // The panel's own file: what cannot be read there says nothing about the service.
     }
+    return status;
+}
+
+PortStatus ReadPortStatus(const PortDir& port)
+{
+    PortStatus status = ReadPortMarkers(port);
+    if (!status.directory) return status;
     if (const auto bytes = ReadLocked(port.Org())) {
         status.org = WalkChain(OrgImage{*bytes});
         for (const OrgRecord& record : status.org->records) ++status.states[record.node.state];

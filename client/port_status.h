@@ -36,6 +36,9 @@ struct PortStatus {
 // Throws Error when a file cannot be read.
 PortStatus ReadPortStatus(const PortDir& port);
 
+// The same without the org file: waits for no lock of the database, and does not throw for one that is kept.
+PortStatus ReadPortMarkers(const PortDir& port);
+
 // The service's counter, that of the port at `index` of the project.
 std::optional<std::uint32_t> ReadWatchdog(const PortDir& port, std::uint16_t index);
 

@@ -67,12 +67,13 @@ bool WaitForSignal(const sigset_t& signals, Clock::duration atMost)
     return sigtimedwait(&signals, nullptr, &wait) > 0;
 }
 
-void LookUntilSignal(voq::web::Model& model, voq::web::Feed& feed, const sigset_t& signals)
+void LookUntilSignal(voq::web::Model& model, voq::web::Feed& feed, voq::web::Server& server, const sigset_t& signals)
 {
     const voq::LockPatience patience(LongestLock);
     auto pinged = Clock::now();
     auto looked = pinged;
     while (true) {
+        server.EndOverdue();
         // Somebody who comes while nobody watches is not kept waiting for a whole interval.
         const auto next = looked + (feed.Readers() != 0 ? WatchedInterval : UnwatchedInterval);
         const auto now = Clock::now();
@@ -125,11 +126,11 @@ int Run(const Options& options)
         model.Look(feed);
     }
     const int listening = voq::web::Listen(options.listen);
-    const voq::web::Server server(listening, AccessOf(options), content, feed);
+    voq::web::Server server(listening, AccessOf(options), content, feed);
     std::printf("voq-web: serves %zu port(s) at %s%s\n", model.With([](const auto& ports) { return ports.size(); }),
                 options.listen.c_str(), options.writes ? ", with writes" : "");
     std::fflush(stdout);
-    LookUntilSignal(model, feed, signals);
+    LookUntilSignal(model, feed, server, signals);
     writer.End();
     feed.End();
     return 0;

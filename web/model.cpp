@@ -92,14 +92,10 @@ void Model::Take(PortView& port, PortLook look, std::int64_t now)
         port.counter = *look.watchdog;
         port.counterSince = now;
     }
-    if (!look.error.empty()) {
-        port.status.directory = look.status.directory;
-        if (!look.status.directory) port.status.mek = FifoState::Missing;
-        return;
-    }
     port.status = std::move(look.status);
     port.heartbeat = std::move(look.heartbeat);
     if (look.statistics) port.statistics = std::move(look.statistics);
+    if (!look.error.empty()) return TakeStatistics(port);
     if (port.status.org) TakeRecords(port, port.status.org->records);
     for (std::size_t i = 0; i < look.changed.size(); ++i) {
         const std::uint32_t number = OrgRecordNumber(look.changed[i].offset);

@@ -48,9 +48,11 @@ PortLook LookAt(const PortView& port, Gather& gather)
 {
     PortLook look;
     try {
-        look.watchdog = ReadWatchdog(port.dir, port.index);
+        // First what waits for no lock: a service that stands still may hold any of them.
+        look.status = ReadPortMarkers(port.dir);
         look.statistics = ReadStatistics(port.dir.Stats());
         if (look.statistics && WriterLives(*look.statistics)) look.heartbeat = ReadHeartbeat(*look.statistics);
+        look.watchdog = ReadWatchdog(port.dir, port.index);
         look.status = ReadPortStatus(port.dir);
         ReadChanged(port, gather, look);
         if (!look.status.directory) look.error = port.dir.Dir() + ": no such directory";

@@ -75,6 +75,7 @@ bool OfThisOrigin(const Request& request)
 
 Verdict Judge(const Request& request, const Access& access)
 {
+    if (request.repeated) return {400, {}, "a header is there twice"};
     if (!OfThisServer(request, access)) return {403, {}, "this server is not known by that name"};
     if (!OfThisOrigin(request)) return {403, {}, "asked for by a page of another origin"};
     const auto place = std::find_if(std::begin(Places), std::end(Places),

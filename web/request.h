@@ -24,6 +24,7 @@ struct Request {
     // Headers; no data when there was none.
     std::string_view host, origin, fetchSite, contentLength, transferEncoding, token;
     bool hasHost = false;
+    bool repeated = false;  // one of them is there twice
 };
 
 enum class Resource : std::uint8_t {

@@ -3,10 +3,13 @@
 #include "web/server.h"
 
 #include <microhttpd.h>
+#include <strings.h>
+#include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <memory>
 #include <mutex>
 
@@ -37,6 +40,8 @@ namespace
 
 constexpr std::size_t ConnectionMemory = 16 * 1024;  // headers of a request, and what is sent at once
 constexpr std::size_t StreamBlock = 8 * 1024;
+// The system keeps megabytes for a reader that takes nothing, and would hide for minutes that it does.
+constexpr int SendBuffer = 32 * 1024;
 constexpr std::size_t ThreadStack = 256 * 1024;
 
 constexpr std::pair<const char*, const char*> Headers[] = {
@@ -48,6 +53,9 @@ constexpr std::pair<const char*, const char*> Headers[] = {
     {"Cross-Origin-Resource-Policy", "same-origin"},
     {"Cache-Control", "no-store"},
 };
+
+constexpr std::array DecisiveHeaders = {"Host", "Content-Length", "Transfer-Encoding", "Origin", "Voq-Token"};
+using DecisiveCount = std::array<unsigned, DecisiveHeaders.size()>;
 
 std::string_view Header(MHD_Connection* connection, const char* name)
 {
@@ -75,8 +83,19 @@ MHD_Result OnRequest(void* server, MHD_Connection* connection, const char* url, 
 
 char Marker;  // of a call that is seen for the first time and has no body to gather
 
-void OnCompleted(void*, MHD_Connection*, void** call, MHD_RequestTerminationCode)
+int SocketOf(MHD_Connection* connection)
 {
+    return MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+}
+
+void OnConnection(void* server, MHD_Connection* connection, void**, MHD_ConnectionNotificationCode what)
+{
+    static_cast<Server*>(server)->Connected(SocketOf(connection), what == MHD_CONNECTION_NOTIFY_STARTED);
+}
+
+void OnCompleted(void* server, MHD_Connection* connection, void** call, MHD_RequestTerminationCode)
+{
+    static_cast<Server*>(server)->Answered(SocketOf(connection));
     if (*call != &Marker) delete static_cast<Server::Call*>(*call);
     *call = nullptr;
 }
@@ -98,6 +117,22 @@ void OnStreamEnd(void* cls)
     delete static_cast<Stream*>(cls);
 }
 
+MHD_Result CountDecisive(void* count, MHD_ValueKind, const char* name, const char*)
+{
+    for (std::size_t i = 0; i < DecisiveHeaders.size(); ++i) {
+        if (strcasecmp(name, DecisiveHeaders[i]) == 0) ++(*static_cast<DecisiveCount*>(count))[i];
+    }
+    return MHD_YES;
+}
+
+// A header that decides twice is read by one program so and by another so, a proxy before this server for one.
+bool HasRepeated(MHD_Connection* connection)
+{
+    DecisiveCount count = {};
+    MHD_get_connection_values(connection, MHD_HEADER_KIND, &CountDecisive, &count);
+    return std::any_of(count.begin(), count.end(), [](unsigned times) { return times > 1; });
+}
+
 Request RequestOf(MHD_Connection* connection, const char* url, const char* method)
 {
     const char* host = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, "Host");
@@ -111,6 +146,7 @@ Request RequestOf(MHD_Connection* connection, const char* url, const char* metho
         .transferEncoding = Header(connection, "Transfer-Encoding"),
         .token = Header(connection, "Voq-Token"),
         .hasHost = host != nullptr,
+        .repeated = HasRepeated(connection),
     };
 }
 
@@ -131,16 +167,23 @@ Server::Server(std::optional<int> listening, Access access, Content content, Fee
         {listening ? MHD_OPTION_LISTEN_SOCKET : MHD_OPTION_END, listening.value_or(-1), nullptr},
         {MHD_OPTION_END, 0, nullptr}};
     daemon_ = MHD_start_daemon(flags, 0, nullptr, nullptr, &OnRequest, this, MHD_OPTION_NOTIFY_COMPLETED, &OnCompleted,
-                               nullptr, MHD_OPTION_CONNECTION_LIMIT, MaxConnections, MHD_OPTION_CONNECTION_TIMEOUT,
-                               IdleSeconds, MHD_OPTION_CONNECTION_MEMORY_LIMIT, ConnectionMemory,
-                               MHD_OPTION_THREAD_STACK_SIZE, ThreadStack, MHD_OPTION_STRICT_FOR_CLIENT, 1,
-                               MHD_OPTION_ARRAY, socket, MHD_OPTION_END);
+                               this, MHD_OPTION_NOTIFY_CONNECTION, &OnConnection, this, MHD_OPTION_CONNECTION_LIMIT,
+                               MaxConnections, MHD_OPTION_CONNECTION_TIMEOUT, IdleSeconds,
+                               MHD_OPTION_CONNECTION_MEMORY_LIMIT, ConnectionMemory, MHD_OPTION_THREAD_STACK_SIZE,
+                               ThreadStack, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_ARRAY, socket, MHD_OPTION_END);
     if (daemon_ == nullptr) throw Error("the HTTP server does not start");
 }
 
 Server::~Server()
 {
     MHD_stop_daemon(daemon_);
+}
+
+void Server::Connected(int connection, bool begins)
+{
+    if (!begins) return deadlines_.Forget(connection);
+    setsockopt(connection, SOL_SOCKET, SO_SNDBUF, &SendBuffer, sizeof SendBuffer);
+    deadlines_.Begin(connection);
 }
 
 void Server::Serve(int connection)
@@ -257,6 +300,7 @@ int Server::GiveStream(void* raw)
     MHD_add_response_header(response, "X-Accel-Buffering", "no");
     const auto queued = MHD_queue_response(connection, 200, response);
     MHD_destroy_response(response);
+    deadlines_.Spare(SocketOf(connection));
     return queued;
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "web/deadlines.h"
 #include "web/feed.h"
 #include "web/request.h"
 
@@ -45,12 +46,17 @@ public:
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
+    // Ends connections that take too long, see Deadlines; to be called several times a second.
+    void EndOverdue() { deadlines_.EndOverdue(); }
+
     // Without a listening socket: takes one connected socket over and serves it on this thread.
     void Serve(int connection);
     // Serves what there is on this thread until nothing moves.
     void Settle();
 
     struct Call;
+    void Connected(int connection, bool begins);
+    void Answered(int connection) { deadlines_.Begin(connection); }
     int Handle(void* connection, const char* url, const char* method, const char* body, std::size_t* bodySize,
                void** call);
 
@@ -65,6 +71,7 @@ private:
     const Access access_;
     const Content content_;
     Feed& feed_;
+    Deadlines deadlines_{MaxConnections};
     std::atomic<std::uint64_t> requests_ = 0, refused_ = 0;
 };
 

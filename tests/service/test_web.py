@@ -1,4 +1,6 @@
 """voq-web's side of HTTP: what it serves, whom it refuses, what it bears. The page itself is tested in a browser."""
+import contextlib
+import fcntl
 import http.client
 import json
 import re
@@ -51,8 +53,8 @@ class Web:
         with socket.socket() as s:
             return s.connect_ex(("127.0.0.1", self.port)) == 0
 
-    def ask(self, path, method="GET", body=None, **headers):
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=20)
+    def ask(self, path, method="GET", body=None, timeout=20, **headers):
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)
         connection.request(method, path, body, {name.replace("_", "-"): value for name, value in headers.items()})
         answer = connection.getresponse()
         text = answer.read().decode()
@@ -142,6 +144,18 @@ def test_refuses(start, web):
             (404, "/../etc/passwd", "GET", None, {}), (404, "/api", "GET", None, {}), (405, "/", "POST", None, {}),
             (413, "/", "GET", "body", {}), (403, "/api/write?id=1", "POST", "1", {"Voq_Token": TOKEN})):
         assert server.ask(path, method, body, **headers)[0] == status, (path, method, headers)
+    for twice in (b"Host: localhost\r\nHost: elsewhere.example", b"Host: localhost\r\nContent-Length: 0\r\ncontent-length: 9"):
+        with server.connect(b"GET / HTTP/1.1\r\n" + twice + b"\r\n\r\n") as s:
+            assert b" 400 " in s.recv(400), twice
+
+
+def test_kept_lock(start, web):
+    """A lock that somebody keeps says nothing against the service."""
+    service = start(com_info(pause=1))
+    with open(service / "org", "r+b") as org:
+        fcntl.lockf(org, fcntl.LOCK_EX)
+        port = web().json("/api/ports")["ports"][0]
+        assert port["service"] == "runs" and "org: locked by process" in port["text"]
 
 
 def test_writes(start, web):
@@ -187,14 +201,17 @@ def test_bears(start, web):
     for data in (b"\0" * 4000, b"GET " + b"/" * 40000, b"GET / HTTP/1.1\r\n" + b"a: b\r\n" * 4000, b"POST /api/write?id=1 HTTP/1.1\r\n"
                  b"Host: localhost\r\nContent-Length: 99999999999999999999\r\n\r\n", bytes(range(256)) * 20):
         server.connect(data).close()
-    idle = [server.connect(b"GET / HT") for _ in range(80)]
+    slow = [server.connect(b"GET / HT") for _ in range(80)]
 
     def served():
+        for s in slow:  # never idle, never done
+            with contextlib.suppress(OSError):
+                s.send(b"T")
         try:
-            return server.ask("/")[0] == 200
+            return server.ask("/", timeout=1)[0] == 200
         except (OSError, http.client.HTTPException):
             return False
-    for s in idle:
+    wait_for(served, "room for another connection", 30)
+    for s in slow:
         s.close()
-    wait_for(served, "room for another connection")
     assert server.range()["name"].startswith("level")

@@ -168,6 +168,7 @@ class House:
     def end(self, name, how=signal.SIGTERM):
         process = self.processes.pop(name)
         process.send_signal(how)
+        process.send_signal(signal.SIGCONT)  # a test that failed may have left it stopped
         process.wait()
 
     def stop(self):

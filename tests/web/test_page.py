@@ -93,7 +93,13 @@ def test_filter_sort_and_keys(browser):
     choose(browser, filter="all", sort="name")
     names = wait_for(lambda: (found := rows(browser)) and len(found) == 60 and found, "all ranges")
     assert names == sorted(names) and browser.script("return document.querySelector('th').ariaSort") == "ascending"
-    choose(browser, sort="range")
+    browser.click("#reverse")
+    wait_for(lambda: rows(browser) == names[::-1], "the other way round")
+    browser.click("th button")
+    browser.click("#reverse")
+    choose(browser, sort="range", station="tcp_1 1")
+    wait_for(lambda: (found := rows(browser)) and all(name.startswith("boiler.") for name in found), "one station")
+    choose(browser, station="")
 
 
 def test_curve_and_polling(browser):
@@ -160,9 +166,12 @@ def test_service_and_server_come_back(browser, house):
 
 def test_hung_service(browser, house):
     house.processes["voq"].send_signal(signal.SIGSTOP)
-    wait_for(lambda: "hangs" in browser.text(".port") or "stands still" in banner(browser), "a loop that stands still", 60)
-    assert 'voq_loop_hung{port="tcp_1"} 1' in house.get("/metrics")
-    house.processes["voq"].send_signal(signal.SIGCONT)
+    try:
+        wait_for(lambda: "hangs" in browser.text(".port") and "stands still" in banner(browser), "a loop that stands still", 60)
+        assert 'voq_loop_hung{port="tcp_1"} 1' in house.get("/metrics")
+        assert browser.script("return document.querySelectorAll('tr.stale').length") == 60
+    finally:
+        house.processes["voq"].send_signal(signal.SIGCONT)
     wait_for(lambda: banner(browser) == "", "a loop that goes on")
 
 

@@ -4,7 +4,7 @@
 const $ = (id) => document.getElementById(id);
 const ranges = new Map();  // id: range, with its row and `seen`, when (performance.now) it was read
 let ports = [], generation = 0, sequence = 0, listening = false, writes = false, order = [];
-let opened = null, curve = null;
+let opened = null, curve = null, away = "";
 const LIVELY = 2000;  // younger than so many milliseconds is all the same to an eye
 
 const element = (name, classes, text) => {
@@ -42,10 +42,12 @@ const many = (n, word) => `${n} ${word}${n === 1 ? "" : "s"}`;
 
 function makeRow(range) {
   const row = element("tr");
+  row.setAttribute("role", "row");  // a telephone lays the table out otherwise, which would take its meaning away
   const cells = {};
   for (const name of ["name", "value", "unit", "state", "age", "period", "where"]) {
     const number = ["value", "age", "period"].includes(name) ? " number" : "";
     cells[name] = row.appendChild(element("td", name + number));
+    cells[name].setAttribute("role", "cell");
   }
   const open = cells.name.appendChild(element("button", "open", range.name));
   open.type = "button";
@@ -67,7 +69,7 @@ function draw(range) {
     put(cells.state, range.state);
     range.drawn = range.state;
   }
-  row.classList.toggle("stale", range.state !== "ok" && range.value !== null);
+  row.classList.toggle("stale", range.state !== "ok" && range.value !== null || away.includes(`${range.port} `));
   put(cells.age, ageText(range));
   put(cells.period, periodText(range.period_ms));
 }
@@ -82,16 +84,18 @@ const rank = {
 };
 
 function listed(range) {
-  const find = $("find").value.toLowerCase(), filter = $("filter").value, port = $("port").value;
+  const find = $("find").value.toLowerCase(), filter = $("filter").value, port = $("port").value, station = $("station").value;
   return (!find || range.name.toLowerCase().includes(find) || range.expression.includes(find)) &&
     (filter !== "subscribed" || range.subscribed) && (filter !== "failing" || range.state !== "ok") &&
-    (!port || range.port === port);
+    (!port || range.port === port) && (!station || station === `${range.port} ${range.station}`);
 }
 
 function list() {
   const sort = $("sort").value;
   const next = [...ranges.values()].filter(listed);
   if (rank[sort]) next.sort(rank[sort]);
+  const reversed = $("reverse").ariaPressed === "true";
+  if (reversed) next.reverse();
   if (next.length !== order.length || next.some((range, i) => range !== order[i])) {
     order = next;
     const focused = document.activeElement;
@@ -100,7 +104,7 @@ function list() {
   }
   for (const head of document.querySelectorAll("th")) {
     const own = head.firstElementChild?.dataset.sort;
-    if (own && own === sort) head.setAttribute("aria-sort", sort === "name" ? "ascending" : "descending");
+    if (own && own === sort) head.setAttribute("aria-sort", (sort === "name") !== reversed ? "ascending" : "descending");
     else head.removeAttribute("aria-sort");
   }
   put($("count"), order.length === ranges.size ? many(ranges.size, "range") : `${order.length} of ${many(ranges.size, "range")}`);
@@ -137,7 +141,7 @@ function change([id, age, value, state, period, subscribed]) {
 // ------------------------------------------------------------------------------------------------- the ports
 
 function portCard(port) {
-  const card = element("article", "port");
+  const card = element("article", port.service === "runs" ? "port" : "port old");
   const head = card.appendChild(element("h2"));
   head.append(element("span", "", `${port.name}`), element("span", "state " + port.service, port.service));
   const facts = [port.link];
@@ -160,13 +164,24 @@ function portCard(port) {
   return card;
 }
 
+function offer(choice, options) {
+  const before = choice.value;
+  if (choice.options.length === options.length + 1) return;
+  choice.replaceChildren(new Option("all", ""), ...options);
+  choice.value = options.some((option) => option.value === before) ? before : "";
+  choice.parentElement.hidden = options.length < 2;
+}
+
 function takePorts(told) {
   ports = told;
   $("ports").replaceChildren(...ports.map(portCard));
-  const choice = $("port");
-  if (choice.options.length !== ports.length + 1) {
-    choice.replaceChildren(new Option("all", ""), ...ports.map((port) => new Option(port.name, port.name)));
-    choice.parentElement.hidden = ports.length < 2;
+  offer($("port"), ports.map((port) => new Option(port.name, port.name)));
+  offer($("station"), ports.flatMap((port) => port.stations.map((station) => new Option(
+    (station.name || station.station) + (ports.length > 1 ? ` · ${port.name}` : ""), `${port.name} ${station.station}`))));
+  const now = ports.filter((port) => port.service !== "runs").map((port) => `${port.name} `).join();
+  if (now !== away) {
+    away = now;
+    ranges.forEach(draw);
   }
   banner();
 }
@@ -251,7 +266,7 @@ function explain(told) {
     say("No client has subscribed it, so it is not polled.");
   } else {
     say(`Asked for ${told.asked}, ` + (told.station_off ? "not read: its station is switched off."
-      : told.achieved === null ? "not read twice yet." : `read every ${told.achieved}.`));
+      : told.refused_since !== null ? "but refused." : told.achieved === null ? "not read twice yet." : `read every ${told.achieved}.`));
     if (told.refused_since !== null) {
       say(`Refused by the device since ${new Date(told.refused_since * 1000).toLocaleString()}; it is tried again, at the longest after an hour.`, "refused");
     }
@@ -326,6 +341,7 @@ function reload() {
 }
 function live(on) {
   listening = on;
+  document.body.classList.toggle("old", !on);
   $("connection").className = on ? "live" : "";
   put($("connection"), on ? "live" : "no connection");
   banner();
@@ -367,14 +383,21 @@ setInterval(() => {
 }, 1000);
 setInterval(() => { if (opened) fetchJson(`api/explain?id=${opened.id}`).then(explain, () => {}); }, 5000);
 
-for (const id of ["find", "filter", "port", "sort"]) $(id).addEventListener("input", list);
+for (const id of ["find", "filter", "port", "station", "sort"]) $(id).addEventListener("input", list);
 $("tools").addEventListener("submit", (event) => event.preventDefault());
 for (const button of document.querySelectorAll("th button")) {
   button.addEventListener("click", () => {
-    $("sort").value = $("sort").value === button.dataset.sort ? "range" : button.dataset.sort;
+    // Once, the other way round, and as it was.
+    const again = $("sort").value === button.dataset.sort, reversed = $("reverse").ariaPressed === "true";
+    $("sort").value = again && reversed ? "range" : button.dataset.sort;
+    $("reverse").ariaPressed = again && !reversed;
     list();
   });
 }
+$("reverse").addEventListener("click", () => {
+  $("reverse").ariaPressed = $("reverse").ariaPressed !== "true";
+  list();
+});
 $("close").addEventListener("click", () => $("detail").close());
 $("detail").addEventListener("close", () => { const range = opened; opened = null; if (range?.open.isConnected) range.open.focus(); });
 $("detail").addEventListener("click", (event) => { if (event.target === $("detail")) $("detail").close(); });
