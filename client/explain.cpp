@@ -19,7 +19,8 @@ namespace
 
 constexpr std::uint32_t TenMilliseconds = 10000, TwoSeconds = 2000000;
 constexpr std::uint32_t ShortestTimeOut = 1000;
-constexpr std::uint32_t WidestGap = 255;  // what a setting holds
+constexpr std::uint32_t LittleTime = 1000;  // of a round: not worth a word
+constexpr std::uint32_t WidestGap = 255;    // what a setting holds
 // The longest request of Modbus, the usual limit of other protocols too.
 constexpr std::uint32_t ManyWords = 125, ManyBits = 2000;
 
@@ -114,7 +115,11 @@ class Adviser
 {
 public:
     Adviser(const Statistics& statistics, const RoundExplained& round, const std::vector<StatsRange>& ranges)
-        : port_(statistics.port), stations_(statistics.stations), round_(round), ranges_(ranges)
+        : port_(statistics.port),
+          stations_(statistics.stations),
+          rounds_(statistics.loop.round.rounds),
+          round_(round),
+          ranges_(ranges)
     {
     }
 
@@ -125,7 +130,8 @@ public:
             Packed(true);
         }
         Pause();
-        LostStation();
+        LostStations();
+        SlowStation();
         TimeOuts();
         std::stable_sort(advice_.begin(), advice_.end(),
                          [](const Advice& a, const Advice& b) { return a.saves > b.saves; });
@@ -170,13 +176,65 @@ private:
                            std::uint64_t{port_.pause - 1} * 1000 * round_.reads});
     }
 
-    void LostStation()
+    // What a station that is away costs differs from round to round: the driver passes it over and tries it again.
+    std::uint64_t LostFor(std::size_t number) const
     {
-        if (round_.lost == 0 || !round_.lostStation) return;
-        advice_.push_back({Advice::Kind::Station,
-                           "station " + std::to_string(*round_.lostStation) +
-                               " does not answer in time: mend it, or switch it off while it is away",
-                           round_.lost});
+        const StatsStation& station = stations_[number];
+        if (station.lastBad < station.lastGood || rounds_ == 0) return 0;
+        const bool inLast = round_.lostStation && *round_.lostStation == number;
+        return std::max<std::uint64_t>(station.lostTime / rounds_, inLast ? round_.lost : 0);
+    }
+
+    void LostStations()
+    {
+        for (std::size_t number = 0; number < stations_.size(); ++number) {
+            const std::uint64_t lost = LostFor(number);
+            if (lost < LittleTime || ReadsOf(number) == 0) continue;
+            advice_.push_back({Advice::Kind::Station,
+                               "station " + std::to_string(number) +
+                                   " does not answer in time: mend it, or switch it off while it is away",
+                               lost});
+        }
+    }
+
+    // Its reads in the last round.
+    std::size_t ReadsOf(std::size_t number) const
+    {
+        std::set<std::uint16_t> reads;
+        for (const StatsRange& range : ranges_) {
+            if (range.key.plcno == number && (range.flags & STATS_RANGE_REFUSED) == 0) reads.insert(range.readNumber);
+        }
+        return reads.size();
+    }
+
+    // A station that takes most of a round for its answers, much longer for each than the others, and need not be asked
+    // at every turn.
+    void SlowStation()
+    {
+        std::uint64_t allAnswers = 0, allTime = 0;
+        for (const StatsStation& station : stations_) {
+            allAnswers += station.ok + station.refused;
+            allTime += station.answerTime;
+        }
+        for (std::size_t number = 0; number < stations_.size(); ++number) {
+            const StatsStation& station = stations_[number];
+            const std::uint64_t answers = station.ok + station.refused, others = allAnswers - answers;
+            if (answers == 0 || others == 0 || station.lastBad > station.lastGood || !AskedOften(number)) continue;
+            const std::uint64_t mean = station.answerTime / answers, takes = mean * ReadsOf(number);
+            const bool slow = mean > 4 * ((allTime - station.answerTime) / others);
+            if (!slow || takes < LittleTime || takes * 2 < round_.driver) continue;
+            advice_.push_back({Advice::Kind::SlowStation,
+                               "station " + std::to_string(number) + " takes " + DurationText(mean) +
+                                   " for an answer and holds the others up: priority = 10 where 2 s will do",
+                               takes});
+        }
+    }
+
+    bool AskedOften(std::size_t number) const
+    {
+        return std::any_of(ranges_.begin(), ranges_.end(), [&](const StatsRange& range) {
+            return range.key.plcno == number && Asked(range.key) < TwoSeconds;
+        });
     }
 
     // A station that answers, and whose slowest answer took nearly as long as the driver waits.
@@ -198,6 +256,7 @@ private:
 
     const StatsPort& port_;
     const std::vector<StatsStation>& stations_;
+    std::uint64_t rounds_;
     const RoundExplained& round_;
     const std::vector<StatsRange>& ranges_;
     std::vector<Advice> advice_;
@@ -212,6 +271,7 @@ RoundExplained ExplainRound(const Statistics& statistics)
     round.length = last.length;
     round.driver = last.driverTime;
     round.pauses = statistics.port.pause * 1000 * last.reads;
+    if (last.lostTime < LittleTime) return round;  // a station passed over
     round.lost = last.lostTime;
     if (last.lostStation < StatsStations) round.lostStation = static_cast<std::uint8_t>(last.lostStation);
     return round;

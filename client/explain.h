@@ -26,7 +26,7 @@ struct RoundExplained {
 };
 
 struct Advice {
-    enum class Kind : std::uint8_t { Gap, Limit, Pause, Station, TimeOut };
+    enum class Kind : std::uint8_t { Gap, Limit, Pause, Station, SlowStation, TimeOut };
     Kind kind;
     std::string text;         // what to do, a sentence without its full stop
     std::uint64_t saves = 0;  // us of a round; 0 where nothing can be reckoned

@@ -65,7 +65,7 @@ std::optional<LockHolder> HolderOf(const std::string& path)
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
     struct stat file = {};
-    const bool held = fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK && fstat(fd, &file) == 0;
+    const bool held = fcntl(fd, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK && fstat(fd, &file) == 0;
     close(fd);
     if (!held) return std::nullopt;
     LockHolder holder{lock.l_pid > 0 ? lock.l_pid : DescriptionHolder(file), ""};

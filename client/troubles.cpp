@@ -3,9 +3,12 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 
 #include "client/explain.h"
+#include "client/register.h"
 #include "client/value_text.h"
+#include "voq/com_info.h"
 #include "voq/plc_driver.h"
 
 namespace voq
@@ -61,12 +64,22 @@ std::string FailureText(const StatsStation& station, std::uint8_t number, std::i
     const std::string off = " (t in voqctl top switches it off meanwhile)";
     if (station.lastGood == 0) {
         const std::string since = " since the service started " + AgeText(now - started) + " ago: ";
-        return Station(number) + (timeOut ? " has never answered" + since + "is it there, is its number right?" + off
-                                          : " could never be reached" + since + "see the port's address and the log");
+        return Station(number) + (timeOut ? " has never answered in time" + since +
+                                                "is it there, is its number right? The log says when it is slow" + off
+                                          : " could never be read" + since + "the log says what it is");
     }
     const std::string age = " for " + AgeText(now - station.lastGood) + ": ";
-    return Station(number) + (timeOut ? " has not answered" + age + "see to its power and its cable" + off
+    return Station(number) + (timeOut ? " has not answered in time" + age + "see to its power and its cable" + off
                                       : " has failed" + age + "see to its cable; the log says what it is");
+}
+
+// Where the PLC is, as far as the port's record tells.
+std::string Place(const ComInfoRecord& port)
+{
+    if (port.linkType != LINK_ETHERNET) return "at the other end of the line";
+    const std::uint32_t address = port.baudOrAddress;
+    return "at " + std::to_string(address >> 24) + "." + std::to_string(address >> 16 & 255) + "." +
+           std::to_string(address >> 8 & 255) + "." + std::to_string(address & 255);
 }
 
 class Judge
@@ -79,23 +92,65 @@ public:
 
     void Stations(std::vector<Trouble>& troubles) const
     {
-        for (std::size_t i = 0; i < StatsStations; ++i) {
-            const auto number = static_cast<std::uint8_t>(i);
-            if (std::find(off_.begin(), off_.end(), number) != off_.end()) continue;
-            if (Fails(number)) {
-                const std::string text = FailureText(statistics_.stations[i], number, now_, statistics_.header.started);
-                troubles.push_back({Trouble::Kind::Station, number, text});
-            } else if (const unsigned refused = subscribed_[i].refused; refused != 0) {
-                troubles.push_back({Trouble::Kind::Refused, number,
-                                    Station(number) + " refuses " + std::to_string(refused) + " of its " +
-                                        std::to_string(subscribed_[i].ranges) +
-                                        " subscribed range(s): does its program have these registers? voqctl explain "
-                                        "names them"});
-            }
+        const std::vector<std::uint8_t> failing = Failing();
+        if (const std::string all = Link(failing); !all.empty()) {
+            troubles.push_back({Trouble::Kind::Link, failing, all});
+            return;
+        }
+        for (const std::uint8_t number : failing) {
+            const StatsStation& station = statistics_.stations[number];
+            troubles.push_back(
+                {Trouble::Kind::Station, {number}, FailureText(station, number, now_, statistics_.header.started)});
+        }
+        for (std::size_t number = 0; number < StatsStations; ++number) {
+            if (subscribed_[number].refused != 0) troubles.push_back(Refusing(static_cast<std::uint8_t>(number)));
         }
     }
 
 private:
+    std::vector<std::uint8_t> Failing() const
+    {
+        std::vector<std::uint8_t> failing;
+        for (std::size_t i = 0; i < StatsStations; ++i) {
+            const auto number = static_cast<std::uint8_t>(i);
+            if (std::find(off_.begin(), off_.end(), number) == off_.end() && Fails(number)) failing.push_back(number);
+        }
+        return failing;
+    }
+
+    // What is wrong when no station of several can be reached: the way to them.
+    std::string Link(const std::vector<std::uint8_t>& failing) const
+    {
+        std::int64_t lastGood = 0;
+        for (const StatsStation& station : statistics_.stations) lastGood = std::max(lastGood, station.lastGood);
+        for (const std::uint8_t number : failing) {
+            const StatsStation& station = statistics_.stations[number];
+            if (station.lastBadResult == PLC_DRV_TIMEOUT || station.lastBad < lastGood) return "";
+        }
+        if (failing.size() < 2) return "";
+        return "none of the " + std::to_string(failing.size()) + " stations can be reached " +
+               Place(statistics_.port.comInfo) +
+               (lastGood == 0
+                    ? ", and none was since the service started " + AgeText(now_ - statistics_.header.started) + " ago"
+                    : " for " + AgeText(now_ - lastGood)) +
+               ": is that the right place, is it on? The log says what it is";
+    }
+
+    Trouble Refusing(std::uint8_t number) const
+    {
+        std::string first;
+        for (const StatsRange& row : statistics_.ranges) {
+            constexpr std::uint32_t Both = STATS_RANGE_SUBSCRIBED | STATS_RANGE_REFUSED;
+            if (row.key.plcno != number || (row.flags & Both) != Both || !first.empty()) continue;
+            first = Expression({row.key, TypeOfSize(RegElemSize(&row.key))});
+        }
+        return {Trouble::Kind::Refused,
+                {number},
+                Station(number) + " refuses " + std::to_string(subscribed_[number].refused) + " of its " +
+                    std::to_string(subscribed_[number].ranges) + " subscribed range(s), " + first +
+                    ": does it have these registers? voqctl explain names each"};
+    }
+
     bool Fails(std::uint8_t number) const
     {
         const StatsStation& station = statistics_.stations[number];

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,10 +12,10 @@ namespace voq
 {
 
 struct Trouble {
-    enum class Kind : std::uint8_t { Hang, Lock, Driver, Station, Refused, Slow };
+    enum class Kind : std::uint8_t { Hang, Lock, Driver, Link, Station, Refused, Slow };
     Kind kind;
-    std::optional<std::uint8_t> station = {};  // of Station and Refused
-    std::string text;                          // a line: what, then what to do
+    std::vector<std::uint8_t> stations = {};  // of Link, Station and Refused
+    std::string text;                         // a line: what, then what to do
 };
 
 // Of a service that lives. `now` is in microseconds since 1970; `stationsOff` are those that the operator has switched

@@ -8,6 +8,7 @@
 #include "tools/commands.h"
 #include "tools/printable.h"
 #include "voq/reg_range.h"
+#include "voq/rt_item.h"
 
 namespace
 {
@@ -37,18 +38,27 @@ void PrintRead(const voq::RangeExplained& range, std::uint32_t reads)
         std::printf("with %u %s", range.others, Many(range.others, "other range", "other ranges"));
     }
     if (range.gaps != 0) std::printf(", %u of them wanted by none", range.gaps);
-    std::printf("%s\n", range.result > 1 ? "; it failed the last time" : "");
+    std::printf("\n");
+}
+
+std::string AchievedText(const voq::RangeExplained& range)
+{
+    if (range.stationOff) return "not read: its station is switched off";
+    if (range.refusedSince != 0) return "not read: the device refuses it";
+    if (range.result > 1) {
+        const std::string failed = range.result == PLC_TIMEOUT ? "no answer in time" : "it fails";
+        return failed + (range.achieved == 0 ? "" : ", tried every " + voq::DurationText(range.achieved));
+    }
+    return range.achieved == 0 ? "not read twice yet" : "read every " + voq::DurationText(range.achieved);
 }
 
 void PrintRange(const Target& target, const std::string& name, const voq::RangeExplained& range, std::uint32_t reads)
 {
-    const std::string achieved =
-        range.achieved == 0 ? "not read twice yet" : "read every " + voq::DurationText(range.achieved);
     std::printf("%s: asked for %s, %s\n", Printable(name).c_str(), voq::PeriodText(range.asked).c_str(),
-                range.stationOff ? "not read: its station is switched off" : achieved.c_str());
-    if (range.read != 0) PrintRead(range, reads);
+                AchievedText(range).c_str());
+    if (range.read != 0 && range.refusedSince == 0) PrintRead(range, reads);
     if (range.refusedSince != 0) {
-        std::printf("    refused by the device since %s; it is tried again, at the longest after an hour\n",
+        std::printf("    refused since %s; it is tried again ever more rarely, at the longest after an hour\n",
                     IsoTime(range.refusedSince * 1000000).c_str());
     }
     if (range.apartFrom) {

@@ -189,7 +189,8 @@ void AddDiagnosis(Row& row, const voq::PortStatus& status, const std::optional<S
     std::vector<Cell> failing, problems;
     for (const voq::Trouble& trouble : TroublesOf(shown, status)) {
         problems.push_back(Cell::Text(trouble.text));
-        if (trouble.kind == voq::Trouble::Kind::Station) failing.push_back(Cell::Number(*trouble.station));
+        if (trouble.kind == voq::Trouble::Kind::Refused) continue;  // it answers
+        for (const std::uint8_t station : trouble.stations) failing.push_back(Cell::Number(station));
     }
     const bool locked = shown && shown->heartbeat.beat == voq::Beat::Lock && shown->heartbeat.holder.pid != 0;
     row.emplace_back("timeout_age_s", age(status.timeout, status.timeoutSince));

@@ -105,10 +105,9 @@ std::string CountersLine(const TopPort& port)
     std::uint64_t refused = 0;
     for (const StatsIntake& intake : counters.statistics.intakes) refused += intake.refused + intake.refusedTimeout;
     const auto number = [](std::uint64_t value) { return static_cast<unsigned long long>(value); };
-    return Format("        %.0f turns/s  %.0f reads/s  round %s, %u reads  subscribed %u  one-shots ok %llu, bad %llu",
+    return Format("        %.0f turns/s  %.0f reads/s  round %s: %u reads  one-shots %llu ok, %llu bad",
                   counters.turnRate, counters.readRate, voq::DurationText(loop.round.length).c_str(), loop.round.reads,
-                  loop.subscribed, number(loop.answeredOk),
-                  number(loop.answeredTimeout + loop.answeredError + refused));
+                  number(loop.answeredOk), number(loop.answeredTimeout + loop.answeredError + refused));
 }
 
 std::string StationLine(const TopModel& model, const TopStation& station, bool selected)
@@ -119,7 +118,7 @@ std::string StationLine(const TopModel& model, const TopStation& station, bool s
     const std::string mean = answers == 0 ? "-" : voq::DurationText(counts.answerTime / answers);
     const std::string longest = answers == 0 ? "-" : voq::DurationText(counts.longest);
     const auto number = [](std::uint64_t value) { return static_cast<unsigned long long>(value); };
-    return Format("%c%-7.7s %3u%-4s %8llu %5.0f %6llu %6llu %5llu %7s %7s %7s %7s", selected ? '>' : ' ',
+    return Format("%c%-7.7s %3u%-4s %7llu %5.0f %5llu %5llu %5llu %7s %7s %7s %7s", selected ? '>' : ' ',
                   port.name.c_str(), unsigned{station.number}, port.StationOff(station.number) ? " off" : "",
                   number(counts.calls), station.rate, number(counts.timeouts), number(counts.errors),
                   number(counts.refused), mean.c_str(), longest.c_str(), model.AgeText(station.good).c_str(),
@@ -191,7 +190,7 @@ void TopScreen::Draw(TopModel& model, const std::vector<TopRange*>& listed, std:
 void TopScreen::Draw(const TopModel& model, const std::vector<TopStation>& stations, std::size_t selected,
                      const std::string& note)
 {
-    const std::string heading = Format(" %-7s %3s%-4s %8s %5s %6s %6s %5s %7s %7s %7s %7s", "PORT", "PLC", "", "CALLS",
+    const std::string heading = Format(" %-7s %3s%-4s %7s %5s %5s %5s %5s %7s %7s %7s %7s", "PORT", "PLC", "", "CALLS",
                                        "/S", "T-OUT", "ERROR", "REFUS", "MEAN", "LONGEST", "GOOD", "BAD");
     const auto line = [&](std::size_t row, bool chosen) { return StationLine(model, stations[row], chosen); };
     Draw(model,

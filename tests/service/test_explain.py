@@ -43,6 +43,7 @@ def test_holes_and_a_station_that_is_away(start):
     service.sim.fail(Sim.TIMEOUT, station=2, delay_us=2000)
     service.send(log_on(Key(7, plcno=2), 9))
     wait_for(lambda: any("station 2 does not answer" in row["text"] for row in explained()["advice"]), "the lost station")
-    said = voqctl("explain", "s1:a1:u16@20*2", "s1:a1:u16@77")
-    assert "s1:a1:u16@20*2" in said.stdout and ": asked for every turn, read every " in said.stdout
+    said = voqctl("explain", "s1:a1:u16@20*2", "s1:a1:u16@0*2", "s1:a1:u16@77")
+    assert "s1:a1:u16@20*2" in said.stdout and ": asked for every turn, not read: the device refuses it" in said.stdout
+    assert ": asked for every turn, read every " in said.stdout
     assert "most for station 2" in said.stdout and "s1:a1:u16@77: no client has subscribed it" in said.stderr

@@ -88,6 +88,10 @@ def test_screen_and_keys(start):
     top.shows("Switched station 2 of com_1 on", keys="ty")
     assert RETAINED.read_bytes() == bytes(20000)
 
+    top.shows("3 stations", " turns/s", "round ", "one-shots 0 ok", "T-OUT", ">com_1     1 ", " com_1     2 ", "never",
+              "q quit  p ranges", keys="p")
+    top.shows("com_1 ", ">com_1     2 ", "Switch station 2 of com_1 off? y/n", keys="\x1bOBt")
+    top.shows("1 ranges", HELP, keys="np")
     sim.fail(sim.TIMEOUT)
     top.shows("link TIME-OUT", "time-out 2", ">com_1     2     s2", "time-out", keys="f")
     sim.fail(sim.HANG)
