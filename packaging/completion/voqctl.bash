@@ -30,7 +30,7 @@ _voqctl() {
     elif [[ ${#command[@]} -eq 0 || ${command[*]} == project ]]; then
         word=$(_voqctl_help '/^Subcommands:/,$ s/^  ([a-z]+) .*/\1/p' "${command[@]}")
         COMPREPLY=($(compgen -W "$word" -- "$current"))
-    elif [[ $project && " read write change pulse watch " == *" ${command[0]} "* ]]; then
+    elif [[ $project && " read write change pulse watch explain " == *" ${command[0]} "* ]]; then
         COMPREPLY=($(compgen -W "$(voqctl project names "$project" 2>/dev/null)" -- "$current"))
     fi
 }
