@@ -74,7 +74,8 @@ void AddPortOptions(CLI::App& command, Options& options)
 
 void AddByteOrder(CLI::App& command, Options& options)
 {
-    command.add_option("--byte-order", options.port.byteOrder, "Byte-order word in place of the service's and the project's");
+    command.add_option("--byte-order", options.port.byteOrder,
+                       "Byte-order word in place of the service's and the project's");
 }
 
 void AddFifoOptions(CLI::App& command, Options& options)
