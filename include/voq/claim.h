@@ -8,9 +8,9 @@
 //
 // record
 //   all zeros            nothing
-//   cmd LogOn            a subscription; subcmd 1: through the GUI FIFO; orgoffset: the service that the log-on was sent
-//                        to, the low half of `started` in its statistics, 0 when it may not have been sent or that is
-//                        not known
+//   cmd LogOn            a subscription; subcmd 1: through the GUI FIFO; orgoffset: the service that it was sent to,
+//                        the low half of `started` in its statistics, 0 when it may not have been sent or that is not
+//                        known
 //   any other cmd        a one-shot that may still be answered; orgoffset: seconds since 1970 when it was sent
 #pragma once
 
