@@ -57,27 +57,33 @@ static void follow(voq_port* port, voq_range** ranges)
     }
 }
 
-/* Several requests under way at once, one of them given up. */
+static void await_answer(voq_port* port, voq_request* request, const char* what)
+{
+    struct voq_event event;
+    int answers = 0;
+    while (answers < 1) {
+        check(voq_port_wait(port, 20000) - 1, "waiting for an answer", port);
+        while (voq_port_next_event(port, &event) == 1) answers += event.type == VOQ_ANSWERED;
+    }
+    check(voq_request_result(request), what, port);
+}
+
+/* A write with a read under way beside it that is given up; what is written is read behind its answer, since the
+ * service may serve a read before a write that waits. */
 static void ask(voq_port* port, voq_range* range, double number)
 {
     voq_request *write, *read, *dropped;
-    struct voq_event event;
     unsigned char image[8];
     double seen[2];
     const double values[2] = {number, 1};
-    int answers = 0;
     size_t length;
     check(voq_encode_doubles(range, values, 2, image, sizeof image), "encode", port);
     check(voq_begin_write(range, image, 4, 20000, &write), "begin write", port);
     check(voq_begin_read(range, 20000, &dropped), "begin read", port);
     voq_request_free(dropped);
+    await_answer(port, write, "write");
     check(voq_begin_read(range, 20000, &read), "begin read", port);
-    while (answers < 2) {
-        check(voq_port_wait(port, 20000) - 1, "waiting for answers", port);
-        while (voq_port_next_event(port, &event) == 1) answers += event.type == VOQ_ANSWERED;
-    }
-    check(voq_request_result(write), "write", port);
-    check(voq_request_result(read), "read", port);
+    await_answer(port, read, "read");
     check(voq_decode_doubles(range, voq_request_data(read, &length), 4, seen, 2) - 2, "decode", port);
     if (seen[0] != number || seen[1] != 1 || length != 4) check(VOQ_DAMAGED, "what was written is not read", NULL);
     voq_request_free(write);
