@@ -144,9 +144,10 @@ class Bench:
         os.environ["VOQ_BUILD"] = str(self.build)
         import web  # behind the environment, which its helpers read
         samples = web.measure(self.samples(60, 8), lambda *what: print("  web", *what, file=sys.stderr, flush=True))
-        load = f"{web.RANGES} ranges, {web.READERS} browsers"
+        load = f"{web.RANGES} ranges, {web.READERS} readers"
         self.figures.append(Figure(f"voq-web: CPU of {load}", "% of a core", samples["cpu"], goal=("value", "<=", 3)))
-        self.figures.append(Figure(f"voq-web: memory of its own, {load}", "MiB", samples["memory"], goal=("value", "<=", 6), scale=1 / 1024))
+        self.figures.append(Figure(f"voq-web: memory of its own, {load}", "MiB", samples["memory"],
+                                   goal=("value", "<=", 6), scale=1 / 1024))
         if not samples["first"]:
             self.missing.append("first view of voq-web's page: there is no chromedriver")
             return
