@@ -41,11 +41,6 @@ std::string Str(std::uint64_t value)
     return std::to_string(value);
 }
 
-bool IsFraction(ValueKind kind)
-{
-    return kind == ValueKind::Float || kind == ValueKind::Double;
-}
-
 Bytes Descriptor(ChangeOp operation, std::uint32_t bit, std::uint32_t format, std::uint32_t size)
 {
     Bytes bytes;
@@ -84,14 +79,14 @@ RegKey Elements(const RegKey& key, std::uint32_t first, std::uint32_t count)
 
 void RequireBits(const Subject& on)
 {
-    if (IsFraction(on.coding.type.kind)) throw Error("a " + TypeName(on.coding.type) + " has no bits to change");
+    if (IsFloating(on.coding.type.kind)) throw Error("a " + TypeName(on.coding.type) + " has no bits to change");
 }
 
 // The service computes with the first element only, and by the port's byte-order word only.
 void RequireNumber(const Subject& on, bool fractions)
 {
     const ValueKind kind = on.coding.type.kind;
-    if (kind == ValueKind::Bit || kind == ValueKind::Raw || (IsFraction(kind) && !fractions)) {
+    if (kind == ValueKind::Bit || kind == ValueKind::Raw || (IsFloating(kind) && !fractions)) {
         throw Error("not for a register of type " + TypeName(on.coding.type));
     }
     if (on.reg.key.width != 1) {

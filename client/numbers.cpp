@@ -16,14 +16,9 @@ namespace voq
 namespace
 {
 
-bool IsFloat(const ValueCoding& coding)
-{
-    return coding.type.kind == ValueKind::Float || coding.type.kind == ValueKind::Double;
-}
-
 void RequireNumbers(const ValueCoding& coding, bool fractions)
 {
-    if (coding.type.kind == ValueKind::Raw || (IsFloat(coding) && !fractions)) {
+    if (coding.type.kind == ValueKind::Raw || (IsFloating(coding.type.kind) && !fractions)) {
         throw Error("a " + TypeName(coding.type) + " is no " + (fractions ? "number" : "integer"));
     }
 }

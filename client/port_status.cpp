@@ -103,10 +103,7 @@ std::string StatesText(const std::map<std::uint8_t, unsigned>& states)
 std::optional<SplitStates> SplitBySubscription(const PortStatus& status, const Statistics& statistics)
 {
     if (!status.org) return std::nullopt;
-    std::set<std::uint32_t> subscribed;
-    for (const StatsRange& row : statistics.ranges) {
-        if ((row.flags & STATS_RANGE_SUBSCRIBED) != 0) subscribed.insert(row.orgOffset);
-    }
+    const std::set<std::uint32_t> subscribed = SubscribedRecords(statistics);
     SplitStates split;
     for (const OrgRecord& record : status.org->records) {
         ++(subscribed.contains(record.offset) ? split.subscribed : split.others)[record.node.state];

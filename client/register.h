@@ -24,6 +24,11 @@ struct ValueType {
     std::uint8_t elemSize = 2;  // bytes per element, 0 for a bit
 };
 
+constexpr bool IsFloating(ValueKind kind)
+{
+    return kind == ValueKind::Float || kind == ValueKind::Double;
+}
+
 // "bit", "u16", "s16", "u32", "s32", "float", "double", "raw:N" with N from 1 to 15.
 std::optional<ValueType> TypeFromName(std::string_view name);
 std::string TypeName(const ValueType& type);

@@ -108,6 +108,15 @@ std::optional<Statistics> ReadStatistics(const std::string& path)
     return copy;
 }
 
+std::set<std::uint32_t> SubscribedRecords(const Statistics& statistics)
+{
+    std::set<std::uint32_t> records;
+    for (const StatsRange& row : statistics.ranges) {
+        if ((row.flags & STATS_RANGE_SUBSCRIBED) != 0) records.insert(row.orgOffset);
+    }
+    return records;
+}
+
 std::uint64_t NowMono()
 {
     timespec now = {};

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,9 @@ struct Statistics {
 // (a service that died in the middle of a change). The service that wrote it may be gone: it leaves the file behind.
 // Throws Error when the file is there and cannot be opened.
 std::optional<Statistics> ReadStatistics(const std::string& path);
+
+// The record offsets of the ranges that are subscribed.
+std::set<std::uint32_t> SubscribedRecords(const Statistics& statistics);
 
 // The service's monotonic clock, which "mono" times are compared with.
 std::uint64_t NowMono();

@@ -15,15 +15,10 @@ using voq::Meaning;
 using voq::ValueCoding;
 using voq::ValueKind;
 
-bool IsFraction(const ValueCoding& coding)
-{
-    return coding.type.kind == ValueKind::Float || coding.type.kind == ValueKind::Double;
-}
-
 std::string Plain(const ValueCoding& coding, double number)
 {
     char text[400];
-    std::snprintf(text, sizeof text, IsFraction(coding) ? "%.17g" : "%.0f", number);
+    std::snprintf(text, sizeof text, voq::IsFloating(coding.type.kind) ? "%.17g" : "%.0f", number);
     return text;
 }
 
@@ -32,7 +27,7 @@ std::string Step(const Meaning& meaning, const ValueCoding& coding, const std::s
     if (!meaning.Scaled()) return text;
     const double wanted = voq::ParseValue({{ValueKind::Double, 8}, 0, false}, text).number;
     const double step = wanted / std::abs(meaning.scale);
-    if (!IsFraction(coding) && std::abs(step - std::round(step)) > 1e-6) {
+    if (!voq::IsFloating(coding.type.kind) && std::abs(step - std::round(step)) > 1e-6) {
         char one[40];
         std::snprintf(one, sizeof one, "%.9g", std::abs(meaning.scale));
         throw voq::Error("the step " + text + " is no multiple of " + one);
@@ -55,7 +50,7 @@ std::optional<std::string> Described(const Meaning& meaning, const ValueCoding& 
     double number = (*scaled - meaning.offset) / meaning.scale;
     constexpr double slack = 1e-9;  // what the division may be off
     const double off = slack * std::max(1.0, std::abs(number));
-    if (!IsFraction(coding)) number = lower ? std::ceil(number - off) : std::floor(number + off);
+    if (!voq::IsFloating(coding.type.kind)) number = lower ? std::ceil(number - off) : std::floor(number + off);
     const double low = voq::LowestValue(coding).number, high = voq::HighestValue(coding).number;
     if (!(number >= low && number <= high)) return std::nullopt;
     return Plain(coding, number);

@@ -20,8 +20,7 @@ const voq::Meaning& MeaningOf(const Selected& range, bool raw)
 Cell ElementCell(const voq::ShownElement& element, voq::ValueKind kind)
 {
     if (element.isNumber) return {Cell::Kind::Literal, element.text};
-    const bool real = kind == voq::ValueKind::Float || kind == voq::ValueKind::Double;
-    return real && !element.number ? Cell{} : Cell::Text(element.text);
+    return voq::IsFloating(kind) && !element.number ? Cell{} : Cell::Text(element.text);
 }
 
 }  // namespace

@@ -55,11 +55,7 @@ std::set<std::uint32_t> SubscribedNow(const voq::PortDir& port)
 {
     const auto statistics = voq::ReadStatistics(port.Stats());
     if (!statistics) throw voq::Error(port.Stats() + ": no statistics: what have other clients subscribed?");
-    std::set<std::uint32_t> subscribed;
-    for (const StatsRange& row : statistics->ranges) {
-        if ((row.flags & STATS_RANGE_SUBSCRIBED) != 0) subscribed.insert(row.orgOffset);
-    }
-    return subscribed;
+    return voq::SubscribedRecords(*statistics);
 }
 
 // The records are looked at here, all of them; the library need not.

@@ -156,6 +156,14 @@ std::uint16_t OrderOfService(const Target& target, const RegKey& key)
     return key.portno == REG_PORT_LOCAL ? target.service->panel : target.service->port;
 }
 
+void NoteOtherOrder(const Target& target, const voq::Register& reg, const std::string& what)
+{
+    if (!target.service || !voq::NeedsByteOrder(reg)) return;
+    if (ByteOrderOf(target, reg.key) == OrderOfService(target, reg.key)) return;
+    Complain(what + ": the service goes by another byte-order word than " +
+             (target.byteOrder ? "--byte-order" : "the project") + ": what it computes is wrong for one of them");
+}
+
 }  // namespace
 
 std::uint16_t ByteOrderOf(const Target& target, const RegKey& key)
@@ -177,15 +185,7 @@ bool ByteOrderMissing(const Target& target, const voq::Register& reg)
 
 void RequireByteOrder(const Target& target, const voq::Register& reg, const std::string& what)
 {
-    if (!ByteOrderMissing(target, reg)) {
-        const std::uint16_t word = ByteOrderOf(target, reg.key);
-        if (target.service && voq::NeedsByteOrder(reg) && word != OrderOfService(target, reg.key)) {
-            Complain(what + ": the service goes by another byte-order word than " +
-                     (target.byteOrder ? "--byte-order" : "the project") +
-                     ": what it computes is wrong for one of them");
-        }
-        return;
-    }
+    if (!ByteOrderMissing(target, reg)) return NoteOtherOrder(target, reg, what);
     throw UsageError(what + ": nothing says how the PLC lays out the bytes of a " + voq::TypeName(reg.type) +
                      ", and no service runs: give --project or --byte-order (0: lowest byte first); to write, "
                      "big_endian in the expression or raw:" +

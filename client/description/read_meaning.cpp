@@ -94,7 +94,7 @@ void RefuseScale(Table& table, const char* beside)
 void RequireInteger(Table& table, const Register& reg, const char* key)
 {
     const ValueKind kind = reg.type.kind;
-    if (kind == ValueKind::Float || kind == ValueKind::Double || kind == ValueKind::Raw) {
+    if (IsFloating(kind) || kind == ValueKind::Raw) {
         table.FailAt(key, "is for bits and integers, not for a " + TypeName(reg.type));
     }
 }
