@@ -42,6 +42,26 @@ RegRequest NoteOf(std::span<const std::uint8_t> frame)
 
 }  // namespace
 
+const char* OutcomeText(Outcome outcome)
+{
+    switch (outcome) {
+        case Outcome::Done:
+            return "written";
+        case Outcome::PlcTimeout:
+            return "the PLC does not answer";
+        case Outcome::Refused:
+            return "the service did not take the request";
+        case Outcome::Pending:
+        case Outcome::NoAnswer:
+            return "no answer in time; the service may still carry the write out";
+        case Outcome::NoService:
+            return "the service ended before it answered; it may have carried the write out";
+        case Outcome::PlcError:
+            break;
+    }
+    return "communication error, or the PLC refused";
+}
+
 Requests::Requests(const PortDir& port, FileNumbers& numbers, Answered answered)
     : port_(port), numbers_(numbers), answered_(std::move(answered))
 {

@@ -28,6 +28,9 @@ enum class Outcome : std::uint8_t {
     NoService  // it ended first; it may have carried it out
 };
 
+// What came of a write, for a person.
+const char* OutcomeText(Outcome outcome);
+
 // What came of a request; the caller's, alive until it is answered or given up.
 struct Asked {
     Outcome outcome = Outcome::Pending;

@@ -108,6 +108,15 @@ std::optional<Statistics> ReadStatistics(const std::string& path)
     return copy;
 }
 
+StationState StateOf(const StatsStation& station)
+{
+    constexpr std::int64_t unanswered = 2000000;
+    if (station.lastGood == 0 && station.lastBad == 0) return StationState::Silent;
+    // One lost answer among good ones is not yet a dead station.
+    const bool dead = station.lastGood == 0 || station.lastBad - station.lastGood > unanswered;
+    return dead ? StationState::Dead : StationState::Answers;
+}
+
 std::set<std::uint32_t> SubscribedRecords(const Statistics& statistics)
 {
     std::set<std::uint32_t> records;

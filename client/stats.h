@@ -32,6 +32,11 @@ struct Statistics {
 // Throws Error when the file is there and cannot be opened.
 std::optional<Statistics> ReadStatistics(const std::string& path);
 
+// What is known of a station that has answered or failed, or is described.
+enum class StationState : std::uint8_t { Silent, Answers, Dead, Off };
+// By its answers alone, so never Off.
+StationState StateOf(const StatsStation& station);
+
 // The record offsets of the ranges that are subscribed.
 std::set<std::uint32_t> SubscribedRecords(const Statistics& statistics);
 

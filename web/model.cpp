@@ -7,10 +7,10 @@
 #include <cstring>
 
 #include "client/clock.h"
+#include "client/json.h"
 #include "client/value_text.h"
 #include "voq/reg_range.h"
 #include "voq/rt_item.h"
-#include "web/json.h"
 #include "web/views.h"
 
 namespace voq::web

@@ -181,10 +181,7 @@ StationState StateOf(const PortView& port, std::uint8_t station)
 {
     if (port.StationOff(station)) return StationState::Off;
     if (!port.statistics) return StationState::Silent;
-    const StatsStation& row = port.statistics->stations[station];
-    if (row.lastGood == 0 && row.lastBad == 0) return StationState::Silent;
-    // One lost answer among good ones is not yet a dead station.
-    return row.lastBad - row.lastGood > 2 * Second || row.lastGood == 0 ? StationState::Dead : StationState::Answers;
+    return voq::StateOf(port.statistics->stations[station]);
 }
 
 const char* StationWord(StationState state)

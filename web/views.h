@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "client/explain.h"
-#include "web/json.h"
+#include "client/json.h"
 #include "web/port_view.h"
 
 namespace voq::web
@@ -22,8 +22,6 @@ void AppendFloat(JsonWriter& json, float value);
 using RangeNames = std::vector<std::pair<RegKey, std::string>>;
 std::string ExplanationJson(const PortExplained& port, const RegKey& key, const RangeNames& names);
 
-// What is known of a station that has answered or failed, or is described.
-enum class StationState : std::uint8_t { Silent, Answers, Dead, Off };
 StationState StateOf(const PortView& port, std::uint8_t station);
 const char* StationWord(StationState state);
 

@@ -27,24 +27,18 @@ Bytes ImageOf(const Model::Writing& what, const std::vector<std::string>& values
     return EncodeScaled(what.meaning, what.coding, what.reg.key.width, values);
 }
 
-Answer AnswerOf(Outcome outcome)
+unsigned StatusOf(Outcome outcome)
 {
     switch (outcome) {
         case Outcome::Done:
-            return {200, "written"};
-        case Outcome::PlcTimeout:
-            return {504, "the PLC does not answer"};
+            return 200;
         case Outcome::Refused:
-            return {503, "the service did not take the request"};
-        case Outcome::Pending:
-        case Outcome::NoAnswer:
-            return {504, "no answer in time; the service may still carry the write out"};
-        case Outcome::NoService:
-            return {504, "the service ended before it answered; it may have carried the write out"};
+            return 503;
         case Outcome::PlcError:
-            break;
+            return 502;
+        default:
+            return 504;
     }
-    return {502, "communication error, or the PLC refused"};
 }
 
 Answer Written(const Model::Writing& what, const std::vector<std::string>& values)
@@ -63,7 +57,7 @@ Answer Written(const Model::Writing& what, const std::vector<std::string>& value
                  {until, FifoPatience, true});
         while (!port.WaitFor(asked, until)) continue;
         if (asked.outcome == Outcome::NoAnswer) port.LeaveRemover(RemoveWithin);
-        return AnswerOf(asked.outcome);
+        return {StatusOf(asked.outcome), OutcomeText(asked.outcome)};
     } catch (const Error& error) {
         return {503, error.what()};
     }

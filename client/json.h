@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace voq::web
+namespace voq
 {
 
 // A string with its quotes. Whatever bytes the text holds, the result is valid: what is no UTF-8 becomes U+FFFD, byte
@@ -35,4 +35,4 @@ private:
     bool first_ = true;
 };
 
-}  // namespace voq::web
+}  // namespace voq

@@ -1,5 +1,5 @@
 // Writes JSON.
-#include "web/json.h"
+#include "client/json.h"
 
 #include <charconv>
 #include <cmath>
@@ -8,7 +8,7 @@
 
 #include "client/utf8.h"
 
-namespace voq::web
+namespace voq
 {
 
 void AppendJsonText(std::string& out, std::string_view text)
@@ -99,4 +99,4 @@ JsonWriter& JsonWriter::Literal(std::string_view json)
     return *this;
 }
 
-}  // namespace voq::web
+}  // namespace voq
