@@ -18,6 +18,7 @@ BESIDE = {  # folder: the rows it may include
     "client": {"include", "value", "client"},
     "tools": {"include", "value", "client", "tools"},
     "web": {"include", "value", "client", "web"},
+    "upstream": {"include", "value", "client", "upstream"},
     "drivers/sim": {"include", "drivers/sim"},
     "drivers/modbus": {"include", "drivers/modbus"},
     "examples/driver": {"include"},

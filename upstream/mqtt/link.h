@@ -1,0 +1,72 @@
+// The connection to the broker. A thread of its own connects, sends and receives; what happened is told as events to
+// the one other thread that uses it. Never waits but in the destructor.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "upstream/mqtt/settings.h"
+
+namespace voq::mqtt
+{
+
+struct Message {
+    std::string topic;
+    std::string payload;  // any bytes
+    int qos = 0;
+    bool retain = false;
+};
+
+struct LinkEvent {
+    enum class Type : std::uint8_t { Up, Down, Arrived, Acknowledged };
+    Type type;
+    Message message = {};     // of Arrived; `retain` when the broker had kept it
+    int number = 0;           // of Acknowledged: what Publish or Subscribe returned
+    std::string reason = {};  // of Down, for a person; empty when the caller ended it
+};
+
+class Link
+{
+public:
+    // Throws Error when the library refuses the settings (a certificate that cannot be read).
+    explicit Link(const BrokerSettings& settings);
+    // Ends the thread, at most two seconds later; without Close the broker publishes the will.
+    ~Link();
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+
+    // Connects with a clean session and this will, after a pause when the last attempt failed or its connection was
+    // short: doubled from attempt to attempt, and drawn from half to the whole of it, so that many boxes do not come at
+    // once. Up or Down follows; after Down it is to be called again.
+    void Connect(const Message& will);
+    // Ends the connection: Down follows. `orderly`: with MQTT's own goodbye behind all that was published, so that the
+    // broker forgets the will.
+    void Close(bool orderly);
+
+    // For poll (POLLIN): Next has something.
+    int Descriptor() const;
+    std::optional<LinkEvent> Next();
+
+    // Nothing without a connection. The number of what is sent with QoS 1 or 2, told when the broker has it; they come
+    // in the order of sending. 0 for QoS 0.
+    std::optional<int> Publish(const Message& message);
+    // The number is told when the broker has subscribed, and so has handled all that was sent before.
+    std::optional<int> Subscribe(const std::string& filter, int qos);
+
+    // Bytes that the socket took and gave, of MQTT's packets as far as known.
+    struct Figures {
+        std::uint64_t sent = 0, received = 0;            // messages
+        std::uint64_t bytesSent = 0, bytesReceived = 0;  // their topics and payloads
+        std::uint64_t connections = 0;
+    };
+    Figures Counted() const;
+
+private:
+    struct Inner;
+    std::unique_ptr<Inner> inner_;
+};
+
+}  // namespace voq::mqtt
