@@ -290,6 +290,7 @@ void Subscriptions::Accept(Followed& followed, const OrgNode& node, std::span<co
     bool changed = live != followed.live || node.state != followed.state;
     followed.live = live;
     followed.state = node.state;
+    if (good) followed.valueStamp = node.stamp;
     if (good && !std::equal(value.begin(), value.end(), followed.value.begin(), followed.value.end())) {
         followed.value.assign(value.begin(), value.end());
         changed = true;

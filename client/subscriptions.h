@@ -38,8 +38,9 @@ struct Followed {
 
     int state = StateUnknown;
     Stamp stamp = {};
-    bool live = false;  // read since the log-on, by a service that runs
-    Bytes value;        // the last good one, empty before there is one
+    bool live = false;      // read since the log-on, by a service that runs
+    Bytes value;            // the last good one, empty before there is one
+    Stamp valueStamp = {};  // of the reading that it is of
 
     std::uint32_t offset = 0;  // of its record, 0 while not found
     OrgNode node = {};         // the record that state and value are those of

@@ -1,5 +1,5 @@
-// One table of a description while it is read: its keys are taken one by one, and what it does not say is taken from
-// the tables around it. What is wrong goes to the remarks; the reading goes on. Used inside this library only.
+// One table of a TOML file while it is read: its keys are taken one by one, and what it does not say is taken from the
+// tables around it. What is wrong goes to the remarks; the reading goes on.
 #pragma once
 
 #include <cstdint>

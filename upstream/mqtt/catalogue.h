@@ -3,6 +3,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,6 +44,7 @@ struct Catalogue {
     std::vector<Device> devices;
     std::vector<Metric> metrics;
     std::vector<std::string> remarks;  // what is left out, and why
+    std::map<std::string, std::uint32_t, std::less<>> byName;
 
     // Its place, or metrics.size().
     std::uint32_t Find(std::string_view name) const;

@@ -26,7 +26,7 @@ struct BrokerSettings {
 };
 
 struct SpoolSettings {
-    std::string file;
+    std::string file = "/run/voq-mqtt/spool";
     std::uint64_t bytes = 16u << 20;  // of the file at most
     unsigned writesPerMinute = 6;
 };
