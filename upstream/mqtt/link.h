@@ -8,17 +8,11 @@
 #include <optional>
 #include <string>
 
+#include "upstream/mqtt/outlet.h"
 #include "upstream/mqtt/settings.h"
 
 namespace voq::mqtt
 {
-
-struct Message {
-    std::string topic;
-    std::string payload;  // any bytes
-    int qos = 0;
-    bool retain = false;
-};
 
 struct LinkEvent {
     enum class Type : std::uint8_t { Up, Down, Arrived, Acknowledged };
@@ -28,13 +22,13 @@ struct LinkEvent {
     std::string reason = {};  // of Down, for a person; empty when the caller ended it
 };
 
-class Link
+class Link : public Outlet
 {
 public:
     // Throws Error when the library refuses the settings (a certificate that cannot be read).
     explicit Link(const BrokerSettings& settings);
     // Ends the thread, at most two seconds later; without Close the broker publishes the will.
-    ~Link();
+    ~Link() override;
     Link(const Link&) = delete;
     Link& operator=(const Link&) = delete;
 
@@ -50,11 +44,8 @@ public:
     int Descriptor() const;
     std::optional<LinkEvent> Next();
 
-    // Nothing without a connection. The number of what is sent with QoS 1 or 2, told when the broker has it; they come
-    // in the order of sending. 0 for QoS 0.
-    std::optional<int> Publish(const Message& message);
-    // The number is told when the broker has subscribed, and so has handled all that was sent before.
-    std::optional<int> Subscribe(const std::string& filter, int qos);
+    std::optional<int> Publish(const Message& message) override;
+    std::optional<int> Subscribe(const std::string& filter, int qos) override;
 
     // Bytes that the socket took and gave, of MQTT's packets as far as known.
     struct Figures {

@@ -1,5 +1,5 @@
 // How the box is told: topics, payloads, births and deaths of one convention. The main thread's. What it publishes it
-// hands to the link itself.
+// hands to the outlet itself.
 #pragma once
 
 #include <optional>
@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "upstream/mqtt/catalogue.h"
-#include "upstream/mqtt/link.h"
+#include "upstream/mqtt/outlet.h"
 #include "upstream/mqtt/sample.h"
 
 namespace voq::mqtt
@@ -42,6 +42,9 @@ public:
     virtual void Down() = 0;
     // Births are told, and nothing keeps values back: samples may be told.
     virtual bool Ready() const = 0;
+
+    // What is told once for a connection holds every register's sample.
+    virtual bool BirthsHoldValues() const { return true; }
 
     // Tells samples in their order, live ones or such that waited in the spool. The number of the last message when the
     // broker acknowledges it, 0 when it acknowledges none; nothing when it could not be sent: then none of it counts as

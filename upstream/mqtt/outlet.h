@@ -1,0 +1,28 @@
+// Where a mode publishes: the link to the broker, or a test's.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace voq::mqtt
+{
+
+struct Message {
+    std::string topic;
+    std::string payload;  // any bytes
+    int qos = 0;
+    bool retain = false;
+};
+
+class Outlet
+{
+public:
+    virtual ~Outlet() = default;
+    // Nothing without a connection. The number of what is sent with QoS 1 or 2, told when the broker has it; they come
+    // in the order of sending. 0 for QoS 0.
+    virtual std::optional<int> Publish(const Message& message) = 0;
+    // The number is told when the broker has subscribed, and so has handled all that was sent before.
+    virtual std::optional<int> Subscribe(const std::string& filter, int qos) = 0;
+};
+
+}  // namespace voq::mqtt
