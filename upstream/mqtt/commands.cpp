@@ -42,6 +42,7 @@ void Commands::Send(UnderWay& write)
 
 void Commands::Begin(const Command& command)
 {
+    if (!command.refused.empty()) return Finish(command, false, command.refused);
     if (underWay_.size() == MaxUnderWay) {
         return Finish(command, false, "too many writes are under way: wait for their answers");
     }

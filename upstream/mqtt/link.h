@@ -36,9 +36,8 @@ public:
     // short: doubled from attempt to attempt, and drawn from half to the whole of it, so that many boxes do not come at
     // once. Up or Down follows; after Down it is to be called again.
     void Connect(const Message& will);
-    // Ends the connection: Down follows. `orderly`: with MQTT's own goodbye behind all that was published, so that the
-    // broker forgets the will.
-    void Close(bool orderly);
+    // Down follows.
+    void Close(bool withWill) override;
 
     // For poll (POLLIN): Next has something.
     int Descriptor() const;

@@ -28,6 +28,7 @@ struct Command {
     std::uint32_t metric = 0;
     std::vector<std::string> texts;  // one an element, as EncodeScaled takes them
     std::string id;                  // of whoever asked, for the answer; may be empty
+    std::string refused;             // why it is not to be carried out; empty: it is
 };
 
 class Mode
@@ -57,7 +58,7 @@ public:
     virtual void PortChanged(std::uint32_t port) = 0;
     virtual void DeviceChanged(std::uint32_t device) = 0;
 
-    // What a message asks for: nothing when it asks for no write, or for one that is refused, which it answers itself.
+    // What a message asks for: nothing when it asks for no write of a register.
     virtual std::vector<Command> Arrived(const Message& message) = 0;
     // What became of a command.
     virtual void Answered(const Command& command, bool written, const std::string& text) = 0;

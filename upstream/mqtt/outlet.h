@@ -23,6 +23,9 @@ public:
     virtual std::optional<int> Publish(const Message& message) = 0;
     // The number is told when the broker has subscribed, and so has handled all that was sent before.
     virtual std::optional<int> Subscribe(const std::string& filter, int qos) = 0;
+    // Ends the connection behind all that was published, with MQTT's own goodbye: the broker forgets the will.
+    // `withWill`: where MQTT 5 is spoken the broker publishes it all the same.
+    virtual void Close(bool withWill) = 0;
 };
 
 }  // namespace voq::mqtt

@@ -81,7 +81,7 @@ std::string SampleText(const Metric& metric, const Sample& sample, std::int64_t 
 }
 
 // What somebody sends to be written. Throws Error.
-Command ReadCommand(const std::string& payload)
+void ReadCommand(const std::string& payload, Command& command)
 {
     using nlohmann::json;
     const auto text = [](const json& value) {
@@ -90,7 +90,6 @@ Command ReadCommand(const std::string& payload)
         if (value.is_number()) return value.dump();
         throw Error("a value is a number, a text, true or false, or a list of them");
     };
-    Command command;
     json parsed = json::parse(payload, nullptr, false);
     if (parsed.is_object()) {
         if (const auto id = parsed.find("id"); id != parsed.end()) command.id = text(*id);
@@ -104,7 +103,6 @@ Command ReadCommand(const std::string& payload)
     } else {
         command.texts = {text(parsed)};
     }
-    return command;
 }
 
 }  // namespace
@@ -183,18 +181,19 @@ std::vector<Command> Plain::Arrived(const Message& message)
     if (message.retain || message.payload.empty()) return {};
     Command command;
     try {
-        if (message.payload.size() > LongestCommand) throw Error("longer than any value");
-        command = ReadCommand(message.payload);
         command.metric = catalogue_.Find(name);
         if (command.metric == catalogue_.metrics.size()) throw Error("there is no such register");
+        if (message.payload.size() > LongestCommand) throw Error("longer than any value");
+        ReadCommand(message.payload, command);
         if (!catalogue_.metrics[command.metric].rule.writable) {
             throw Error("this register is not to be written: its [[tell]] says no writes = true");
         }
-        return {command};
     } catch (const Error& error) {
-        Answer(name, command.id, false, error.what());
-        return {};
+        command.refused = error.what();
     }
+    if (command.metric != catalogue_.metrics.size()) return {command};
+    Answer(name, command.id, false, command.refused);
+    return {};
 }
 
 void Plain::Answered(const Command& command, bool written, const std::string& text)
