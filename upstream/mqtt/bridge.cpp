@@ -134,6 +134,7 @@ void Bridge::Handle(const LinkEvent& event, Clock::time_point now)
             for (const Command& each : mode_->Arrived(event.message)) commands_.Begin(each);
             break;
         case LinkEvent::Type::Acknowledged:
+            Log("broker", event.reason);
             Acknowledged(event.number, now);
     }
 }
@@ -252,7 +253,7 @@ void Bridge::End()
         Tell(Clock::now());
         if (window_.Unprobed()) Probe(Clock::now());
         mode_->Goodbye();
-        link_.Close(true);
+        link_.Close(settings_.convention == Convention::Sparkplug);
     }
     while (connected_ && Clock::now() < until) {
         pollfd waiting = {link_.Descriptor(), POLLIN, 0};

@@ -178,10 +178,11 @@ std::vector<Command> Plain::Arrived(const Message& message)
     if (!name.starts_with(values) || !name.ends_with(Set)) return {};
     name = name.substr(values.size(), name.size() - values.size() - Set.size());
     // An empty message is how a kept one is removed.
-    if (message.retain || message.payload.empty()) return {};
+    if (message.payload.empty()) return {};
     Command command;
+    command.metric = catalogue_.Find(name);
     try {
-        command.metric = catalogue_.Find(name);
+        if (message.retain) throw Error("a retained message is not carried out");
         if (command.metric == catalogue_.metrics.size()) throw Error("there is no such register");
         if (message.payload.size() > LongestCommand) throw Error("longer than any value");
         ReadCommand(message.payload, command);

@@ -98,7 +98,7 @@ void Sparkplug::Up()
         if (writable) outlet_.Subscribe(Topic("DCMD", i), 1);
     }
     if (settings_.primaryHost.empty()) return Birth();
-    outlet_.Subscribe(std::string(Namespace) + "STATE/" + settings_.primaryHost, 1);
+    outlet_.Subscribe(std::string(Namespace) + "STATE/" + settings_.primaryHost, 1, true);
 }
 
 void Sparkplug::Down()
