@@ -48,7 +48,7 @@ type = "s32"
 address = 40
 count = 2
 """
-LEVEL, MODE, LABEL, FAR = Key(5, 1), Key(10, 1), Key(20, 4), Key(40, 2, layout=4, plcno=2)
+LEVEL, MODE, LABEL, FAR = Key(5, 1), Key(10, 1), Key(20, 4), Key(40, 2, layout=0x24, plcno=2)
 
 
 def word(number):
@@ -135,6 +135,7 @@ def plant(start):
     def begin(more=""):
         service = start(com_info(pause=1, packing=1))
         service.sim.set(LEVEL, word(215))
+        service.sim.set(MODE, word(0))
         service.sim.set(LABEL, b'\xff"\xc3\xa4\n\\z\0')
         service.sim.set(FAR, (-7).to_bytes(4, "big", signed=True) + (8).to_bytes(4, "big"))
         broker = Broker()
