@@ -53,7 +53,8 @@ public:
     {
         for (const DescribedRegister& each : description_.registers) Add(each);
         for (const auto& patterns : unused_) {
-            for (const std::string& each : patterns) Remark("[[tell]] registers: \"" + each + "\" fits no register that none before it does");
+            for (const std::string& each : patterns)
+                Remark("[[tell]] registers: \"" + each + "\" fits no register that none before it does");
         }
         if (made_.metrics.empty())
             throw Error("no register is told: " + (made_.remarks.empty() ? "there is none" : made_.remarks[0]));
