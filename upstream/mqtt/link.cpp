@@ -40,6 +40,7 @@ constexpr std::size_t MaxInFlight = 8192;      // where the broker sets no limit
 // Packet identifiers have 16 bits and come again: none may while an old one is unanswered.
 constexpr std::uint64_t MaxAhead = 60000;
 constexpr milliseconds AnswerWithin{15000};
+constexpr milliseconds Brief{10000};
 constexpr milliseconds GoodbyeWithin{1000};
 constexpr milliseconds EndWithin{1500};
 constexpr int LoopMs = 500;  // how late a time limit may be noticed
@@ -89,6 +90,21 @@ void SetUp(mosquitto* mosq, const BrokerSettings& broker)
                                 OrNull(broker.certificate), OrNull(broker.key), NoPassphrase),
               "TLS: ca, certificate or key");
     }
+}
+
+// Why it is not connected. The library's early try at TLS may have taken the error away.
+int SocketError(int socket)
+{
+    int error = 0;
+    socklen_t length = sizeof error;
+    const bool known = getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error != 0;
+    return known ? error : ECONNREFUSED;
+}
+
+long VerifyResult(mosquitto* mosq)
+{
+    const auto* ssl = static_cast<const SSL*>(mosquitto_ssl_get(mosq));
+    return ssl == nullptr ? X509_V_OK : SSL_get_verify_result(ssl);
 }
 
 // A broker of MQTT 5 is told to send nothing larger than what is taken. Only the library's blocking call takes
@@ -256,6 +272,7 @@ private:
         }
         const std::lock_guard lock(mutex_);
         if (closing_ != Closing::No) return pause_ = milliseconds(0), "";
+        failure.brief = upAt > Clock::now() - Brief;
         const bool lasted = upAt < Clock::now() - broker_.longestRetry;
         pause_ = lasted ? broker_.firstRetry : std::clamp(2 * pause_, broker_.firstRetry, broker_.longestRetry);
         if (failure.told.empty()) failure.told = told_;
@@ -308,14 +325,12 @@ private:
             const auto left = std::chrono::ceil<milliseconds>(answerAt_ - Clock::now()).count();
             ready = poll(&socket, 1, static_cast<int>(std::max<std::int64_t>(left, 0)));
         } while (ready < 0 && errno == EINTR);
-        int error = 0;
-        socklen_t length = sizeof error;
-        getsockopt(socket.fd, SOL_SOCKET, SO_ERROR, &error, &length);
+        sockaddr_storage own{}, peer{};
+        socklen_t length = sizeof peer;
+        if (ready > 0 && getpeername(socket.fd, reinterpret_cast<sockaddr*>(&peer), &length) == 0) return true;
         failure.late = ready == 0;
         failure.result = MOSQ_ERR_ERRNO;
-        failure.number = error;
-        if (ready > 0 && error == 0) return true;
-        sockaddr_storage own{};
+        failure.number = SocketError(socket.fd);
         length = sizeof own;
         if (getsockname(socket.fd, reinterpret_cast<sockaddr*>(&own), &length) == 0) avoided_ = own.ss_family;
         return false;
@@ -329,15 +344,21 @@ private:
         do {
             failure.result = mosquitto_loop(mosq, LoopMs, 1);
             failure.number = errno;
-        } while (failure.result == MOSQ_ERR_SUCCESS && InTime(failure));
-        const auto* ssl = static_cast<const SSL*>(mosquitto_ssl_get(mosq));
+        } while (failure.result == MOSQ_ERR_SUCCESS && InTime(failure) && !BrokenHandshake(mosq));
+        failure.certificate = VerifyResult(mosq);
         const std::lock_guard lock(mutex_);
-        failure.stage = up_                                            ? Stage::Connected
-                        : ssl != nullptr && !SSL_is_init_finished(ssl) ? Stage::Handshake
-                                                                       : Stage::Answer;
-        if (ssl != nullptr && !up_) failure.certificate = SSL_get_verify_result(ssl);
+        failure.stage = up_ ? Stage::Connected : Stage::Answer;
         failure.answer = answer_;
         return up_ ? upAt_ : Clock::time_point::max();
+    }
+
+    // The library would go on with a TLS handshake whose socket has failed, as fast as it can.
+    static bool BrokenHandshake(mosquitto* mosq)
+    {
+        const auto* ssl = static_cast<const SSL*>(mosquitto_ssl_get(mosq));
+        if (ssl == nullptr || SSL_is_init_finished(ssl)) return false;
+        pollfd socket{mosquitto_socket(mosq), 0, 0};
+        return poll(&socket, 1, 0) > 0;
     }
 
     bool InTime(Failure& failure)

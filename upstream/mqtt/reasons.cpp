@@ -58,17 +58,16 @@ std::string DisconnectText(int answer)
     return std::string("the broker ended the connection: ") + mosquitto_reason_string(answer);
 }
 
+// `result` is X509_V_OK when the broker was so fast that the library forgot it.
 std::string CertificateText(const BrokerSettings& broker, long result)
 {
-    const std::string text = std::string("certificate verify failed: ") + X509_verify_cert_error_string(result);
-    switch (result) {
-        case X509_V_ERR_CERT_NOT_YET_VALID:
-        case X509_V_ERR_CERT_HAS_EXPIRED:
-            return text + ": is the clock of this box right?";
-        default:
-            return text + (broker.ca.empty() ? ": set `ca` to the authority of the broker's certificate"
-                                             : ": is `ca` the authority of the broker's certificate?");
+    std::string text = "certificate verify failed: ";
+    if (result != X509_V_OK) text += std::string(X509_verify_cert_error_string(result)) + ": ";
+    if (result == X509_V_ERR_CERT_NOT_YET_VALID || result == X509_V_ERR_CERT_HAS_EXPIRED) {
+        return text + "is the clock of this box right?";
     }
+    return text + (broker.ca.empty() ? "set `ca` to the authority of the broker's certificate"
+                                     : "is `ca` the authority of the broker's certificate?");
 }
 
 // "OpenSSL Error[0]: error:0A000086:SSL routines::certificate verify failed": what stands behind the last colon.
@@ -78,18 +77,29 @@ std::string ToldText(const std::string& told)
     return colon == std::string::npos ? told : told.substr(colon + 1);
 }
 
+std::string UnansweredText(const BrokerSettings& broker, const Failure& failure)
+{
+    const std::string what = Place(broker) + (failure.late ? " takes the connection but does not answer"
+                                                           : " ended the connection before it answered");
+    return what + (broker.tls ? ": is it the broker's port for TLS, and does it accept this client's certificate?"
+                              : ": is it the broker's port without TLS, and does it speak this version of MQTT?");
+}
+
 std::string TlsText(const BrokerSettings& broker, const Failure& failure)
 {
     if (!broker.tls) return failure.told;
-    if (failure.certificate != X509_V_OK) return CertificateText(broker, failure.certificate);
     if (failure.told.find("host name verification") != std::string::npos) {
         return "the broker's certificate is not for " + broker.host + ": is `host` the name that stands in it?";
     }
     const std::string told = ToldText(failure.told);
+    if (failure.certificate != X509_V_OK || told.find("verify failed") != std::string::npos) {
+        return CertificateText(broker, failure.certificate);
+    }
     if (told.find("wrong version number") != std::string::npos) return Place(broker) + " does not speak TLS";
     if (told.find("certificate required") != std::string::npos) {
         return "the broker wants a certificate of the client: set `certificate` and `key`";
     }
+    if (told.find("unexpected eof") != std::string::npos) return UnansweredText(broker, failure);
     return "TLS: " + told;
 }
 
@@ -101,18 +111,10 @@ std::string ConnectText(const BrokerSettings& broker, const Failure& failure)
     if (failure.result == MOSQ_ERR_EAI) {
         return "\"" + broker.host + "\" is no known name: " + gai_strerror(failure.number);
     }
+    if (failure.number == ECONNRESET) return UnansweredText(broker, failure);
     if (failure.number == ECONNREFUSED) return "connection refused: does a broker listen at " + Place(broker) + "?";
     return Place(broker) + ": " +
            (failure.result == MOSQ_ERR_ERRNO ? SystemText(failure.number) : mosquitto_strerror(failure.result));
-}
-
-std::string UnansweredText(const BrokerSettings& broker, const Failure& failure)
-{
-    const std::string what = Place(broker) + (failure.late ? " takes the connection but does not answer"
-                                                           : " ended the connection before it answered");
-    if (failure.stage == Stage::Handshake) return what + ": is it the broker's port for TLS?";
-    if (!broker.tls) return what + ": is it the broker's port without TLS, and does it speak this version of MQTT?";
-    return what + ": does the broker accept this client's certificate, and this version of MQTT?";
 }
 
 std::string LostText(const BrokerSettings& broker, const Failure& failure)
@@ -123,7 +125,8 @@ std::string LostText(const BrokerSettings& broker, const Failure& failure)
     if (failure.result == MOSQ_ERR_ERRNO && failure.number != 0)
         return "connection lost: " + SystemText(failure.number);
     if (failure.result == MOSQ_ERR_CONN_LOST || failure.result == MOSQ_ERR_NO_CONN) {
-        return "the broker ended the connection";
+        return std::string("the broker ended the connection") +
+               (failure.brief ? ": is the same `client_id`, or box name, used twice?" : "");
     }
     return std::string("connection lost: ") + mosquitto_strerror(failure.result);
 }

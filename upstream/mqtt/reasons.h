@@ -8,11 +8,12 @@
 namespace voq::mqtt
 {
 
-enum class Stage { Connecting, Handshake, Answer, Connected };  // what was waited for
+enum class Stage { Connecting, Answer, Connected };  // what was waited for
 
 struct Failure {
     Stage stage = Stage::Connecting;
     bool late = false;     // given up for waiting too long
+    bool brief = false;    // it was connected, but not for long
     int result = 0;        // the library's
     int number = 0;        // errno, or getaddrinfo's with the result for it
     int answer = -1;       // the broker's code, of its CONNACK or DISCONNECT; -1: none
