@@ -173,6 +173,7 @@ void Bridge::Tell(Clock::time_point now)
         pacer_.Told(sample, now);
     }
     if (live.empty()) return;
+    std::stable_sort(live.begin(), live.end(), [](const Sample& a, const Sample& b) { return a.time < b.time; });
     if (const auto number = mode_->Tell(live, false)) return window_.Sent(std::move(live), false, *number, now);
     for (const Sample& each : live) spool_.Add(each);
 }

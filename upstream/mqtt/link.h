@@ -54,7 +54,7 @@ public:
     // What the broker's limit of messages in flight holds back waits here, and what is published or subscribed later
     // waits behind it. How much is on its way is the caller's to bound.
     std::optional<int> Publish(const Message& message) override;
-    std::optional<int> Subscribe(const std::string& filter, int qos, bool kept) override;
+    std::optional<int> Subscribe(const std::string& filter, int qos, bool kept = false) override;
 
     struct Figures {
         std::uint64_t sent = 0, received = 0;            // messages

@@ -178,6 +178,8 @@ bool Sparkplug::BirthOf(std::uint32_t device)
     for (const std::uint32_t each : catalogue_.devices[device].metrics) {
         payload.metrics.push_back(MetricOf(box_.samples[each], true));
     }
+    std::stable_sort(payload.metrics.begin(), payload.metrics.end(),
+                     [](const auto& a, const auto& b) { return *a.timestamp < *b.timestamp; });
     devicesBorn_[device] = Send(Topic("DBIRTH", device), std::move(payload));
     return devicesBorn_[device];
 }
