@@ -227,7 +227,7 @@ def test_nothing_is_lost(plant, victim):
     writes = int(bridge.state()["spool_writes"])
     wait_for(lambda: int(bridge.state()["spool_writes"]) > writes, "the spool on the disk")
     spooled = int(bridge.state()["spooled"])
-    assert spooled >= 10
+    assert spooled >= 2
     if victim == "bridge":
         bridge.kill()
     broker.start()

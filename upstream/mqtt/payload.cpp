@@ -4,7 +4,7 @@
 #include <pb_decode.h>
 #include <pb_encode.h>
 
-#include "sparkplug.pb.h"
+#include <sparkplug.pb.h>
 
 namespace voq::mqtt::sparkplug
 {
