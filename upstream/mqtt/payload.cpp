@@ -3,7 +3,6 @@
 
 #include <pb_decode.h>
 #include <pb_encode.h>
-
 #include <sparkplug.pb.h>
 
 namespace voq::mqtt::sparkplug

@@ -92,6 +92,7 @@ void ReadBroker(Table& table, Remarks& remarks, BrokerSettings& broker)
     broker.password = FirstLine(table, "password_file");
     if (!broker.password.empty() && broker.user.empty()) table.FailAt("password_file", "user is missing");
     broker.keepalive = seconds(table.Number("keepalive_s", 5, 3600).value_or(15));
+    broker.longestRetry = seconds(table.Number("retry_s", 1, 3600).value_or(10));
     table.Finish();
 }
 

@@ -22,7 +22,7 @@ struct BrokerSettings {
     bool tls = false;
     std::string ca;                // file; empty: the system's
     std::string certificate, key;  // files; empty: none
-    std::chrono::milliseconds firstRetry{1000}, longestRetry{60000};
+    std::chrono::milliseconds firstRetry{1000}, longestRetry{10000};
 };
 
 struct SpoolSettings {

@@ -22,6 +22,7 @@ using std::chrono::milliseconds;
 // What changes more often is told once in between; the service writes far more often than that.
 constexpr milliseconds ReadingsApart{20};
 constexpr milliseconds LongestLock{100};
+constexpr milliseconds LongTrouble{5000};  // a lock may well be held for a while
 
 }  // namespace
 
@@ -55,8 +56,11 @@ void Source::Dispatch(std::uint32_t at)
     OnePort& port = *ports_[at];
     try {
         port.port.Dispatch();
+        port.troubledSince = {};
     } catch (const std::exception& error) {
-        heard_.trouble(error.what());
+        const auto now = Port::Clock::now();
+        if (port.troubledSince == Port::Clock::time_point()) port.troubledSince = now;
+        if (now - port.troubledSince > LongTrouble) heard_.trouble(error.what());
     }
     while (const auto event = port.port.NextEvent()) {
         switch (event->type) {

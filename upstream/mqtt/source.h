@@ -50,6 +50,7 @@ private:
         Port port;
         std::vector<std::unique_ptr<Followed>> ranges;
         std::vector<std::uint8_t> off;  // stations that are switched off
+        Port::Clock::time_point troubledSince = {};
     };
 
     State StateOf(const OnePort& port, const Followed& range) const;
