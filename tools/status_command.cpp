@@ -2,9 +2,11 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <thread>
 
+#include "client/bridge_state.h"
 #include "client/clock.h"
 #include "client/heartbeat.h"
 #include "client/locked_file.h"
@@ -237,6 +239,26 @@ Row StatusRow(const Target& target, const voq::PortStatus& status, const Counter
     return row;
 }
 
+// A bridge upstream, where one is or was: it writes its state once a second.
+void PrintUpstream(const Target& target)
+{
+    constexpr std::int64_t second = 1000000, late = 10 * second;
+    auto state = voq::ReadBridgeState(target.port.user + "/" + voq::MqttStateFile);
+    if (target.port.user.empty() || state.empty()) return;
+    const auto age = [&](const char* name) {
+        return voq::NowMicroseconds() - std::strtoll(state[name].c_str(), nullptr, 10) * second;
+    };
+    std::string text = state["state"] + " " + state["broker"] + " for " + voq::AgeText(age("since"));
+    if (age("updated") > late) text = "voq-mqtt does not run, its last word is " + voq::AgeText(age("updated")) + " old";
+    text += ", " + state["messages_sent"] + " message(s) sent, " + state["spooled"] + " value(s) wait, " +
+            state["spool_dropped"] + " dropped";
+    std::printf("upstream    %s\n", Printable(text).c_str());
+    if (!state["held_up"].empty()) std::printf("upstream    %s\n", Printable(state["held_up"]).c_str());
+    if (state["last_error"].empty()) return;
+    std::printf("upstream    last error %s ago: %s\n", voq::AgeText(age("last_error_at")).c_str(),
+                Printable(state["last_error"]).c_str());
+}
+
 }  // namespace
 
 int Status(const PortOptions& options, double waitSeconds, const OutputOptions& output)
@@ -267,6 +289,7 @@ int Status(const PortOptions& options, double waitSeconds, const OutputOptions& 
         RowWriter(output.rows).Write(StatusRow(target, status, counter, shown, runs));
         return runs ? ExitOk : ExitNegative;
     }
+    PrintUpstream(target);
     for (const voq::Trouble& trouble : TroublesOf(shown, status)) {
         std::printf("problem     %s\n", Printable(trouble.text).c_str());
     }

@@ -104,18 +104,10 @@ ShownElement ShowElement(const Meaning& meaning, const ValueCoding& coding, std:
 {
     const auto number = NumberOf(coding, element);
     if (!number) return {ValueText(coding, element, 1), false, std::nullopt};
-    if (IsInteger(coding)) {
-        const std::int64_t value = *IntegerOf(coding, element);
-        if (meaning.bitNames) return {BitText(*meaning.bitNames, LoadElement(coding, element)), false, *number};
-        if (meaning.numberNames) {
-            const NamedNumber* named = NameOf(*meaning.numberNames, value);
-            return {named != nullptr ? named->name : std::to_string(value), named == nullptr, *number};
-        }
-        if (!meaning.Scaled() && !meaning.decimals) return {std::to_string(value), true, *number};
-    }
+    if (IsInteger(coding) && !meaning.Scaled()) return ShowInteger(meaning, coding, *IntegerOf(coding, element));
     const double scaled = *number * meaning.scale + meaning.offset;
     if (!std::isfinite(scaled)) return {NumberText({}, coding, scaled), false, std::nullopt};
-    return {NumberText(meaning, coding, scaled), true, scaled};
+    return ShowScaled(meaning, coding, scaled);
 }
 
 std::string CharactersOf(const Meaning& meaning, std::span<const std::uint8_t> value)
@@ -241,6 +233,27 @@ Bytes EncodeCharacters(const Meaning& meaning, std::size_t bytes, const std::str
 }
 
 }  // namespace
+
+ShownElement ShowInteger(const Meaning& meaning, const ValueCoding& coding, std::int64_t number)
+{
+    const auto real = static_cast<double>(number);
+    if (meaning.bitNames) {
+        const std::size_t unused = 64 - 8 * std::min<std::size_t>(coding.ElemBytes(), 8);
+        const auto bits = static_cast<std::uint64_t>(number) << unused >> unused;
+        return {BitText(*meaning.bitNames, bits), false, real};
+    }
+    if (meaning.numberNames) {
+        const NamedNumber* named = NameOf(*meaning.numberNames, number);
+        return {named != nullptr ? named->name : std::to_string(number), named == nullptr, real};
+    }
+    if (meaning.decimals) return ShowScaled(meaning, coding, real);
+    return {std::to_string(number), true, real};
+}
+
+ShownElement ShowScaled(const Meaning& meaning, const ValueCoding& coding, double scaled)
+{
+    return {NumberText(meaning, coding, scaled), true, scaled};
+}
 
 std::vector<ShownElement> ShowElements(const Meaning& meaning, const ValueCoding& coding,
                                        std::span<const std::uint8_t> value)

@@ -57,6 +57,10 @@ struct ShownElement {
 std::vector<ShownElement> ShowElements(const Meaning& meaning, const ValueCoding& coding,
                                        std::span<const std::uint8_t> value);
 
+// An integer that is not scaled, and a scaled number, as ShowElements shows them; `scaled` is finite.
+ShownElement ShowInteger(const Meaning& meaning, const ValueCoding& coding, std::int64_t number);
+ShownElement ShowScaled(const Meaning& meaning, const ValueCoding& coding, double scaled);
+
 // The texts of ShowElements separated by spaces, without the unit; at most `limit` elements, " ..." stands for the
 // rest.
 std::string ScaledText(const Meaning& meaning, const ValueCoding& coding, std::span<const std::uint8_t> value,

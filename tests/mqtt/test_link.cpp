@@ -140,18 +140,24 @@ TEST_P(LinkOf, WillIsOfThisConnectionAndOnlyForAnUncleanEnd)
     watcher.Subscribe("#");
     auto box = std::make_unique<Peer>(At(broker.Port(), "box", GetParam()));
     box->Up({"box/state", "first", 1, false});
-    box->link.Close(false);
-    EXPECT_EQ(box->Down(), "");
+    box.reset();
     EXPECT_EQ(watcher.Arrived().payload, "first");
+    box = std::make_unique<Peer>(At(broker.Port(), "box", GetParam()));
     box->Up({"box/state", "second", 1, false});
     for (int i = 0; i < 50; ++i) box->link.Publish({"box/state", "goodbye", 1, false});
-    box->link.Close(true);
+    box->link.Close(false);
     EXPECT_EQ(box->link.Publish({"box/state", "too late", 0, false}), std::nullopt);
     EXPECT_EQ(box->Down(), "");
     for (int i = 0; i < 50; ++i) EXPECT_EQ(watcher.Arrived().payload, "goodbye");
     box->Up({"box/state", "third", 1, false});
+    box->link.Close(true);
+    EXPECT_EQ(box->Down(), "");
+    box->Up({"box/state", "fourth", 1, false});
     box.reset();
-    EXPECT_EQ(watcher.Arrived().payload, "third");
+    if (GetParam() == 5) {  // 3.1.1 has no such goodbye
+        EXPECT_EQ(watcher.Arrived().payload, "third");
+    }
+    EXPECT_EQ(watcher.Arrived().payload, "fourth");
 }
 
 TEST_P(LinkOf, TellsWhatTheBrokerHadKept)
@@ -206,8 +212,10 @@ TEST_P(LinkOf, TakesNothingTooLargeAndNotTooMuch)
     EXPECT_EQ(receiver.Arrived().payload, "0");
     // A message that the library refuses is done with, and holds up nothing.
     const auto wrong = sender.link.Publish({"not/#/so", "", 1, false});
-    ASSERT_TRUE(sender.Wait([&] { return !sender.events.empty() && sender.events.back().number == wrong; }));
-    EXPECT_NE(sender.events.back().reason, "");
+    LinkEvent event = sender.Event();
+    while (event.number != wrong && event.type == Type::Acknowledged) event = sender.Event();
+    EXPECT_NE(event.reason, "");
+    EXPECT_NE(event.type, Type::Down);
     EXPECT_EQ(sender.link.Counted().refused, 1u);
 }
 

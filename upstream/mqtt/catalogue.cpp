@@ -33,6 +33,13 @@ bool Fits(std::string_view pattern, std::string_view name)
     }
 }
 
+std::string LowerCase(std::string name)
+{
+    std::transform(name.begin(), name.end(), name.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    return name;
+}
+
 class Maker
 {
 public:
@@ -89,6 +96,10 @@ private:
         if (NeedsByteOrder(each.reg) && order == 0)
             return Remark(name + ": the description gives the port no byte order");
         if (!names_.insert(name).second) return Remark(name + ": is there twice");
+        const auto [alike, alone] = lowerCase_.try_emplace(LowerCase(name), name);
+        if (!alone && settings_.convention == Convention::Sparkplug) {
+            Remark(name + " and " + alike->second + " differ in case alone: a host may take them for one");
+        }
         const auto at = static_cast<std::uint32_t>(made_.metrics.size());
         const std::uint32_t device = DeviceOf(each, static_cast<std::uint32_t>(port - made_.ports.begin()));
         made_.metrics.push_back(
@@ -102,9 +113,13 @@ private:
         const auto next = static_cast<std::uint32_t>(made_.devices.size());
         const auto [found, added] = devices_.try_emplace({port, station}, next);
         if (!added) return found->second;
-        const std::string number = made_.ports[port].name + "_s" + std::to_string(station);
-        const bool named = !each.station.empty() && deviceNames_.insert(each.station).second;
-        made_.devices.push_back({named ? each.station : number, port, station, {}});
+        std::string name = each.station;
+        for (char& c : name) {
+            if (std::string_view("+#/").find(c) != std::string_view::npos) c = '_';  // they mean something in topics
+        }
+        if (name.empty() || deviceNames_.contains(name)) name = made_.ports[port].name + "_s" + std::to_string(station);
+        while (!deviceNames_.insert(name).second) name += '_';
+        made_.devices.push_back({name, port, station, {}});
         made_.ports[port].devices.push_back(next);
         return next;
     }
@@ -114,6 +129,7 @@ private:
     Catalogue made_;
     std::vector<std::set<std::string>> unused_;  // patterns, by group
     std::set<std::string> names_, deviceNames_;
+    std::map<std::string, std::string> lowerCase_;
     std::map<std::pair<std::uint32_t, std::uint8_t>, std::uint32_t> devices_;
 };
 

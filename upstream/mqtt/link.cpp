@@ -171,11 +171,12 @@ public:
         changed_.notify_all();
     }
 
-    void Close(bool orderly)
+    void Close(bool withWill)
     {
         const std::lock_guard lock(mutex_);
-        if (closing_ == Closing::Abrupt) return;
-        closing_ = orderly && up_ ? Closing::Orderly : Closing::Abrupt;
+        if (closing_ != Closing::No) return;
+        closing_ = up_ ? Closing::Orderly : Closing::Abrupt;
+        withWill_ = withWill;
         goodbyeAt_ = Clock::now() + GoodbyeWithin;
         closing_ == Closing::Orderly ? SayGoodbye() : Cut();
         changed_.notify_all();
@@ -513,7 +514,9 @@ private:
 
     void SayGoodbye()
     {
-        if (up_ && inFlight_.empty() && waiting_.empty()) mosquitto_disconnect(mosq_);
+        if (!up_ || !inFlight_.empty() || !waiting_.empty()) return;
+        const bool will = withWill_ && broker_.version == MQTT_PROTOCOL_V5;
+        mosquitto_disconnect_v5(mosq_, will ? MQTT_RC_DISCONNECT_WITH_WILL_MSG : MQTT_RC_NORMAL_DISCONNECTION, nullptr);
     }
 
     // Ends whatever the socket is at, without a word to the broker.
@@ -530,6 +533,7 @@ private:
     std::condition_variable changed_;
     bool wanted_ = false, quit_ = false, ended_ = false;
     Closing closing_ = Closing::No;
+    bool withWill_ = false;
     Clock::time_point goodbyeAt_, upAt_;
     Message will_;
     bool up_ = false;
@@ -565,9 +569,9 @@ void Link::Connect(const Message& will)
 {
     inner_->Connect(will);
 }
-void Link::Close(bool orderly)
+void Link::Close(bool withWill)
 {
-    inner_->Close(orderly);
+    inner_->Close(withWill);
 }
 int Link::Descriptor() const
 {

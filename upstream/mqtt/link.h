@@ -8,17 +8,11 @@
 #include <optional>
 #include <string>
 
+#include "upstream/mqtt/outlet.h"
 #include "upstream/mqtt/settings.h"
 
 namespace voq::mqtt
 {
-
-struct Message {
-    std::string topic;
-    std::string payload;  // any bytes
-    int qos = 0;
-    bool retain = false;
-};
 
 struct LinkEvent {
     enum class Type : std::uint8_t { Up, Down, Arrived, Acknowledged };
@@ -32,7 +26,7 @@ struct LinkEvent {
     std::string reason = {};
 };
 
-class Link
+class Link : public Outlet
 {
 public:
     // Throws Error when the library refuses the settings (a certificate that cannot be read).
@@ -40,7 +34,7 @@ public:
     // Ends the thread, at most two seconds later; without Close the broker publishes the will. A thread that then still
     // waits for a name is left to itself: it holds what it needs, and ends when the resolver lets it go. Everything
     // else has an end of its own: 15 s from the resolved name to the broker's answer.
-    ~Link();
+    ~Link() override;
     Link(const Link&) = delete;
     Link& operator=(const Link&) = delete;
 
@@ -50,22 +44,17 @@ public:
     // is to be called again. Where a name has addresses of both families, attempts change between them; of one family
     // the resolver's first is taken.
     void Connect(const Message& will);
-    // Ends the connection, or the attempt: Down follows. `orderly`: with MQTT's own goodbye behind all that was
-    // published and its acknowledgement, waited for one second at most, so that the broker forgets the will.
-    void Close(bool orderly);
+    // Down follows. Waits for what was published and is not acknowledged one second at most.
+    void Close(bool withWill) override;
 
     // For poll (POLLIN): Next has something.
     int Descriptor() const;
     std::optional<LinkEvent> Next();
 
-    // Nothing without a connection. The number of what is sent with QoS 1 or 2, told when the broker has it; they come
-    // in the order of sending. 0 for QoS 0. All goes out in the order of the calls: what the broker's limit of messages
-    // in flight holds back waits here, and what is published or subscribed later waits behind it. How much is on its
-    // way is the caller's to bound.
-    std::optional<int> Publish(const Message& message);
-    // The number is told when the broker has subscribed, and so has handled all that was sent before. `kept`: it shall
-    // send what it has kept of these topics. MQTT 3.1.1 sends that in any case.
-    std::optional<int> Subscribe(const std::string& filter, int qos, bool kept = false);
+    // What the broker's limit of messages in flight holds back waits here, and what is published or subscribed later
+    // waits behind it. How much is on its way is the caller's to bound.
+    std::optional<int> Publish(const Message& message) override;
+    std::optional<int> Subscribe(const std::string& filter, int qos, bool kept = false) override;
 
     struct Figures {
         std::uint64_t sent = 0, received = 0;            // messages

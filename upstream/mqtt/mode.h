@@ -1,5 +1,5 @@
 // How the box is told: topics, payloads, births and deaths of one convention. The main thread's. What it publishes it
-// hands to the link itself.
+// hands to the outlet itself.
 #pragma once
 
 #include <optional>
@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "upstream/mqtt/catalogue.h"
-#include "upstream/mqtt/link.h"
+#include "upstream/mqtt/outlet.h"
 #include "upstream/mqtt/sample.h"
 
 namespace voq::mqtt
@@ -28,6 +28,7 @@ struct Command {
     std::uint32_t metric = 0;
     std::vector<std::string> texts;  // one an element, as EncodeScaled takes them
     std::string id;                  // of whoever asked, for the answer; may be empty
+    std::string refused;             // why it is not to be carried out; empty: it is
 };
 
 class Mode
@@ -43,6 +44,9 @@ public:
     // Births are told, and nothing keeps values back: samples may be told.
     virtual bool Ready() const = 0;
 
+    // What is told once for a connection holds every register's sample.
+    virtual bool BirthsHoldValues() const { return true; }
+
     // Tells samples in their order, live ones or such that waited in the spool. The number of the last message when the
     // broker acknowledges it, 0 when it acknowledges none; nothing when it could not be sent: then none of it counts as
     // told.
@@ -54,7 +58,7 @@ public:
     virtual void PortChanged(std::uint32_t port) = 0;
     virtual void DeviceChanged(std::uint32_t device) = 0;
 
-    // What a message asks for: nothing when it asks for no write, or for one that is refused, which it answers itself.
+    // What a message asks for: nothing when it asks for no write of a register.
     virtual std::vector<Command> Arrived(const Message& message) = 0;
     // What became of a command.
     virtual void Answered(const Command& command, bool written, const std::string& text) = 0;

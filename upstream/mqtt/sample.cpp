@@ -57,8 +57,8 @@ Value ReadValue(const Meaning& meaning, const ValueCoding& coding, std::span<con
 
 const char* StateWord(State state)
 {
-    constexpr const char* Words[States] = {"never read", "ok",          "time-out",  "error",
-                                           "refused",    "station off", "no service"};
+    constexpr const char* Words[States] = {"not read yet", "ok",          "time-out",  "error",
+                                           "refused",      "station off", "no service"};
     return Words[static_cast<std::size_t>(state)];
 }
 

@@ -7,7 +7,6 @@
 #include <fstream>
 
 #include "client/description/description.h"
-#include "client/description/limits.h"
 #include "client/description/table.h"
 #include "client/error.h"
 
@@ -23,6 +22,7 @@ using std::chrono::seconds;
 constexpr const char* Conventions[] = {"plain", "sparkplug"};
 constexpr const char* Protocols[] = {"5", "3.1.1"};
 constexpr std::uint32_t LongestSeconds = 24 * 3600;
+constexpr std::size_t MaxBytes = 256 * 1024;
 constexpr std::size_t MaxGroups = 256, MaxPatterns = 4096;
 constexpr std::size_t MaxLevel = 64;  // characters of a name that becomes a level of a topic
 
@@ -184,12 +184,11 @@ Settings LoadSettings(const std::string& file)
     Settings settings;
     Remarks remarks(file);
     const std::string text = DescriptionText(file);
-    if (WithinDescriptionLimits(text, remarks)) {
-        try {
-            ReadFile(toml::parse(text, file), remarks, settings);
-        } catch (const toml::parse_error& error) {
-            remarks.Error(error.source().begin.line, std::string(error.description()));
-        }
+    if (text.size() > MaxBytes) throw Error(file + ": longer than " + std::to_string(MaxBytes) + " bytes");
+    try {
+        ReadFile(toml::parse(text, file), remarks, settings);
+    } catch (const toml::parse_error& error) {
+        remarks.Error(error.source().begin.line, std::string(error.description()));
     }
     remarks.ThrowFirst();
     return settings;
