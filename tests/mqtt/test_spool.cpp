@@ -1,8 +1,6 @@
 // The spool, against a queue that keeps everything.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <deque>
@@ -234,46 +232,7 @@ TEST_F(SpoolTest, WritesNoMoreOftenThanItMay)
     EXPECT_FALSE(spool.Due().has_value());
 }
 
-TEST_F(SpoolTest, LosesNothingWrittenWhenKilled)
-{
-    std::mt19937 random(5);
-    std::int64_t first = 0, next = 0;
-    for (int round = 0; round < 8; ++round) {
-        int pipes[2];
-        ASSERT_EQ(pipe(pipes), 0);
-        const pid_t child = fork();
-        if (child == 0) {
-            Spool spool(Settings(), Names);
-            for (std::int64_t from = next;; from += 20) {
-                Fill(spool, from, from + 20);
-                spool.Done(spool.Take(from % 3 == 0 ? 5 : 0).size());
-                spool.Flush();
-                const std::int64_t end = from + 20;
-                if (write(pipes[1], &end, sizeof end) < 0) _exit(1);
-            }
-        }
-        close(pipes[1]);
-        std::int64_t written = next, end = 0;
-        for (unsigned n = 1 + random() % 30; n > 0 && read(pipes[0], &end, sizeof end) == sizeof end; --n)
-            written = end;
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-        while (read(pipes[0], &end, sizeof end) == sizeof end) written = end;
-        close(pipes[0]);
-        Spool spool(Settings(), Names);
-        std::vector<Sample> all = spool.Take(100000);
-        ASSERT_FALSE(all.empty());
-        ASSERT_GE(NumberOf(all[0]), first);
-        first = NumberOf(all[0]);
-        next = first;
-        for (const Sample& each : all) ASSERT_EQ(NumberOf(each), next++);
-        EXPECT_GE(next, written);
-        EXPECT_EQ(spool.Remark(), "");
-        spool.Rewind();
-    }
-}
-
-// The log as a power cut may leave it.
+// The log as a power cut, or the end of the process at any moment, may leave it.
 TEST_F(SpoolTest, LosesNothingBeforeAnUnfinishedWrite)
 {
     std::mt19937 random(9);
