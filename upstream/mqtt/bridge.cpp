@@ -27,6 +27,7 @@ constexpr std::size_t LeastChunk = 16, MostChunk = 1024;
 constexpr milliseconds QuickPiece{100}, SlowPiece{400};
 constexpr milliseconds ProbesApart{500}, RoomLater{50};
 constexpr milliseconds GoodbyeWithin{2000};
+constexpr milliseconds Together{5};  // what comes within that time is handled at once: every turn wakes the processor
 
 std::unique_ptr<Mode> MakeMode(const Settings& settings, const Catalogue& catalogue, const BoxState& box,
                                Outlet& outlet)
@@ -108,6 +109,8 @@ bool Bridge::Sleep(int ending)
     if (const auto oldest = window_.Unprobed()) sooner(*oldest + ProbesApart);
     std::vector<pollfd> waiting = {{ending, POLLIN, 0}, {link_.Descriptor(), POLLIN, 0}};
     for (std::uint32_t i = 0; i < catalogue_.ports.size(); ++i) waiting.push_back({source_.Descriptor(i), POLLIN, 0});
+    pollfd end = {ending, POLLIN, 0};
+    if (poll(&end, 1, static_cast<int>(Together.count())) > 0) return false;
     const auto left = std::chrono::ceil<milliseconds>(until - Clock::now()).count();
     if (poll(waiting.data(), waiting.size(), static_cast<int>(std::max<std::int64_t>(left, 0))) <= 0) return true;
     for (std::uint32_t i = 0; i < catalogue_.ports.size(); ++i) {

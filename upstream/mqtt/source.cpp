@@ -20,7 +20,7 @@ namespace
 using std::chrono::milliseconds;
 
 // What changes more often is told once in between; the service writes far more often than that.
-constexpr milliseconds ReadingsApart{20};
+constexpr milliseconds ReadingsApart{25};
 constexpr milliseconds LongestLock{100};
 constexpr milliseconds LongTrouble{5000};  // a lock may well be held for a while
 
