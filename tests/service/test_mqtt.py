@@ -103,8 +103,8 @@ class Listener:
 
 
 class Bridge:
-    def __init__(self, broker, more, box):
-        (WORK / "project.toml").write_text(DESCRIPTION)
+    def __init__(self, broker, more, box, registers):
+        (WORK / "project.toml").write_text(DESCRIPTION + registers)
         (WORK / "mqtt.toml").write_text(f'[broker]\nhost = "127.0.0.1"\nport = {broker.port}\n[box]\nname = "box"\n{box}'
                                         f'[spool]\nfile = "{WORK}/spool"\nwrites_per_minute = 60\n' + more)
         self.start()
@@ -129,25 +129,25 @@ class Bridge:
 
 @pytest.fixture
 def plant(start):
-    """plant(settings, box): service, broker, listener and bridge; `box` for its table of the settings."""
+    """plant(settings, box, registers, pause): service, broker, listener and bridge; `box` for its table of the settings,
+    `registers` for the description."""
     if not (BUILD / "bin/voq-mqtt").exists() or not shutil.which("mosquitto"):
         pytest.skip("built without libmosquitto, or there is no mosquitto")
     running = []
 
-    def begin(more="", box=""):
-        service = start(com_info(pause=1, packing=1))
+    def begin(more="", box="", registers="", pause=1):
+        service = start(com_info(pause=pause, packing=1))
         service.sim.set(LEVEL, word(215))
         service.sim.set(MODE, word(0))
         service.sim.set(LABEL, b'\xff"\xc3\xa4\n\\z\0')
         service.sim.set(FAR, (-7).to_bytes(4, "big", signed=True) + (8).to_bytes(4, "big"))
         broker = Broker()
-        running.extend([broker.process, Listener(broker), Bridge(broker, more, box)])
+        running.extend([broker, Listener(broker), Bridge(broker, more, box, registers)])
         return service, broker, *running[-2:]
     yield begin
     for each in running[::-1]:
-        process = getattr(each, "process", each)
-        process.kill()
-        process.wait()
+        each.process.kill()
+        each.process.wait()
 
 
 def test_values_and_states(plant):
