@@ -83,6 +83,14 @@ private:
         return nullptr;
     }
 
+    void LookAtCase(std::map<std::string, std::string>& known, const std::string& name)
+    {
+        const auto [alike, alone] = known.try_emplace(LowerCase(name), name);
+        if (!alone && settings_.convention == Convention::Sparkplug) {
+            Remark(name + " and " + alike->second + " differ in case alone: a host may take them for one");
+        }
+    }
+
     void Add(const DescribedRegister& each)
     {
         const RegKey& key = each.reg.key;
@@ -96,10 +104,7 @@ private:
         if (NeedsByteOrder(each.reg) && order == 0)
             return Remark(name + ": the description gives the port no byte order");
         if (!names_.insert(name).second) return Remark(name + ": is there twice");
-        const auto [alike, alone] = lowerCase_.try_emplace(LowerCase(name), name);
-        if (!alone && settings_.convention == Convention::Sparkplug) {
-            Remark(name + " and " + alike->second + " differ in case alone: a host may take them for one");
-        }
+        LookAtCase(metricsByCase_, name);
         const auto at = static_cast<std::uint32_t>(made_.metrics.size());
         const std::uint32_t device = DeviceOf(each, static_cast<std::uint32_t>(port - made_.ports.begin()));
         made_.metrics.push_back(
@@ -119,6 +124,7 @@ private:
         }
         if (name.empty() || deviceNames_.contains(name)) name = made_.ports[port].name + "_s" + std::to_string(station);
         while (!deviceNames_.insert(name).second) name += '_';
+        LookAtCase(devicesByCase_, name);
         made_.devices.push_back({name, port, station, {}});
         made_.ports[port].devices.push_back(next);
         return next;
@@ -129,7 +135,7 @@ private:
     Catalogue made_;
     std::vector<std::set<std::string>> unused_;  // patterns, by group
     std::set<std::string> names_, deviceNames_;
-    std::map<std::string, std::string> lowerCase_;
+    std::map<std::string, std::string> metricsByCase_, devicesByCase_;  // in lower case
     std::map<std::pair<std::uint32_t, std::uint8_t>, std::uint32_t> devices_;
 };
 

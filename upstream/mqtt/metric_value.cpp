@@ -110,7 +110,10 @@ std::optional<Carried> Carry(DataType type, const Element& element)
     const auto* whole = std::get_if<std::int64_t>(&element);
     const double real = whole != nullptr ? static_cast<double>(*whole) : std::get<double>(element);
     if (type == DataType::Double) return real;
-    if (type == DataType::Float) return static_cast<float>(real);
+    if (type == DataType::Float) {
+        if (std::abs(real) > std::numeric_limits<float>::max()) return std::nullopt;
+        return static_cast<float>(real);
+    }
     if (whole == nullptr || !Fits(type, *whole)) return std::nullopt;
     if (type == DataType::Boolean) return *whole != 0;
     return static_cast<std::uint32_t>(*whole);
@@ -188,7 +191,9 @@ std::vector<std::string> ArrayTexts(DataType type, const std::string& bytes, std
     }
     const bool flags = type == DataType::Boolean;
     const std::size_t size = flags ? 0 : BytesOf(type);
-    if (bytes.size() != (flags ? 4 + (count + 7) / 8 : count * size)) {
+    std::string counted;
+    if (flags) AppendLittle(counted, count, 4);
+    if (bytes.size() != (flags ? 4 + (count + 7) / 8 : count * size) || !bytes.starts_with(counted)) {
         throw Error("an array of " + std::to_string(count) + " element(s) has other bytes");
     }
     for (std::size_t i = 0; i < count; ++i) {
@@ -210,8 +215,9 @@ DataType DataTypeOf(const Metric& metric)
 std::optional<Carried> CarriedOf(const Metric& metric, const Value& value)
 {
     if (value.empty()) return Carried();
-    if (IsArray(metric)) return CarryAll(ElementType(metric), value);
-    return value.size() == 1 ? Carry(ElementType(metric), value[0]) : std::nullopt;
+    const std::size_t count = IsArray(metric) ? metric.described.reg.key.width : 1;
+    if (value.size() != count) return std::nullopt;
+    return IsArray(metric) ? CarryAll(ElementType(metric), value) : Carry(ElementType(metric), value[0]);
 }
 
 std::vector<std::string> TextsOf(const Metric& metric, const Carried& value)

@@ -54,7 +54,7 @@ Sparkplug::Sparkplug(const Settings& settings, const Catalogue& catalogue, const
       box_(box),
       outlet_(outlet),
       devicesBorn_(catalogue.devices.size()),
-      toldQuality_(catalogue.metrics.size(), Good)
+      toldQuality_(catalogue.metrics.size(), {Good, Good})
 {
 }
 
@@ -131,7 +131,8 @@ sparkplug::Metric Sparkplug::PortMetric(std::uint32_t port) const
     return {"Ports/" + catalogue_.ports[port].name, FirstAlias + port, Now(), DataType::String, false, word, {}};
 }
 
-sparkplug::Metric Sparkplug::MetricOf(const Sample& sample, bool birth)
+// A host may take the quality of what is history for that of what is live, or not: it hears it unless both are good.
+sparkplug::Metric Sparkplug::MetricOf(const Sample& sample, As as)
 {
     const Metric& metric = catalogue_.metrics[sample.metric];
     const int quality = QualityOf(sample.state);
@@ -139,9 +140,14 @@ sparkplug::Metric Sparkplug::MetricOf(const Sample& sample, bool birth)
     told.alias = FirstAlias + catalogue_.ports.size() + sample.metric;
     told.timestamp = Milliseconds(sample.time);
     if (const auto carried = CarriedOf(metric, sample.value)) told.value = *carried;
-    if (birth || quality != Good || toldQuality_[sample.metric] != Good) told.properties.push_back(Quality(quality));
-    toldQuality_[sample.metric] = quality;
-    if (!birth) return told;
+    ToldQuality& before = toldQuality_[sample.metric];
+    if (as == As::Birth || quality != Good || before.live != Good || before.history != Good) {
+        told.properties.push_back(Quality(quality));
+    }
+    if (as != As::Live) before.history = quality;
+    if (as != As::History) before.live = quality;
+    told.historical = as == As::History;
+    if (as != As::Birth) return told;
     const Meaning& meaning = metric.described.meaning;
     told.name = metric.name;
     told.datatype = DataTypeOf(metric);
@@ -176,7 +182,7 @@ bool Sparkplug::BirthOf(std::uint32_t device)
 {
     Payload payload;
     for (const std::uint32_t each : catalogue_.devices[device].metrics) {
-        payload.metrics.push_back(MetricOf(box_.samples[each], true));
+        payload.metrics.push_back(MetricOf(box_.samples[each], As::Birth));
     }
     std::stable_sort(payload.metrics.begin(), payload.metrics.end(),
                      [](const auto& a, const auto& b) { return *a.timestamp < *b.timestamp; });
@@ -228,17 +234,17 @@ bool Sparkplug::TellDevice(std::uint32_t device, std::span<const Sample> samples
 {
     const bool dead = !devicesBorn_[device];
     if (dead && !historical) return true;
+    const auto fits = [&](const Sample& each) {
+        return CarriedOf(catalogue_.metrics[each.metric], each.value).has_value();
+    };
+    const auto fit = static_cast<std::size_t>(std::count_if(samples.begin(), samples.end(), fits));
+    unfit_ += samples.size() - fit;
+    if (fit == 0) return true;
+    if (dead && !BirthOf(device)) return false;
     Payload payload;
     for (const Sample& each : samples) {
-        if (!CarriedOf(catalogue_.metrics[each.metric], each.value)) {
-            ++unfit_;
-            continue;
-        }
-        payload.metrics.push_back(MetricOf(each, false));
-        payload.metrics.back().historical = historical;
+        if (fits(each)) payload.metrics.push_back(MetricOf(each, historical ? As::History : As::Live));
     }
-    if (payload.metrics.empty()) return true;
-    if (dead && !BirthOf(device)) return false;
     const bool sent = Send(Topic("DDATA", device), std::move(payload));
     if (dead) DeathOf(device);
     return sent;

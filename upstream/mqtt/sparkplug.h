@@ -42,7 +42,8 @@ private:
 
     sparkplug::Metric BdSeq() const;
     sparkplug::Metric PortMetric(std::uint32_t port) const;
-    sparkplug::Metric MetricOf(const Sample& sample, bool birth);
+    enum class As : std::uint8_t { Live, History, Birth };
+    sparkplug::Metric MetricOf(const Sample& sample, As as);
     bool Alive(std::uint32_t device) const;
     void Birth();
     bool BirthOf(std::uint32_t device);
@@ -62,7 +63,10 @@ private:
     std::uint8_t seq_ = 0;
     bool connected_ = false, born_ = false;
     std::vector<bool> devicesBorn_;
-    std::vector<int> toldQuality_;  // by metric
+    struct ToldQuality {
+        int live, history;
+    };
+    std::vector<ToldQuality> toldQuality_;  // by metric
     bool hostOnline_ = false;
     std::int64_t hostTime_ = 0;  // of the host's last word, ms since 1970
     std::uint64_t unfit_ = 0;
