@@ -237,6 +237,7 @@ void Bridge::WriteState()
                                   {"bytes_sent", std::to_string(link.bytesSent)},
                                   {"bytes_received", std::to_string(link.bytesReceived)},
                                   {"spooled", std::to_string(spool.samples)},
+                                  {"spool_memory", std::to_string(spool.memory)},
                                   {"spool_bytes", std::to_string(spool.bytes)},
                                   {"spool_dropped", std::to_string(spool.dropped)},
                                   {"spool_writes", std::to_string(spool.writes)},

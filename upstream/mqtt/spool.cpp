@@ -422,7 +422,8 @@ bool Spool::Empty() const
 
 Spool::Figures Spool::Counted() const
 {
-    return {inner_->end_ - inner_->done_, inner_->bytes_, inner_->dropped_, inner_->writes_};
+    return {inner_->end_ - inner_->done_, inner_->end_ - std::max(inner_->fileEnd_, inner_->done_), inner_->bytes_,
+            inner_->dropped_, inner_->writes_};
 }
 
 std::string Spool::Remark()

@@ -55,6 +55,7 @@ public:
 
     struct Figures {
         std::uint64_t samples = 0;  // kept, in memory and in the file
+        std::uint64_t memory = 0;   // of them in memory alone
         std::uint64_t bytes = 0;    // of the file
         std::uint64_t dropped = 0;  // since the program started
         std::uint64_t writes = 0;   // transactions since then
