@@ -110,7 +110,7 @@ class Listener:
 class Bridge:
     def __init__(self, broker, more, box, registers):
         (WORK / "project.toml").write_text(DESCRIPTION + registers)
-        (WORK / "mqtt.toml").write_text(f'[broker]\nhost = "127.0.0.1"\nport = {broker.port}\n[box]\nname = "box"\n{box}'
+        (WORK / "mqtt.toml").write_text(f'[broker]\nhost = "127.0.0.1"\nport = {broker.port}\nretry_s = 1\n[box]\nname = "box"\n{box}'
                                         f'[spool]\nfile = "{WORK}/spool"\nwrites_per_minute = 60\n' + more)
         self.start()
 
@@ -141,7 +141,7 @@ def plant(start):
     running = []
 
     def begin(more="", box="", registers="", pause=1):
-        service = start(com_info(pause=pause, packing=1))
+        service = start(com_info(pause=pause))
         service.sim.set(LEVEL, word(215))
         service.sim.set(MODE, word(0))
         service.sim.set(LABEL, b'\xff"\xc3\xa4\n\\z\0')
