@@ -22,7 +22,7 @@ from figures import HEADINGS, Figure, table, write_json  # noqa: E402
 SOURCE = pathlib.Path(__file__).resolve().parent
 MEMORY = "/dev/shm"
 RANGES = 2000
-PARTS = ["refresh", "oneshot", "client", "web", "logon", "first_build", "running", "alternatives", "wear"]
+PARTS = ["refresh", "oneshot", "client", "web", "mqtt", "logon", "first_build", "running", "alternatives", "wear"]
 EMPTY_LIST_WAIT_MS = 50  # what a turn of the service waits on top of its pause, unless a request comes
 LONGEST = 125  # registers that Modbus moves in one request
 TARGET_MS = 100  # a refresh of all registers, for the service and what stands beside it
@@ -153,6 +153,27 @@ class Bench:
             return
         self.figures.append(Figure("voq-web: first view", "ms", samples["next"], goal=("value", "<=", 300)))
         self.figures.append(Figure("the same, of a browser that has just started", "ms", samples["first"]))
+
+    def mqtt(self):
+        os.environ["VOQ_BUILD"] = str(self.build)
+        import mqtt
+        samples = mqtt.measure(self.samples(60, 8), self.samples(600, 10), self.samples(200, 5),
+                               lambda *what: print("  mqtt", *what, file=sys.stderr, flush=True))
+        load = f"{mqtt.RANGES} ranges that change once a second"
+
+        def add(name, unit, values, goal=None, scale=1.0):
+            self.figures.append(Figure(f"voq-mqtt: {name}", unit, values, goal=goal and ("value", "<=", goal), scale=scale))
+        add(f"CPU of {load}", "% of a core", samples["cpu"], 3)
+        add("the same as Sparkplug", "% of a core", samples["sparkplug"], 3)
+        add(f"memory of its own, {load}", "MiB", samples["memory"], 8, 1 / 1024)
+        add("from a reading to a subscriber, 99th percentile", "ms", samples["late"], 50)
+        self.figures.append(Figure("voq-mqtt: values lost or out of order, broker away for ten minutes", "",
+                                   [samples["lost"] + samples["disordered"]], goal=("value", "<=", 0)))
+        add("oldest present value from a second after the connection on", "s", [samples["live"]], 1)
+        add("the spool told", "s", [samples["emptied"]])
+        boxes = f"{samples['boxes']} boxes of {mqtt.OF_A_BOX} ranges at one mosquitto"
+        add(f"{boxes}: messages a second", "1/s", [samples["rate"]])
+        add("the same: CPU of the broker", "% of a core", [samples["share"]])
 
     # Growth
 

@@ -248,8 +248,10 @@ void PrintUpstream(const Target& target)
     const auto age = [&](const char* name) {
         return voq::NowMicroseconds() - std::strtoll(state[name].c_str(), nullptr, 10) * second;
     };
-    std::string text = state["state"] + " " + state["broker"] + " for " + voq::AgeText(age("since"));
-    if (age("updated") > late) text = "voq-mqtt does not run, its last word is " + voq::AgeText(age("updated")) + " old";
+    std::string text = (state["state"] == "away" ? "no connection to " : "connected to ") + state["broker"] + " for " +
+                       voq::AgeText(age("since"));
+    if (age("updated") > late)
+        text = "voq-mqtt does not run, its last word is " + voq::AgeText(age("updated")) + " old";
     text += ", " + state["messages_sent"] + " message(s) sent, " + state["spooled"] + " value(s) wait, " +
             state["spool_dropped"] + " dropped";
     std::printf("upstream    %s\n", Printable(text).c_str());

@@ -179,7 +179,7 @@ def test_values_and_states(plant):
     wait_for(lambda: heard.last("port/com_1")["state"] == "offline", "the end of the port")
     age = heard.last("value/level")["age_ms"]
     wait_for(lambda: heard.last("value/level")["age_ms"] > age + 900, "a value that ages")
-    assert "upstream    connected 127.0.0.1:" in voqctl("status", "--wait", 0).stdout
+    assert "upstream    connected to 127.0.0.1:" in voqctl("status", "--wait", 0).stdout
     bridge.kill()
     wait_for(lambda: heard.last("state")["state"] == "offline", "the will")
 

@@ -68,6 +68,7 @@ Bridge::Bridge(const Settings& settings, const Catalogue& catalogue, std::string
       mode_(MakeMode(settings, catalogue, source_.Box(), link_)),
       commands_(catalogue, source_,
                 [this](const Command& command, bool written, const std::string& text) {
+                    if (!written) Log("writes", catalogue_.metrics[command.metric].name + " is not written: " + text);
                     if (connected_) mode_->Answered(command, written, text);
                 }),
       pacer_(catalogue),
@@ -135,6 +136,7 @@ void Bridge::Handle(const LinkEvent& event, Clock::time_point now)
             break;
         case LinkEvent::Type::Arrived:
             for (const Command& each : mode_->Arrived(event.message)) commands_.Begin(each);
+            Log("messages", mode_->Remark());
             break;
         case LinkEvent::Type::Acknowledged:
             Log("broker", event.reason);
@@ -241,6 +243,7 @@ void Bridge::WriteState()
                                   {"spool_bytes", std::to_string(spool.bytes)},
                                   {"spool_dropped", std::to_string(spool.dropped)},
                                   {"spool_writes", std::to_string(spool.writes)},
+                                  {"spool_unfit", std::to_string(mode_->Unfit())},
                                   {"writes_done", std::to_string(commands_.Written())},
                                   {"writes_refused", std::to_string(commands_.Refused())},
                                   {"held_up", held},

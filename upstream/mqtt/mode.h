@@ -68,6 +68,10 @@ public:
 
     // The primary host is away (Sparkplug): why nothing is told, for a person; empty otherwise.
     virtual std::string HeldUp() const { return {}; }
+    // What else a person should know: why a message was passed over; empty when there is nothing new.
+    virtual std::string Remark() { return {}; }
+    // Samples of the spool that no longer fit their register.
+    virtual std::uint64_t Unfit() const { return 0; }
 };
 
 }  // namespace voq::mqtt

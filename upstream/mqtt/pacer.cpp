@@ -56,7 +56,7 @@ void Pacer::Changed(const Sample& sample, Clock::time_point now)
 void Pacer::All(Clock::time_point now)
 {
     for (std::uint32_t i = 0; i < entries_.size(); ++i) {
-        if (entries_[i].ever && !entries_[i].changed) Plan(i, now);
+        if (!entries_[i].changed) Plan(i, now);
     }
 }
 

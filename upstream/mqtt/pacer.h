@@ -25,7 +25,7 @@ public:
 
     // A register has another state or value.
     void Changed(const Sample& sample, Clock::time_point now);
-    // All that has a sample is to be told, whether it has changed or not.
+    // All are to be told, whether they have changed or not.
     void All(Clock::time_point now);
     // It cannot be told before then.
     void Delay(std::uint32_t metric, Clock::time_point until) { Plan(metric, until); }

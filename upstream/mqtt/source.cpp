@@ -46,8 +46,20 @@ Source::Source(const Catalogue& catalogue, Heard heard)
         followed->metric = i;
         box_.samples[i] = {i, State::NoService, NowMicroseconds(), 0, {}};
         byMetric_[i] = followed.get();
-        port.port.Subscribe(*followed);
         port.ranges.push_back(std::move(followed));
+    }
+    for (const auto& each : ports_) Subscribe(*each);
+}
+
+// Before a service has made its directory nothing can be subscribed there.
+void Source::Subscribe(OnePort& port)
+{
+    try {
+        for (const auto& each : port.ranges) {
+            if (each->followed == nullptr) port.port.Subscribe(*each);
+        }
+    } catch (const std::exception& error) {
+        if (port.port.Running()) heard_.trouble(error.what());
     }
 }
 
@@ -80,6 +92,7 @@ void Source::Dispatch(std::uint32_t at)
 void Source::Look()
 {
     for (std::uint32_t i = 0; i < ports_.size(); ++i) {
+        Subscribe(*ports_[i]);
         try {
             LookAtStatistics(i);
         } catch (const std::exception& error) {
@@ -90,7 +103,7 @@ void Source::Look()
 
 State Source::StateOf(const OnePort& port, const Followed& range) const
 {
-    if (!port.port.Running()) return State::NoService;
+    if (!port.port.Running() || range.followed == nullptr) return State::NoService;
     if (std::find(port.off.begin(), port.off.end(), range.key.plcno) != port.off.end()) return State::StationOff;
     if (range.refused) return State::Refused;
     switch (range.followed->state) {
@@ -108,6 +121,7 @@ State Source::StateOf(const OnePort& port, const Followed& range) const
 
 void Source::Take(const OnePort& port, const Followed& range)
 {
+    if (range.followed == nullptr) return;
     const voq::Followed& followed = *range.followed;
     Sample& sample = box_.samples[range.metric];
     const State state = StateOf(port, range);
@@ -132,8 +146,8 @@ void Source::TakeAll(const OnePort& port)
 const Sample& Source::Freshen(std::uint32_t metric)
 {
     Sample& sample = box_.samples[metric];
-    const voq::Followed& followed = *byMetric_[metric]->followed;
-    if (sample.state == State::Good) sample.time = sample.valueAt = StampMicroseconds(followed.valueStamp);
+    const voq::Followed* const followed = byMetric_[metric]->followed;
+    if (sample.state == State::Good) sample.time = sample.valueAt = StampMicroseconds(followed->valueStamp);
     return sample;
 }
 

@@ -25,7 +25,7 @@ public:
         std::function<void(const std::string&)> trouble;  // in words; every time
     };
 
-    // Subscribes everything of the catalogue, which must outlive it.
+    // Subscribes everything of the catalogue, which must outlive it; where there is no port directory yet, in Look.
     Source(const Catalogue& catalogue, Heard heard);
 
     // For poll (POLLIN), by port.
@@ -53,6 +53,7 @@ private:
         Port::Clock::time_point troubledSince = {};
     };
 
+    void Subscribe(OnePort& port);
     State StateOf(const OnePort& port, const Followed& range) const;
     void Take(const OnePort& port, const Followed& range);
     void TakeAll(const OnePort& port);

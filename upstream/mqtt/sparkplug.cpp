@@ -41,6 +41,11 @@ int QualityOf(State state)
     return state == State::Failed || state == State::Refused ? Bad : Stale;
 }
 
+std::string NameOf(const sparkplug::Metric& metric)
+{
+    return metric.name.empty() && metric.alias ? "alias " + std::to_string(*metric.alias) : "\"" + metric.name + "\"";
+}
+
 sparkplug::Property Quality(int quality)
 {
     return {"Quality", DataType::Int32, static_cast<std::uint32_t>(quality)};
@@ -306,6 +311,7 @@ std::vector<Command> Sparkplug::Arrived(const Message& message)
     }
     if (message.retain || !born_) return {};
     const auto payload = sparkplug::Decode(message.payload);
+    if (!payload) remark_ = "what arrived at " + message.topic + " is no payload of Sparkplug, or too large a one";
     if (!payload || (payload->timestamp && Repeated(message))) return {};
     std::vector<Command> commands;
     if (message.topic == Topic("NCMD")) {
@@ -319,7 +325,9 @@ std::vector<Command> Sparkplug::Arrived(const Message& message)
     for (std::uint32_t device = 0; device < catalogue_.devices.size(); ++device) {
         if (message.topic != Topic("DCMD", device)) continue;
         for (const sparkplug::Metric& each : payload->metrics) {
-            if (auto command = CommandOf(device, each)) commands.push_back(std::move(*command));
+            auto command = CommandOf(device, each);
+            if (!command) remark_ = message.topic + ": the device has no such metric as " + NameOf(each);
+            if (command) commands.push_back(std::move(*command));
         }
     }
     return commands;

@@ -5,6 +5,7 @@
 #include <array>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "upstream/mqtt/mode.h"
@@ -32,8 +33,8 @@ public:
     void Goodbye() override;
     std::string HeldUp() const override;
 
-    // Samples of the spool that no longer fit the type of their register.
-    std::uint64_t Unfit() const { return unfit_; }
+    std::string Remark() override { return std::exchange(remark_, {}); }
+    std::uint64_t Unfit() const override { return unfit_; }
 
 private:
     std::string Topic(const char* type) const;
@@ -70,6 +71,7 @@ private:
     bool hostOnline_ = false;
     std::int64_t hostTime_ = 0;  // of the host's last word, ms since 1970
     std::uint64_t unfit_ = 0;
+    std::string remark_;
 
     struct Heard {
         std::size_t hash = 0;
