@@ -75,7 +75,9 @@ def test_kills(start, plant):  # noqa: F811
         victim = chance.choice([v for v in ("bridge", "service", "broker") if len(kills) == 3 or v not in kills])
         kills[victim] = kills.get(victim, 0) + 1
         live(chance.uniform(0.1, 1.5))
-        {"bridge": bridge, "service": service, "broker": broker}[victim].process.kill()
+        killed = {"bridge": bridge, "service": service, "broker": broker}[victim].process
+        killed.kill()
+        killed.wait()
         if victim == "broker":
             wait_for(lambda: bridge.state().get("state") == "away", "the end of the connection", 60)
         since, seen = len(heard.messages), live(chance.uniform(0.1, 2))
