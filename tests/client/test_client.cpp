@@ -207,7 +207,7 @@ TEST(Project, PlacesAndRoundTrip)
 void ExpectErrors(const auto& bad)
 {
     for (const auto& [text, beginning] : bad) {
-        const std::string error = ErrorOf([&] { voq::ParseDescription(text, "t"); });
+        const std::string error = ErrorOf([&given = text] { voq::ParseDescription(given, "t"); });
         EXPECT_TRUE(error.starts_with(beginning)) << text.substr(0, 80) << "\n" << error;
     }
 }

@@ -79,7 +79,7 @@ std::vector<Operation> Operations(Database& database, std::size_t records)
     const std::pair<const char*, OrgMode> modes[] = {
         {"log-on ", OrgMode::LogOn}, {"log-off ", OrgMode::LogOff}, {"registration ", OrgMode::Register}};
     for (const auto& [how, mode] : modes) {
-        const auto log = [mode](const RegKey& key) { return [=] { Request(key, mode); }; };
+        const auto log = [mode = mode](const RegKey& key) { return [=] { Request(key, mode); }; };
         for (const auto& [where, key] : ranges) operations.push_back({std::string(how) + where, filled, log(key), all});
         // The first registration of all is part of the first build.
         if (mode != OrgMode::Register) operations.push_back({std::string(how) + "first", Empty, log(Range(1, 7)), {}});
