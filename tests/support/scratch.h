@@ -34,16 +34,6 @@ inline void SetWorkingPaths(const std::string& folder)
     for (const auto& [path, name] : paths) std::strcpy(path, (folder + name).c_str());
 }
 
-// An empty fast list, no failures counted.
-inline void ResetState()
-{
-    ResetFastList();
-    GlobeTimeout = 0;
-    GlobeComError = 0;
-    LogOnAmount = 0;
-    std::memset(StationDisable, 0, sizeof StationDisable);
-}
-
 class Scratch
 {
 public:
@@ -61,13 +51,17 @@ public:
 
     [[nodiscard]] const std::string& Folder() const { return folder_; }
 
-    // An empty org list, index and data file, and the state that belongs to them.
+    // An empty org list, index and data file, an empty fast list, no failures counted.
     static void ResetDatabase()
     {
         std::ofstream(OrgFileName, std::ios::binary) << std::string(sizeof(OrgHeader), '\0');
         std::ofstream(DataFileName, std::ios::binary | std::ios::trunc);
         std::ofstream(IndexFileName, std::ios::binary | std::ios::trunc);
-        ResetState();
+        ResetFastList();
+        GlobeTimeout = 0;
+        GlobeComError = 0;
+        LogOnAmount = 0;
+        std::memset(StationDisable, 0, sizeof StationDisable);
     }
 
 private:

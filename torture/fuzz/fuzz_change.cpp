@@ -58,6 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (size < sizeof head) return 0;
     std::memcpy(&head, data, sizeof head);
     std::vector<unsigned char> operand(data + sizeof head, data + size);
+    if (head.mode % 2 != 0) ResetBox();  // else nothing is kept
     ComInfo.byteOrder = head.portOrder;
     sysByteOder = head.panelOrder;
     Failures = head.failures;
@@ -66,8 +67,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } else {
         constexpr std::uint8_t Commands[] = {3, 6, 6, 7};
         const auto command = static_cast<std::uint16_t>((head.listcmd & 0xFF00u) | Commands[head.listcmd % 4]);
-        ResetBox();
-        ResetRtList();
         TakeOverPulseNotes();
         _cmd = Command;
         AddRtList({head.key, 0, 0, 5, 0}, command, 5, operand.data(), static_cast<std::uint32_t>(operand.size()));

@@ -2,8 +2,6 @@
 // on them, and the register database stays sound.
 #include <fuzzer/FuzzedDataProvider.h>
 
-#include <string>
-
 #include "database/check.h"
 #include "database/index.h"
 #include "list/rt_list.h"
@@ -59,13 +57,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
 
     ResetBox();
-    ResetRtList();
-    FakeDriver::Use();
-    ComInfo = {};
     ComInfo.wordLimit = ComInfo.bitLimit = limits & 63;
     ComInfo.wordGap = ComInfo.bitGap = limits >> 6;
-    GuiFifo_index = MekFifo_index = 0;
-    CurrentNode = LoopReStart = 0;
     const std::size_t piece = how < 4 ? 16384 : how / 2;
     for (std::size_t at = 0; at < stream.size(); at += piece) {
         FifoBytes = stream.substr(at, piece);

@@ -1,14 +1,12 @@
 // Arbitrary bytes as the project file, through both of its readers: nothing is read outside it, and whatever ranges it
 // names leave a sound register database.
 #include <cstdint>
-#include <string>
 
 #include "database/check.h"
 #include "database/index.h"
 #include "fileinit/get_com_info.h"
 #include "fileinit/init_org.h"
 #include "memory_files.h"
-#include "state/com_state.h"
 #include "voq/project_file.h"
 
 namespace
@@ -39,7 +37,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string bytes(reinterpret_cast<const char*>(data + 1), size - 1);
     ResetBox();
     StoreFile(ProjectPath, (data[0] & 1) != 0 ? bytes : Segments() + bytes);
-    ComInfo = {};
     GetComInfo(ProjectPath, data[0] >> 1);
     InitOrgFromFile(ProjectPath);
     InitIndexMap();

@@ -4,7 +4,7 @@
 
 #include <string>
 
-// Forgets every file but an empty register database; lists and counters are as after start-up.
+// Forgets every file but an empty register database; every variable of the service is as at the start.
 void ResetBox();
 void StoreFile(const char* path, const std::string& bytes);
 
