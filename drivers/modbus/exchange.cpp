@@ -68,13 +68,6 @@ Reply FromError(int error)
     return {Outcome::Broken, 0, error};
 }
 
-Reply FromContent(Content content, const Answer& answer)
-{
-    if (content == Content::Answer) return {Outcome::Done, 0, 0};
-    if (content == Content::Exception) return {Outcome::Refused, answer.pdu[1], 0};
-    return {Outcome::OtherAnswer, 0, 0};
-}
-
 // Waits for a frame until `endMs`. What it gives is Done when there is a frame at all, whosoever's.
 Reply Receive(Connection& connection, std::uint64_t endMs, std::uint8_t* frame, Answer& answer)
 {
@@ -96,8 +89,11 @@ Reply Await(Connection& connection, const ComInfoRecord& info, const Question& q
         if (const Reply reply = Receive(connection, endMs, frame, answer); reply.outcome != Outcome::Done) return reply;
         const bool ours = answer.number == connection.number && answer.unit == question.unit;
         const Content content = ours ? JudgePdu(question, answer.pdu, answer.length) : Content::Other;
-        if (content == Content::Answer) TakeValues(question, answer.pdu, data);
-        if (content != Content::Other) return FromContent(content, answer);
+        if (content == Content::Exception) return {Outcome::Refused, answer.pdu[1], 0};
+        if (content == Content::Answer) {
+            TakeValues(question, answer.pdu, data);
+            return {Outcome::Done, 0, 0};
+        }
         if (TakeLate(connection, info, answer)) continue;
         if (ours) return {Outcome::OtherAnswer, 0, 0};
         if (answer.number != connection.number) return {Outcome::WrongNumber, 0, 0};

@@ -155,14 +155,13 @@ std::int32_t Transfer(Connection& connection, const PlcRequest* request, const C
 // The connection is made by the first request. An instance that is there already is kept: it follows the parameters.
 std::int32_t Init(void** slot)
 {
-    if (slot == nullptr) return PLC_DRV_ERROR;
     if (*slot == nullptr) *slot = std::calloc(1, sizeof(Connection));
     return *slot != nullptr ? PLC_DRV_OK : PLC_DRV_ERROR;
 }
 
 std::int32_t Destroy(void** slot)
 {
-    if (slot == nullptr || *slot == nullptr) return PLC_DRV_OK;
+    if (*slot == nullptr) return PLC_DRV_OK;
     auto* connection = static_cast<Connection*>(*slot);
     ReleaseConnection(*connection);
     std::free(connection);

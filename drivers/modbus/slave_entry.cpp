@@ -9,14 +9,13 @@ namespace
 
 std::int32_t Init(void** slot)
 {
-    if (slot == nullptr) return PLC_DRV_ERROR;
     if (*slot == nullptr) *slot = NewSlave();
     return *slot != nullptr ? PLC_DRV_OK : PLC_DRV_ERROR;
 }
 
 std::int32_t Destroy(void** slot)
 {
-    if (slot == nullptr || *slot == nullptr) return PLC_DRV_OK;
+    if (*slot == nullptr) return PLC_DRV_OK;
     FreeSlave(static_cast<Slave*>(*slot));
     *slot = nullptr;
     return PLC_DRV_OK;

@@ -132,7 +132,6 @@ std::int32_t Access(Sim& sim, SimCommand command, const PlcRequest* request)
 // An instance that is there already is kept.
 std::int32_t Init(void** slot, const ComInfoRecord* info)
 {
-    if (slot == nullptr) return PLC_DRV_ERROR;
     if (*slot == nullptr) {
         auto* sim = static_cast<Sim*>(std::calloc(1, sizeof(Sim)));
         if (sim == nullptr || !OpenSimFile(sim->file)) {
@@ -149,7 +148,7 @@ std::int32_t Init(void** slot, const ComInfoRecord* info)
 
 std::int32_t Destroy(void** slot, const ComInfoRecord* info)
 {
-    if (slot == nullptr || *slot == nullptr) return PLC_DRV_OK;
+    if (*slot == nullptr) return PLC_DRV_OK;
     auto* sim = static_cast<Sim*>(*slot);
     const std::uint32_t failure = Suffer(*sim->file.control, SIM_DESTROY, {});
     if (failure != SIM_FAIL_NONE) return static_cast<std::int32_t>(failure);

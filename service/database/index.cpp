@@ -189,7 +189,6 @@ int FindIndexAndRefresh(const RegKey* key)
 bool RefreshIndexMaps(std::span<const std::uint32_t> entries)
 {
     WorkFile file;
-    if (entries.empty()) return true;
     if (!OpenIndexRW(file)) return false;
     bool whole = true;
     for (const std::uint32_t number : entries) {

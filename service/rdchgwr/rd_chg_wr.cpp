@@ -30,7 +30,7 @@ bool EndsOnElement(std::span<const unsigned char> desc, std::uint32_t elementByt
 int ReadChangeWrite(RegKey key, std::uint32_t cmdFlags, std::span<const unsigned char> desc, const DrvOps& ops)
 {
     const std::uint32_t length = GetRegBuffLen(&key);
-    if (length > MaxChangeBytes || desc.size() < ChangeNeeds(desc)) return PLC_ERROR;
+    if (length > MaxChangeBytes) return PLC_ERROR;
     std::memset(WorkBuffer, 0, sizeof WorkBuffer);
     const int result = DoRead(WorkBuffer, desc, key, ops);
     if (result != PLC_SUCCESS) return result;
