@@ -60,16 +60,16 @@ def word(number):
 
 
 class Broker:
-    """A mosquitto that knows its subscribers again after a kill."""
+    """A mosquitto that knows its subscribers again after a kill, and lets few messages be under way."""
 
-    def __init__(self):
-        self.port = free_port()
+    def __init__(self, more=""):
+        self.port, self.more = free_port(), more
         self.start()
 
     def start(self):
         (WORK / "mosquitto.conf").write_text(f"user root\nlistener {self.port} 127.0.0.1\nallow_anonymous true\n"
                                              f"persistence true\npersistence_location {WORK}/\nautosave_on_changes true\n"
-                                             "autosave_interval 1\nmax_queued_messages 0\n")
+                                             "autosave_interval 1\nmax_queued_messages 0\nmax_inflight_messages 3\n" + self.more)
         self.process = subprocess.Popen(["mosquitto", "-c", WORK / "mosquitto.conf"], stdout=subprocess.DEVNULL,
                                         stderr=subprocess.DEVNULL)
         wait_for(self.up, "mosquitto")
@@ -108,9 +108,9 @@ class Listener:
 
 
 class Bridge:
-    def __init__(self, broker, more, box, registers):
+    def __init__(self, broker, more, box, registers, protocol):
         (WORK / "project.toml").write_text(DESCRIPTION + registers)
-        (WORK / "mqtt.toml").write_text(f'[broker]\nhost = "127.0.0.1"\nport = {broker.port}\nretry_s = 1\n[box]\nname = "box"\n{box}'
+        (WORK / "mqtt.toml").write_text(f'[broker]\nhost = "127.0.0.1"\nport = {broker.port}\nretry_s = 1\nprotocol = "{protocol}"\n[box]\nname = "box"\n{box}'
                                         f'[spool]\nfile = "{WORK}/spool"\nwrites_per_minute = 60\n' + more)
         self.start()
 
@@ -134,20 +134,20 @@ class Bridge:
 
 @pytest.fixture
 def plant(start):
-    """plant(settings, box, registers, pause): service, broker, listener and bridge; `box` for its table of the settings,
+    """plant(settings, box, registers, pause, protocol): service, broker, listener and bridge; `box` for its table of the settings,
     `registers` for the description."""
     if not (BUILD / "bin/voq-mqtt").exists() or not shutil.which("mosquitto"):
         pytest.skip("built without libmosquitto, or there is no mosquitto")
     running = []
 
-    def begin(more="", box="", registers="", pause=1):
+    def begin(more="", box="", registers="", pause=1, protocol="5"):
         service = start(com_info(pause=pause))
         service.sim.set(LEVEL, word(215))
         service.sim.set(MODE, word(0))
         service.sim.set(LABEL, b'\xff"\xc3\xa4\n\\z\0')
         service.sim.set(FAR, (-7).to_bytes(4, "big", signed=True) + (8).to_bytes(4, "big"))
         broker = Broker()
-        running.extend([broker, Listener(broker), Bridge(broker, more, box, registers)])
+        running.extend([broker, Listener(broker), Bridge(broker, more, box, registers, protocol)])
         return service, broker, *running[-2:]
     yield begin
     for each in running[::-1]:
@@ -222,7 +222,8 @@ def test_writes(plant):
 
 @pytest.mark.parametrize("victim", ["broker", "bridge"])
 def test_nothing_is_lost(plant, victim):
-    service, broker, heard, bridge = plant('[[tell]]\nregisters = ["level", "mode"]\n')
+    service, broker, heard, bridge = plant('[[tell]]\nregisters = ["level", "mode"]\n',
+                                           protocol="5" if victim == "broker" else "3.1.1")
     wait_for(lambda: heard.last("value/level").get("state") == "ok", "a value")
     broker.kill()
     wait_for(lambda: bridge.state()["state"] == "away", "the end of the connection")
@@ -244,6 +245,35 @@ def test_nothing_is_lost(plant, victim):
     values, times = [m["value"] for m in kept], [m["time"] for m in kept]
     assert len([m for m in heard.messages if "/history/" in m[0]]) >= spooled and times == sorted(times) and values == sorted(values)
     wait_for(lambda: bridge.state().get("spooled") == "0", "an empty spool")
+
+
+def test_tls(plant):
+    (WORK / "make").write_text("""cd /w && new="-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes"
+        for ca in ca other; do openssl req -x509 $new -days 2 -subj /CN=$ca -keyout $ca.key -out $ca.pem || exit 1; done
+        for name in localhost box; do openssl req $new -subj /CN=$name -keyout $name.key -out $name.csr &&
+            openssl x509 -req -days 2 -in $name.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out $name.pem || exit 1; done""")
+    subprocess.run(["sh", WORK / "make"], check=True, capture_output=True)
+    tls = free_port()
+    service, broker, heard, bridge = plant()
+    wait_for(lambda: heard.last("value/level").get("state") == "ok", "a value")
+    broker.kill()
+    broker.more = (f"listener {tls} localhost\ncafile {WORK}/ca.pem\ncertfile {WORK}/localhost.pem\n"
+                   f"keyfile {WORK}/localhost.key\nrequire_certificate true\n")
+    broker.start()
+    own = f'certificate = "{WORK}/box.pem"\nkey = "{WORK}/box.key"\n'
+    for host, more, why in (("localhost", f'ca = "{WORK}/other.pem"\n', "is `ca` the authority of the broker's certificate?"),
+                            ("localhost", own, "set `ca` to the authority of the broker's certificate"),
+                            ("127.0.0.1", f'ca = "{WORK}/ca.pem"\n' + own, "is `host` the name that stands in it?"),
+                            ("localhost", f'ca = "{WORK}/ca.pem"\n', "certificate"),
+                            ("localhost", f'ca = "{WORK}/ca.pem"\n' + own, "connected to localhost")):
+        bridge.stop()
+        (WORK / "bridge.log").write_text("")
+        (WORK / "mqtt.toml").write_text(f'[broker]\nhost = "{host}"\nport = {tls}\nretry_s = 1\n[broker.tls]\n{more}'
+                                        f'[box]\nname = "box"\n[spool]\nfile = "{WORK}/spool"\n')
+        bridge.start()
+        wait_for(lambda: why in (WORK / "bridge.log").read_text(), why)
+    service.sim.set(LEVEL, word(333))
+    wait_for(lambda: heard.last("value/level").get("value") == 33.3, "a value through TLS")
 
 
 @pytest.fixture
@@ -343,6 +373,7 @@ def test_sparkplug(plant, definition):
     death = wait_for(lambda: of("NDEATH"), "the death of the node")[0]
     assert death.metrics[0].long_value == bd.long_value and not death.HasField("seq")
     wait_for(lambda: bridge.state()["state"] == "held-up" and bridge.state()["connections"] == "2", "the new connection")
+    assert len(of("NDEATH")) == 2  # and as its will, which MQTT 5 has the broker publish at such a goodbye
     service.sim.set(LEVEL, word(777))
     wait_for(lambda: int(bridge.state()["spooled"]) > 0, "the spool")
     since = len(heard.messages)
