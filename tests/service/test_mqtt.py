@@ -155,6 +155,7 @@ def plant(start):
         each.process.wait()
 
 
+@pytest.mark.sanitized
 def test_values_and_states(plant):
     service, broker, heard, bridge = plant('[[tell]]\ndeadband = 0.25\nmost_s = 1\nregisters = ["l*", "m*", "far"]\n')
     level = wait_for(lambda: (m := heard.last("value/level")).get("state") == "ok" and m, "a value")
@@ -182,6 +183,9 @@ def test_values_and_states(plant):
     assert "upstream    connected to 127.0.0.1:" in voqctl("status", "--wait", 0).stdout
     bridge.kill()
     wait_for(lambda: heard.last("state")["state"] == "offline", "the will")
+    bridge.start()
+    wait_for(lambda: heard.last("state")["state"] == "online", "the bridge")
+    bridge.stop()
 
 
 def test_writes(plant):

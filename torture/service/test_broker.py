@@ -99,7 +99,7 @@ def test_kills(start, plant):  # noqa: F811
         wait_for(lambda: round(level / 10, 1) in [value for value, _, _ in told(since, "value")], "the present", 60)
         if victim == "broker":
             wait_for(lambda: bridge.state().get("spooled") == "0", "an empty spool", 60)
-            wait_for(lambda: len(told(since, "history")) >= spooled, f"{spooled} values of the spool", 60)
+            wait_for(lambda: len(told(since, "history")) >= spooled, f"{spooled} values of the spool", 300)
             times = [t for _, t, topic in told(since, "history") if topic.endswith("/level")]
             outages, kept, disordered = outages + 1, kept + spooled, disordered + (times != sorted(times))
         now = len(heard.messages)

@@ -47,8 +47,8 @@ private:
     };
     struct OnePort {
         explicit OnePort(PortDir dir) : port(std::move(dir)) {}
+        std::vector<std::unique_ptr<Followed>> ranges;  // before the port, which logs them off when it ends
         Port port;
-        std::vector<std::unique_ptr<Followed>> ranges;
         std::vector<std::uint8_t> off;  // stations that are switched off
         Port::Clock::time_point troubledSince = {};
     };
