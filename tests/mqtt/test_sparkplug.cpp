@@ -215,6 +215,13 @@ TEST_F(SparkplugTest, BirthsInOrderAndCountedBeyond255)
         const auto will = sparkplug::Decode(node_.Will().payload);
         ASSERT_EQ(will->metrics.at(0).value, Carried(std::uint64_t(i % 256)));
     }
+    // Asked for once more within a second: no data, then one birth for all.
+    const string rebirth = sparkplug::Encode({{}, {{"Node Control/Rebirth", {}, {}, {}, false, true, {}}}, {}});
+    for (int i = 0; node_.Ready() && i < 1000; ++i) node_.Arrived({"spBv1.0/plant/NCMD/box", rebirth, 1, false});
+    const std::size_t before = ears_.messages.size();
+    EXPECT_TRUE(!node_.Ready() && !node_.Tell({&box_.samples[0], 1}, false) && ears_.messages.size() == before);
+    node_.EachSecond();
+    EXPECT_TRUE(node_.Ready() && ears_.messages.at(before).topic == "spBv1.0/plant/NBIRTH/box");
 }
 
 TEST_F(SparkplugTest, QualityInDataUntilItIsGoodAgainWhateverHistoryWas)

@@ -212,6 +212,7 @@ void Bridge::EachSecond()
 {
     nextSecond_ = Clock::now() + std::chrono::seconds(1);
     source_.Look();
+    mode_->EachSecond();
     Log("spool", spool_.Remark());
     Log("host", mode_->HeldUp());
     try {

@@ -63,6 +63,8 @@ public:
     // What became of a command.
     virtual void Answered(const Command& command, bool written, const std::string& text) = 0;
 
+    virtual void EachSecond() {}
+
     // The box goes: told before the connection is closed.
     virtual void Goodbye() = 0;
 

@@ -23,6 +23,7 @@ constexpr const char* Namespace = "spBv1.0/";
 constexpr const char* Rebirth = "Node Control/Rebirth";
 constexpr std::uint64_t BdSeqAlias = 1, FirstAlias = 2;  // of the ports, then of the registers
 constexpr std::int64_t RepeatedWithin = 60000000;        // us; a broker sends again at once, if it does
+constexpr std::uint64_t RebirthsApart = 1000;            // ms; those asked for meanwhile are one
 constexpr int Good = 192, Stale = 500, Bad = 0;          // the published numbers of quality
 
 std::uint64_t Milliseconds(std::int64_t us)
@@ -108,8 +109,13 @@ void Sparkplug::Up()
 
 void Sparkplug::Down()
 {
-    connected_ = born_ = hostOnline_ = false;
+    connected_ = born_ = hostOnline_ = rebirth_ = false;
     std::fill(devicesBorn_.begin(), devicesBorn_.end(), false);
+}
+
+void Sparkplug::EachSecond()
+{
+    if (born_ && rebirth_) Birth();
 }
 
 void Sparkplug::Goodbye()
@@ -176,6 +182,8 @@ void Sparkplug::Birth()
     payload.metrics.push_back({Rebirth, std::nullopt, Now(), DataType::Boolean, false, false, {}});
     for (std::uint32_t i = 0; i < catalogue_.ports.size(); ++i) payload.metrics.push_back(PortMetric(i));
     seq_ = 0;
+    rebirth_ = false;
+    bornAt_ = Now();
     born_ = Send(Topic("NBIRTH"), std::move(payload));
     for (std::uint32_t i = 0; born_ && i < catalogue_.devices.size(); ++i) {
         devicesBorn_[i] = false;
@@ -203,7 +211,7 @@ bool Sparkplug::DeathOf(std::uint32_t device)
 
 void Sparkplug::PortChanged(std::uint32_t port)
 {
-    if (!born_) return;
+    if (!Ready()) return;
     Payload payload;
     payload.metrics.push_back(PortMetric(port));
     payload.metrics.back().name.clear();
@@ -214,13 +222,13 @@ void Sparkplug::PortChanged(std::uint32_t port)
 
 void Sparkplug::DeviceChanged(std::uint32_t device)
 {
-    if (!born_ || Alive(device) == devicesBorn_[device]) return;
+    if (!Ready() || Alive(device) == devicesBorn_[device]) return;
     Alive(device) ? BirthOf(device) : DeathOf(device);
 }
 
 std::optional<int> Sparkplug::Tell(std::span<const Sample> samples, bool historical)
 {
-    bool sent = born_;
+    bool sent = Ready();
     while (sent && !samples.empty()) {
         const auto device = [&](const Sample& sample) { return catalogue_.metrics[sample.metric].device; };
         const std::uint32_t first = device(samples[0]);
@@ -319,7 +327,9 @@ std::vector<Command> Sparkplug::Arrived(const Message& message)
             const auto* flag = std::get_if<bool>(&each.value);
             return each.name == Rebirth && flag != nullptr && *flag;
         });
-        if (rebirth) Birth();
+        // Nothing is told from now on until it is born again.
+        rebirth_ = rebirth_ || rebirth;
+        if (Now() - bornAt_ >= RebirthsApart) EachSecond();
         return {};
     }
     for (std::uint32_t device = 0; device < catalogue_.devices.size(); ++device) {
@@ -336,7 +346,7 @@ std::vector<Command> Sparkplug::Arrived(const Message& message)
 // A write that was carried out shows in the next reading. After any other the host hears what is still so.
 void Sparkplug::Answered(const Command& command, bool written, const std::string&)
 {
-    if (!written && born_) Tell({&box_.samples[command.metric], 1}, false);
+    if (!written) Tell({&box_.samples[command.metric], 1}, false);
 }
 
 }  // namespace voq::mqtt

@@ -23,13 +23,14 @@ public:
     Message Will() override;
     void Up() override;
     void Down() override;
-    bool Ready() const override { return born_; }
+    bool Ready() const override { return born_ && !rebirth_; }
     std::optional<int> Tell(std::span<const Sample> samples, bool historical) override;
     std::optional<int> Probe() override;
     void PortChanged(std::uint32_t port) override;
     void DeviceChanged(std::uint32_t device) override;
     std::vector<Command> Arrived(const Message& message) override;
     void Answered(const Command& command, bool written, const std::string& text) override;
+    void EachSecond() override;
     void Goodbye() override;
     std::string HeldUp() const override;
 
@@ -63,6 +64,8 @@ private:
     std::uint8_t nextBdSeq_ = 0, bdSeq_ = 0;  // wrap, as the sequence does
     std::uint8_t seq_ = 0;
     bool connected_ = false, born_ = false;
+    bool rebirth_ = false;      // is asked for
+    std::uint64_t bornAt_ = 0;  // ms since 1970
     std::vector<bool> devicesBorn_;
     struct ToldQuality {
         int live, history;
