@@ -64,7 +64,7 @@ std::string DescriptionText(const std::string& file)
         text.append(block, static_cast<std::size_t>(stream.gcount()));
         if (text.size() > MaxDescriptionBytes) break;
     }
-    if (!stream.eof() && text.size() <= MaxDescriptionBytes) throw Error(file + ": cannot be read");
+    if (!stream.eof() && text.size() <= MaxDescriptionBytes) throw SystemError(file, errno);
     return text;
 }
 

@@ -167,14 +167,12 @@ void ReadPort(const toml::node& node, Reading& reading)
     ReadDriver(table, reading, port);
     const auto text = table.Text("record");
     const auto link = table.Choice("link", LinkNames);
-    if (!link && !text && port.info == nullptr && table.Good()) table.FailHere("link is missing");
     const std::uint8_t byDriver = port.info == nullptr ? std::uint8_t{LINK_SERIAL} : port.info->linkType;
     const auto record = text ? ParseRecord(table, *text) : std::nullopt;
     port.record = record ? *record : DefaultPort(link.value_or(byDriver), port.info);
     Store(port.record.linkType, link);
 
     const auto number = table.Number("number", 0, 0xFFFF);
-    if (!number && !text && table.Good()) table.FailHere("number is missing");
     Store(port.record.portNo, number);
     ReadLine(table, port.record, link || text || port.info != nullptr);
     ReadLimits(table, port.record);
@@ -182,6 +180,8 @@ void ReadPort(const toml::node& node, Reading& reading)
         table.HasOwn("byte_order") ? table.Take("byte_order")->is_string() : port.info != nullptr && !text;
     Store(port.record.byteOrder, ReadByteOrder(table));
     table.Finish(true);
+    if (!link && !text && port.info == nullptr && table.Good()) table.FailHere("link is missing");
+    if (!number && !text && table.Good()) table.FailHere("number is missing");
     if (!reading.links.emplace(port.record.linkType, port.record.portNo).second && table.Good()) {
         table.FailHere("there is a port of this link and number already");
     }

@@ -314,16 +314,16 @@ void ReadStation(const toml::node& node, Reading& reading)
     station.name = table.Text("name").value_or("");
     const auto number = table.Number("number", 0, 0xFF);
     auto port = table.Number("port", 0, 0xFFFF);
-    if (!number && table.Good()) table.FailHere("number is missing");
-    if (!port && !reading.OnlyPort() && table.Good()) table.FailHere("port is missing");
     station.number = static_cast<std::uint8_t>(number.value_or(0));
     station.port = static_cast<std::uint16_t>(port.value_or(reading.OnlyPort().value_or(0)));
     const auto found = reading.ports.find(station.port);
     if (found != reading.ports.end()) table.Within(found->second.table);
+    table.Finish(true);
+    if (!number && table.Good()) table.FailHere("number is missing");
+    if (!port && !reading.OnlyPort() && table.Good()) table.FailHere("port is missing");
     if (found == reading.ports.end() && table.Good()) {
         table.FailAt("port", "no port has the number " + std::to_string(station.port));
     }
-    table.Finish(true);
     if (!table.Good()) return;
     const auto [begin, end] = reading.stationNames.equal_range(station.name);
     const bool named = std::any_of(begin, end, [&](const auto& each) { return each.second->port == station.port; });

@@ -101,7 +101,7 @@ protected:
         settings.convention = Convention::Sparkplug;
         settings.base = "plant";
         settings.box = "box";
-        settings.groups = {{{"*"}, {}}};
+        settings.groups = {{{{"*"}}, {}}};
         settings.groups[0].rule.writable = true;
         return settings;
     }

@@ -265,12 +265,16 @@ def test_tls(plant):
                    f"keyfile {WORK}/localhost.key\nrequire_certificate true\n")
     broker.start()
     own = f'certificate = "{WORK}/box.pem"\nkey = "{WORK}/box.key"\n'
-    for host, more, why in (("localhost", f'ca = "{WORK}/other.pem"\n', "is `ca` the authority of the broker's certificate?"),
+    for host, more, why in (('"\nhots = "x', own, 'mqtt.toml:3: unknown key "hots"'),
+                            ('x"\nuser = "u"\npassword_file = "/dev/null', own, "/dev/null: the first line is empty"),
+                            ("localhost", 'ca = "/etc"\n', "mqtt.toml:6: ca: /etc: Is a directory"),
+                            ("localhost", own + '[[tell]]\nregisters = ["*", "n*"]\n', 'mqtt.toml:9: "n*" fits no register'),
+                            ("localhost", f'ca = "{WORK}/other.pem"\n', "is `ca` the authority of the broker's certificate?"),
                             ("localhost", own, "set `ca` to the authority of the broker's certificate"),
                             ("127.0.0.1", f'ca = "{WORK}/ca.pem"\n' + own, "is `host` the name that stands in it?"),
                             ("localhost", f'ca = "{WORK}/ca.pem"\n', "certificate"),
                             ("localhost", f'ca = "{WORK}/ca.pem"\n' + own, "connected to localhost")):
-        bridge.stop()
+        bridge.kill()
         (WORK / "bridge.log").write_text("")
         (WORK / "mqtt.toml").write_text(f'[broker]\nhost = "{host}"\nport = {tls}\nretry_s = 1\n[broker.tls]\n{more}'
                                         f'[box]\nname = "box"\n[spool]\nfile = "{WORK}/spool"\n')

@@ -40,28 +40,29 @@ std::string LowerCase(std::string name)
     return name;
 }
 
+std::string NameOf(const DescribedRegister& each)
+{
+    return each.name.empty() ? Expression(each.reg) : each.name;
+}
+
 class Maker
 {
 public:
     Maker(const Description& description, const Settings& settings, const std::string& userDirectory)
-        : description_(description), settings_(settings), unused_(settings.groups.size())
+        : description_(description), settings_(settings)
     {
         for (const DescribedPort& port : description.ports) {
             const PortDir dir{userDirectory, LinkFromByte(port.record.linkType).value_or(LinkType::Ethernet),
                               port.record.portNo};
             made_.ports.push_back({dir, dir.Name(), {}});
         }
-        for (std::size_t i = 0; i < unused_.size(); ++i) {
-            unused_[i].insert(settings.groups[i].patterns.begin(), settings.groups[i].patterns.end());
-        }
     }
 
     Catalogue Make()
     {
         for (const DescribedRegister& each : description_.registers) Add(each);
-        for (const auto& patterns : unused_) {
-            for (const std::string& each : patterns)
-                Remark("[[tell]] registers: \"" + each + "\" fits no register that none before it does");
+        for (const TellGroup& group : settings_.groups) {
+            for (const Pattern& each : group.patterns) LookAtUse(each);
         }
         if (made_.metrics.empty())
             throw Error("no register is told: " + (made_.remarks.empty() ? "there is none" : made_.remarks[0]));
@@ -73,14 +74,23 @@ private:
 
     const TellGroup* GroupOf(const std::string& name)
     {
-        for (std::size_t i = 0; i < settings_.groups.size(); ++i) {
-            for (const std::string& pattern : settings_.groups[i].patterns) {
-                if (!Fits(pattern, name)) continue;
-                unused_[i].erase(pattern);
-                return &settings_.groups[i];
+        for (const TellGroup& group : settings_.groups) {
+            for (const Pattern& pattern : group.patterns) {
+                if (!Fits(pattern.text, name)) continue;
+                used_.insert(&pattern);
+                return &group;
             }
         }
         return nullptr;
+    }
+
+    void LookAtUse(const Pattern& pattern)
+    {
+        if (used_.contains(&pattern)) return;
+        const bool fits = std::any_of(description_.registers.begin(), description_.registers.end(),
+                                      [&](const DescribedRegister& each) { return Fits(pattern.text, NameOf(each)); });
+        Remark(settings_.file + (pattern.line == 0 ? "" : ":" + std::to_string(pattern.line)) + ": \"" + pattern.text +
+               "\" fits " + (fits ? "only registers that a pattern before it has" : "no register"));
     }
 
     void LookAtCase(std::map<std::string, std::string>& known, const std::string& name)
@@ -94,7 +104,7 @@ private:
     void Add(const DescribedRegister& each)
     {
         const RegKey& key = each.reg.key;
-        const std::string name = each.name.empty() ? Expression(each.reg) : each.name;
+        const std::string name = NameOf(each);
         const TellGroup* group = GroupOf(name);
         if (group == nullptr) return;
         const auto port = std::find_if(made_.ports.begin(), made_.ports.end(),
@@ -133,7 +143,7 @@ private:
     const Description& description_;
     const Settings& settings_;
     Catalogue made_;
-    std::vector<std::set<std::string>> unused_;  // patterns, by group
+    std::set<const Pattern*> used_;  // of the settings
     std::set<std::string> names_, deviceNames_;
     std::map<std::string, std::string> metricsByCase_, devicesByCase_;  // in lower case
     std::map<std::pair<std::uint32_t, std::uint8_t>, std::uint32_t> devices_;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 
 #include "client/description/description.h"
@@ -51,22 +52,24 @@ std::string Level(Table& table, const char* key, std::string otherwise)
     return name;
 }
 
-std::string FirstLine(Table& table, const char* key)
-{
-    const auto file = table.Text(key);
-    if (!file) return "";
-    std::ifstream stream(*file);
-    std::string line;
-    if (!std::getline(stream, line)) table.FailAt(key, *file + " has no line that can be read");
-    return line;
-}
-
 // A file that the broker's connection needs, if it is given.
 std::string Readable(Table& table, const char* key)
 {
     const std::string file = table.Text(key).value_or("");
-    if (!file.empty() && access(file.c_str(), R_OK) != 0) table.FailAt(key, file + " cannot be read");
+    std::ifstream stream(file);
+    stream.peek();
+    if (!file.empty() && (!stream.is_open() || stream.bad())) table.FailAt(key, SystemError(file, errno).what());
     return file;
+}
+
+std::string FirstLine(Table& table, const char* key)
+{
+    const std::string file = Readable(table, key);
+    std::ifstream stream(file);
+    std::string line;
+    std::getline(stream, line);
+    if (line.empty() && !file.empty()) table.FailAt(key, file + ": the first line is empty");
+    return line;
 }
 
 void ReadTls(const toml::node& node, Remarks& remarks, BrokerSettings& broker)
@@ -83,7 +86,6 @@ void ReadTls(const toml::node& node, Remarks& remarks, BrokerSettings& broker)
 void ReadBroker(Table& table, Remarks& remarks, BrokerSettings& broker)
 {
     broker.host = table.Text("host").value_or("");
-    if (broker.host.empty()) table.FailAt("host", "the broker's name or address is missing");
     if (const toml::node* tls = table.Take("tls")) ReadTls(*tls, remarks, broker);
     broker.port = static_cast<std::uint16_t>(table.Number("port", 1, 65535).value_or(broker.tls ? 8883 : 1883));
     broker.version = table.Choice("protocol", Protocols).value_or(0) == 0 ? 5 : 4;
@@ -122,17 +124,18 @@ void ReadSpool(Table& table, SpoolSettings& spool)
     table.Finish();
 }
 
-void ReadPatterns(Table& table, std::vector<std::string>& patterns)
+void ReadPatterns(Table& table, std::vector<Pattern>& patterns)
 {
     const toml::node* node = table.Take("registers");
-    if (node == nullptr) return patterns.emplace_back("*"), void();
+    if (node == nullptr) return patterns.push_back({"*", table.Line()});
     const toml::array* list = node->as_array();
     if (list == nullptr || list->size() > MaxPatterns) {
         return table.FailAt("registers", "must be a list of names, as [\"press.*\", \"lift.floor\"]");
     }
     for (const toml::node& each : *list) {
         const auto* text = each.as_string();
-        text != nullptr ? void(patterns.push_back(text->get())) : table.Fail(each, "registers: must be strings");
+        text != nullptr ? patterns.push_back({text->get(), LineOf(each)})
+                        : table.Fail(each, "registers: must be strings");
     }
 }
 
@@ -155,7 +158,7 @@ TellGroup ReadGroup(const toml::node& node, Remarks& remarks)
 void ReadGroups(Table& file, Remarks& remarks, std::vector<TellGroup>& groups)
 {
     const toml::node* node = file.Take("tell");
-    if (node == nullptr) return groups.push_back({{"*"}, {}});
+    if (node == nullptr) return groups.push_back({{{"*", 0}}, {}});
     const toml::array* list = node->as_array();
     if (list == nullptr || list->size() > MaxGroups) return file.FailAt("tell", "must be written as [[tell]]");
     for (const toml::node& each : *list) groups.push_back(ReadGroup(each, remarks));
@@ -176,6 +179,7 @@ void ReadFile(const toml::table& text, Remarks& remarks, Settings& settings)
     ReadGroups(file, remarks, settings.groups);
     if (settings.broker.clientId.empty()) settings.broker.clientId = settings.base + "-" + settings.box;
     file.Finish();
+    if (settings.broker.host.empty() && remarks.Errors() == 0) broker.FailHere("host in [broker] is missing");
 }
 
 }  // namespace
@@ -183,6 +187,7 @@ void ReadFile(const toml::table& text, Remarks& remarks, Settings& settings)
 Settings LoadSettings(const std::string& file)
 {
     Settings settings;
+    settings.file = file;
     Remarks remarks(file);
     const std::string text = DescriptionText(file);
     if (text.size() > MaxBytes) throw Error(file + ": longer than " + std::to_string(MaxBytes) + " bytes");

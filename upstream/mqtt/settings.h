@@ -38,13 +38,19 @@ struct TellRule {
     bool writable = false;
 };
 
+struct Pattern {
+    std::string text;      // of names; "*" stands for any characters
+    std::size_t line = 0;  // of the file
+};
+
 // The first of them whose pattern fits a register says how it is told; one that none fits is not told.
 struct TellGroup {
-    std::vector<std::string> patterns;  // of names; "*" stands for any characters
+    std::vector<Pattern> patterns;
     TellRule rule;
 };
 
 struct Settings {
+    std::string file;
     std::string box;  // edge node of Sparkplug
     Convention convention = Convention::Plain;
     std::string base = "voq";  // plain: first level of every topic; Sparkplug: the group
