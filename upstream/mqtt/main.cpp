@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 
 #include "client/bridge_state.h"
 #include "client/error.h"
@@ -44,13 +45,29 @@ void PrintTold(const voq::mqtt::Settings& settings, const voq::mqtt::Catalogue& 
     std::fflush(stdout);
 }
 
+// Nothing when the spool's folder is there and may be written.
+std::string SpoolTrouble(const voq::mqtt::Settings& settings)
+{
+    const std::string folder = std::filesystem::absolute(settings.spool.file).parent_path();
+    if (access(folder.c_str(), W_OK | X_OK) == 0) return "";
+    return voq::SystemError(settings.file + ": [spool] file: " + folder, errno).what();
+}
+
 int Run(const Options& options)
 {
     const auto settings = voq::mqtt::LoadSettings(options.settings);
     const auto catalogue = voq::mqtt::MakeCatalogue(voq::LoadDescription(options.project), settings, options.dir);
     for (const std::string& each : catalogue.remarks) std::fprintf(stderr, "voq-mqtt: %s\n", each.c_str());
     PrintTold(settings, catalogue);
-    if (options.check) return 0;
+    const std::string trouble = SpoolTrouble(settings);
+    if (options.check) {
+        // Who checks may have other rights than the unit, whose own folders are there only while it runs.
+        const bool units =
+            settings.spool.file.starts_with("/run/voq-mqtt/") || settings.spool.file.starts_with("/var/lib/voq-mqtt/");
+        if (!units && !trouble.empty()) std::fprintf(stderr, "voq-mqtt: %s\n", trouble.c_str());
+        return 0;
+    }
+    if (!trouble.empty()) throw voq::Error(trouble);
     const int ending = EndingSignals();
     voq::mqtt::Bridge bridge(settings, catalogue, options.dir + "/" + voq::MqttStateFile);
     bridge.Run(ending);

@@ -380,8 +380,9 @@ void Spool::Inner::Rewind()
 }
 
 Spool::Spool(const SpoolSettings& settings, const std::vector<std::string>& names)
-    : inner_(std::make_unique<Inner>(settings, names))
-{
+try : inner_(std::make_unique<Inner>(settings, names)) {
+} catch (const Error& error) {
+    throw Error("[spool] file: " + std::string(error.what()));
 }
 Spool::~Spool()
 {
