@@ -69,7 +69,7 @@ class Broker:
     def start(self):
         (WORK / "mosquitto.conf").write_text(f"user root\nlistener {self.port} 127.0.0.1\nallow_anonymous true\n"
                                              f"persistence true\npersistence_location {WORK}/\nautosave_on_changes true\n"
-                                             "autosave_interval 1\nmax_queued_messages 0\nmax_inflight_messages 3\n" + self.more)
+                                             "autosave_interval 1\nmax_queued_messages 100000\nmax_inflight_messages 3\n" + self.more)
         self.process = subprocess.Popen(["mosquitto", "-c", WORK / "mosquitto.conf"], stdout=subprocess.DEVNULL,
                                         stderr=subprocess.DEVNULL)
         wait_for(self.up, "mosquitto")
@@ -252,16 +252,14 @@ def test_nothing_is_lost(plant, victim):
 
 
 def test_tls(plant):
-    (WORK / "make").write_text("""cd /w && new="-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes"
-        for ca in ca other; do openssl req -x509 $new -days 2 -subj /CN=$ca -keyout $ca.key -out $ca.pem || exit 1; done
-        for name in localhost box; do openssl req $new -subj /CN=$name -keyout $name.key -out $name.csr &&
-            openssl x509 -req -days 2 -in $name.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out $name.pem || exit 1; done""")
-    subprocess.run(["sh", WORK / "make"], check=True, capture_output=True)
-    tls = free_port()
-    service, broker, heard, bridge = plant()
+    subprocess.run(["sh", "-ec", """cd /w; echo topic readwrite "#" >acl; new="-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes"
+        for ca in ca other; do openssl req -x509 $new -days 2 -subj /CN=$ca -keyout $ca.key -out $ca.pem; done
+        for name in localhost box; do openssl req $new -subj /CN=$name -keyout $name.key -out $name.csr
+            openssl x509 -req -days 2 -in $name.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out $name.pem; done"""], check=True)
+    (service, broker, heard, bridge), tls = plant(), free_port()
     wait_for(lambda: heard.last("value/level").get("state") == "ok", "a value")
     broker.kill()
-    broker.more = (f"listener {tls} localhost\ncafile {WORK}/ca.pem\ncertfile {WORK}/localhost.pem\n"
+    broker.more = (f"acl_file {WORK}/acl\nlistener {tls} localhost\ncafile {WORK}/ca.pem\ncertfile {WORK}/localhost.pem\n"
                    f"keyfile {WORK}/localhost.key\nrequire_certificate true\n")
     broker.start()
     own = f'certificate = "{WORK}/box.pem"\nkey = "{WORK}/box.key"\n'
@@ -282,6 +280,11 @@ def test_tls(plant):
         wait_for(lambda: why in (WORK / "bridge.log").read_text(), why)
     service.sim.set(LEVEL, word(333))
     wait_for(lambda: heard.last("value/level").get("value") == 33.3, "a value through TLS")
+    broker.kill()
+    (WORK / "acl").write_text("topic read #\n")
+    broker.start()
+    wait_for(lambda: int(bridge.state()["messages_refused"]) > 2, "messages that the broker refuses")
+    assert (WORK / "bridge.log").read_text().count("the broker refuses") == 1
 
 
 @pytest.fixture

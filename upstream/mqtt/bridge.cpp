@@ -237,6 +237,7 @@ void Bridge::WriteState()
                                   {"connections", std::to_string(link.connections)},
                                   {"messages_sent", std::to_string(link.sent)},
                                   {"messages_received", std::to_string(link.received)},
+                                  {"messages_refused", std::to_string(link.refused)},
                                   {"bytes_sent", std::to_string(link.bytesSent)},
                                   {"bytes_received", std::to_string(link.bytesReceived)},
                                   {"spooled", std::to_string(spool.samples)},

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bitset>
 #include <cerrno>
 #include <condition_variable>
 #include <deque>
@@ -426,6 +427,7 @@ private:
         mosquitto_property_read_int16(properties, MQTT_PROP_RECEIVE_MAXIMUM, &most, false);
         mostLimited_ = most == 0 ? MaxInFlight : std::min<std::size_t>(most, MaxInFlight);
         ++figures_.connections;
+        refusals_.reset();
         up_ = true;
         upAt_ = Clock::now();
         told_.clear();
@@ -440,7 +442,11 @@ private:
         if (found == inFlight_.end()) return;  // of QoS 0: written
         std::string reason;
         if (answer >= Refused) {
-            reason = "the broker refuses \"" + found->topic + "\": " + mosquitto_reason_string(answer);
+            const auto code = static_cast<std::uint8_t>(answer);
+            if (!refusals_[code]) {
+                reason = "the broker refuses \"" + found->topic + "\": " + mosquitto_reason_string(answer);
+            }
+            refusals_.set(code);
             ++figures_.refused;
         }
         if (found->limited) --limited_;
@@ -546,6 +552,7 @@ private:
     int number_ = 0;
     std::deque<LinkEvent> events_;
     std::size_t arrived_ = 0;
+    std::bitset<256> refusals_;  // reasons of the broker that were told since the connection stands
     Figures figures_;
 
     // The thread's alone.
