@@ -77,14 +77,15 @@ bool CreateIfMissing(const char* path)
     return true;
 }
 
-// False when there is none after all; nothing else was touched then.
+// False when there is none after all; nothing else was touched then. A file without its header leaves the marker
+// standing: it would be waited for at every start.
 bool CreateOrg()
 {
     BeginBuild();
     const OrgHeader empty{};
     WorkFile file;
     if (file.Create(OrgFileName)) return file.WriteRecord(0, empty);
-    EndMarker();
+    if (!FileExists(OrgFileName)) EndMarker();
     return false;
 }
 

@@ -5,6 +5,8 @@
 #include "arch/work_file.h"
 #include "database/check.h"
 #include "database/index.h"
+#include "fileinit/database_files.h"
+#include "state/com_state.h"
 #include "support/database_files.h"
 
 namespace
@@ -158,4 +160,16 @@ TEST_F(OrgCheckTest, LeavesWhatTheServiceItselfLeaves)
     Store(files);
     Output([] { EXPECT_EQ(DatabaseState::Sound, CheckDatabase(MapCare::Leave)); });
     EXPECT_TRUE(files == Load());
+}
+
+// It would be waited for at every start.
+TEST_F(OrgCheckTest, ARegisterTableThatGotNoHeaderIsBuiltAnew)
+{
+    Store({});
+    ComInfo.masterSlaveMode = MODE_SLAVE;
+    for (const bool streams : {false, true}) {
+        Streams = streams;
+        Output([] { PrepareDatabase("no project", {}); });
+        EXPECT_EQ(std::string(streams ? sizeof(OrgHeader) : 0, '\0'), Load().at("org"));
+    }
 }

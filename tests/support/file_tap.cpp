@@ -15,6 +15,7 @@
 #include <string>
 
 FileTap Tap;
+bool Streams = true;
 
 namespace
 {
@@ -31,6 +32,7 @@ ssize_t __real_pwrite64(int descriptor, const void* buffer, size_t size, off_t o
 int __real_ftruncate64(int descriptor, off_t size);
 int __real_fsync(int descriptor);
 int __real_open64(const char* path, int flags, ...);
+std::FILE* __real_fdopen(int descriptor, const char* mode);
 int __real_remove(const char* path);
 int __real_rename(const char* from, const char* to);
 int __real_mkdir(const char* path, mode_t mode);
@@ -72,6 +74,11 @@ int __wrap_open64(const char* path, int flags, ...)
     if ((flags & Creation) != Creation || Show({.kind = FileChange::Create, .path = path}) != 0)
         return __real_open64(path, flags, mode);
     return memfd_create("kept back", MFD_CLOEXEC);
+}
+
+std::FILE* __wrap_fdopen(int descriptor, const char* mode)
+{
+    return Streams ? __real_fdopen(descriptor, mode) : nullptr;
 }
 
 int __wrap_remove(const char* path)

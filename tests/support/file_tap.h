@@ -19,6 +19,7 @@ struct FileChange {
 // Says how many bytes of a write are made, and whether (not 0) any other change is. The service is told of success.
 using FileTap = std::function<std::size_t(const FileChange&)>;
 extern FileTap Tap;
+extern bool Streams;  // false: none can be opened
 inline std::size_t AllOf(const FileChange& change)
 {
     return change.kind == FileChange::Write ? change.size : 1;
