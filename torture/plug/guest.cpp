@@ -138,20 +138,22 @@ void LookBefore()
     }
 }
 
-void StartService(bool syncs)
+// Its output goes to the file, if one is given.
+pid_t Start(bool syncs, const char* log, std::vector<const char*> words)
 {
-    setenv("VOQ_SIM", PlcFile, 1);
     if (!syncs) setenv("LD_PRELOAD", "/lib/nosync.so", 1);
-    Service = fork();
-    Check(Service >= 0, "fork");
-    if (Service == 0) {
-        const int log = open(LogFile, O_WRONLY | O_CREAT | O_APPEND, 0666);
-        dup2(log, 1);
-        dup2(log, 2);
-        execl("/voq", "/voq", "/ophmi.bin", "0", "/drv", "/d/user", "/d/rcp", nullptr);
+    const pid_t process = fork();
+    Check(process >= 0, "fork");
+    if (process == 0) {
+        const int output = log == nullptr ? 1 : open(log, O_WRONLY | O_CREAT | O_APPEND, 0666);
+        dup2(output, 1);
+        dup2(output, 2);
+        words.push_back(nullptr);
+        execv(words[0], const_cast<char* const*>(words.data()));
         _exit(127);
     }
     unsetenv("LD_PRELOAD");
+    return process;
 }
 
 // What the service said at its start, or last.
@@ -206,7 +208,11 @@ void Run(const Task& task)
     LookBefore();
     const std::int64_t begin = voq::NowMicroseconds();
     Say("start", true);
-    StartService(std::strcmp(task.options, "nosync") != 0);
+    setenv("VOQ_SIM", PlcFile, 1);
+    const bool syncs = std::strcmp(task.options, "nosync") != 0;
+    const std::string seed = std::to_string(task.seed);
+    Start(syncs, nullptr, {"/spool", "/d/spool", seed.c_str()});
+    Service = Start(syncs, LogFile, {"/voq", "/ophmi.bin", "0", "/drv", "/d/user", "/d/rcp"});
     WaitFor("the service", [] { return voq::FifoHasReader(Port.MekFifo()) && voq::FifoHasReader(Port.GuiFifo()); });
     Say("up " + std::to_string((voq::NowMicroseconds() - begin) / 1000));
     SayLog(false);
@@ -232,8 +238,9 @@ void WaitFor(const std::string& what, const std::function<bool()>& there)
     const std::int64_t end = voq::NowMicroseconds() + std::int64_t{WaitMs} * 1000;
     while (!there()) {
         int status = 0;
-        if (waitpid(Service, &status, WNOHANG) == Service) {
-            throw voq::Error("the service ended with " + std::to_string(status));
+        if (const pid_t ended = waitpid(-1, &status, WNOHANG); ended > 0) {
+            throw voq::Error((ended == Service ? "the service ended with " : "the spool ended with ") +
+                             std::to_string(status));
         }
         if (voq::NowMicroseconds() > end) throw voq::Error("waited in vain for " + what);
         usleep(500);
