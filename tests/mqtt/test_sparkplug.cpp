@@ -193,6 +193,8 @@ TEST_F(SparkplugTest, ValuesAsTheirTypes)
         {"words", sparkplug::Bytes{"123"}},
         {"flags", sparkplug::Bytes{{9, 0, 0, 0, 0x34, '\xD0'}}},  // counts other than its bits
         {"raw", sparkplug::Bytes{"00ff"}},                        // without its end
+        {"real", 0xFFFFFFFBu},                                    // -5 of a type that is not the register's
+        {"level", ~std::uint64_t{4}},
     };
     for (const auto& [name, carried] : refused) EXPECT_THROW(TextsOf(Named(name), carried), Error) << name;
 }

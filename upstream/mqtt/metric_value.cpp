@@ -229,8 +229,15 @@ std::vector<std::string> TextsOf(const Metric& metric, const Carried& value)
     }
     if (std::holds_alternative<std::monostate>(value)) throw Error("null cannot be written");
     if (const auto* text = std::get_if<std::string>(&value)) return {*text};
-    if (const auto* wide = std::get_if<std::uint64_t>(&value)) return {Digits(*wide)};
-    if (const auto* whole = std::get_if<std::uint32_t>(&value)) {
+    // Of a type that is not the register's, a negative number looks like a large one.
+    const bool floating = type == DataType::Float || type == DataType::Double;
+    const auto* wide = std::get_if<std::uint64_t>(&value);
+    const auto* whole = std::get_if<std::uint32_t>(&value);
+    if (floating && ((wide != nullptr && *wide >> 63 != 0) || (whole != nullptr && *whole >> 31 != 0))) {
+        throw Error("a whole number that may be a negative one: the register's type is Float or Double");
+    }
+    if (wide != nullptr) return {Digits(*wide)};
+    if (whole != nullptr) {
         const bool narrow = type == DataType::Int16 || type == DataType::Int32;
         return {narrow ? Digits(static_cast<std::int32_t>(*whole)) : Digits(*whole)};
     }
