@@ -22,7 +22,7 @@ using sparkplug::Payload;
 constexpr const char* Namespace = "spBv1.0/";
 constexpr const char* Rebirth = "Node Control/Rebirth";
 constexpr std::uint64_t BdSeqAlias = 1, FirstAlias = 2;  // of the ports, then of the registers
-constexpr std::int64_t RepeatedWithin = 60000000;        // us; a broker sends again at once, if it does
+constexpr std::chrono::minutes RepeatedWithin{1};        // a broker sends again at once, if it does
 constexpr std::uint64_t RebirthsApart = 1000;            // ms; those asked for meanwhile are one
 constexpr int Good = 192, Stale = 500, Bad = 0;          // the published numbers of quality
 
@@ -283,7 +283,9 @@ void Sparkplug::HearHost(const std::string& payload)
 // A broker may send once more what it is not sure has arrived; its time tells it from a second command.
 bool Sparkplug::Repeated(const Message& message)
 {
-    const Heard heard{std::hash<std::string>()(message.topic + '\0' + message.payload), NowMicroseconds()};
+    // The box's time of day may be set in between.
+    const Heard heard{std::hash<std::string>()(message.topic + '\0' + message.payload),
+                      std::chrono::steady_clock::now()};
     const bool repeated = std::any_of(heard_.begin(), heard_.end(), [&](const Heard& each) {
         return each.hash == heard.hash && heard.at - each.at < RepeatedWithin;
     });

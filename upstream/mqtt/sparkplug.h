@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -78,7 +79,7 @@ private:
 
     struct Heard {
         std::size_t hash = 0;
-        std::int64_t at = 0;
+        std::chrono::steady_clock::time_point at;
     };
     std::array<Heard, 64> heard_ = {};  // commands, the latest ones, in a ring
     std::size_t nextHeard_ = 0;
