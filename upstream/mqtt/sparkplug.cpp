@@ -23,6 +23,7 @@ constexpr const char* Namespace = "spBv1.0/";
 constexpr const char* Rebirth = "Node Control/Rebirth";
 constexpr std::uint64_t BdSeqAlias = 1, FirstAlias = 2;  // of the ports, then of the registers
 constexpr std::chrono::minutes RepeatedWithin{1};        // a broker sends again at once, if it does
+constexpr std::size_t LongestState = 4096;               // of a host: two fields, and copies of lists in lists go deep
 constexpr std::uint64_t RebirthsApart = 1000;            // ms; those asked for meanwhile are one
 constexpr int Good = 192, Stale = 500, Bad = 0;          // the published numbers of quality
 
@@ -266,6 +267,7 @@ bool Sparkplug::TellDevice(std::uint32_t device, std::span<const Sample> samples
 // A state of the host that is older than what is known of it is passed over.
 void Sparkplug::HearHost(const std::string& payload)
 {
+    if (payload.size() > LongestState) return;
     const auto state = nlohmann::json::parse(payload, nullptr, false);
     const auto field = [&](const char* name) {
         return state.is_object() && state.contains(name) ? state[name] : nullptr;
