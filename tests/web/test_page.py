@@ -1,8 +1,6 @@
 """The page in a real browser, and the figures in a real Prometheus. Nothing here waits for a time to pass: wait_for looks
 again until its condition holds."""
 import json
-import os
-import pathlib
 import re
 import signal
 import socket
@@ -14,7 +12,6 @@ import pytest
 from browser import Browser
 from house import TREE, House, free_port, wait_for
 
-PICTURES = os.environ.get("VOQ_PICTURES")
 TOKEN = "a token of sixteen letters"
 VALUE = "return [...document.querySelectorAll('tr')].find(r => r.querySelector('.open')?.textContent === arguments[0])" \
         "?.querySelector('td.' + arguments[1])?.textContent"
@@ -232,23 +229,3 @@ def test_prometheus(house, tmp_path):
         house.plc.dead.clear()
         prometheus.terminate()
         prometheus.wait()
-
-
-@pytest.mark.skipif(not PICTURES, reason="only scripts/test-web --docs makes the pictures")
-def test_pictures():
-    """docs/web-page.png and docs/web-curve.png."""
-    house, browser, folder = House(), Browser(1000, 700), pathlib.Path(PICTURES)
-    try:
-        browser.open(house.url())
-        wait_for(lambda: cell(browser, "boiler.mode", "period").endswith(" s"), "all values")
-        browser.picture(folder / "web-page.png")
-        browser.script(OPEN, "boiler.flow_temp")
-        path = "return document.querySelector('#curve path')?.getAttribute('d') ?? ''"
-        wait_for(lambda: browser.script(path).count("L") > 300, "a curve of five minutes", 400)
-        wait_for(lambda: "In that read" in browser.text("#explanation"), "the explanation")
-        browser.script("document.activeElement.blur()")
-        browser.picture(folder / "web-curve.png")
-    finally:
-        browser.close()
-        house.stop()
-    assert all((folder / name).stat().st_size < 150_000 for name in ("web-page.png", "web-curve.png"))
