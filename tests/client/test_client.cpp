@@ -119,10 +119,7 @@ TEST(Check, SaysWhatIsBrokenAndWhere)
 
 TEST(Expression, ParsesAndRefuses)
 {
-    const struct {
-        const char* text;
-        RegKey key;
-    } good[] = {
+    const std::pair<const char*, RegKey> good[] = {
         {"s1:a4:u16@100*10", {0, 0, 5, 1, 0x22, 4, 10, 100, 0}},
         {"station=1,area=4,type=u16,addr=100,count=10", {0, 0, 5, 1, 0x22, 4, 10, 100, 0}},
         {"p1:s2:a0:bit@0x10,priority=each", {0, 0, 1, 2, 0x00, 0, 1, 16, 0}},
@@ -131,11 +128,11 @@ TEST(Expression, ParsesAndRefuses)
         {"s1:a4:float@2,subaddr=0x10002,convpara=7,big_endian=true", {0x100, 7, 5, 1, 0x24, 4, 1, 2, 0x10002}},
         {"s1:a4:raw:1@2", {0, 0, 5, 1, 0x11, 4, 1, 2, 0}},
     };
-    for (const auto& each : good) {
-        const voq::Register reg = voq::ParseExpression(each.text, 5);
-        EXPECT_EQ(std::memcmp(&reg.key, &each.key, sizeof(RegKey)), 0) << each.text << " -> " << voq::Expression(reg);
+    for (const auto& [text, key] : good) {
+        const voq::Register reg = voq::ParseExpression(text, 5);
+        EXPECT_EQ(std::memcmp(&reg.key, &key, sizeof(RegKey)), 0) << text << " -> " << voq::Expression(reg);
         const voq::Register again = voq::ParseExpression(voq::Expression(reg), std::nullopt);
-        EXPECT_EQ(std::memcmp(&again.key, &each.key, sizeof(RegKey)), 0) << voq::Expression(reg);
+        EXPECT_EQ(std::memcmp(&again.key, &key, sizeof(RegKey)), 0) << voq::Expression(reg);
     }
     const char* bad[][2] = {
         {"s1:a4:u17@1", "\"u17\" is none of"},
@@ -284,13 +281,7 @@ TEST(Project, ManyNamesAreNoQuadraticSearch)
 
 TEST(Numbers, LieInImagesAndComeBack)
 {
-    struct Case {
-        const char* text;
-        std::uint16_t order;
-        double number;
-        Bytes image;
-    };
-    const std::vector<Case> cases = {
+    const std::tuple<const char*, std::uint16_t, double, Bytes> cases[] = {
         {"s1:a1:u16@0", 0, 0x1234, {0x34, 0x12}},
         {"s1:a1:s16@0", 1, -2, {0xFF, 0xFE}},
         {"s1:a1:s32@0,big_endian", 0, -2, {0xFF, 0xFF, 0xFF, 0xFE}},
@@ -300,12 +291,12 @@ TEST(Numbers, LieInImagesAndComeBack)
         {"s1:a1:double@0,big_endian", 0, 1.5, {0x3F, 0xF8, 0, 0, 0, 0, 0, 0}},
         {"s1:a1:bit@0", 0, 1, {1}},
     };
-    for (const Case& each : cases) {
-        const auto coding = voq::CodingOf(voq::ParseExpression(each.text, 1), each.order);
-        EXPECT_EQ(voq::EncodeNumbers(coding, {&each.number, 1}), each.image) << each.text;
-        double number = 0;
-        EXPECT_EQ(voq::DecodeNumbers(coding, each.image, {&number, 1}), 1u);
-        EXPECT_EQ(number, each.number) << each.text;
+    for (const auto& [text, order, number, image] : cases) {
+        const auto coding = voq::CodingOf(voq::ParseExpression(text, 1), order);
+        EXPECT_EQ(voq::EncodeNumbers(coding, {&number, 1}), image) << text;
+        double decoded = 0;
+        EXPECT_EQ(voq::DecodeNumbers(coding, image, {&decoded, 1}), 1u);
+        EXPECT_EQ(decoded, number) << text;
     }
     const auto coding = [](const char* text) { return voq::CodingOf(voq::ParseExpression(text, 1), 0); };
     double number = 0;

@@ -44,17 +44,14 @@ TEST_F(OrgCheckTest, MendsWhatLags)
         EXPECT_EQ(DatabaseState::Sound, Check());
         return Load();
     };
-    const struct {
-        const char *what, *file;
-        std::uint32_t at, value;
-    } restored[] = {
+    const std::tuple<const char*, const char*, std::uint32_t, std::uint32_t> restored[] = {
         {" header", "org", 0, 5},       {" header", "org", 0, 7},        {" header", "org", 8, 12},
         {" links", "org", 12 + 48, 68}, {" links", "org", 68 + 48, 292}, {" index", "index", 16 + 8, 12},
         {" maps", "index", 12, 2},      {" links", "org", 236 + 52, 0},  // an append whose link was not written
     };
     for (const auto& each : restored) {
-        const auto damage = [&](Files& files) { SetWord(files[each.file], each.at, each.value); };
-        EXPECT_TRUE(base == mends(each.what, damage)) << "case " << &each - restored;
+        const auto damage = [&](Files& files) { SetWord(files[get<1>(each)], get<2>(each), get<3>(each)); };
+        EXPECT_TRUE(base == mends(get<0>(each), damage)) << "case " << &each - restored;
     }
     mends(" cut-off record", [](Files& files) { files["org"] += "half a record"; });
     mends(" maps", [](Files& files) { files["im2_10_22_0"].resize(20); });
@@ -90,10 +87,7 @@ TEST_F(OrgCheckTest, RefusesWhatNothingExplains)
 {
     Build();
     const Files base = Load();
-    const struct {
-        const char *what, *file;
-        std::uint32_t at, value;
-    } cases[] = {
+    const std::tuple<const char*, const char*, std::uint32_t, std::uint32_t> cases[] = {
         {"a link back into the chain", "org", 68 + 52, 12},
         {"a link to no record, offset 70", "org", 68 + 52, 70},
         {"a link to no record", "org", 124 + 52, 11 + 6 * 56},
@@ -107,14 +101,14 @@ TEST_F(OrgCheckTest, RefusesWhatNothingExplains)
         {"a region outside the data file", "org", 68 + 44, 0x7FFFFFF0},
         {"an index entry of no group, offset 16", "index", 16, 0x00110002},
     };
-    for (const auto& each : cases) {
+    for (const auto& [what, damaged, at, value] : cases) {
         Files files = base, expected;
-        SetWord(files[each.file], each.at, each.value);
+        SetWord(files[damaged], at, value);
         Store(files);
         for (const auto& [file, bytes] : files) expected[file.compare(0, 2, "im") == 0 ? file : file + ".bad"] = bytes;
         const std::string said = Output([] { EXPECT_EQ(DatabaseState::Refused, CheckDatabase(MapCare::Judge)); });
-        EXPECT_EQ(0u, said.find(std::string("*VOQ*register database refused: ") + each.what)) << said;
-        EXPECT_TRUE(expected == Load()) << each.what;
+        EXPECT_EQ(0u, said.find(std::string("*VOQ*register database refused: ") + what)) << said;
+        EXPECT_TRUE(expected == Load()) << what;
     }
     Files lost = base;  // the last record without its content
     lost["org"].replace(292, 48, 48, '\0');

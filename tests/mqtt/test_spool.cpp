@@ -65,7 +65,6 @@ protected:
         EXPECT_EQ(from, to);
         EXPECT_TRUE(spool.Empty());
     }
-    void Spoil(const std::string& text) const { std::ofstream(Settings().file) << text; }
 
     Folder folder_;
 };
@@ -73,24 +72,10 @@ protected:
 TEST(Encoding, GivesBackWhatItWasGiven)
 {
     std::mt19937_64 random(1);
-    const std::vector<Element> elements = {{},
-                                           std::int64_t{0},
-                                           std::int64_t{-1},
-                                           std::numeric_limits<std::int64_t>::min(),
-                                           std::int64_t{1} << 40,
-                                           0.1,
-                                           -0.0,
-                                           23.5,
-                                           1e300,
-                                           "",
-                                           std::string("a\0b", 3),
-                                           std::string(300, 'x')};
-    const std::int64_t times[] = {0,
-                                  1,
-                                  -5,
-                                  std::numeric_limits<std::int64_t>::max(),
-                                  std::numeric_limits<std::int64_t>::min(),
-                                  1'700'000'000'000'000};
+    using Limits = std::numeric_limits<std::int64_t>;
+    const std::vector<std::int64_t> times = {0, 1, -1, Limits::max(), Limits::min(), 1'700'000'000'000'000};
+    std::vector<Element> elements = {{}, 0.1, -0.0, 23.5, 1e300, "", std::string("a\0b", 3), std::string(300, 'x')};
+    elements.insert(elements.end(), times.begin(), times.end());
     std::vector<Sample> samples;
     RowWriter writer;
     for (int i = 0; i < 500; ++i) {
@@ -262,7 +247,7 @@ TEST_F(SpoolTest, MovesAsideWhatIsNoSpool)
         ExpectAll(spool, 0, 50);
         EXPECT_EQ(spool.Remark(), "");
     };
-    Spoil(std::string(5000, 'x'));
+    std::ofstream(file) << std::string(5000, 'x');
     fresh("not a database");
     fs::remove(file);
     {

@@ -4,7 +4,6 @@ import json
 import re
 import shutil
 import signal
-import socket
 import struct
 import subprocess
 import sys
@@ -12,45 +11,14 @@ import threading
 import time
 
 import pytest
-from voqtest import BUILD, USER, WORK, Key, com_info, free_port, program, voqctl, wait_for
+from voqtest import BUILD, USER, WORK, Key, com_info, free_port, listening, program, voqctl, wait_for
 
-DESCRIPTION = """
-[[port]]
-link = "serial"
-number = 1
-byte_order = 0x331
-[[register]]
-name = "level"
-station = 1
-area = 1
-type = "u16"
-address = 5
-unit = "m"
-scale = 0.1
-min = 0
-max = 100
-[[register]]
-name = "mode"
-station = 1
-area = 1
-type = "u16"
-address = 10
-enum = { "0" = "off", "1" = "on" }
-[[register]]
-name = "label"
-station = 1
-area = 1
-type = "u16"
-address = 20
-count = 4
-text = 8
-[[register]]
-name = "far"
-station = 2
-area = 1
-type = "s32"
-address = 40
-count = 2
+DESCRIPTION = """port = [{link = "serial", number = 1, byte_order = 0x331}]
+register = [
+    {name = "level", station = 1, area = 1, type = "u16", address = 5, unit = "m", scale = 0.1, min = 0, max = 100},
+    {name = "mode", station = 1, area = 1, type = "u16", address = 10, enum = {0 = "off", 1 = "on"}},
+    {name = "label", station = 1, area = 1, type = "u16", address = 20, count = 4, text = 8},
+    {name = "far", station = 2, area = 1, type = "s32", address = 40, count = 2},
 """
 LEVEL, MODE, LABEL, FAR = Key(5, 1), Key(10, 1), Key(20, 4), Key(40, 2, layout=0x24, plcno=2)
 
@@ -72,11 +40,7 @@ class Broker:
                                              "autosave_interval 1\nmax_queued_messages 100000\nmax_inflight_messages 3\n" + self.more)
         self.process = subprocess.Popen(["mosquitto", "-c", WORK / "mosquitto.conf"], stdout=subprocess.DEVNULL,
                                         stderr=subprocess.DEVNULL)
-        wait_for(self.up, "mosquitto")
-
-    def up(self):
-        with socket.socket() as s:
-            return s.connect_ex(("127.0.0.1", self.port)) == 0
+        wait_for(lambda: listening(self.port), "mosquitto")
 
     def kill(self):
         self.process.kill()
@@ -109,7 +73,7 @@ class Listener:
 
 class Bridge:
     def __init__(self, broker, more, box, registers, protocol):
-        (WORK / "project.toml").write_text(DESCRIPTION + registers)
+        (WORK / "project.toml").write_text(DESCRIPTION + registers + "]")
         (WORK / "mqtt.toml").write_text(f'[broker]\nhost = "127.0.0.1"\nport = {broker.port}\nretry_s = 1\nprotocol = "{protocol}"\n[box]\nname = "box"\n{box}'
                                         f'[spool]\nfile = "{WORK}/spool"\nwrites_per_minute = 60\n' + more)
         self.start()
@@ -135,7 +99,7 @@ class Bridge:
 @pytest.fixture
 def plant(start):
     """plant(settings, box, registers, pause, protocol): service, broker, listener and bridge; `box` for its table of the settings,
-    `registers` for the description."""
+    `registers` for that of the description."""
     if not (BUILD / "bin/voq-mqtt").exists() or not shutil.which("mosquitto"):
         pytest.skip("built without libmosquitto, or there is no mosquitto")
     running = []

@@ -123,18 +123,11 @@ def test_what_lies_in_its_place(start, what):
     (USER / "com_1").mkdir()
     place, target = USER / "com_1/stats", WORK / "target"
     target.write_bytes(b"theirs")
-    if what == "folder":
-        place.mkdir()
-    elif what == "link":
-        place.symlink_to(target)
-    else:
-        place.write_bytes(b"x" * 188224)
+    {"folder": place.mkdir, "link": lambda: place.symlink_to(target), "old": lambda: place.write_bytes(b"x" * 188224)}[what]()
     service = start(com_info(pause=1))
     service.send(log_on(Key(), 1))
     wait_for(lambda: service.node(Key()) and service.node(Key()).state == 1, "polling")
     assert target.read_bytes() == b"theirs"
     assert service.count(f"*VOQ*{place} cannot be made, nobody sees the statistics\r\n") == (what != "old")
-    if what == "old":
-        assert Stats(service).raw[:4] == b"VOQS" and Stats(service).pid == service.process.pid
-    else:
-        assert place.is_dir() or place.is_symlink()
+    assert (what == "old") == (place.is_file() and not place.is_symlink())
+    assert what != "old" or Stats(service).raw[:4] == b"VOQS" and Stats(service).pid == service.process.pid

@@ -4,7 +4,7 @@ import signal
 import subprocess
 
 from test_stats import LOCK, Stats
-from voqtest import USER, Key, Sim, com_info, log_off, log_on, program, voqctl, wait_for
+from voqtest import Key, Sim, com_info, log_off, log_on, on_port, voqctl, wait_for
 
 HOLDER = """import fcntl, struct, sys
 file = open(sys.argv[1], "r+b")
@@ -47,8 +47,7 @@ def test_problems(start):
     holder = subprocess.Popen(["/usr/bin/python3", "-c", HOLDER, service / "org"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
     assert holder.stdout.readline() == b"held\n"
     wait_for(lambda: Stats(service).main[0] == LOCK, "the lock waited for")
-    command = program("voqctl", "status", "--dir", USER, "--link", "serial", "--port", 1, "--heartbeat", 0.2)
-    said = wait_for(lambda: (done := subprocess.run(command, capture_output=True, text=True)).returncode == 8 and done.stderr, "")
+    said = wait_for(lambda: (done := voqctl("status", "--heartbeat", 0.2)).returncode == 8 and done.stderr, "")
     assert f"held by process {holder.pid} (" in said
     holder.communicate()
 
@@ -56,10 +55,6 @@ def test_problems(start):
 def test_no_driver(start):
     start(driver=None)
     assert not problem("no driver is loaded")["driver"]
-
-
-def refresh(*arguments):
-    return program("voqctl", "refresh", "--dir", USER, "--link", "serial", "--port", 1, *arguments)
 
 
 def test_refresh(start):
@@ -71,20 +66,20 @@ def test_refresh(start):
     wait_for(lambda: others.addr in Stats(service).ranges(), "another client's log-on")
     for key in keys:
         service.sim.set(key, b"\5\6")
-    done = subprocess.run(refresh(), capture_output=True, text=True)
+    done = voqctl("refresh")
     assert (done.returncode, done.stdout) == (0, "501 range(s): ok 501\n"), done
     assert all(service.value(key) == b"\5\6" for key in keys[::50])
     wait_for(lambda: list(Stats(service).ranges()) == [others.addr], "log-offs")
     assert Stats(service).ranges()[others.addr][0] == 1  # once, as before
 
     service.sim.fail(Sim.TIMEOUT, station=2)
-    done = subprocess.run(refresh(), capture_output=True, text=True)
+    done = voqctl("refresh")
     assert done.returncode == 3 and done.stdout == "501 range(s): ok 251, time-out 250\n" and "and 230 more" in done.stderr
     service.sim.fail(Sim.HANG)
-    done = subprocess.run(refresh("--timeout", 0.3), capture_output=True, text=True)
+    done = voqctl("refresh", "--timeout", 0.3)
     assert done.returncode == 6 and "were not read within 0.3 s" in done.stderr
     before = Stats(service).intake(1)[3]
-    running = subprocess.Popen(refresh(), stdout=subprocess.PIPE)
+    running = subprocess.Popen(on_port("refresh"), stdout=subprocess.PIPE)
     wait_for(lambda: len(Stats(service).ranges()) > 1, "log-ons")
     running.send_signal(signal.SIGINT)
     assert running.wait(20) == 128 + signal.SIGINT
@@ -94,4 +89,4 @@ def test_refresh(start):
     service.send(log_off(others, 7))
     wait_for(lambda: Stats(service).ranges() == {}, "the other client's log-off")
     service.stop()
-    assert subprocess.run(refresh(), capture_output=True).returncode == 7
+    assert voqctl("refresh").returncode == 7

@@ -11,7 +11,7 @@ import time
 
 import pytest
 from test_operator import database
-from voqtest import PROJECT, SLOW, USER, WRITE, Key, com_info, frame, program, project, voqctl, wait_for
+from voqtest import PROJECT, SLOW, USER, WRITE, Key, com_info, frame, on_port, program, project, voqctl, wait_for
 
 WORD = 0x331  # 16-bit integers high byte first, 32-bit values and floats high word first too
 NAMES = {"u16": "H", "s16": "h", "u32": "I", "s32": "i", "float": "f", "double": "d"}
@@ -54,8 +54,7 @@ def ctl(command, *arguments, word=WORD, status=0):
 
 def begin(command, *arguments):
     """The same without waiting for its end."""
-    arguments = (command, "--dir", USER, "--link", "serial", "--port", 1, *arguments)
-    return subprocess.Popen(program("voqctl", *arguments), stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    return subprocess.Popen(on_port(command, *arguments), stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
 
 def left_over(service):

@@ -9,31 +9,14 @@ import socket
 import subprocess
 
 import pytest
-from voqtest import BUILD, USER, WORK, Key, com_info, free_port, log_on, program, wait_for
+from voqtest import BUILD, USER, WORK, Key, com_info, free_port, listening, log_on, program, wait_for
 
 TOKEN = "0123456789abcdef"
-DESCRIPTION = """
-[[port]]
-link = "serial"
-number = 1
-byte_order = 0x331
-[[register]]
-name = "level"
-station = 1
-area = 1
-type = "u16"
-address = 5
-count = 2
-min = 0
-max = 1000
-[[register]]
-name = "label"
-station = 1
-area = 1
-type = "u16"
-address = 20
-count = 4
-text = 8
+DESCRIPTION = """port = [{link = "serial", number = 1, byte_order = 0x331}]
+register = [
+    {name = "level", station = 1, area = 1, type = "u16", address = 5, count = 2, min = 0, max = 1000},
+    {name = "label", station = 1, area = 1, type = "u16", address = 20, count = 4, text = 8},
+]
 """
 KEY, LABEL = Key(5, 2), Key(20, 4)
 
@@ -46,12 +29,7 @@ class Web:
         command = program("voq-web", "--dir", USER, "--project", WORK / "web.toml", "--listen", f"127.0.0.1:{self.port}",
                           *arguments)
         self.process = subprocess.Popen(command, stdout=subprocess.DEVNULL)
-        wait_for(self.up, "voq-web")
-
-    def up(self):
-        assert self.process.poll() is None
-        with socket.socket() as s:
-            return s.connect_ex(("127.0.0.1", self.port)) == 0
+        wait_for(lambda: listening(self.port), "voq-web")
 
     def ask(self, path, method="GET", body=None, timeout=20, **headers):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)
@@ -126,6 +104,10 @@ def test_serves(start, web):
     named = re.findall(r"^# TYPE (\w+) (\w+)$", figures, re.M)
     assert all(any(s.startswith(name) for name, _ in named) for s in samples)
     assert all(name.endswith("_total") == (kind == "counter") for name, kind in named)
+    with open(service / "org", "r+b") as org:  # a lock that somebody keeps says nothing against the service
+        fcntl.lockf(org, fcntl.LOCK_EX)
+        port = web().json("/api/ports")["ports"][0]
+        assert port["service"] == "runs" and "org: locked by process" in port["text"]
     service.stop()
     wait_for(lambda: server.json("/api/ports")["ports"][0]["service"] == "away", "the end of the service")
     assert 'voq_up{port="com_1"} 0\n' in server.ask("/metrics")[1]
@@ -147,15 +129,6 @@ def test_refuses(start, web):
     for twice in (b"Host: localhost\r\nHost: elsewhere.example", b"Host: localhost\r\nContent-Length: 0\r\ncontent-length: 9"):
         with server.connect(b"GET / HTTP/1.1\r\n" + twice + b"\r\n\r\n") as s:
             assert b" 400 " in s.recv(400), twice
-
-
-def test_kept_lock(start, web):
-    """A lock that somebody keeps says nothing against the service."""
-    service = start(com_info(pause=1))
-    with open(service / "org", "r+b") as org:
-        fcntl.lockf(org, fcntl.LOCK_EX)
-        port = web().json("/api/ports")["ports"][0]
-        assert port["service"] == "runs" and "org: locked by process" in port["text"]
 
 
 def test_writes(start, web):

@@ -385,9 +385,12 @@ class Service:
         return node and read_locked(self.dir / "data")[node.dataoffset: node.dataoffset + key.size]
 
 
+def on_port(command, *arguments):
+    return program("voqctl", command, "--dir", USER, "--link", "serial", "--port", 1, *arguments)
+
+
 def voqctl(command, *arguments):
-    command = program("voqctl", command, "--dir", USER, "--link", "serial", "--port", 1, *arguments)
-    return subprocess.run(command, capture_output=True, text=True, timeout=60 * SLOW)
+    return subprocess.run(on_port(command, *arguments), capture_output=True, text=True, timeout=60 * SLOW)
 
 
 def sound():
@@ -400,3 +403,8 @@ def free_port():
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
         return s.getsockname()[1]
+
+
+def listening(port):
+    with socket.socket() as s:
+        return s.connect_ex(("127.0.0.1", port)) == 0

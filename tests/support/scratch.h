@@ -12,6 +12,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "comm/plc_driver.h"
@@ -22,10 +23,7 @@
 
 inline void SetWorkingPaths(const std::string& folder)
 {
-    struct {
-        char* path;
-        const char* name;
-    } const paths[] = {
+    const std::pair<char*, const char*> paths[] = {
         {DataDir, ""},         {LBName, "lb.dat"},         {LWName, "lw.dat"},       {SRWName, "srw0.dat"},
         {SRBName, "srb0.dat"}, {RWName, "rw.dat"},         {vSRWName, "srw.dat"},    {vSRBName, "srb.dat"},
         {OrgFileName, "org"},  {DataFileName, "data"},     {IndexFileName, "index"}, {TimeoutName, "timeout"},

@@ -8,7 +8,7 @@ from test_mqtt import LEVEL, plant, word  # noqa: F401, a fixture
 from voqtest import LONG, Key, com_info, figure, wait_for
 
 WRITABLE = 400  # registers, each of one write at a time
-REGISTER = '[[register]]\nname = "w{0}"\nstation = 3\narea = 2\ntype = "u16"\naddress = {0}\npriority = 10\n'
+REGISTER = '{{name = "w{0}", station = 3, area = 2, type = "u16", address = {0}, priority = 10}},\n'
 OVER = 11 if LONG else 4  # s after which a write has been carried out, or is not any more
 PAUSE = 20  # ms a turn: more calls than the simulated PLC logs would be made otherwise
 
