@@ -7,6 +7,7 @@
 
 #include "comm/local_reg.h"
 #include "comm/plc_oper.h"
+#include "list/fast_list.h"
 #include "support/capture.h"
 #include "support/scratch.h"
 
@@ -27,6 +28,16 @@ TEST_F(Comm, NothingOfTheBufferIsTakenForAValue)
     EXPECT_EQ(0, FakeDriver::Calls.at(1).length);
     EXPECT_EQ(std::vector<unsigned char>(27, 0), std::vector(&buffer[0], &buffer[27]));
     EXPECT_EQ(0xAA, buffer[27]);
+}
+
+TEST_F(Comm, SubscriptionsAreFoundByPlaceElseByRange)
+{
+    const std::uint16_t one = AddFastIndex(WordKey(1, 2), 7, 12), other = AddFastIndex(WordKey(5, 2), 8, 68);
+    const ReadLock lock(fast_rwlock);
+    EXPECT_EQ(one, FindFastIndex(WordKey(5, 2), 12));
+    EXPECT_EQ(other, FindFastIndex(WordKey(5, 2), 0));
+    EXPECT_EQ(FastEnd, FindFastIndex(WordKey(5, 2), 124));
+    EXPECT_EQ(FastEnd, FindFastIndex(WordKey(5, 3), 0));
 }
 
 TEST_F(Comm, LocalRegistersCreateGrowAndRefuse)

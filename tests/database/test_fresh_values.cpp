@@ -36,6 +36,20 @@ TEST_F(FreshValuesTest, WhatLiesSideBySideGoesInOneCall)
     EXPECT_EQ("abCDefGhklij", Load().at("data"));
 }
 
+TEST_F(FreshValuesTest, OneValueGoesToItsRegion)
+{
+    for (const std::uint32_t addr : {0, 1}) LogOn(Key(1, 0x22, addr, 1));
+    const MutexLock lock(DatabaseLock);
+    OrgNode record = Records(Load().at("org"))[1].node;
+    EXPECT_EQ(Copied::Stored, Copy2DataFile(record, Key(1, 0x22, 0, 2), "abcd", 4));
+    EXPECT_EQ(std::string("\0\0cd", 4), Load().at("data"));
+    EXPECT_EQ(Copied::Outside, Copy2DataFile(record, Key(1, 0x22, 0, 2), "ab", 2));
+    record.dataoffset = INT32_MAX;
+    EXPECT_EQ(Copied::Failed, Copy2DataFile(record, Key(1, 0x22, 0, 2), "abcd", 4));
+    record.key = Key(1, 0x28, 0, 65535);
+    EXPECT_EQ(Copied::Outside, Copy2DataFile(record, record.key, "", 0));
+}
+
 // Any order, sizes beyond what is gathered and read at once.
 TEST_F(FreshValuesTest, EveryValueGoesToItsRegion)
 {

@@ -49,28 +49,25 @@ TEST_F(DatabaseTest, RefusalsLeaveNothingBehind)
     // Chain 12 -> 124 -> 68. Its damage ends every walk with a message, before anything is written.
     const Files sound = Load();
     const RegKey last = Key(1, 0x28, 9, 1), fresh = Key(3, 0x28, 9, 1);
-    const struct {
-        const char* file;
-        std::uint32_t at, value;
-        RegKey key;
-        const char* message;
-    } cases[] = {
+    const std::tuple<const char*, std::uint32_t, std::uint32_t, RegKey, const char*> cases[] = {
         {"org", 124 + 52, 12, last, "the chain returns to offset 12"},
         {"org", 124 + 52, 69, last, "no record at offset 69"},
         {"org", 124 + 52, 180, last, "no record at offset 180"},
         {"org", 124 + 48, 68, Key(1, 0x28, 3, 1), "wrong next link in the record at offset 68"},
         {"org", 12 + 48, 68, Key(1, 0x28, 0, 1), "wrong next link in the record at offset 68"},
         {"org", 68 + 52, 12, fresh, "wrong next link in the record at offset 68"},
+        {"org", 124 + 48, 0, Key(1, 0x28, 3, 1), "wrong previous link in the record at offset 124"},
+        {"index", 8, 124, Key(1, 0x28, 3, 1), "index entry behind the start of its group at offset 124"},
         {"org", 8, 0xFFFFFFFC, fresh, "no record at offset 4294967292"},
         {"index", 8, 68, last, "another group"},
         {"index", 8, 0, last, "names no record"},
         {"index", 8, OrgNone, last, "names no"},
     };
-    for (const auto& each : cases) {
+    for (const auto& [file, at, value, key, message] : cases) {
         Files files = sound;
-        SetWord(files[each.file], each.at, each.value);
-        refused(files, each.key, each.message);
-        Output([&] { EXPECT_NE(12u, GetOrgOffset(each.key)); });
+        SetWord(files[file], at, value);
+        refused(files, key, message);
+        Output([&sought = key] { EXPECT_NE(12u, GetOrgOffset(sought)); });
         Output([] { InitIndexMap(); });
     }
     // An index that outlived its org list: the new group is the first record.

@@ -36,7 +36,7 @@ def tcp():
     driver = Driver("modbus_tcp", link=2, address=0x7F000001)
     driver.info.port, driver.info.timeout_ms = server.port, TIMEOUT_MS
     yield driver, server
-    driver.on_slot("Destroy")
+    assert [driver.on_slot(command) for command in ("Init", "Fly", "Destroy", "Destroy")] == [0, 3, 0, 0]
     server.close()
 
 
@@ -93,6 +93,7 @@ LIES = {  # what is sent for register 100, the result, whether the connection is
     "trickling": (lambda s, n: all(s.send(bytes([b])) and not time.sleep(0.04) for b in n + WRONG), 2, True, "the answer did not end"),
     "exception": (lambda s, n: s.send(n + b"\0\0\0\3\1\x83\2"), 5, False, "exception 2, Illegal data address"),
     "other exception": (lambda s, n: s.send(n + b"\0\0\0\3\1\x83\4"), 3, False, "exception 4, "),
+    "refused value": (lambda s, n: s.send(n + b"\0\0\0\3\1\x83\3"), 5, False, "exception 3, "),
     "wrong number": (lambda s, n: s.send(bytes([n[0], n[1] ^ 1]) + WRONG), 3, True, "answer with a wrong transaction number"),
     "wrong unit": (lambda s, n: s.send(n + WRONG[:4] + b"\2" + WRONG[5:]), 3, True, "answer of station 2"),
     "wrong function": (lambda s, n: s.send(n + WRONG[:5] + b"\4" + WRONG[6:]), 3, True, "answer to another"),
@@ -207,7 +208,7 @@ def test_no_rtu_lie_is_believed(rtu, said):
     said()
     for lie, result in ((spoilt, 3), (with_crc(b"\4" + LYING[1:]), 3), (with_crc(b"\3\3\2\xde\xad"), 3),
                         (b"\xff" * 300, 3), (with_crc(b"\3\x83\2"), 5), (with_crc(b"\3\x83\x0b"), 2), (LYING[:4], 2),
-                        (twice, TRUE), (b"", 2)):
+                        (twice, TRUE), (b"", 2), *((with_crc(bytes([4, n, 255, 1, 0, 2])), 3) for n in (0, 3, 5, 6, 15, 16))):
         stations.lie = lie
         assert driver.read(holding(PLACE, 2, 3)) == result, lie
         assert driver.read(holding(PLACE, 2, 3)) == TRUE, lie
@@ -227,8 +228,9 @@ def test_no_rtu_lie_is_believed(rtu, said):
 
 def test_the_lines_speed_is_followed(rtu):
     driver, stations = rtu
-    driver.info.address = 12345
-    assert driver.read(holding(PLACE, 2)) == 3
+    lines = (12345, 0, 1, 3), (9600, 3, 1, 3), (9600, 0, 3, 3), (9600, 1, 2, TRUE)
+    for driver.info.address, driver.info.parity, driver.info.stop_bits, result in lines:
+        assert driver.read(holding(PLACE, 2)) == result
     driver.info.address, driver.info.timeout_ms = 1200, 100  # the line's own time is no time-out
     assert driver.read(holding(PLACE, 2)) == TRUE
     stations.dead.add(2)

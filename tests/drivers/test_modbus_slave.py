@@ -1,6 +1,7 @@
 """The slave drivers with panel registers made up by the test: every function, every refusal, frames that are none."""
 import contextlib
 import ctypes
+import os
 import pathlib
 import random
 import socket
@@ -129,6 +130,11 @@ def test_rtu_slave_serves_refuses_and_outlasts_noise():
     began = time.monotonic()
     slave.turn()
     assert time.monotonic() - began >= 0.015  # an idle turn does not spin
+    line, slave.driver.info.slave_no, slave.driver.info.address = Line(), 18, 57600  # another line, as its settings are
+    assert slave.turn() == 0 and ask(other) == with_crc(b"\x12\3\2\0\7")
+    os.close(line.fd)  # it is pulled out
+    assert [slave.turn() for _ in range(2)] == [3, 3]
+    assert [slave.driver.on_slot(command) for command in ("Init", "Fly", "Destroy", "Destroy")] == [0, 3, 0, 0]
 
 
 class TcpSlave(Slave):
@@ -185,7 +191,9 @@ def test_tcp_slave_listens_at_its_address_only(slave, capfd):
     notice = (f"*MODBUS*203.0.113.5:{slave.port} cannot listen, give the port an address of this machine or 0: "
               "Cannot assign requested address (0 more since the last message)\r\n")
     assert notice in capfd.readouterr().out
+    slave.driver.info.port = slave.port = free_port()
     at(0, 0)
+    assert slave.ask(slave.connect(), adu(b"\0" + REQUEST[7:])) == adu(b"\0" + ANSWER[7:])
     assert [slave.ask(slave.connect(place), REQUEST) for place in ("127.0.0.1", "127.0.0.2")] == [ANSWER] * 2
 
 

@@ -21,6 +21,6 @@ def test_registers_lie_where_they_should_and_hostile_ranges_are_safe():
     assert driver.read(Key(layout=0x0F), 1) == 3
 
     assert sim.calls()[-1].sequence == sim.logged == sim.reads + sim.writes + 1
-    assert [driver.on_slot("Destroy") for _ in range(2)] == [0, 0] and sim.destroys == 1
+    assert [driver.on_slot(command) for command in ("Init", "Fly", "Destroy", "Destroy")] == [0, 3, 0, 0] and sim.destroys == 1
     sim.path.write_text("not a simulator file")
     assert driver.on_slot("Init") != 0 and not driver.instance

@@ -32,21 +32,24 @@ TEST(Priority, AgeDecidesByClass)
         return PackOrNot(record);
     };
     constexpr std::uint32_t Always = 1 << 16, Medium = 3 << 16, Slowest = 10 << 16;
-    const struct {
-        std::uint32_t flag;
-        std::int64_t ageMs;
-        int expected;
-    } cases[] = {{0, 0, 0},          {0, 1, 1},           {0, 70000, 70000},
-                 {Always, 0, 1},     {Medium, 9, 0},      {Medium, 10, 1},
-                 {Medium, 601, 2},   {Slowest, 1999, 0},  {Medium | REG_FLAG_URGENT, 600, 1},
-                 {Slowest, 2000, 1}, {Slowest, 10000, 1}, {Slowest, 10001, 2}};
-    for (const auto& each : cases) EXPECT_EQ(each.expected, due(each.flag, each.ageMs)) << &each - cases;
+    const std::tuple<std::uint32_t, int, int> cases[] = {
+        {0, 0, 0},          {0, 1, 1},           {0, 70000, 70000},
+        {Always, 0, 1},     {Medium, 9, 0},      {Medium, 10, 1},
+        {Medium, 601, 2},   {Slowest, 1999, 0},  {Medium | REG_FLAG_URGENT, 600, 1},
+        {Slowest, 2000, 1}, {Slowest, 10000, 1}, {Slowest, 10001, 2}};
+    const Stamp now = {static_cast<std::int32_t>(NowUs / 1000000), static_cast<std::int32_t>(NowUs % 1000000)};
+    for (const auto& [flag, ageMs, expected] : cases) {
+        EXPECT_EQ(expected, due(flag, ageMs)) << flag << ", " << ageMs;
+        EXPECT_EQ(expected != 0, UntilDueUs(record, now) == 0) << flag << ", " << ageMs;
+    }
     EXPECT_EQ((std::array{1u, 2u, 1u}), (std::array{+PackForwardMiss[2], +PackGoal[2], +PackBackwardMiss[2]}));
     for (const std::uint32_t flag : {5u << 16, Medium | REG_FLAG_DWORD_CHANGE}) {
         EXPECT_EQ("GEt reg pri error!!!!!\n", Output([&] { EXPECT_NE(0, due(flag, 0)); }));
+        Output([&] { EXPECT_EQ(0u, UntilDueUs(record, now)); });
     }
     EXPECT_EQ(0u, Output([&] { EXPECT_EQ(-5, due(0, -5)); }).find("*VOQ*!NodeTimePassed wrong =-5!"));
     EXPECT_NE("", Output([&] { EXPECT_EQ(1, due(Slowest, -5)); }));
+    EXPECT_EQ(0u, UntilDueUs(record, now));
     record.key.plcno = 200;
     StationDisable[12] = 1 << 8;
     EXPECT_EQ(0, due(Always, 5000));
@@ -88,6 +91,10 @@ TEST(Rest, LastsUntilThereMayBeSomethingToRead)
     GlobeTimeout = 1;
     ends(OperOrgList, [] { GlobeTimeout = 0; });
     for (const auto pass : {OperOrgList, OperFastList}) ends(pass, [] { ++SwitchChanges; });
+    NowUs -= 5'000'000;  // the clock goes back
+    ++SwitchChanges;
+    EXPECT_EQ(0u, Output(OperOrgList).find("*VOQ*!NodeTimePassed wrong ="));
+    NowUs += 5'000'000;
     const auto after = [&ends](void (*pass)(), int us) {
         ends(pass, [=] {
             NowUs += us - 1;

@@ -8,9 +8,13 @@
 #include <set>
 
 #include "list/log_on_off.h"
+#include "list/rt_file.h"
+#include "list/rt_list.h"
 #include "oper/fast_pass.h"
+#include "oper/halving.h"
 #include "oper/org_pass.h"
 #include "oper/refusals.h"
+#include "oper/rt_pass.h"
 #include "support/scratch.h"
 #include "voq/reg_range.h"
 #include "voq/rt_item.h"
@@ -169,6 +173,20 @@ TEST_F(Refusals, ReadsAreTakenApartLearntFromAndHealed)
     }
 }
 
+TEST_F(Refusals, OneShotsThatWereJoinedAreReadAlone)
+{
+    ComInfo.wordLimit = 16;
+    Holes = {2};
+    ResetRtList();
+    _cmd = Device;
+    RegKey keys[] = {WordKey(4, 2), WordKey(0, 2), WordKey(2, 1), WordKey(40, 2), WordKey(4, 2)};
+    keys[4].regid = 9;
+    for (std::uint16_t n = 0; n < 5; ++n) AddRtList({keys[n], 0, 0, n, 0}, 3, n, nullptr, 0);
+    for (int passes = 0; passes < 2; ++passes) OperRtList();
+    for (std::uint16_t n = 0; n < 5; ++n)
+        EXPECT_EQ(n == 2 ? PLC_ERROR : PLC_SUCCESS, FileBytes(RtPath::Result(n).Text()).at(26)) << n;
+}
+
 TEST_F(Refusals, RetriesBecomeRarer)
 {
     LearntTable table;
@@ -180,5 +198,19 @@ TEST_F(Refusals, RetriesBecomeRarer)
         EXPECT_EQ(at + minutes * 60000, table.RetryAt({5, 1}));
     }
     EXPECT_EQ(1000u, table.Since({5, 1}));
+}
+
+TEST_F(Refusals, HalvingEndsWhereTheListHasChanged)
+{
+    Halving halves;
+    for (const RegKey& start : {WordKey(9, 1), WordKey(19, 1), WordKey(12, 1, 0x12)}) {
+        halves.Refused(WordKey(10, 8), 6);
+        EXPECT_EQ(3u, halves.Most(WordKey(10, 1)));
+        EXPECT_EQ(Halving::AnyNumber, halves.Most(start));
+        EXPECT_EQ(Halving::AnyNumber, halves.Most(WordKey(10, 1)));
+    }
+    halves.Refused(WordKey(10, 8), 6);
+    halves.Refused(WordKey(12, 4), 4);  // of another number than was to be read
+    EXPECT_EQ(Halving::AnyNumber, halves.Most(WordKey(10, 1)));
 }
 }  // namespace

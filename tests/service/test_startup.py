@@ -26,21 +26,28 @@ def refused(index, ending=b""):
     assert (done.returncode, done.stderr) == (0, b"") and done.stdout.endswith(ending + FAILED), done
 
 
+def overwritten(raw, at, number):
+    return raw[:at] + number.to_bytes(4, "little") + raw[at + 4:]
+
+
 @pytest.mark.sanitized
 def test_command_line():
-    for arguments in ([], ["a", "0", "c", "d"], ["a", "0", "c", "d", "e", "f"]):
+    for arguments in ([], ["a"], ["a", "0", "c", "d"], ["a", "0", "c", "d", "e", "f"]):
         done = run(*arguments)
         assert (done.returncode, done.stdout, done.stderr) == (255, b"voq command line error!\n", b"")
     long = "/u/" + 61 * "x"
     for arguments in ((PROJECT, 0, long, USER, RECIPE), (PROJECT, 0, DRIVERS, USER, long),
                       (PROJECT, 0, DRIVERS, "/u/" + 300 * "x", RECIPE), ("/" + 256 * "x", 0, DRIVERS, USER, RECIPE),
                       (PROJECT, 0, DRIVERS, "/u/" + 48 * "x", RECIPE),
+                      *((PROJECT, digits + 40 * "x", DRIVERS, USER, RECIPE) for digits in ("", "0")),
                       (PROJECT, 0, DRIVERS, "/u;" + 40 * "x", RECIPE)):
         PROJECT.write_bytes(project([com_info()]))
         done = run(*arguments)
         assert done.returncode == 1 and 40 * "x" in done.stdout.decode().splitlines()[-1], done
     refused(70000, b"Port not find,ComPorts=1,ComSegIndex=4464\n")
-    for raw, ending in ((project([com_info(link=3)]), b""), (bytes(199), b"ophmi.bin size <200 byte\n")):
+    damaged = [overwritten(project([com_info()]), at, 0xFFFFFFF0) for at in (20, 64, 96)]  # where segments begin
+    for raw, ending in ((project([com_info(link=3)]), b""), (bytes(199), b"ophmi.bin size <200 byte\n"),
+                        *((raw, b" lies outside the file\r\n") for raw in damaged)):
         PROJECT.write_bytes(raw)
         refused(0, ending)
     PROJECT.unlink()
@@ -81,6 +88,14 @@ def test_first_start(start):
     assert not (service / "comerror").exists()  # nor do they count as failures
 
 
+@pytest.mark.parametrize("at, message", [(240, "65535 registers do not fit it"), (640, "offset 65775 lies outside")])
+def test_damaged_register_table(start, at, message):
+    """Nothing of it is registered."""
+    PROJECT.write_bytes(overwritten(project([com_info()], 50 * [Key()]), at, 0xFFFF))
+    service = start()
+    assert message in service.out().decode() and (service / "org").read_bytes() == bytes(12)
+
+
 def test_drivers_and_link_types(start):
     install_driver("Ethernet", next(SYSTEM.glob("lib/*/libm.so.6")), 4)  # no driver
     service = start(com_info(link=2, port=4), REGISTERS, directory=USER / "tcp_4")
@@ -114,3 +129,10 @@ def test_gateway(start):
     refused(2, b"Port not find,TarnPorts=2,ComSegIndex=2\n")
     (tarn / "com_7.con").unlink()
     refused(0, b"open /home/tarn/com_7.con error\n")
+    for name, raw, ending in (("com_7.con", bytes(59), b"com_7.con is shorter than a port record\r\n"),
+                              ("PortIndex", b"\2\0\3\0\7\0", b"port 0 has unknown link kind 3\r\n"),
+                              ("PortIndex", b"\2\0\2\0\7\0", b"open /home/tarn/tcp_7.con error\n"),
+                              ("PortIndex", b"\2\0\3\0", b"too short for port 0\r\n"),
+                              ("PortIndex", b"\2", b"TarnPorts=0,ComSegIndex=0\n")):
+        (tarn / name).write_bytes(raw)
+        refused(0, ending)
